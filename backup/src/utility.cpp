@@ -1,0 +1,91 @@
+#include "utility.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+
+#define Uses_SCIM_CONFIG_MODULE
+#include <scim.h>
+
+#include "settings.h"
+#include "vconf.h"
+
+int read_vconfkeys(const char *key, char **value)
+{
+    vconf_keylist_handle list = vconf_keylist_new();
+
+    if (vconf_get(list, key, VCONF_GET_KEYS) < 0) {
+        LOG_ERROR("vconf_get() fails for vconf_key : %s", key);
+        vconf_keylist_free(list);
+        return VCONFKEY_UNREADABLE;
+    }
+
+    vconf_keynode_handle node = nullptr;
+    if (vconf_keylist_lookup(list, key, &node) < 0) {
+        LOG_ERROR("conf_keylist_lookup() fails for vconf_key : %s", key);
+        vconf_keylist_free(list);
+        return VCONFKEY_NO_STRING;
+    }
+
+    const char *text = vconf_keynode_get_str(node);
+    if (text == nullptr) {
+        LOG_ERROR("vconf_keynode_get_str() fails for vconf_key : %s", key);
+        vconf_keylist_free(list);
+        return VCONFKEY_NO_STRING;
+    }
+
+    // The node's text dies with the list.
+    *value = static_cast<char *>(malloc(strlen(text) + 1));
+    strcpy(*value, text);
+    vconf_keylist_free(list);
+    return VCONFKEY_FOUND;
+}
+
+int update_vconfkeys(const char *key, const char *value)
+{
+    vconf_keylist_handle list = vconf_keylist_new();
+
+    if (vconf_keylist_add_str(list, key, value) < 0) {
+        LOG_ERROR("vconf_keylist_add_str() failed ");
+        vconf_keylist_free(list);
+        return 0;
+    }
+
+    if (vconf_set(list) == 0)
+        LOG_ERROR("vconf keys for key [%s] updated successfully [%s]", key, value);
+    else
+        LOG_ERROR("vconf keys for key [%s] not updated", key);
+    vconf_keylist_free(list);
+    return 1;
+}
+
+LanguageList &split(const std::string &text, char delimiter, LanguageList &pieces)
+{
+    std::istringstream stream(text);
+    for (std::string piece; std::getline(stream, piece, delimiter);)
+        pieces.push_back(piece);
+    return pieces;
+}
+
+LanguageList split(const std::string &text, char delimiter)
+{
+    LanguageList pieces;
+    return split(text, delimiter, pieces);
+}
+
+scim::ConfigPointer open_input_method_config(const Location &caller)
+{
+    const scim::String name(CONFIG_MODULE);
+
+    // Never deleted: the module stays loaded for the rest of the process.
+    const auto *module = new scim::ConfigModule(name);
+    if (!module->valid()) {
+        LOG_ERROR_AT(caller, "Can't load config file");
+        return {};
+    }
+
+    scim::ConfigPointer config = module->create_config();
+    if (config.null())
+        LOG_ERROR_AT(caller, "Failed to create Config instance from %s Config module.", name.c_str());
+    return config;
+}

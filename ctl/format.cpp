@@ -1,0 +1,31 @@
+#include "format.h"
+
+#include <glib.h>
+
+#include "cloud_store.h"
+#include "state.h"
+
+std::string format_date(const std::string &date)
+{
+    gint64 milliseconds = 0;
+    if (g_ascii_string_to_signed(date.c_str(), 10, 0, G_MAXINT64, &milliseconds, nullptr) == FALSE)
+        return date;
+    g_autoptr(GDateTime) utc = g_date_time_new_from_unix_utc(milliseconds / 1000);
+    if (utc == nullptr)
+        return date;
+    g_autoptr(GDateTime) local = g_date_time_to_local(utc);
+    g_autofree gchar *text = g_date_time_format(local, "%F %T");
+    return text;
+}
+
+std::string format_backup(const std::string &id)
+{
+    try {
+        const std::string content = CloudStore().read(id);
+        const CloudRecords records = decode_record_file(content);
+        const std::string date = records.empty() ? "" : records.front().date.value_or("");
+        return "backup " + id + "  " + format_date(date) + "  " + std::to_string(content.size()) + " bytes";
+    } catch (const HostError &error) {
+        return "backup " + id + "  unusable: " + error.what();
+    }
+}

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+#include "exchange_report.h"
+
+/// How to run the backup service.
+struct ServiceOptions {
+    std::string program;
+    double timeout_seconds = 30;
+    bool verbose = false;
+};
+
+/// Starts the service for one exchange and waits for both to end. A failure is told on standard error.
+///
+/// @param operation  identifier of the exchange's operation
+/// @param backup     number of the backup to restore, for a restore
+/// @throws HostError when the exchange never came to an end
+ExchangeReport run_exchange(const ServiceOptions &options, const char *operation,
+                            const std::string &backup = "");
+
+/// The service that was installed beside this program.
+std::string default_service_program();

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gio/gio.h>
+
+struct ObjectUnref {
+    void operator()(void *object) const { g_object_unref(object); }
+};
+
+using File = std::unique_ptr<GFile, ObjectUnref>;
+
+/// The host's cloud: a folder of backups. Each is a record file that is never changed, under a number of its
+/// own. Only one process at a time may add backups.
+/// Every function throws HostError when the folder can't be read or written.
+class CloudStore
+{
+public:
+    /// The folder named by $IME_BACKUP_CLOUD_STORE, a path or a URI, else one below the state root.
+    CloudStore();
+
+    /// The numbers of the backups, newest last.
+    std::vector<std::string> ids() const;
+
+    /// The backup with this number, or the newest when it is empty.
+    ///
+    /// @throws HostError also when there is none
+    std::string find(const std::string &id) const;
+
+    /// The backup's content, as it was added.
+    std::string read(const std::string &id) const;
+
+    /// Adds a backup, whole or not at all, and durably.
+    ///
+    /// @return its number
+    std::string add(const std::string &content);
+
+private:
+    File folder;
+};

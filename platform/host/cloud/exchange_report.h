@@ -1,0 +1,28 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "record_file.h"
+
+/// How an exchange went, for the cloud backup client that started it.
+struct ExchangeReport {
+    std::string operation; ///< "backup", "restore" or "info"
+    bool succeeded = false;
+    std::string reason;   ///< of a failure, for a person
+    std::string backup;   ///< number of the backup that was made or restored
+    CloudRecords records; ///< without their values
+};
+
+/// Names the file that the report of an exchange goes to, else it goes to last-exchange.json below the state
+/// root.
+inline constexpr char REPORT_VARIABLE[] = "IME_BACKUP_EXCHANGE_REPORT";
+
+/// Names the backup that a restore takes, else it takes the newest.
+inline constexpr char RESTORE_VARIABLE[] = "IME_BACKUP_RESTORE";
+
+/// @throws HostError when it can't be written
+void write_report(const ExchangeReport &report);
+
+/// @throws HostError when there is none or it can't be read
+ExchangeReport read_report(const std::filesystem::path &file);

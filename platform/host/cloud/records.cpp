@@ -1,0 +1,188 @@
+// Lists and records. The library keeps track of those that are alive, so that a bad handle is refused.
+
+#include "records.h"
+
+#include <algorithm>
+#include <memory>
+#include <unordered_map>
+
+struct orvanta_cloud_record : CloudRecord {
+    bool in_list = false;
+};
+
+struct orvanta_cloud_list {
+    std::vector<orvanta_cloud_record_handle> records;
+    size_t cursor = 0;
+};
+
+/// The objects of one kind that are alive, by their handles.
+template <class Object>
+using Alive = std::unordered_map<Object *, std::unique_ptr<Object>>;
+
+static Alive<orvanta_cloud_list> &lists()
+{
+    static Alive<orvanta_cloud_list> alive;
+    return alive;
+}
+
+static Alive<orvanta_cloud_record> &records()
+{
+    static Alive<orvanta_cloud_record> alive;
+    return alive;
+}
+
+template <class Object>
+static Object *make(Alive<Object> &alive, std::unique_ptr<Object> object)
+{
+    Object *handle = object.get();
+    alive.emplace(handle, std::move(object));
+    return handle;
+}
+
+static bool is_alive(orvanta_cloud_list_handle list)
+{
+    return lists().contains(list);
+}
+
+static bool is_alive(orvanta_cloud_record_handle record)
+{
+    return records().contains(record);
+}
+
+orvanta_cloud_list_handle make_list(const CloudRecords &content)
+{
+    auto list = std::make_unique<orvanta_cloud_list>();
+    for (const CloudRecord &record : content)
+        list->records.push_back(
+            make(records(), std::make_unique<orvanta_cloud_record>(orvanta_cloud_record{record, true})));
+    return make(lists(), std::move(list));
+}
+
+std::optional<CloudRecords> copy_records(orvanta_cloud_list_handle list)
+{
+    if (!is_alive(list))
+        return std::nullopt;
+    CloudRecords copies;
+    for (const CloudRecord *record : list->records)
+        copies.push_back(*record);
+    return copies;
+}
+
+void release_lists_and_records()
+{
+    lists().clear();
+    records().clear();
+}
+
+int orvanta_cloud_list_create(orvanta_cloud_list_handle *list)
+{
+    if (list == nullptr)
+        return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
+    *list = make_list({});
+    return ORVANTA_CLOUD_ERROR_NONE;
+}
+
+int orvanta_cloud_list_destroy(orvanta_cloud_list_handle list)
+{
+    if (!is_alive(list))
+        return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
+    for (orvanta_cloud_record_handle record : list->records)
+        records().erase(record);
+    lists().erase(list);
+    return ORVANTA_CLOUD_ERROR_NONE;
+}
+
+int orvanta_cloud_list_add(orvanta_cloud_list_handle list, orvanta_cloud_record_handle record)
+{
+    if (!is_alive(list) || !is_alive(record) || record->in_list)
+        return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
+    record->in_list = true;
+    list->records.push_back(record);
+    return ORVANTA_CLOUD_ERROR_NONE;
+}
+
+int orvanta_cloud_list_get_record_count(orvanta_cloud_list_handle list, int *count)
+{
+    if (!is_alive(list) || count == nullptr)
+        return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
+    *count = static_cast<int>(list->records.size());
+    return ORVANTA_CLOUD_ERROR_NONE;
+}
+
+int orvanta_cloud_list_move_to_first(orvanta_cloud_list_handle list)
+{
+    if (!is_alive(list))
+        return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
+    if (list->records.empty())
+        return ORVANTA_CLOUD_ERROR_NO_RECORD;
+    list->cursor = 0;
+    return ORVANTA_CLOUD_ERROR_NONE;
+}
+
+int orvanta_cloud_list_move_to_next(orvanta_cloud_list_handle list)
+{
+    if (!is_alive(list))
+        return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
+    if (list->cursor + 1 >= list->records.size())
+        return ORVANTA_CLOUD_ERROR_NO_RECORD;
+    list->cursor++;
+    return ORVANTA_CLOUD_ERROR_NONE;
+}
+
+int orvanta_cloud_list_get_current_record(orvanta_cloud_list_handle list, orvanta_cloud_record_handle *record)
+{
+    if (!is_alive(list) || record == nullptr)
+        return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
+    if (list->cursor >= list->records.size())
+        return ORVANTA_CLOUD_ERROR_NO_RECORD;
+    *record = list->records[list->cursor];
+    return ORVANTA_CLOUD_ERROR_NONE;
+}
+
+int orvanta_cloud_record_create(orvanta_cloud_record_handle *record)
+{
+    if (record == nullptr)
+        return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
+    *record = make(records(), std::make_unique<orvanta_cloud_record>());
+    return ORVANTA_CLOUD_ERROR_NONE;
+}
+
+static int set_text(orvanta_cloud_record_handle record, std::optional<std::string> CloudRecord::*member,
+                    const char *text)
+{
+    if (!is_alive(record) || text == nullptr || g_utf8_validate(text, -1, nullptr) == FALSE)
+        return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
+    record->*member = text;
+    return ORVANTA_CLOUD_ERROR_NONE;
+}
+
+int orvanta_cloud_record_set_key(orvanta_cloud_record_handle record, const char *key)
+{
+    return set_text(record, &CloudRecord::key, key);
+}
+
+int orvanta_cloud_record_set_date(orvanta_cloud_record_handle record, const char *date)
+{
+    return set_text(record, &CloudRecord::date, date);
+}
+
+int orvanta_cloud_record_set_value(orvanta_cloud_record_handle record, const char *value)
+{
+    return set_text(record, &CloudRecord::value, value);
+}
+
+int orvanta_cloud_record_get_value(orvanta_cloud_record_handle record, char **value)
+{
+    if (!is_alive(record) || value == nullptr)
+        return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
+    *value = record->value ? g_strdup(record->value->c_str()) : nullptr;
+    return ORVANTA_CLOUD_ERROR_NONE;
+}
+
+int orvanta_cloud_record_set_fail(orvanta_cloud_record_handle record)
+{
+    if (!is_alive(record))
+        return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
+    record->failed = true;
+    return ORVANTA_CLOUD_ERROR_NONE;
+}

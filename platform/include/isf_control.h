@@ -1,0 +1,28 @@
+/** @file
+ * Control of the platform's input service framework: which input method (keyboard) is active.
+ */
+#pragma once
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/**
+ * Asks for the active input method.
+ *
+ * @param[out] identifier  its identifier, a new text to be released with g_free(); untouched on failure
+ * @return the identifier's length in bytes, or 0 or a negative value on failure
+ */
+int isf_control_get_active_ime(char **identifier);
+
+/**
+ * Makes an input method the active one.
+ *
+ * @param identifier  its identifier, as isf_control_get_active_ime() reports it
+ * @return 0, or a negative value on failure
+ */
+int isf_control_set_active_ime(const char *identifier);
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,140 @@
+/** @file
+ * The cloud backup client library (liborvanta-cloud-svc): a service takes part in a backup or a restore by
+ * registering callbacks, which the library then calls from the main loop, one after the other.
+ *
+ * A record is a text value under a key, with a date. Records travel in lists.
+ *
+ * Every function returns 0 (#ORVANTA_CLOUD_ERROR_NONE) or an error code. An out-parameter is written only
+ * on success. All texts are NUL-terminated UTF-8; the library copies those that it is given.
+ */
+#pragma once
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum orvanta_cloud_error {
+    ORVANTA_CLOUD_ERROR_NONE = 0,
+    /** A null argument, a text that is not UTF-8, or a handle that is not alive. */
+    ORVANTA_CLOUD_ERROR_INVALID_PARAMETER = -1,
+    /** The library is not initialised, or no exchange waits for this answer. */
+    ORVANTA_CLOUD_ERROR_INVALID_STATE = -2,
+    /** The list holds no such record. */
+    ORVANTA_CLOUD_ERROR_NO_RECORD = -3,
+    /** A file can't be read or written. */
+    ORVANTA_CLOUD_ERROR_IO = -4,
+    /** A file holds no valid records. */
+    ORVANTA_CLOUD_ERROR_BAD_FILE = -5,
+};
+
+/** A list of records with a cursor. Whoever creates a list destroys it, and its records with it. */
+typedef struct orvanta_cloud_list *orvanta_cloud_list_handle;
+
+/** One record. It belongs to the list that it was added to. */
+typedef struct orvanta_cloud_record *orvanta_cloud_record_handle;
+
+/** Restored data, which orvanta_cloud_file_create_record_list() turns into a list. */
+typedef struct orvanta_cloud_source *orvanta_cloud_source_handle;
+
+/** What a send function's flag says of the argument before it. */
+#define ORVANTA_CLOUD_SEND_NOTHING 0
+#define ORVANTA_CLOUD_SEND_VALID 1
+
+/** Asks for something without an argument: get ready, send keys and dates, name a path. */
+typedef void (*orvanta_cloud_request_cb)(void);
+/** Hands over the records to be filled; the callback destroys the list. */
+typedef void (*orvanta_cloud_backup_cb)(orvanta_cloud_list_handle list);
+/** Hands over restored data, valid until the callback returns. */
+typedef void (*orvanta_cloud_restoration_cb)(orvanta_cloud_source_handle source);
+/** Ends an exchange; `result` is 0 when it failed. */
+typedef void (*orvanta_cloud_completed_cb)(int result);
+
+/** Opens the library; may be called again. */
+int orvanta_cloud_initialize(void);
+/** Closes the library and gives up what is still under way. */
+int orvanta_cloud_deinitialize(void);
+
+/**
+ * @name Registration
+ * Each replaces the callback registered before. `context` is reserved and must be null. An exchange's
+ * callbacks are registered in the order in which they are called; the preparation callback begins a set
+ * and the completed callback closes it, which starts the exchange from the main loop. A backup without a
+ * backup callback tells its keys and dates and goes no further.
+ * @{
+ */
+int orvanta_cloud_backup_record_set_preparation_cb(orvanta_cloud_request_cb callback, void *context);
+int orvanta_cloud_backup_record_set_sending_keys_and_dates_cb(orvanta_cloud_request_cb callback,
+                                                              void *context);
+int orvanta_cloud_backup_record_set_backup_cb(orvanta_cloud_backup_cb callback, void *context);
+int orvanta_cloud_backup_record_set_completed_cb(orvanta_cloud_completed_cb callback, void *context);
+
+int orvanta_cloud_restore_record_set_preparation_cb(orvanta_cloud_request_cb callback, void *context);
+int orvanta_cloud_restore_record_set_sending_restoration_path_cb(orvanta_cloud_request_cb callback,
+                                                                 void *context);
+int orvanta_cloud_restore_record_set_restoration_cb(orvanta_cloud_restoration_cb callback, void *context);
+int orvanta_cloud_restore_record_set_completed_cb(orvanta_cloud_completed_cb callback, void *context);
+/** @} */
+
+/**
+ * @name Answers
+ * Each answers one callback and is sent before that callback returns. `flag` is #ORVANTA_CLOUD_SEND_VALID
+ * with a list or path, or #ORVANTA_CLOUD_SEND_NOTHING with null. The caller keeps the list.
+ * @{
+ */
+int orvanta_cloud_backup_record_send_preparation_completed_response(int ready);
+int orvanta_cloud_backup_record_send_keys_and_dates(orvanta_cloud_list_handle list, int flag);
+/** `path`: the file to upload, as orvanta_cloud_file_create_file() wrote it. */
+int orvanta_cloud_backup_record_send_backup_path(const char *path, int flag);
+
+int orvanta_cloud_restore_record_send_preparation_completed_response(int ready);
+/** `path`: where the library is to put the restored data. */
+int orvanta_cloud_restore_record_send_restoration_path(const char *path, int flag);
+/** `list`: the restored records, those that could not be applied marked as failed. */
+int orvanta_cloud_restore_record_send_record_list(orvanta_cloud_list_handle list, int flag);
+/** @} */
+
+/**
+ * @name Lists
+ * @{
+ */
+int orvanta_cloud_list_create(orvanta_cloud_list_handle *list);
+int orvanta_cloud_list_destroy(orvanta_cloud_list_handle list);
+/** Appends a record, which from then on belongs to the list. */
+int orvanta_cloud_list_add(orvanta_cloud_list_handle list, orvanta_cloud_record_handle record);
+int orvanta_cloud_list_get_record_count(orvanta_cloud_list_handle list, int *count);
+int orvanta_cloud_list_move_to_first(orvanta_cloud_list_handle list);
+int orvanta_cloud_list_move_to_next(orvanta_cloud_list_handle list);
+/** The record under the cursor; it stays the list's. */
+int orvanta_cloud_list_get_current_record(orvanta_cloud_list_handle list,
+                                          orvanta_cloud_record_handle *record);
+/** @} */
+
+/**
+ * @name Records
+ * @{
+ */
+int orvanta_cloud_record_create(orvanta_cloud_record_handle *record);
+int orvanta_cloud_record_set_key(orvanta_cloud_record_handle record, const char *key);
+/** `date`: milliseconds since the Unix epoch, in decimal. */
+int orvanta_cloud_record_set_date(orvanta_cloud_record_handle record, const char *date);
+int orvanta_cloud_record_set_value(orvanta_cloud_record_handle record, const char *value);
+/** `value`: a new text to be released with g_free(), or null when the record has no value. */
+int orvanta_cloud_record_get_value(orvanta_cloud_record_handle record, char **value);
+/** Marks a record as one that could not be restored. */
+int orvanta_cloud_record_set_fail(orvanta_cloud_record_handle record);
+/** @} */
+
+/**
+ * @name Files
+ * @{
+ */
+/** Writes a list's records into a file, whole or not at all, replacing the one that was there. */
+int orvanta_cloud_file_create_file(orvanta_cloud_list_handle list, const char *path);
+/** Makes a list of the records held in `source`; the caller destroys it. */
+int orvanta_cloud_file_create_record_list(orvanta_cloud_source_handle source,
+                                          orvanta_cloud_list_handle *list);
+/** @} */
+
+#ifdef __cplusplus
+}
+#endif
