@@ -111,7 +111,8 @@ LanguageList get_selected_lang_list()
     char *stored = nullptr;
     const char *value = nullptr;
     if (read_vconfkeys(gettext(VCONFKEY_ISE_LPM_SELECTED_LANG), &stored) == VCONFKEY_UNREADABLE) {
-        update_vconfkeys(gettext(VCONFKEY_ISE_LPM_SELECTED_LANG), gettext(DEFAULT_SELECTED_LANG));
+        const char *key = gettext(VCONFKEY_ISE_LPM_SELECTED_LANG);
+        update_vconfkeys(key, gettext(DEFAULT_SELECTED_LANG));
         value = gettext(DEFAULT_SELECTED_LANG);
     } else {
         value = stored;

@@ -73,12 +73,16 @@ LanguageList split(const std::string &text, char delimiter)
     return split(text, delimiter, pieces);
 }
 
+// Never deleted: the module stays loaded for the rest of the process.
+static const scim::ConfigModule *load_config_module(const scim::String &name)
+{
+    return new scim::ConfigModule(name);
+}
+
 scim::ConfigPointer open_input_method_config(const Location &caller)
 {
     const scim::String name(CONFIG_MODULE);
-
-    // Never deleted: the module stays loaded for the rest of the process.
-    const auto *module = new scim::ConfigModule(name);
+    const scim::ConfigModule *module = load_config_module(name);
     if (!module->valid()) {
         LOG_ERROR_AT(caller, "Can't load config file");
         return {};
