@@ -7,11 +7,11 @@
 
 static int run(int argc, char **argv)
 {
-    CLI::App app("Backs up and restores the settings of the on-screen keyboard.");
-    app.require_subcommand(1);
+    CLI::App app("Backs up and restores the settings of the on-screen keyboard.", "ime-backupctl");
+    app.require_subcommand(0, 1);
     app.fallthrough();
     app.set_version_flag("--version", IME_BACKUP_VERSION);
-    app.footer("Exit status: 0 done, 1 the exchange failed, 2 wrong usage, 3 the platform isn't there.");
+    app.footer("Exit status: 0 done, 1 the exchange failed, 2 wrong usage, 3 the platform isn't there.\n");
 
     ServiceOptions options;
     options.program = default_service_program();
@@ -53,6 +53,10 @@ static int run(int argc, char **argv)
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
+    }
+    if (app.get_subcommands().empty()) {
+        fprintf(stderr, "%s", app.help().c_str());
+        return EXIT_USAGE;
     }
     return status;
 }

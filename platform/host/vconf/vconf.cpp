@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include <glib.h>
 
@@ -23,20 +24,30 @@ struct vconf_keylist {
 static constexpr int DONE = 0;
 static constexpr int FAILED = -1;
 
-/// Runs `work` on the store, which is opened once. A store that doesn't work is reported once.
+/// The process's store, opened when it is first needed.
+static SettingsStore &open_store()
+{
+    static std::unique_ptr<SettingsStore> store;
+    if (!store)
+        store = std::make_unique<SettingsStore>();
+    return *store;
+}
+
+/// Says once why the store doesn't work.
+static void report(const StateError &error)
+{
+    static bool reported = false;
+    if (!std::exchange(reported, true))
+        g_printerr("libvconf: %s\n", error.what());
+}
+
 template <class Work>
 static int with_store(Work work)
 {
-    static std::unique_ptr<SettingsStore> store;
-    static bool reported = false;
     try {
-        if (!store)
-            store = std::make_unique<SettingsStore>();
-        return work(*store);
-    } catch (const HostError &error) {
-        if (!reported)
-            g_printerr("libvconf: %s\n", error.what());
-        reported = true;
+        return work(open_store());
+    } catch (const StateError &error) {
+        report(error);
         return FAILED;
     }
 }
