@@ -1,5 +1,6 @@
 // ime-backupctl and the service, with a SCIM daemon of their own.
 
+#include <chrono>
 #include <csignal>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -20,24 +21,25 @@ namespace
 template <class Condition>
 bool eventually(Condition condition)
 {
-    for (int i = 0; i < 1000; i++) {
-        if (condition())
-            return true;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
         usleep(10'000);
     }
-    return false;
+    return true;
 }
 
 class Workstation : public testing::Test
 {
 protected:
-    Workstation() { start_scim(); }
+    void SetUp() override { start_scim(); }
 
     void start_scim()
     {
         scim = std::make_unique<Process>(
             Arguments{SCIM_LAUNCHER, "-c", "simple", "-e", "none", "-f", "socket"}, environment);
-        EXPECT_TRUE(eventually([this] {
+        ASSERT_TRUE(eventually([this] {
             for (const auto &entry : fs::directory_iterator(root.path))
                 if (entry.is_socket())
                     return ctl({"settings"}).status == 0;
