@@ -36,7 +36,7 @@ int read_vconfkeys(const char *key, char **value)
 
     // The node's text dies with the list.
     *value = static_cast<char *>(malloc(strlen(text) + 1));
-    strcpy(*value, text);
+    strcpy(*value, text); // NOLINT(clang-analyzer-security.insecureAPI.strcpy): it fits
     vconf_keylist_free(list);
     return VCONFKEY_FOUND;
 }

@@ -19,7 +19,7 @@ TEST(Log, OneMessageIsOneLine)
     } cases[] = {
         {4, 'I', "\033[0;35m* Info * ready\033[0;m", "* Info * ready"},
         {6, 'E', "\033[0;31mcode = [-1]\n\033[0;m", "code = [-1]"},
-        {6, 'E', "value: [a\nb\t\033[2Jc\x7f]\n", "value: [a\\x0ab\\x09\\x1b[2Jc\\x7f]"},
+        {6, 'E', "value: [a\nb\t\033[2Jc\x7f]\n", R"(value: [a\x0ab\x09\x1b[2Jc\x7f])"},
         {99, '?', "\xc3\xa9 \xea\xb0\x80", "\xc3\xa9 \xea\xb0\x80"},
         {-1, '?', "", ""},
     };

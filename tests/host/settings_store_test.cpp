@@ -165,7 +165,7 @@ TEST(SettingsStore, ProcessesAtOnceLoseNothing)
         size_t count = 0;
         for (int i = 0; i < processes; i++)
             count += store.below(std::to_string(i)).size();
-        return count == processes * keys;
+        return count == size_t{processes} * keys;
     };
     EXPECT_EQ(wait_for(start(root, all_are_there)), 0);
 }

@@ -50,8 +50,8 @@ struct Line {
 
     // When it fails:
     Trace lines = {};
-    std::string resume = "";
-    std::string old_text = "", new_text = "";
+    std::string resume = {};
+    std::string old_text = {}, new_text = {};
     int only_code = 0;
 };
 

@@ -443,7 +443,7 @@ int __dlog_print(int buffer, int priority, const char *tag, const char *format, 
     char text[1024];
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
+    vsnprintf(text, sizeof text, format, arguments); // NOLINT(clang-analyzer-valist.Uninitialized)
     va_end(arguments);
 
     // The line number is the one thing in a message that no reader relies on.

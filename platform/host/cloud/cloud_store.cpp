@@ -53,9 +53,8 @@ static Result checked(Result result, GError *&error, const char *action, const F
     if (error == nullptr)
         return result;
     g_autofree gchar *name = g_file_get_parse_name(file.get());
-    const HostError failure(std::string("can't ") + action + " " + name + ": " + error->message);
-    g_error_free(error);
-    throw failure;
+    g_autoptr(GError) owned = error;
+    throw HostError(std::string("can't ") + action + " " + name + ": " + owned->message);
 }
 
 CloudStore::CloudStore()
