@@ -34,33 +34,33 @@ bool __service_app_create_cb(void *)
 
 // The registrations of each operation stop at the first that fails and yield its code.
 
-static int register_backup_callbacks(const Location &caller)
+static int register_backup_callbacks(const char *caller)
 {
     int error =
-        CLOUD_CALL_AT(caller, orvanta_cloud_backup_record_set_preparation_cb, __backup_prepare_cb, nullptr);
+        CLOUD_CALL_AS(caller, orvanta_cloud_backup_record_set_preparation_cb, __backup_prepare_cb, nullptr);
     if (error == 0)
-        error = CLOUD_CALL_AT(caller, orvanta_cloud_backup_record_set_sending_keys_and_dates_cb,
+        error = CLOUD_CALL_AS(caller, orvanta_cloud_backup_record_set_sending_keys_and_dates_cb,
                               __backup_get_keys_dates_cb, nullptr);
     if (error == 0)
-        error = CLOUD_CALL_AT(caller, orvanta_cloud_backup_record_set_backup_cb, __backup_record_cb, nullptr);
+        error = CLOUD_CALL_AS(caller, orvanta_cloud_backup_record_set_backup_cb, __backup_record_cb, nullptr);
     if (error == 0)
-        error = CLOUD_CALL_AT(caller, orvanta_cloud_backup_record_set_completed_cb, __backup_completed_cb,
+        error = CLOUD_CALL_AS(caller, orvanta_cloud_backup_record_set_completed_cb, __backup_completed_cb,
                               nullptr);
     return error;
 }
 
-static int register_restore_callbacks(const Location &caller)
+static int register_restore_callbacks(const char *caller)
 {
     int error =
-        CLOUD_CALL_AT(caller, orvanta_cloud_restore_record_set_preparation_cb, __restore_prepare_cb, nullptr);
+        CLOUD_CALL_AS(caller, orvanta_cloud_restore_record_set_preparation_cb, __restore_prepare_cb, nullptr);
     if (error == 0)
-        error = CLOUD_CALL_AT(caller, orvanta_cloud_restore_record_set_sending_restoration_path_cb,
+        error = CLOUD_CALL_AS(caller, orvanta_cloud_restore_record_set_sending_restoration_path_cb,
                               __restore_get_restore_path_cb, nullptr);
     if (error == 0)
-        error = CLOUD_CALL_AT(caller, orvanta_cloud_restore_record_set_restoration_cb, __restore_record_cb,
+        error = CLOUD_CALL_AS(caller, orvanta_cloud_restore_record_set_restoration_cb, __restore_record_cb,
                               nullptr);
     if (error == 0)
-        error = CLOUD_CALL_AT(caller, orvanta_cloud_restore_record_set_completed_cb, __restore_completed_cb,
+        error = CLOUD_CALL_AS(caller, orvanta_cloud_restore_record_set_completed_cb, __restore_completed_cb,
                               nullptr);
     return error;
 }
@@ -79,14 +79,14 @@ static int register_backup_info_callbacks()
     return error;
 }
 
-static int register_callbacks(cloud_operation_e operation, const Location &caller)
+static int register_callbacks(cloud_operation_e operation, const char *caller)
 {
     switch (operation) {
     case ORVANTA_CLOUD_OPERATION_BACKUP:
-        LOG_INFO_AT(caller, "==== ORVANTA_CLOUD_OPERATION_BACKUP ====");
+        LOG_INFO_AS(caller, "==== ORVANTA_CLOUD_OPERATION_BACKUP ====");
         return register_backup_callbacks(caller);
     case ORVANTA_CLOUD_OPERATION_RESTORE:
-        LOG_INFO_AT(caller, "==== ORVANTA_CLOUD_OPERATION_RESTORE ====");
+        LOG_INFO_AS(caller, "==== ORVANTA_CLOUD_OPERATION_RESTORE ====");
         return register_restore_callbacks(caller);
     case ORVANTA_CLOUD_OPERATION_GET_BACKUP_INFO:
         return register_backup_info_callbacks();
@@ -112,7 +112,7 @@ void __service_app_control_cb(app_control_handle request, void *)
         return;
     }
 
-    const int error = register_callbacks(__get_cloud_operation(operation), HERE);
+    const int error = register_callbacks(__get_cloud_operation(operation), __func__);
     if (error == 0)
         PRINTED_CALL("ret", app_control_reply_to_launch_request, reply, request, 0);
 
@@ -230,33 +230,33 @@ void __restore_get_restore_path_cb()
     CLOUD_CALL(orvanta_cloud_restore_record_send_restoration_path, RESTORE_FILE, ORVANTA_CLOUD_SEND_VALID);
 }
 
-static void set_key_and_date(orvanta_cloud_record_handle record, int index, const Location &caller)
+static void set_key_and_date(orvanta_cloud_record_handle record, int index, const char *caller)
 {
     gchar *key = g_strdup_printf("%d", index);
-    CLOUD_CALL_AT(caller, orvanta_cloud_record_set_key, record, key);
+    CLOUD_CALL_AS(caller, orvanta_cloud_record_set_key, record, key);
     gchar *date = g_strdup_printf("%llu", __get_current_time_ms());
-    CLOUD_CALL_AT(caller, orvanta_cloud_record_set_date, record, date);
+    CLOUD_CALL_AS(caller, orvanta_cloud_record_set_date, record, date);
     g_free(date);
     g_free(key);
 }
 
-static void restore_record(orvanta_cloud_record_handle record, int index, const Location &caller)
+static void restore_record(orvanta_cloud_record_handle record, int index, const char *caller)
 {
     gchar *value = nullptr;
     if (orvanta_cloud_record_get_value(record, &value) != 0)
-        LOG_ERROR_AT(caller, "orvanta_cloud_record_get_value() failed.");
+        LOG_ERROR_AS(caller, "orvanta_cloud_record_get_value() failed.");
 
     bool applied = false;
     if (value != nullptr) {
-        LOG_INFO_AT(caller, "value: [%s]", value);
+        LOG_INFO_AS(caller, "value: [%s]", value);
         applied = _ime_restore_json_value(value);
     }
 
     if (applied) {
         set_key_and_date(record, index, caller);
     } else {
-        LOG_INFO_AT(caller, "orvanta_cloud_record_set_fail");
-        CLOUD_CALL_AT(caller, orvanta_cloud_record_set_fail, record);
+        LOG_INFO_AS(caller, "orvanta_cloud_record_set_fail");
+        CLOUD_CALL_AS(caller, orvanta_cloud_record_set_fail, record);
     }
     g_free(value);
 }
@@ -286,7 +286,7 @@ void __restore_record_cb(orvanta_cloud_source_handle source)
     for (int i = 0; i < count; i++) {
         orvanta_cloud_record_handle record = nullptr;
         if (CLOUD_CALL(orvanta_cloud_list_get_current_record, list, &record) == 0)
-            restore_record(record, i, HERE);
+            restore_record(record, i, __func__);
         if (i + 1 < count)
             CLOUD_CALL(orvanta_cloud_list_move_to_next, list);
     }

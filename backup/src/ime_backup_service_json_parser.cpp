@@ -50,7 +50,7 @@ static JsonObject *get_object(JsonNode *node)
     return JSON_NODE_HOLDS_OBJECT(node) ? json_node_get_object(node) : nullptr;
 }
 
-static void restore_keyboard(JsonObject *snapshot, const Location &caller)
+static void restore_keyboard(JsonObject *snapshot, const char *caller)
 {
     const char *keyboard = get_string(snapshot, MEMBER_DEFAULT_KEYBOARD);
     if (keyboard == nullptr || *keyboard == '\0')
@@ -61,24 +61,24 @@ static void restore_keyboard(JsonObject *snapshot, const Location &caller)
     if (current == nullptr || strcmp(keyboard, current) != 0)
         isf_control_set_active_ime(keyboard);
     else
-        LOG_INFO_AT(caller, "==== Keep current keyboard ====");
+        LOG_INFO_AS(caller, "==== Keep current keyboard ====");
     g_free(current);
 }
 
 /// Selects those of the snapshot's languages that are downloaded on this device.
 ///
 /// @return whether one of them can be written by hand
-static bool restore_languages(JsonArray *languages, guint count, const Location &caller)
+static bool restore_languages(JsonArray *languages, guint count, const char *caller)
 {
     // Neither text is freed.
     const char *downloaded = vconf_get_str(VCONFKEY_ISE_LPM_DOWNLOADED_LANG);
     if (downloaded == nullptr) {
-        LOG_ERROR_AT(caller, "Failed to read VCONFKEY_ISE_LPM_DOWNLOADED_LANG");
+        LOG_ERROR_AS(caller, "Failed to read VCONFKEY_ISE_LPM_DOWNLOADED_LANG");
         downloaded = "";
     }
     const char *with_handwriting = vconf_get_str(VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG);
     if (with_handwriting == nullptr) {
-        LOG_ERROR_AT(caller, "Failed to read VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG");
+        LOG_ERROR_AS(caller, "Failed to read VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG");
         with_handwriting = "";
     }
 
@@ -141,12 +141,12 @@ bool _ime_restore_json_value(const char *value)
     }
     JsonObject *snapshot = get_object(root);
 
-    restore_keyboard(snapshot, HERE);
+    restore_keyboard(snapshot, __func__);
 
     gboolean handwriting = get_boolean(snapshot, MEMBER_HANDWRITING);
     JsonArray *languages = get_array(snapshot, MEMBER_SELECTED_LANG);
     const guint count = languages == nullptr ? 0 : json_array_get_length(languages);
-    const bool handwriting_supported = restore_languages(languages, count, HERE);
+    const bool handwriting_supported = restore_languages(languages, count, __func__);
     if (handwriting == TRUE && !handwriting_supported)
         handwriting = FALSE;
 

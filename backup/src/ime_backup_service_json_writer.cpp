@@ -11,10 +11,10 @@
 #include "settings.h"
 #include "vconf.h"
 
-static JsonArray *make_language_array(const LanguageList &languages)
+static JsonArray *make_language_array()
 {
     JsonArray *array = json_array_new();
-    for (const std::string &language : languages) {
+    for (const std::string &language : get_selected_lang_list()) {
         JsonObject *element = json_object_new();
         json_object_set_string_member(element, MEMBER_LANG_ID, language.c_str());
         JsonNode *node = json_node_new(JSON_NODE_OBJECT);
@@ -24,16 +24,16 @@ static JsonArray *make_language_array(const LanguageList &languages)
     return array;
 }
 
-static void add_settings_store_values(JsonObject *root, const Location &caller)
+static void add_settings_store_values(JsonObject *root, const char *caller)
 {
     int value = 1;
     if (vconf_get_bool(VCONFKEY_ISE_HANDWRITING_VAL, &value) == -1)
-        LOG_ERROR_AT(caller, "Failed to get VCONFKEY_ISE_HANDWRITING_VAL");
+        LOG_ERROR_AS(caller, "Failed to get VCONFKEY_ISE_HANDWRITING_VAL");
     json_object_set_boolean_member(root, MEMBER_HANDWRITING, value);
 
     value = 1;
     if (vconf_get_bool(VCONFKEY_ISE_PREDICTION_VAL, &value) == -1)
-        LOG_ERROR_AT(caller, "Failed to get VCONFKEY_ISE_PREDICTION_VAL");
+        LOG_ERROR_AS(caller, "Failed to get VCONFKEY_ISE_PREDICTION_VAL");
     json_object_set_boolean_member(root, MEMBER_PREDICTION, value);
 }
 
@@ -88,8 +88,8 @@ int _ime_backup_get_json_value(char **value, gsize *length)
     JsonObject *root = json_object_new();
     json_object_set_string_member(root, MEMBER_DEFAULT_KEYBOARD, keyboard);
     g_free(keyboard);
-    json_object_set_array_member(root, MEMBER_SELECTED_LANG, make_language_array(get_selected_lang_list()));
-    add_settings_store_values(root, HERE);
+    json_object_set_array_member(root, MEMBER_SELECTED_LANG, make_language_array());
+    add_settings_store_values(root, __func__);
     add_config_values(root, config);
 
     gsize text_length = 0;

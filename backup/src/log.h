@@ -11,7 +11,8 @@ struct Location {
     int line;
 };
 
-#define HERE (Location{__FILE_NAME__, __func__, __LINE__})
+#define HERE HERE_AS(__func__)
+#define HERE_AS(caller) (Location{__FILE_NAME__, caller, __LINE__})
 
 #define LOG_TAG "IME_BACKUP"
 
@@ -19,7 +20,6 @@ struct Location {
     __dlog_print(DLOG_BUFFER_APPS, priority, LOG_TAG, "%s: %s(%d) > " text, (location).file,                 \
                  (location).function, (location).line __VA_OPT__(, ) __VA_ARGS__)
 
-/// The _AT forms are for helpers, which log under the name of the function that called them.
 #define LOG_INFO_AT(location, body, ...)                                                                     \
     LOG_AT(location, DLOG_PRIORITY_INFO, "\033[0;35m* Info * " body "\033[0;m" __VA_OPT__(, ) __VA_ARGS__)
 #define LOG_ERROR_AT(location, body, ...)                                                                    \
@@ -28,6 +28,10 @@ struct Location {
 
 #define LOG_INFO(...) LOG_INFO_AT(HERE, __VA_ARGS__)
 #define LOG_ERROR(...) LOG_ERROR_AT(HERE, __VA_ARGS__)
+
+/// The _AS forms are for helpers, which log under the name of the function that called them.
+#define LOG_INFO_AS(caller, ...) LOG_INFO_AT(HERE_AS(caller), __VA_ARGS__)
+#define LOG_ERROR_AS(caller, ...) LOG_ERROR_AT(HERE_AS(caller), __VA_ARGS__)
 
 /// What every failed call of the platform is reported as.
 #define FAILED_CALL(function, code_name) #function "() failed, " code_name " = [%d]\n"
@@ -41,9 +45,9 @@ struct Location {
 
 /// Calls a function of the cloud library and yields its code; a failure is logged and otherwise left to
 /// the caller.
-#define CLOUD_CALL(function, ...) CLOUD_CALL_AT(HERE, function __VA_OPT__(, ) __VA_ARGS__)
-#define CLOUD_CALL_AT(location, function, ...)                                                               \
-    LOGGED_CALL_AT(location, "error_code", function __VA_OPT__(, ) __VA_ARGS__)
+#define CLOUD_CALL(function, ...) CLOUD_CALL_AS(__func__, function __VA_OPT__(, ) __VA_ARGS__)
+#define CLOUD_CALL_AS(caller, function, ...)                                                                 \
+    LOGGED_CALL_AT(HERE_AS(caller), "error_code", function __VA_OPT__(, ) __VA_ARGS__)
 
 /// The same for application control.
 #define APP_CONTROL_CALL(function, ...) LOGGED_CALL_AT(HERE, "ret", function __VA_OPT__(, ) __VA_ARGS__)

@@ -237,6 +237,15 @@ TEST(Writer, BooleansFollowTheirTypes)
               std::string::npos);
 }
 
+TEST(Writer, AnUnreadableBooleanIsTrueWhateverTheOneBeforeIs)
+{
+    ScriptedPlatform platform = asked_for(OPERATION_BACKUP);
+    platform.bools["db/ise/hand_write"] = 0;
+    platform.failing_function = "vconf_get_bool";
+    platform.failing_occurrence = 2;
+    EXPECT_NE(snapshot_of(platform).find(R"("handwriting":false,"prediction":true)"), std::string::npos);
+}
+
 TEST(Writer, NoSnapshotWithoutAKeyboardOrInBrokenText)
 {
     const std::string function = "_ime_backup_get_json_value";
@@ -325,6 +334,19 @@ TEST(Restorer, FiltersLanguagesAndHandwriting)
         expected.push_back(R"(vconf_set_bool("db/ise/engine/prediction_val", 0))");
         EXPECT_EQ(device_changes(platform), join(expected));
     }
+}
+
+TEST(Restorer, OnlyZeroMeansThatTheSelectionIsStored)
+{
+    ScriptedPlatform platform = restoring({"{" + languages({"en_US"}) + "}"});
+    platform.failing_function = "vconf_set";
+    platform.failure_code = 1;
+    platform.run();
+    EXPECT_EQ(platform
+                  .only({error(UTILITY, "update_vconfkeys",
+                               "vconf keys for key [db/ise/engine/lpm/selected_lang] not updated")})
+                  .size(),
+              1);
 }
 
 TEST(Restorer, AnEmptyIdentifierIsFoundInAListThatCannotBeRead)

@@ -133,6 +133,11 @@ struct Scenario {
     const char *operation;
 };
 
+void PrintTo(const Scenario &scenario, std::ostream *stream)
+{
+    *stream << scenario.name;
+}
+
 class Exchange : public testing::TestWithParam<Scenario>
 {
 protected:
