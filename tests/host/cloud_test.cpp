@@ -10,8 +10,8 @@
 #include <gtest/gtest.h>
 
 #include "cloud_store.h"
-#include "exchange_lock.h"
 #include "exchange_report.h"
+#include "file_lock.h"
 #include "host.h"
 #include "state.h"
 
@@ -323,13 +323,14 @@ TEST_F(Cloud, ARestoreSucceedsOnlyWhole)
 TEST_F(Cloud, AnExchangeWaitsForAnother)
 {
     // The lock belongs to an open file: a second one in this process stands for another process's.
-    static ExchangeLock other;
-    ASSERT_TRUE(other.try_acquire());
+    static std::optional<FileLock> other;
+    other.emplace(state_root() / "exchange.lock");
+    ASSERT_TRUE(other->try_acquire());
     g_timeout_add(
         100,
         [](void *) {
             EXPECT_TRUE(service.called.empty());
-            other.release();
+            other.reset();
             return G_SOURCE_REMOVE;
         },
         nullptr);

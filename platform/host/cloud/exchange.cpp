@@ -6,8 +6,8 @@
 #include <glib.h>
 
 #include "cloud_store.h"
-#include "exchange_lock.h"
 #include "exchange_report.h"
+#include "file_lock.h"
 #include "orvanta_cloud.h"
 #include "records.h"
 #include "state.h"
@@ -55,7 +55,8 @@ struct Library {
     Callbacks restore;
     std::deque<Exchange> exchanges; ///< the first is under way
     guint loop_source = 0;
-    ExchangeLock lock;
+    /// Exchanges share their files, so one state root sees one at a time.
+    std::optional<FileLock> lock;
 };
 
 Library &library()
@@ -179,7 +180,7 @@ void complete_first_exchange()
     const Exchange exchange = std::move(library().exchanges.front());
     library().exchanges.pop_front();
     save_report(exchange);
-    library().lock.release();
+    library().lock.reset();
     exchange.callbacks.completed(exchange.report.succeeded ? 1 : 0);
     if (!library().exchanges.empty())
         start_first_exchange();
@@ -214,7 +215,7 @@ gboolean run_next_step(void *)
 gboolean try_to_start(void *)
 {
     try {
-        if (!library().lock.try_acquire())
+        if (!library().lock->try_acquire())
             return G_SOURCE_CONTINUE;
     } catch (const HostError &error) {
         fail(library().exchanges.front(), error.what());
@@ -225,6 +226,7 @@ gboolean try_to_start(void *)
 
 void start_first_exchange()
 {
+    library().lock.emplace(state_root() / "exchange.lock");
     if (try_to_start(nullptr) == G_SOURCE_CONTINUE)
         library().loop_source = g_timeout_add(LOCK_RETRY_MS, try_to_start, nullptr);
 }
@@ -317,7 +319,7 @@ int orvanta_cloud_deinitialize(void)
         save_report(exchange);
     }
     library().exchanges.clear();
-    library().lock.release();
+    library().lock.reset();
     release_lists_and_records();
     library().initialized = false;
     return ORVANTA_CLOUD_ERROR_NONE;

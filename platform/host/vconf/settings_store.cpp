@@ -7,6 +7,7 @@
 #include <SQLiteCpp/Transaction.h>
 #include <sqlite3.h>
 
+#include "file_lock.h"
 #include "state.h"
 
 namespace fs = std::filesystem;
@@ -44,14 +45,19 @@ static SQLite::Database open_database()
 
 static void prepare(SQLite::Database &database)
 {
-    database.exec("PRAGMA synchronous = FULL");
-    const int version = database.execAndGet("PRAGMA user_version").getInt();
-    if (version == SCHEMA_VERSION)
-        return;
-    if (version > SCHEMA_VERSION)
-        throw StateError("the settings store " + store_file().string() + " was made by a later version");
+    const auto version = [&] { return database.execAndGet("PRAGMA user_version").getInt(); };
 
-    // In one transaction, so that of two processes that find no store only one makes it.
+    database.exec("PRAGMA synchronous = FULL");
+    if (version() > SCHEMA_VERSION)
+        throw StateError("the settings store " + store_file().string() + " was made by a later version");
+    if (version() == SCHEMA_VERSION)
+        return;
+
+    // SQLite does not wait for another process that changes the journal mode at the same time.
+    FileLock lock(store_file().string() + ".lock");
+    lock.acquire();
+    if (version() == SCHEMA_VERSION)
+        return;
     database.exec("PRAGMA journal_mode = WAL");
     SQLite::Transaction transaction(database, SQLite::TransactionBehavior::IMMEDIATE);
     database.exec("CREATE TABLE IF NOT EXISTS settings ("
