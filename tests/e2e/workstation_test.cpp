@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "file_lock.h"
 #include "host.h"
 #include "ime_backup_service.h"
 #include "record_file.h"
@@ -34,6 +35,12 @@ class Workstation : public testing::Test
 {
 protected:
     void SetUp() override { start_scim(); }
+
+    void TearDown() override
+    {
+        const std::string log = read_file(state / "service.log");
+        EXPECT_EQ(log.find("Sanitizer"), std::string::npos) << log;
+    }
 
     void start_scim()
     {
@@ -398,6 +405,15 @@ TEST_F(OnABus, ASignalEndsTheServiceInOrder)
         service.send(signal);
         EXPECT_EQ(service.wait().status, 0);
     }
+
+    // Closed in order, the library tells of the exchange that it gives up: one that waits for its turn.
+    FileLock others_turn(state / "exchange.lock");
+    others_turn.acquire();
+    Process service({SERVICE_PROGRAM, OPERATION_BACKUP}, with_bus());
+    ASSERT_TRUE(eventually([this] { return service_is_on_bus(); }));
+    service.send(SIGTERM);
+    EXPECT_EQ(service.wait().status, 0);
+    EXPECT_NE(read_file(state / "last-exchange.json").find("ended before"), std::string::npos);
 }
 
 } // namespace

@@ -104,6 +104,11 @@ TEST_F(Cloud, RecordFileIsRefusedWhenAnyByteDiffers)
     std::string later = content;
     later.replace(later.find("\"version\":1"), 11, "\"version\":2");
     EXPECT_NE(refusal([&] { decode_record_file(later); }).find("later version"), std::string::npos);
+    const std::string deep(1'000'000, '[');
+    for (const char *head : {"", R"({"a\\":")", R"({"a":"\"","b":)"})
+        EXPECT_NE(refusal([&] { decode_record_file(std::string(head) + deep); }), "");
+    EXPECT_EQ(decode_record_file(encode_record_file({{"0", "1", "\"" + deep}}))[0].value, "\"" + deep);
+
     for (const char *other :
          {"", " ", "null", "[]", "{}", R"({"format":7})", R"({"format":"ime-backup-records"})",
           R"({"format":"ime-backup-records","version":"1","records":[7]})"})

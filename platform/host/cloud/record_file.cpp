@@ -8,6 +8,8 @@
 
 static constexpr char FORMAT[] = "ime-backup-records";
 static constexpr int VERSION = 1;
+/// Of any version.
+static constexpr int MAX_DEPTH = 32;
 
 using Text = std::unique_ptr<gchar, decltype(&g_free)>;
 
@@ -68,8 +70,29 @@ static JsonObject *check_head(JsonNode *root)
     return members;
 }
 
+/// JSON-GLib's parser calls itself for each level and would run out of stack on a file made for that.
+static bool is_nested_too_deeply(const std::string &content)
+{
+    int depth = 0;
+    bool in_string = false;
+    for (size_t i = 0; i < content.size(); i++) {
+        const char character = content[i];
+        if (in_string && character == '\\')
+            i++;
+        else if (character == '"')
+            in_string = !in_string;
+        else if (!in_string && (character == '[' || character == '{') && ++depth > MAX_DEPTH)
+            return true;
+        else if (!in_string && (character == ']' || character == '}'))
+            depth--;
+    }
+    return false;
+}
+
 CloudRecords decode_record_file(const std::string &content)
 {
+    if (is_nested_too_deeply(content))
+        throw HostError("it is no record file");
     g_autoptr(JsonParser) parser = json_parser_new_immutable();
     g_autoptr(GError) error = nullptr;
     if (json_parser_load_from_data(parser, content.data(), static_cast<gssize>(content.size()), &error) ==
