@@ -41,9 +41,8 @@ struct vconf_keynode {
     const char *text;
 };
 struct vconf_keylist {
-    std::map<std::string, std::string> added;
     std::map<std::string, std::string> read;
-    std::vector<std::unique_ptr<vconf_keynode>> nodes;
+    vconf_keynode node;
 };
 
 static std::string show(const char *text)
@@ -66,30 +65,45 @@ static void note(const std::string &line)
     platform->trace.push_back(line);
 }
 
-/// Notes a call; true when it is the one that fails.
-template <class... Args>
-static bool fails(const char *function, Args... args)
-{
-    std::string line = std::string(function) + "(";
-    [[maybe_unused]] const char *separator = "";
-    ((line += separator + show(args), separator = ", "), ...);
-    note(line + ")");
-    const bool occurred = platform->failing_function == function && --platform->failing_occurrence == 0;
-    if (++platform->calls != platform->failing_call && !occurred)
-        return false;
-    platform->failed_call = function;
-    return true;
-}
+/// Notes a call of a function; true when it is the one that fails.
+struct Call {
+    const char *function;
 
-#define FAIL_IF_TOLD(...)                                                                                    \
-    const bool failing = fails(__func__ __VA_OPT__(, ) __VA_ARGS__);                                         \
-    if (failing && !platform->fails_with_effect)                                                             \
-        return platform->failure_code;                                                                       \
-    [[maybe_unused]] const int code = failing ? platform->failure_code : 0
+    template <class... Args>
+    bool operator()(Args... args) const
+    {
+        std::string line;
+        ((line += (line.empty() ? "" : ", ") + show(args)), ...);
+        note(std::string(function) + "(" + line + ")");
+        const bool told = platform->failing_function == function && --platform->failing_occurrence == 0;
+        if (++platform->calls != platform->failing_call && !told)
+            return false;
+        platform->failed_call = function;
+        return true;
+    }
+};
 
-#define SIMPLE_CALL(...)                                                                                     \
-    FAIL_IF_TOLD(__VA_ARGS__);                                                                               \
-    return code
+/// Defines a function of the platform that notes `noted` of its arguments, has an effect, and succeeds with
+/// `success`.
+#define FAKE(function, parameters, noted, success, ...)                                                      \
+    int function parameters                                                                                  \
+    {                                                                                                        \
+        const bool fails = Call{#function} noted;                                                            \
+        if (!fails || platform->fails_with_effect) {                                                         \
+            __VA_ARGS__;                                                                                     \
+        }                                                                                                    \
+        return fails ? platform->failure_code : success;                                                     \
+    }
+
+/// The same, for one that releases `handle` even when it fails.
+#define FAKE_RELEASE(function, type)                                                                         \
+    int function(type handle)                                                                                \
+    {                                                                                                        \
+        const bool fails = Call{#function}(handle);                                                          \
+        platform->live_handles -= handle == nullptr ? 0 : 1;                                                 \
+        delete handle;                                                                                       \
+        return fails ? platform->failure_code : 0;                                                           \
+    }
 
 // The application framework. The service's main() is this program's, and what it hands its callbacks to is
 // the test runner.
@@ -112,33 +126,20 @@ void service_app_exit()
     platform->exited = true;
 }
 
-int app_control_get_operation(app_control_handle request, char **operation)
+static char *copy(const std::optional<std::string> &text)
 {
-    FAIL_IF_TOLD(request);
-    *operation = platform->operation ? strdup(platform->operation->c_str()) : nullptr;
-    return code;
+    return text ? strdup(text->c_str()) : nullptr;
 }
 
-int app_control_create(app_control_handle *handle)
-{
-    FAIL_IF_TOLD();
-    *handle = new app_control{{"<reply>"}};
-    platform->live_handles++;
-    return code;
-}
-
-int app_control_reply_to_launch_request(app_control_handle reply, app_control_handle request, int result)
-{
-    SIMPLE_CALL(reply, request, result);
-}
-
-int app_control_destroy(app_control_handle handle)
-{
-    const bool failing = fails(__func__, handle);
-    platform->live_handles--;
-    delete handle;
-    return failing ? platform->failure_code : 0;
-}
+// clang-format off
+FAKE(app_control_get_operation, (app_control_handle request, char **operation), (request), 0,
+     *operation = copy(platform->operation))
+FAKE(app_control_create, (app_control_handle *handle), (), 0,
+     *handle = new app_control{{"<reply>"}}; platform->live_handles++)
+FAKE(app_control_reply_to_launch_request,
+     (app_control_handle reply, app_control_handle request, int result), (reply, request, result), 0)
+FAKE_RELEASE(app_control_destroy, app_control_handle)
+// clang-format on
 
 // The cloud library.
 
@@ -159,198 +160,90 @@ static orvanta_cloud_list *make_list(const std::vector<std::optional<std::string
     return list;
 }
 
-#define DEFINE_REGISTRATION(function, type, member)                                                          \
-    int function(type callback, void *context)                                                               \
-    {                                                                                                        \
-        EXPECT_EQ(context, nullptr);                                                                         \
-        FAIL_IF_TOLD();                                                                                      \
-        callbacks.member = callback;                                                                         \
-        return code;                                                                                         \
-    }
-
-DEFINE_REGISTRATION(orvanta_cloud_backup_record_set_preparation_cb, orvanta_cloud_request_cb, preparation)
-DEFINE_REGISTRATION(orvanta_cloud_backup_record_set_sending_keys_and_dates_cb, orvanta_cloud_request_cb,
-                    keys_and_dates)
-DEFINE_REGISTRATION(orvanta_cloud_backup_record_set_backup_cb, orvanta_cloud_backup_cb, backup)
-DEFINE_REGISTRATION(orvanta_cloud_backup_record_set_completed_cb, orvanta_cloud_completed_cb, completed)
-DEFINE_REGISTRATION(orvanta_cloud_restore_record_set_preparation_cb, orvanta_cloud_request_cb, preparation)
-DEFINE_REGISTRATION(orvanta_cloud_restore_record_set_sending_restoration_path_cb, orvanta_cloud_request_cb,
-                    path)
-DEFINE_REGISTRATION(orvanta_cloud_restore_record_set_restoration_cb, orvanta_cloud_restoration_cb,
-                    restoration)
-DEFINE_REGISTRATION(orvanta_cloud_restore_record_set_completed_cb, orvanta_cloud_completed_cb, completed)
-
-#define DEFINE_SIMPLE_CALL(function, type1, type2)                                                           \
-    int function(type1 first, type2 second)                                                                  \
-    {                                                                                                        \
-        SIMPLE_CALL(first, second);                                                                          \
-    }
-
-DEFINE_SIMPLE_CALL(orvanta_cloud_backup_record_send_keys_and_dates, orvanta_cloud_list_handle, int)
-DEFINE_SIMPLE_CALL(orvanta_cloud_backup_record_send_backup_path, const char *, int)
-DEFINE_SIMPLE_CALL(orvanta_cloud_restore_record_send_restoration_path, const char *, int)
-DEFINE_SIMPLE_CALL(orvanta_cloud_restore_record_send_record_list, orvanta_cloud_list_handle, int)
-DEFINE_SIMPLE_CALL(orvanta_cloud_record_set_key, orvanta_cloud_record_handle, const char *)
-DEFINE_SIMPLE_CALL(orvanta_cloud_record_set_date, orvanta_cloud_record_handle, const char *)
-DEFINE_SIMPLE_CALL(orvanta_cloud_record_set_value, orvanta_cloud_record_handle, const char *)
-DEFINE_SIMPLE_CALL(orvanta_cloud_file_create_file, orvanta_cloud_list_handle, const char *)
-
-int orvanta_cloud_initialize()
-{
-    SIMPLE_CALL();
-}
-
-int orvanta_cloud_deinitialize()
-{
-    SIMPLE_CALL();
-}
-
-int orvanta_cloud_backup_record_send_preparation_completed_response(int ready)
-{
-    SIMPLE_CALL(ready);
-}
-
-int orvanta_cloud_restore_record_send_preparation_completed_response(int ready)
-{
-    SIMPLE_CALL(ready);
-}
-
-int orvanta_cloud_list_create(orvanta_cloud_list_handle *list)
-{
-    FAIL_IF_TOLD();
-    *list = make_list({});
-    return code;
-}
-
-int orvanta_cloud_list_destroy(orvanta_cloud_list_handle list)
-{
-    const bool failing = fails(__func__, list);
-    if (list != nullptr)
-        platform->live_handles--;
-    delete list;
-    return failing ? platform->failure_code : 0;
-}
-
-// A record that is not added to a list leaks here, as it would in the library: keep it reachable.
+// A record that is not added to a list leaks in the service, as it would in the library: keep it reachable.
 static std::unique_ptr<orvanta_cloud_record> loose_record;
 
-int orvanta_cloud_record_create(orvanta_cloud_record_handle *record)
+static orvanta_cloud_record *make_record()
 {
-    FAIL_IF_TOLD();
     loose_record = std::make_unique<orvanta_cloud_record>(orvanta_cloud_record{{"<new record>"}, {}});
-    *record = loose_record.get();
-    return code;
+    return loose_record.get();
 }
 
-int orvanta_cloud_list_add(orvanta_cloud_list_handle list, orvanta_cloud_record_handle record)
-{
-    SIMPLE_CALL(list, record);
-}
+#define FAKE_REGISTRATION(function, type, member)                                                            \
+    FAKE(function, (type callback, void *context), (), 0, EXPECT_EQ(context, nullptr);                       \
+         callbacks.member = callback)
 
-int orvanta_cloud_list_get_record_count(orvanta_cloud_list_handle list, int *count)
-{
-    FAIL_IF_TOLD(list);
-    *count = platform->record_count;
-    return code;
-}
+// clang-format off
+FAKE_REGISTRATION(orvanta_cloud_backup_record_set_preparation_cb, orvanta_cloud_request_cb, preparation)
+FAKE_REGISTRATION(orvanta_cloud_backup_record_set_sending_keys_and_dates_cb, orvanta_cloud_request_cb, keys_and_dates)
+FAKE_REGISTRATION(orvanta_cloud_backup_record_set_backup_cb, orvanta_cloud_backup_cb, backup)
+FAKE_REGISTRATION(orvanta_cloud_backup_record_set_completed_cb, orvanta_cloud_completed_cb, completed)
+FAKE_REGISTRATION(orvanta_cloud_restore_record_set_preparation_cb, orvanta_cloud_request_cb, preparation)
+FAKE_REGISTRATION(orvanta_cloud_restore_record_set_sending_restoration_path_cb, orvanta_cloud_request_cb, path)
+FAKE_REGISTRATION(orvanta_cloud_restore_record_set_restoration_cb, orvanta_cloud_restoration_cb, restoration)
+FAKE_REGISTRATION(orvanta_cloud_restore_record_set_completed_cb, orvanta_cloud_completed_cb, completed)
 
-int orvanta_cloud_list_move_to_first(orvanta_cloud_list_handle list)
-{
-    SIMPLE_CALL(list);
-}
+using List = orvanta_cloud_list_handle;
+using Record = orvanta_cloud_record_handle;
 
-int orvanta_cloud_list_move_to_next(orvanta_cloud_list_handle list)
-{
-    FAIL_IF_TOLD(list);
-    list->cursor++;
-    return code;
-}
+FAKE(orvanta_cloud_initialize, (), (), 0)
+FAKE(orvanta_cloud_deinitialize, (), (), 0)
+FAKE(orvanta_cloud_backup_record_send_preparation_completed_response, (int ready), (ready), 0)
+FAKE(orvanta_cloud_backup_record_send_keys_and_dates, (List list, int flag), (list, flag), 0)
+FAKE(orvanta_cloud_backup_record_send_backup_path, (const char *path, int flag), (path, flag), 0)
+FAKE(orvanta_cloud_restore_record_send_preparation_completed_response, (int ready), (ready), 0)
+FAKE(orvanta_cloud_restore_record_send_restoration_path, (const char *path, int flag), (path, flag), 0)
+FAKE(orvanta_cloud_restore_record_send_record_list, (List list, int flag), (list, flag), 0)
+FAKE(orvanta_cloud_list_create, (List *list), (), 0, *list = make_list({}))
+FAKE_RELEASE(orvanta_cloud_list_destroy, List)
+FAKE(orvanta_cloud_list_add, (List list, Record record), (list, record), 0)
+FAKE(orvanta_cloud_list_get_record_count, (List list, int *count), (list), 0, *count = platform->record_count)
+FAKE(orvanta_cloud_list_move_to_first, (List list), (list), 0)
+FAKE(orvanta_cloud_list_move_to_next, (List list), (list), 0, list->cursor++)
+FAKE(orvanta_cloud_list_get_current_record, (List list, Record *record), (list), 0,
+     *record = list->records.at(list->cursor).get())
+FAKE(orvanta_cloud_record_create, (Record *record), (), 0, *record = make_record())
+FAKE(orvanta_cloud_record_set_key, (Record record, const char *key), (record, key), 0)
+FAKE(orvanta_cloud_record_set_date, (Record record, const char *date), (record, date), 0)
+FAKE(orvanta_cloud_record_set_value, (Record record, const char *value), (record, value), 0)
+FAKE(orvanta_cloud_record_get_value, (Record record, char **value), (record), 0, *value = copy(record->value))
+FAKE(orvanta_cloud_record_set_fail, (Record record), (record), 0)
+FAKE(orvanta_cloud_file_create_file, (List list, const char *path), (list, path), 0)
+FAKE(orvanta_cloud_file_create_record_list, (orvanta_cloud_source_handle source, List *list), (source), 0,
+     *list = make_list(platform->restored))
 
-int orvanta_cloud_list_get_current_record(orvanta_cloud_list_handle list, orvanta_cloud_record_handle *record)
-{
-    FAIL_IF_TOLD(list);
-    *record = list->records.at(list->cursor).get();
-    return code;
-}
+// The settings store. A success is 0 or, where the sign alone counts, any number from 0 on.
 
-int orvanta_cloud_record_get_value(orvanta_cloud_record_handle record, char **value)
-{
-    FAIL_IF_TOLD(record);
-    *value = record->value ? g_strdup(record->value->c_str()) : nullptr;
-    return code;
-}
+using KeyList = vconf_keylist_handle;
 
-int orvanta_cloud_record_set_fail(orvanta_cloud_record_handle record)
-{
-    SIMPLE_CALL(record);
-}
-
-int orvanta_cloud_file_create_record_list(orvanta_cloud_source_handle source, orvanta_cloud_list_handle *list)
-{
-    FAIL_IF_TOLD(source);
-    *list = make_list(platform->restored);
-    return code;
-}
-
-// The settings store.
-
-int vconf_get_bool(const char *key, int *value)
-{
-    FAIL_IF_TOLD(key);
-    *value = platform->bools.at(key);
-    return code;
-}
-
-int vconf_set_bool(const char *key, int value)
-{
-    SIMPLE_CALL(key, value);
-}
+FAKE(vconf_get_bool, (const char *key, int *value), (key), 0, *value = platform->bools.at(key))
+FAKE(vconf_set_bool, (const char *key, int value), (key, value), 0)
+FAKE(vconf_get, (KeyList list, const char *directory, int option), (directory, option), 5,
+     list->read[directory] = platform->strings.at(directory))
+FAKE(vconf_keylist_lookup, (KeyList list, const char *key, vconf_keynode_handle *node), (key), 5,
+     list->node.text = platform->node_without_text ? nullptr : list->read.at(key).c_str(); *node = &list->node)
+FAKE(vconf_keylist_add_str, (KeyList, const char *key, const char *value), (key, value), 5)
+FAKE(vconf_set, (KeyList), (), 0)
+// clang-format on
 
 char *vconf_get_str(const char *key)
 {
-    return fails(__func__, key) ? nullptr : strdup(platform->strings.at(key).c_str());
+    return Call{__func__}(key) ? nullptr : copy(platform->strings.at(key));
 }
 
-vconf_keylist_handle vconf_keylist_new()
+char *vconf_keynode_get_str(vconf_keynode_handle node)
+{
+    return Call{__func__}() ? nullptr : const_cast<char *>(node->text);
+}
+
+KeyList vconf_keylist_new()
 {
     note("vconf_keylist_new()");
     platform->live_handles++;
     return new vconf_keylist;
 }
 
-int vconf_get(vconf_keylist_handle list, const char *directory, int option)
-{
-    FAIL_IF_TOLD(directory, option);
-    list->read[directory] = platform->strings.at(directory);
-    return code;
-}
-
-int vconf_keylist_lookup(vconf_keylist_handle list, const char *key, vconf_keynode_handle *node)
-{
-    FAIL_IF_TOLD(key);
-    list->nodes.push_back(std::make_unique<vconf_keynode>(
-        vconf_keynode{platform->node_without_text ? nullptr : list->read.at(key).c_str()}));
-    *node = list->nodes.back().get();
-    return 5; // any number from 0 on is a success
-}
-
-char *vconf_keynode_get_str(vconf_keynode_handle node)
-{
-    return fails(__func__) ? nullptr : const_cast<char *>(node->text);
-}
-
-int vconf_keylist_add_str(vconf_keylist_handle, const char *key, const char *value)
-{
-    FAIL_IF_TOLD(key, value);
-    return 5;
-}
-
-int vconf_set(vconf_keylist_handle)
-{
-    SIMPLE_CALL();
-}
-
-int vconf_keylist_free(vconf_keylist_handle list)
+int vconf_keylist_free(KeyList list)
 {
     note("vconf_keylist_free()");
     platform->live_handles--;
@@ -360,17 +253,11 @@ int vconf_keylist_free(vconf_keylist_handle list)
 
 // The input-method framework.
 
-int isf_control_get_active_ime(char **identifier)
-{
-    FAIL_IF_TOLD();
-    *identifier = g_strdup(platform->active_ime.c_str());
-    return code != 0 ? code : platform->active_ime_result;
-}
-
-int isf_control_set_active_ime(const char *identifier)
-{
-    SIMPLE_CALL(identifier);
-}
+// clang-format off
+FAKE(isf_control_get_active_ime, (char **identifier), (), platform->active_ime_result,
+     *identifier = copy(platform->active_ime))
+FAKE(isf_control_set_active_ime, (const char *identifier), (identifier), 0)
+// clang-format on
 
 class ScriptedConfig : public scim::DummyConfig
 {
@@ -386,15 +273,15 @@ public:
     bool read(const scim::String &key, bool *value) const override { return answer("bool", key, value); }
     bool write(const scim::String &key, int value) override { return take("int", key, value); }
     bool write(const scim::String &key, bool value) override { return take("bool", key, value); }
-    bool flush() override { return !fails("config flush"); }
-    bool reload() override { return !fails("config reload"); }
+    bool flush() override { return !Call{"config flush"}(); }
+    bool reload() override { return !Call{"config reload"}(); }
 
 private:
     template <class Value>
     static bool answer(const char *type, const scim::String &key, Value *value)
     {
         const auto found = platform->config.find(key);
-        if (fails("config read", type, key.c_str()) || found == platform->config.end())
+        if (Call{"config read"}(type, key.c_str()) || found == platform->config.end())
             return false;
         *value = static_cast<Value>(found->second);
         return true;
@@ -402,7 +289,7 @@ private:
 
     static bool take(const char *type, const scim::String &key, int value)
     {
-        return !fails("config write", type, key.c_str(), value);
+        return !Call{"config write"}(type, key.c_str(), value);
     }
 };
 
@@ -411,13 +298,13 @@ namespace scim
 
 static ConfigPointer make_config()
 {
-    return fails("create_config") ? nullptr : new ScriptedConfig;
+    return Call{"create_config"}() ? nullptr : new ScriptedConfig;
 }
 
 // Stands in for the library's own, as a host platform's does.
 ConfigModule::ConfigModule(const String &name)
     : m_config_init(nullptr),
-      m_config_create_config(fails("ConfigModule", name.c_str()) ? nullptr : make_config)
+      m_config_create_config(Call{"ConfigModule"}(name.c_str()) ? nullptr : make_config)
 {
 }
 
