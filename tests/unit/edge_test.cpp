@@ -57,7 +57,7 @@ TEST(Request, IsClassifiedByPrefix)
         const Trace registrations =
             platform.only({"orvanta_cloud_backup_record_set_", "orvanta_cloud_restore_record_set_"});
         EXPECT_EQ(registrations.size(), test.registrations);
-        EXPECT_EQ(platform.only({"app_control_reply"}).size(), 1);
+        EXPECT_EQ(platform.count("app_control_reply"), 1);
         EXPECT_EQ(platform.exited, test.registrations != 0)
             << "an unknown operation leaves the service running";
     }
@@ -110,13 +110,13 @@ TEST(BackupRecords, CountDecides)
         platform.record_count = test.count;
         platform.null_list = test.null_list;
         platform.run();
-        EXPECT_EQ(platform.only({no_count}).size(), test.failure);
-        EXPECT_EQ(platform.only({nothing}).size(), test.failure || test.null_list);
-        EXPECT_EQ(platform.only({"orvanta_cloud_file_create_file"}).size(), !test.failure && !test.null_list);
-        EXPECT_EQ(platform.only({"orvanta_cloud_list_destroy"}).size(), test.destroyed);
-        EXPECT_EQ(platform.only({"ConfigModule"}).size(), test.snapshots);
-        EXPECT_EQ(platform.only({"orvanta_cloud_record_set_value(<record"}).size(), test.snapshots);
-        EXPECT_EQ(platform.only({"orvanta_cloud_list_move_to_next"}).size(),
+        EXPECT_EQ(platform.count(no_count), test.failure);
+        EXPECT_EQ(platform.count(nothing), test.failure || test.null_list);
+        EXPECT_EQ(platform.count("orvanta_cloud_file_create_file"), !test.failure && !test.null_list);
+        EXPECT_EQ(platform.count("orvanta_cloud_list_destroy"), test.destroyed);
+        EXPECT_EQ(platform.count("ConfigModule"), test.snapshots);
+        EXPECT_EQ(platform.count("orvanta_cloud_record_set_value(<record"), test.snapshots);
+        EXPECT_EQ(platform.count("orvanta_cloud_list_move_to_next"),
                   test.snapshots > 0 ? test.snapshots - 1 : 0);
     }
 }
@@ -157,13 +157,13 @@ TEST(RestoreRecords, AnEmptyListIsAFailureAndANegativeCountIsNone)
 {
     ScriptedPlatform platform = restoring({});
     platform.run();
-    EXPECT_EQ(platform.only({"orvanta_cloud_restore_record_send_record_list(null, 0)"}).size(), 1);
-    EXPECT_EQ(platform.only({"orvanta_cloud_list_destroy(<list>)"}).size(), 1);
+    EXPECT_EQ(platform.count("orvanta_cloud_restore_record_send_record_list(null, 0)"), 1);
+    EXPECT_EQ(platform.count("orvanta_cloud_list_destroy(<list>)"), 1);
 
     platform = restoring({});
     platform.record_count = -1;
     platform.run();
-    EXPECT_EQ(platform.only({"orvanta_cloud_restore_record_send_record_list(<list>, 1)"}).size(), 1);
+    EXPECT_EQ(platform.count("orvanta_cloud_restore_record_send_record_list(<list>, 1)"), 1);
 }
 
 TEST(RestoreRecords, AValueThatComesWithAFailureIsApplied)
@@ -173,10 +173,8 @@ TEST(RestoreRecords, AValueThatComesWithAFailureIsApplied)
     platform.fails_with_effect = true;
     platform.run();
     EXPECT_EQ(
-        platform.only({error(SERVICE, "__restore_record_cb", "orvanta_cloud_record_get_value() failed.")})
-            .size(),
-        1);
-    EXPECT_EQ(platform.only({"orvanta_cloud_record_set_key(<record0>"}).size(), 1);
+        platform.count(error(SERVICE, "__restore_record_cb", "orvanta_cloud_record_get_value() failed.")), 1);
+    EXPECT_EQ(platform.count("orvanta_cloud_record_set_key(<record0>"), 1);
 }
 
 /// The languages in the one snapshot that `platform` yields.
@@ -252,13 +250,13 @@ TEST(Writer, NoSnapshotWithoutAKeyboardOrInBrokenText)
     ScriptedPlatform platform = asked_for(OPERATION_BACKUP);
     platform.active_ime_result = 0;
     EXPECT_EQ(snapshot_of(platform), "");
-    EXPECT_EQ(platform.only({error(WRITER, function, "Failed to get active ime. error: [0]")}).size(), 1);
+    EXPECT_EQ(platform.count(error(WRITER, function, "Failed to get active ime. error: [0]")), 1);
 
     platform = asked_for(OPERATION_BACKUP);
     platform.strings["db/ise/engine/lpm/selected_lang"] = "\xff#";
     EXPECT_EQ(snapshot_of(platform), "");
-    EXPECT_EQ(platform.only({error(WRITER, function, "Fail: Data in invalid format")}).size(), 1);
-    EXPECT_EQ(platform.only({"orvanta_cloud_backup_record_send_backup_path"}).size(), 1);
+    EXPECT_EQ(platform.count(error(WRITER, function, "Fail: Data in invalid format")), 1);
+    EXPECT_EQ(platform.count("orvanta_cloud_backup_record_send_backup_path"), 1);
 }
 
 TEST(Writer, RefusesNullArguments)
@@ -354,7 +352,7 @@ TEST(Restorer, AnEmptyIdentifierIsFoundInAListThatCannotBeRead)
     ScriptedPlatform platform = restoring({"{" + languages({""}) + "}"});
     platform.failing_function = "vconf_get_str";
     platform.run();
-    EXPECT_EQ(platform.only({"vconf_keylist_add_str"}).size(), 1);
+    EXPECT_EQ(platform.count("vconf_keylist_add_str"), 1);
 }
 
 TEST(Restorer, SwitchesTheKeyboardOnlyWhenItDiffers)
@@ -395,10 +393,10 @@ TEST(Restorer, TellsJsonFromOtherText)
         SCOPED_TRACE(test.text);
         ScriptedPlatform platform = restoring({test.text});
         platform.run();
-        EXPECT_EQ(platform.only({failure}).size(), !test.json);
-        EXPECT_EQ(platform.only({"vconf_set_bool"}).size(), test.json ? 2 : 0);
-        EXPECT_EQ(platform.only({"config write"}).size(), test.json ? 5 : 0);
-        EXPECT_EQ(platform.only({"orvanta_cloud_record_set_fail"}).size(), !test.json);
+        EXPECT_EQ(platform.count(failure), !test.json);
+        EXPECT_EQ(platform.count("vconf_set_bool"), test.json ? 2 : 0);
+        EXPECT_EQ(platform.count("config write"), test.json ? 5 : 0);
+        EXPECT_EQ(platform.count("orvanta_cloud_record_set_fail"), !test.json);
     }
 }
 

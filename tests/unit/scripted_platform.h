@@ -49,6 +49,7 @@ struct ScriptedPlatform {
 
     /// The lines of the trace that begin with one of `prefixes`.
     Trace only(const std::set<std::string> &prefixes) const;
+    size_t count(const std::string &prefix) const { return only({prefix}).size(); }
 };
 
 /// The platform that the service runs on now.
