@@ -11,58 +11,10 @@
 #include "settings.h"
 #include "vconf.h"
 
-static JsonArray *make_language_array()
-{
-    JsonArray *array = json_array_new();
-    for (const std::string &language : get_selected_lang_list()) {
-        JsonObject *element = json_object_new();
-        json_object_set_string_member(element, MEMBER_LANG_ID, language.c_str());
-        JsonNode *node = json_node_new(JSON_NODE_OBJECT);
-        json_node_take_object(node, element);
-        json_array_add_element(array, node);
-    }
-    return array;
-}
-
-static void add_settings_store_values(JsonObject *root, const char *caller)
-{
-    int value = 1;
-    if (vconf_get_bool(VCONFKEY_ISE_HANDWRITING_VAL, &value) == -1)
-        LOG_ERROR_AS(caller, "Failed to get VCONFKEY_ISE_HANDWRITING_VAL");
-    json_object_set_boolean_member(root, MEMBER_HANDWRITING, value);
-
-    value = 1;
-    if (vconf_get_bool(VCONFKEY_ISE_PREDICTION_VAL, &value) == -1)
-        LOG_ERROR_AS(caller, "Failed to get VCONFKEY_ISE_PREDICTION_VAL");
-    json_object_set_boolean_member(root, MEMBER_PREDICTION, value);
-}
-
-static void add_config_values(JsonObject *root, const scim::ConfigPointer &config)
-{
-    const auto add_integer = [&](const char *member, const char *key) {
-        json_object_set_boolean_member(root, member, config->read(scim::String(key), 1) != 0);
-    };
-
-    add_integer(MEMBER_AUTO_SPACE, CONFIG_AUTO_SPACING);
-    add_integer(MEMBER_AUTO_CAPITALIZE, CONFIG_AUTO_CAPITALIZATION);
-    json_object_set_boolean_member(root, MEMBER_AUTO_PUNCTUATION,
-                                   config->read(scim::String(CONFIG_AUTO_PUNCTUATE), true));
-    add_integer(MEMBER_KEY_TAP_SOUND, CONFIG_KEY_SOUNDS);
-    add_integer(MEMBER_KEY_TAP_VIB, CONFIG_KEY_VIBRATION);
-}
-
-/// Takes over `root` and turns it into compact text.
-static gchar *generate_text(JsonObject *root, gsize *length)
-{
-    JsonGenerator *generator = json_generator_new();
-    JsonNode *node = json_node_new(JSON_NODE_OBJECT);
-    json_node_take_object(node, root);
-    json_generator_set_root(generator, node);
-    gchar *text = json_generator_to_data(generator, length);
-    json_node_free(node);
-    g_object_unref(generator);
-    return text;
-}
+static JsonArray *make_language_array();
+static void add_settings_store_values(JsonObject *root, const char *caller);
+static void add_config_values(JsonObject *root, const scim::ConfigPointer &config);
+static gchar *generate_text(JsonObject *root, gsize *length);
 
 int _ime_backup_get_json_value(char **value, gsize *length)
 {
@@ -106,6 +58,19 @@ int _ime_backup_get_json_value(char **value, gsize *length)
     return 0;
 }
 
+static JsonArray *make_language_array()
+{
+    JsonArray *array = json_array_new();
+    for (const std::string &language : get_selected_lang_list()) {
+        JsonObject *element = json_object_new();
+        json_object_set_string_member(element, MEMBER_LANG_ID, language.c_str());
+        JsonNode *node = json_node_new(JSON_NODE_OBJECT);
+        json_node_take_object(node, element);
+        json_array_add_element(array, node);
+    }
+    return array;
+}
+
 LanguageList get_selected_lang_list()
 {
     char *stored = nullptr;
@@ -124,4 +89,44 @@ LanguageList get_selected_lang_list()
     std::sort(languages.begin(), languages.end());
     free(stored);
     return languages;
+}
+
+static void add_settings_store_values(JsonObject *root, const char *caller)
+{
+    int value = 1;
+    if (vconf_get_bool(VCONFKEY_ISE_HANDWRITING_VAL, &value) == -1)
+        LOG_ERROR_AS(caller, "Failed to get VCONFKEY_ISE_HANDWRITING_VAL");
+    json_object_set_boolean_member(root, MEMBER_HANDWRITING, value);
+
+    value = 1;
+    if (vconf_get_bool(VCONFKEY_ISE_PREDICTION_VAL, &value) == -1)
+        LOG_ERROR_AS(caller, "Failed to get VCONFKEY_ISE_PREDICTION_VAL");
+    json_object_set_boolean_member(root, MEMBER_PREDICTION, value);
+}
+
+static void add_config_values(JsonObject *root, const scim::ConfigPointer &config)
+{
+    const auto add_integer = [&](const char *member, const char *key) {
+        json_object_set_boolean_member(root, member, config->read(scim::String(key), 1) != 0);
+    };
+
+    add_integer(MEMBER_AUTO_SPACE, CONFIG_AUTO_SPACING);
+    add_integer(MEMBER_AUTO_CAPITALIZE, CONFIG_AUTO_CAPITALIZATION);
+    json_object_set_boolean_member(root, MEMBER_AUTO_PUNCTUATION,
+                                   config->read(scim::String(CONFIG_AUTO_PUNCTUATE), true));
+    add_integer(MEMBER_KEY_TAP_SOUND, CONFIG_KEY_SOUNDS);
+    add_integer(MEMBER_KEY_TAP_VIB, CONFIG_KEY_VIBRATION);
+}
+
+/// Takes over `root` and turns it into compact text.
+static gchar *generate_text(JsonObject *root, gsize *length)
+{
+    JsonGenerator *generator = json_generator_new();
+    JsonNode *node = json_node_new(JSON_NODE_OBJECT);
+    json_node_take_object(node, root);
+    json_generator_set_root(generator, node);
+    gchar *text = json_generator_to_data(generator, length);
+    json_node_free(node);
+    g_object_unref(generator);
+    return text;
 }

@@ -33,7 +33,7 @@ struct Location {
 #define LOG_INFO_AS(caller, ...) LOG_INFO_AT(HERE_AS(caller), __VA_ARGS__)
 #define LOG_ERROR_AS(caller, ...) LOG_ERROR_AT(HERE_AS(caller), __VA_ARGS__)
 
-/// What every failed call of the platform is reported as.
+/// What a failed call of the cloud library or of application control is reported as.
 #define FAILED_CALL(function, code_name) #function "() failed, " code_name " = [%d]\n"
 
 #define LOGGED_CALL_AT(location, code_name, function, ...)                                                   \
