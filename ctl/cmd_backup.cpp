@@ -5,15 +5,20 @@
 #include "errors.h"
 #include "format.h"
 #include "ime_backup_service.h"
+#include "settings.h"
+
+static void require_active_keyboard()
+{
+    Device device;
+    if (!find_setting(MEMBER_DEFAULT_KEYBOARD).value(device))
+        throw PlatformError(
+            std::string("no input method is active; choose one with: ime-backupctl settings set ") +
+            MEMBER_DEFAULT_KEYBOARD + " IDENTIFIER");
+}
 
 int cmd_backup(const ServiceOptions &options)
 {
-    Device device;
-    const Setting &keyboard = snapshot_settings().front();
-    if (!keyboard.get(device, keyboard.key))
-        throw PlatformError(
-            std::string("no input method is active; choose one with: ime-backupctl settings set ") +
-            keyboard.name + " IDENTIFIER");
+    require_active_keyboard();
 
     const ExchangeReport report = run_exchange(options, OPERATION_BACKUP);
     if (!report.succeeded)

@@ -7,7 +7,7 @@
 
 int cmd_list()
 {
-    for (const std::string &id : CloudStore().ids())
-        printf("%s\n", format_backup(id).c_str());
+    for (const guint64 number : CloudStore().numbers())
+        printf("%s\n", format_backup(number).c_str());
     return EXIT_DONE;
 }

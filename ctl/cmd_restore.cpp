@@ -8,10 +8,8 @@
 
 int cmd_restore(const ServiceOptions &options, const std::string &id)
 {
-    const std::string backup = CloudStore().find(id);
-    {
-        Device check;
-    }
+    const std::string backup = std::to_string(CloudStore().find(id));
+    require_device();
 
     const ExchangeReport report = run_exchange(options, OPERATION_RESTORE, backup);
     for (const CloudRecord &record : report.records)

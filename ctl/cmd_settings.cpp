@@ -11,7 +11,7 @@ int cmd_settings()
     size_t width = 0;
     std::vector<std::string> values;
     for (const Setting &setting : snapshot_settings()) {
-        values.push_back(setting.get(device, setting.key).value_or("(not set)"));
+        values.push_back(setting.value(device).value_or("(not set)"));
         width = std::max(width, values.back().size());
     }
     for (size_t i = 0; i < values.size(); i++) {
@@ -24,15 +24,8 @@ int cmd_settings()
 
 int cmd_settings_set(const std::string &name, const std::string &value)
 {
-    const auto setting = std::find_if(all_settings().begin(), all_settings().end(),
-                                      [&](const Setting &candidate) { return candidate.name == name; });
-    if (setting == all_settings().end()) {
-        std::string known;
-        for (const Setting &candidate : all_settings())
-            known += std::string(known.empty() ? "" : ", ") + candidate.name;
-        throw UsageError("there is no setting \"" + name + "\"; there are " + known);
-    }
+    const Setting &setting = find_setting(name);
     Device device;
-    setting->set(device, setting->key, value);
+    setting.set(device, setting.key, value);
     return EXIT_DONE;
 }

@@ -24,6 +24,11 @@ static scim::ConfigPointer open_config()
 
 Device::Device() : config(open_config()) {}
 
+void require_device()
+{
+    const Device device;
+}
+
 static bool parse_boolean(const std::string &text)
 {
     for (const char *word : {"true", "on", "yes", "1"})
@@ -140,15 +145,24 @@ const std::vector<Setting> &snapshot_settings()
     return settings;
 }
 
-const std::vector<Setting> &all_settings()
+static const std::vector<Setting> &other_settings()
 {
-    static const std::vector<Setting> settings = [] {
-        std::vector<Setting> all = snapshot_settings();
-        all.push_back(
-            {"downloaded_lang", STORE, VCONFKEY_ISE_LPM_DOWNLOADED_LANG, get_languages, set_languages});
-        all.push_back({"downloaded_with_handwriting_lang", STORE,
-                       VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG, get_languages, set_languages});
-        return all;
-    }();
+    static const std::vector<Setting> settings = {
+        {"downloaded_lang", STORE, VCONFKEY_ISE_LPM_DOWNLOADED_LANG, get_languages, set_languages},
+        {"downloaded_with_handwriting_lang", STORE, VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG,
+         get_languages, set_languages},
+    };
     return settings;
+}
+
+const Setting &find_setting(const std::string &name)
+{
+    std::string known;
+    for (const auto *settings : {&snapshot_settings(), &other_settings()})
+        for (const Setting &setting : *settings) {
+            if (setting.name == name)
+                return setting;
+            known += (known.empty() ? "" : ", ") + std::string(setting.name);
+        }
+    throw UsageError("there is no setting \"" + name + "\"; there are " + known);
 }

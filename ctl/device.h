@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -21,19 +20,25 @@ public:
     scim::ConfigPointer config;
 };
 
-/// How a setting's value is written in the device's own form.
+/// @throws StateError or PlatformError when the device isn't there
+void require_device();
+
+/// One setting of the device, with its value as a person writes it.
 struct Setting {
     const char *name;
     const char *place;
-    const char *key;
-    /// The value, for a person; nothing when it is not set.
+    const char *key; ///< in that place; for the keyboard, which has none, what it is there
     std::optional<std::string> (*get)(Device &, const char *key);
-    /// @throws UsageError when the text is no such value
     void (*set)(Device &, const char *key, const std::string &text);
+
+    /// Nothing when it is not set.
+    std::optional<std::string> value(Device &device) const { return get(device, key); }
 };
 
 /// The nine settings of a snapshot, in its order.
 const std::vector<Setting> &snapshot_settings();
 
-/// These, and the ones that decide what a restore can bring back.
-const std::vector<Setting> &all_settings();
+/// One of these, or of the two that decide what a restore can bring back.
+///
+/// @throws UsageError when there is none with this name
+const Setting &find_setting(const std::string &name);

@@ -3,6 +3,7 @@
 #include <glib.h>
 
 #include "cloud_store.h"
+#include "record_file.h"
 #include "state.h"
 
 std::string format_date(const std::string &date)
@@ -18,14 +19,15 @@ std::string format_date(const std::string &date)
     return text;
 }
 
-std::string format_backup(const std::string &id)
+std::string format_backup(guint64 number)
 {
+    const std::string name = "backup " + std::to_string(number) + "  ";
     try {
-        const std::string content = CloudStore().read(id);
+        const std::string content = CloudStore().read(number);
         const CloudRecords records = decode_record_file(content);
         const std::string date = records.empty() ? "" : records.front().date.value_or("");
-        return "backup " + id + "  " + format_date(date) + "  " + std::to_string(content.size()) + " bytes";
+        return name + format_date(date) + "  " + std::to_string(content.size()) + " bytes";
     } catch (const HostError &error) {
-        return "backup " + id + "  unusable: " + error.what();
+        return name + "unusable: " + error.what();
     }
 }

@@ -15,7 +15,8 @@ struct ServiceOptions {
 ///
 /// @param operation  identifier of the exchange's operation
 /// @param backup     number of the backup to restore, for a restore
-/// @throws HostError when the exchange never came to an end
+/// @return the exchange's report, or that of a failure when the service left none
+/// @throws HostError when the service can't be started
 ExchangeReport run_exchange(const ServiceOptions &options, const char *operation,
                             const std::string &backup = "");
 

@@ -123,13 +123,13 @@ TEST_F(Cloud, StoreNumbersBackupsAndKeepsOthersOut)
     write_file(folder / "notes.txt", "");
     CloudStore store;
     EXPECT_NE(refusal([&] { store.find(""); }).find("no backup yet"), std::string::npos);
-    EXPECT_EQ(store.add("one"), "1");
-    EXPECT_EQ(store.add("two"), "2");
+    EXPECT_EQ(store.add("one"), 1);
+    EXPECT_EQ(store.add("two"), 2);
     fs::rename(folder / "backup-000001.json", folder / "backup-000009.json");
-    EXPECT_EQ(store.add("ten"), "10");
-    EXPECT_EQ(store.ids(), (std::vector<std::string>{"2", "9", "10"}));
-    EXPECT_EQ(store.find(""), "10");
-    EXPECT_EQ(store.read("9"), "one");
+    EXPECT_EQ(store.add("ten"), 10);
+    EXPECT_EQ(store.numbers(), (std::vector<guint64>{2, 9, 10}));
+    EXPECT_EQ(store.find(""), 10);
+    EXPECT_EQ(store.read(9), "one");
     for (const char *unknown : {"1", "0", "-2", "two", "2/../9"})
         EXPECT_NE(refusal([&] { store.find(unknown); }).find("no backup"), std::string::npos) << unknown;
     EXPECT_FALSE(fs::exists(folder / ".partial"));
@@ -139,7 +139,7 @@ TEST_F(Cloud, StoreRefusesAFileThatIsTooLarge)
 {
     write_file(root.path / "cloud/backup-000001.json", "");
     fs::resize_file(root.path / "cloud/backup-000001.json", 200'000'000);
-    EXPECT_NE(refusal([] { CloudStore().read("1"); }).find("larger"), std::string::npos);
+    EXPECT_NE(refusal([] { CloudStore().read(1); }).find("larger"), std::string::npos);
 }
 
 // A service that answers as a test tells it to.
@@ -254,7 +254,7 @@ ExchangeReport run_exchange(bool restore, Service with = {}, bool info = false)
     loop = g_main_loop_new(nullptr, FALSE);
     g_main_loop_run(loop);
     g_main_loop_unref(loop);
-    const ExchangeReport report = read_report(state_root() / "last-exchange.json");
+    const ExchangeReport report = read_report(state_root() / LAST_REPORT);
     EXPECT_EQ(report.succeeded, service.result == 1);
     return report;
 }
@@ -267,7 +267,7 @@ TEST_F(Cloud, ExchangesCallInOrder)
     EXPECT_EQ(service.called, (std::vector<std::string>{"prepare", "keys", "completed"}));
     EXPECT_EQ(run_exchange(true).reason, "");
     EXPECT_EQ(service.called, (std::vector<std::string>{"prepare", "path", "restoration", "completed"}));
-    EXPECT_EQ(CloudStore().ids(), std::vector<std::string>{"1"});
+    EXPECT_EQ(CloudStore().numbers(), std::vector<guint64>{1});
 
     for (const char *name :
          {"cloud", "data", "cloud/backup-000001.json", "data/backup.dat", "data/restore.dat"})
@@ -299,7 +299,7 @@ TEST_F(Cloud, ABackupSucceedsOnlyWhole)
         EXPECT_FALSE(report.succeeded);
         EXPECT_NE(report.reason.find(test.reason), std::string::npos) << report.reason;
     }
-    EXPECT_EQ(CloudStore().ids(), std::vector<std::string>{"1"});
+    EXPECT_EQ(CloudStore().numbers(), std::vector<guint64>{1});
 }
 
 TEST_F(Cloud, ARestoreSucceedsOnlyWhole)
@@ -349,8 +349,7 @@ TEST_F(Cloud, AnUnfinishedExchangeIsReported)
     orvanta_cloud_backup_record_set_sending_keys_and_dates_cb(on_keys_and_dates, nullptr);
     ASSERT_EQ(orvanta_cloud_backup_record_set_completed_cb(on_completed, nullptr), 0);
     EXPECT_EQ(orvanta_cloud_deinitialize(), 0);
-    EXPECT_NE(read_report(state_root() / "last-exchange.json").reason.find("ended before"),
-              std::string::npos);
+    EXPECT_NE(read_report(state_root() / LAST_REPORT).reason.find("ended before"), std::string::npos);
     EXPECT_NE(orvanta_cloud_backup_record_set_preparation_cb(on_prepare_backup, nullptr), 0);
 }
 

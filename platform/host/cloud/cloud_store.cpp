@@ -8,6 +8,7 @@
 
 #include <gio/gfiledescriptorbased.h>
 
+#include "file_lock.h"
 #include "record_file.h"
 #include "state.h"
 
@@ -15,6 +16,8 @@ static constexpr char BACKUP_PREFIX[] = "backup-";
 static constexpr char BACKUP_SUFFIX[] = ".json";
 /// A backup while it is being written.
 static constexpr char PARTIAL_NAME[] = ".partial";
+/// Locked while a backup is added: several state roots may share a store.
+static constexpr char LOCK_NAME[] = ".lock";
 
 static std::string file_name(guint64 number)
 {
@@ -54,7 +57,7 @@ static Result checked(Result result, GError *&error, const char *action, const F
         return result;
     g_autofree gchar *name = g_file_get_parse_name(file.get());
     g_autoptr(GError) owned = error;
-    throw HostError(std::string("can't ") + action + " " + name + ": " + owned->message);
+    throw StateError(std::string("can't ") + action + " " + name + ": " + owned->message);
 }
 
 CloudStore::CloudStore()
@@ -66,7 +69,7 @@ CloudStore::CloudStore()
         folder.reset(g_file_new_for_path((state_root() / "cloud").c_str()));
 }
 
-static std::vector<guint64> list_numbers(const File &folder)
+std::vector<guint64> CloudStore::numbers() const
 {
     std::vector<guint64> numbers;
     GError *error = nullptr;
@@ -88,33 +91,22 @@ static std::vector<guint64> list_numbers(const File &folder)
     return numbers;
 }
 
-std::vector<std::string> CloudStore::ids() const
+guint64 CloudStore::find(const std::string &text) const
 {
-    std::vector<std::string> ids;
-    for (const guint64 number : list_numbers(folder))
-        ids.push_back(std::to_string(number));
-    return ids;
-}
-
-std::string CloudStore::find(const std::string &id) const
-{
-    const std::vector<guint64> numbers = list_numbers(folder);
-    if (numbers.empty())
+    const std::vector<guint64> known = numbers();
+    if (known.empty())
         throw HostError("there is no backup yet; \"ime-backupctl backup\" makes one");
-    if (id.empty())
-        return std::to_string(numbers.back());
-    const auto number = parse_number(id);
-    if (!number || !std::binary_search(numbers.begin(), numbers.end(), *number))
-        throw HostError("there is no backup " + id + "; \"ime-backupctl list\" shows those there are");
-    return std::to_string(*number);
+    if (text.empty())
+        return known.back();
+    const auto number = parse_number(text);
+    if (!number || !std::binary_search(known.begin(), known.end(), *number))
+        throw HostError("there is no backup " + text + "; \"ime-backupctl list\" shows those there are");
+    return *number;
 }
 
-std::string CloudStore::read(const std::string &id) const
+std::string CloudStore::read(guint64 number) const
 {
-    const auto number = parse_number(id);
-    if (!number)
-        throw HostError("there is no backup " + id);
-    return read_record_file(child(folder, file_name(*number)).get());
+    return read_record_file(child(folder, file_name(number)).get());
 }
 
 /// Writes a new file, down to the disk where the folder is on one.
@@ -147,10 +139,13 @@ static void sync_folder(const File &folder)
     close(descriptor);
 }
 
-std::string CloudStore::add(const std::string &content)
+guint64 CloudStore::add(const std::string &content)
 {
-    if (const char *path = g_file_peek_path(folder.get()); path != nullptr)
+    std::optional<FileLock> lock;
+    if (const char *path = g_file_peek_path(folder.get()); path != nullptr) {
         make_private_folder(path);
+        lock.emplace(std::filesystem::path(path) / LOCK_NAME).acquire();
+    }
 
     // One that a killed process left behind.
     const File partial = child(folder, PARTIAL_NAME);
@@ -158,15 +153,15 @@ std::string CloudStore::add(const std::string &content)
 
     try {
         write_durably(partial, content);
-        const std::vector<guint64> numbers = list_numbers(folder);
-        const guint64 number = numbers.empty() ? 1 : numbers.back() + 1;
+        const std::vector<guint64> known = numbers();
+        const guint64 number = known.empty() ? 1 : known.back() + 1;
         const File backup = child(folder, file_name(number));
         GError *error = nullptr;
         checked(g_file_move(partial.get(), backup.get(), G_FILE_COPY_NO_FALLBACK_FOR_MOVE, nullptr, nullptr,
                             nullptr, &error),
                 error, "make", backup);
         sync_folder(folder);
-        return std::to_string(number);
+        return number;
     } catch (const HostError &) {
         g_file_delete(partial.get(), nullptr, nullptr);
         throw;

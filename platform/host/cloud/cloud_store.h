@@ -13,8 +13,8 @@ struct ObjectUnref {
 using File = std::unique_ptr<GFile, ObjectUnref>;
 
 /// The host's cloud: a folder of backups. Each is a record file that is never changed, under a number of its
-/// own. Only one process at a time may add backups.
-/// Every function throws HostError when the folder can't be read or written.
+/// own.
+/// Every function throws StateError when the folder can't be read or written.
 class CloudStore
 {
 public:
@@ -22,20 +22,20 @@ public:
     CloudStore();
 
     /// The numbers of the backups, newest last.
-    std::vector<std::string> ids() const;
+    std::vector<guint64> numbers() const;
 
-    /// The backup with this number, or the newest when it is empty.
+    /// The number that a person wrote, or that of the newest backup when it is empty.
     ///
-    /// @throws HostError also when there is none
-    std::string find(const std::string &id) const;
+    /// @throws HostError also when there is no such backup
+    guint64 find(const std::string &text) const;
 
     /// The backup's content, as it was added.
-    std::string read(const std::string &id) const;
+    std::string read(guint64 number) const;
 
     /// Adds a backup, whole or not at all, and durably.
     ///
     /// @return its number
-    std::string add(const std::string &content);
+    guint64 add(const std::string &content);
 
 private:
     File folder;

@@ -2,6 +2,8 @@
 // that the service registered.
 
 #include <deque>
+#include <functional>
+#include <utility>
 
 #include <glib.h>
 
@@ -30,6 +32,17 @@ struct Callbacks {
     orvanta_cloud_completed_cb completed = nullptr;
 };
 
+/// What an exchange waits for while the service's callback runs.
+enum class Answer {
+    none,
+    backup_ready,
+    keys_and_dates,
+    backup_path,
+    restore_ready,
+    restoration_path,
+    record_list
+};
+
 /// One exchange, and what the service has answered in it so far.
 struct Exchange {
     using Step = void (*)(Exchange &);
@@ -39,6 +52,7 @@ struct Exchange {
     std::vector<Step> steps;
     size_t next = 0;
 
+    Answer awaited = Answer::none;
     bool ready = false;
     std::optional<CloudRecords> records; ///< announced by a backup, or handed back by a restore
     std::optional<std::string> path;     ///< device path of the backup or restoration file
@@ -54,6 +68,7 @@ struct Library {
     Callbacks backup; ///< sets that are being registered
     Callbacks restore;
     std::deque<Exchange> exchanges; ///< the first is under way
+    std::vector<std::function<void()>> completions;
     guint loop_source = 0;
     /// Exchanges share their files, so one state root sees one at a time.
     std::optional<FileLock> lock;
@@ -65,20 +80,27 @@ Library &library()
     return instance;
 }
 
-// What the steps have in common.
-
-void prepare(Exchange &exchange)
+/// Calls a callback that is to send an answer before it returns.
+template <class... Args>
+void ask(Exchange &exchange, Answer answer, void (*callback)(Args...), Args... args)
 {
-    exchange.callbacks.preparation();
-    if (!exchange.ready)
-        throw HostError("the service is not ready");
+    exchange.awaited = answer;
+    callback(args...);
+    exchange.awaited = Answer::none;
 }
 
 // Backup.
 
+void prepare_backup(Exchange &exchange)
+{
+    ask(exchange, Answer::backup_ready, exchange.callbacks.preparation);
+    if (!exchange.ready)
+        throw HostError("the service is not ready");
+}
+
 void ask_for_keys_and_dates(Exchange &exchange)
 {
-    exchange.callbacks.keys_and_dates();
+    ask(exchange, Answer::keys_and_dates, exchange.callbacks.keys_and_dates);
     if (!exchange.records || exchange.records->empty())
         throw HostError("the service announced no records");
     exchange.report.records = *exchange.records;
@@ -86,7 +108,7 @@ void ask_for_keys_and_dates(Exchange &exchange)
 
 void have_records_filled(Exchange &exchange)
 {
-    exchange.callbacks.backup(make_list(*exchange.records));
+    ask(exchange, Answer::backup_path, exchange.callbacks.backup, make_list(*exchange.records));
     if (!exchange.path)
         throw HostError("the service had nothing to back up");
     // Else a file of an earlier backup would pass for this one's.
@@ -117,9 +139,16 @@ void upload(Exchange &exchange)
 
 // Restore.
 
+void prepare_restore(Exchange &exchange)
+{
+    ask(exchange, Answer::restore_ready, exchange.callbacks.preparation);
+    if (!exchange.ready)
+        throw HostError("the service is not ready");
+}
+
 void ask_for_restoration_path(Exchange &exchange)
 {
-    exchange.callbacks.restoration_path();
+    ask(exchange, Answer::restoration_path, exchange.callbacks.restoration_path);
     if (!exchange.path)
         throw HostError("the service named no restoration path");
 }
@@ -128,22 +157,24 @@ void download(Exchange &exchange)
 {
     const CloudStore store;
     const char *wanted = g_getenv(RESTORE_VARIABLE);
-    exchange.report.backup = store.find(wanted == nullptr ? "" : wanted);
+    const guint64 number = store.find(wanted == nullptr ? "" : wanted);
+    exchange.report.backup = number;
     try {
-        const std::string content = store.read(exchange.report.backup);
+        const std::string content = store.read(number);
         exchange.restored_count = decode_record_file(content).size();
         exchange.source.file = host_path(*exchange.path);
         write_private_file(exchange.source.file, content);
     } catch (const HostError &error) {
-        throw HostError("backup " + exchange.report.backup + " is refused: " + error.what());
+        throw HostError("backup " + std::to_string(number) + " is refused: " + error.what());
     }
 }
 
 void have_records_restored(Exchange &exchange)
 {
-    exchange.callbacks.restoration(&exchange.source);
+    ask(exchange, Answer::record_list, exchange.callbacks.restoration, &exchange.source);
     if (!exchange.records)
-        throw HostError("the service could not read the records of backup " + exchange.report.backup);
+        throw HostError("the service could not read the records of backup " +
+                        std::to_string(exchange.report.backup));
     exchange.report.records = *exchange.records;
 
     if (exchange.records->size() != exchange.restored_count)
@@ -156,10 +187,10 @@ void have_records_restored(Exchange &exchange)
         throw HostError("not restored: record " + failed);
 }
 
-const std::vector<Exchange::Step> BACKUP_STEPS = {prepare, ask_for_keys_and_dates, have_records_filled,
+const std::vector<Exchange::Step> BACKUP_STEPS = {prepare_backup, ask_for_keys_and_dates, have_records_filled,
                                                   upload};
-const std::vector<Exchange::Step> INFO_STEPS = {prepare, ask_for_keys_and_dates};
-const std::vector<Exchange::Step> RESTORE_STEPS = {prepare, ask_for_restoration_path, download,
+const std::vector<Exchange::Step> INFO_STEPS = {prepare_backup, ask_for_keys_and_dates};
+const std::vector<Exchange::Step> RESTORE_STEPS = {prepare_restore, ask_for_restoration_path, download,
                                                    have_records_restored};
 
 // The driver.
@@ -175,15 +206,22 @@ void save_report(const Exchange &exchange)
 
 void start_first_exchange();
 
+/// Ends the first exchange. A service ends itself once it is told that an exchange is completed, so it is
+/// told of none while another waits.
 void complete_first_exchange()
 {
     const Exchange exchange = std::move(library().exchanges.front());
     library().exchanges.pop_front();
-    save_report(exchange);
     library().lock.reset();
-    exchange.callbacks.completed(exchange.report.succeeded ? 1 : 0);
-    if (!library().exchanges.empty())
+    save_report(exchange);
+    library().completions.emplace_back([completed = exchange.callbacks.completed,
+                                        result = exchange.report.succeeded ? 1 : 0] { completed(result); });
+    if (!library().exchanges.empty()) {
         start_first_exchange();
+        return;
+    }
+    for (const auto &complete : std::exchange(library().completions, {}))
+        complete();
 }
 
 void fail(Exchange &exchange, const std::string &reason)
@@ -242,14 +280,6 @@ int enqueue(const char *operation, const Callbacks &callbacks, const std::vector
     return ORVANTA_CLOUD_ERROR_NONE;
 }
 
-/// The exchange that an answer belongs to: the one under way, if it is of the kind that calls `asked`.
-template <class Callback>
-Exchange *waiting_exchange(Callback Callbacks::*asked)
-{
-    auto &exchanges = library().exchanges;
-    return exchanges.empty() || exchanges.front().callbacks.*asked == nullptr ? nullptr : &exchanges.front();
-}
-
 template <class Callback>
 int set_callback(Callbacks &callbacks, Callback Callbacks::*member, Callback callback)
 {
@@ -261,20 +291,25 @@ int set_callback(Callbacks &callbacks, Callback Callbacks::*member, Callback cal
     return ORVANTA_CLOUD_ERROR_NONE;
 }
 
-template <class Callback>
-int answer_ready(Callback Callbacks::*asked, int ready)
+/// The exchange that waits for this answer, if there is one.
+Exchange *waiting_exchange(Answer answer)
 {
-    Exchange *exchange = waiting_exchange(asked);
+    auto &exchanges = library().exchanges;
+    return exchanges.empty() || exchanges.front().awaited != answer ? nullptr : &exchanges.front();
+}
+
+int answer_ready(Answer answer, int ready)
+{
+    Exchange *exchange = waiting_exchange(answer);
     if (exchange == nullptr)
         return ORVANTA_CLOUD_ERROR_INVALID_STATE;
     exchange->ready = ready != 0;
     return ORVANTA_CLOUD_ERROR_NONE;
 }
 
-template <class Callback>
-int answer_list(Callback Callbacks::*asked, orvanta_cloud_list_handle list, int flag)
+int answer_list(Answer answer, orvanta_cloud_list_handle list, int flag)
 {
-    Exchange *exchange = waiting_exchange(asked);
+    Exchange *exchange = waiting_exchange(answer);
     if (exchange == nullptr)
         return ORVANTA_CLOUD_ERROR_INVALID_STATE;
     exchange->records.reset();
@@ -284,10 +319,9 @@ int answer_list(Callback Callbacks::*asked, orvanta_cloud_list_handle list, int 
     return exchange->records ? ORVANTA_CLOUD_ERROR_NONE : ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
 }
 
-template <class Callback>
-int answer_path(Callback Callbacks::*asked, const char *path, int flag)
+int answer_path(Answer answer, const char *path, int flag)
 {
-    Exchange *exchange = waiting_exchange(asked);
+    Exchange *exchange = waiting_exchange(answer);
     if (exchange == nullptr)
         return ORVANTA_CLOUD_ERROR_INVALID_STATE;
     exchange->path.reset();
@@ -383,32 +417,32 @@ int orvanta_cloud_restore_record_set_completed_cb(orvanta_cloud_completed_cb cal
 
 int orvanta_cloud_backup_record_send_preparation_completed_response(int ready)
 {
-    return answer_ready(&Callbacks::keys_and_dates, ready);
+    return answer_ready(Answer::backup_ready, ready);
 }
 
 int orvanta_cloud_backup_record_send_keys_and_dates(orvanta_cloud_list_handle list, int flag)
 {
-    return answer_list(&Callbacks::keys_and_dates, list, flag);
+    return answer_list(Answer::keys_and_dates, list, flag);
 }
 
 int orvanta_cloud_backup_record_send_backup_path(const char *path, int flag)
 {
-    return answer_path(&Callbacks::backup, path, flag);
+    return answer_path(Answer::backup_path, path, flag);
 }
 
 int orvanta_cloud_restore_record_send_preparation_completed_response(int ready)
 {
-    return answer_ready(&Callbacks::restoration, ready);
+    return answer_ready(Answer::restore_ready, ready);
 }
 
 int orvanta_cloud_restore_record_send_restoration_path(const char *path, int flag)
 {
-    return answer_path(&Callbacks::restoration_path, path, flag);
+    return answer_path(Answer::restoration_path, path, flag);
 }
 
 int orvanta_cloud_restore_record_send_record_list(orvanta_cloud_list_handle list, int flag)
 {
-    return answer_list(&Callbacks::restoration, list, flag);
+    return answer_list(Answer::record_list, list, flag);
 }
 
 int orvanta_cloud_file_create_file(orvanta_cloud_list_handle list, const char *path)
@@ -416,7 +450,7 @@ int orvanta_cloud_file_create_file(orvanta_cloud_list_handle list, const char *p
     const std::optional<CloudRecords> records = copy_records(list);
     if (!records || path == nullptr)
         return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
-    Exchange *exchange = waiting_exchange(&Callbacks::backup);
+    Exchange *exchange = waiting_exchange(Answer::backup_path);
     try {
         const std::string content = encode_record_file(*records);
         write_private_file(host_path(path), content);
@@ -434,7 +468,7 @@ int orvanta_cloud_file_create_file(orvanta_cloud_list_handle list, const char *p
 
 int orvanta_cloud_file_create_record_list(orvanta_cloud_source_handle source, orvanta_cloud_list_handle *list)
 {
-    const Exchange *exchange = waiting_exchange(&Callbacks::restoration);
+    const Exchange *exchange = waiting_exchange(Answer::record_list);
     if (exchange == nullptr || source != &exchange->source || list == nullptr)
         return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
     std::string content;

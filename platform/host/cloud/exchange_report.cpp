@@ -7,8 +7,7 @@
 static std::filesystem::path report_file()
 {
     const char *file = g_getenv(REPORT_VARIABLE);
-    return file != nullptr && *file != '\0' ? std::filesystem::path(file)
-                                            : state_root() / "last-exchange.json";
+    return file != nullptr && *file != '\0' ? std::filesystem::path(file) : state_root() / LAST_REPORT;
 }
 
 void write_report(const ExchangeReport &report)
@@ -24,7 +23,8 @@ void write_report(const ExchangeReport &report)
     json_builder_set_member_name(builder, "succeeded");
     json_builder_add_boolean_value(builder, report.succeeded);
     add("reason", report.reason);
-    add("backup", report.backup);
+    json_builder_set_member_name(builder, "backup");
+    json_builder_add_int_value(builder, static_cast<gint64>(report.backup));
     json_builder_set_member_name(builder, "records");
     json_builder_begin_array(builder);
     for (const CloudRecord &record : report.records) {
@@ -61,7 +61,7 @@ ExchangeReport read_report(const std::filesystem::path &file)
     report.operation = text(members, "operation");
     report.succeeded = json_object_get_boolean_member_with_default(members, "succeeded", FALSE) != FALSE;
     report.reason = text(members, "reason");
-    report.backup = text(members, "backup");
+    report.backup = static_cast<guint64>(json_object_get_int_member_with_default(members, "backup", 0));
     JsonArray *records = json_object_get_array_member(members, "records");
     for (guint i = 0; i < json_array_get_length(records); i++) {
         JsonObject *record = json_array_get_object_element(records, i);

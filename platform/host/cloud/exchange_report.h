@@ -10,13 +10,14 @@ struct ExchangeReport {
     std::string operation; ///< "backup", "restore" or "info"
     bool succeeded = false;
     std::string reason;   ///< of a failure, for a person
-    std::string backup;   ///< number of the backup that was made or restored
+    guint64 backup = 0;   ///< number of the backup that was made or restored, if there is one
     CloudRecords records; ///< without their values
 };
 
-/// Names the file that the report of an exchange goes to, else it goes to last-exchange.json below the state
-/// root.
+/// Names the file that the report of an exchange goes to, else it goes to #LAST_REPORT below the state root.
 inline constexpr char REPORT_VARIABLE[] = "IME_BACKUP_EXCHANGE_REPORT";
+
+inline constexpr char LAST_REPORT[] = "last-exchange.json";
 
 /// Names the backup that a restore takes, else it takes the newest.
 inline constexpr char RESTORE_VARIABLE[] = "IME_BACKUP_RESTORE";
