@@ -11,7 +11,7 @@ static int run(int argc, char **argv)
     app.require_subcommand(0, 1);
     app.fallthrough();
     app.set_version_flag("--version", IME_BACKUP_VERSION);
-    app.footer("Exit status: 0 done, 1 the exchange failed, 2 wrong usage, 3 the platform isn't there.\n");
+    app.footer("Exit status: 0 done, 1 failed, 2 wrong usage, 3 the platform isn't there.\n");
 
     ServiceOptions options;
     options.program = default_service_program();

@@ -102,6 +102,7 @@ int orvanta_cloud_list_destroy(orvanta_cloud_list_handle list);
 /** Appends a record, which from then on belongs to the list. */
 int orvanta_cloud_list_add(orvanta_cloud_list_handle list, orvanta_cloud_record_handle record);
 int orvanta_cloud_list_get_record_count(orvanta_cloud_list_handle list, int *count);
+/** A list's cursor starts on its first record. */
 int orvanta_cloud_list_move_to_first(orvanta_cloud_list_handle list);
 int orvanta_cloud_list_move_to_next(orvanta_cloud_list_handle list);
 /** The record under the cursor; it stays the list's. */

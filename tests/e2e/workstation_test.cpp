@@ -2,15 +2,18 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstring>
+#include <memory>
+#include <set>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include "exchange_report.h"
 #include "file_lock.h"
 #include "host.h"
 #include "ime_backup_service.h"
-#include "record_file.h"
 
 namespace fs = std::filesystem;
 using Arguments = std::vector<std::string>;
@@ -59,6 +62,14 @@ protected:
         extra.insert(environment.begin(), environment.end());
         arguments.insert(arguments.begin(), CTL);
         return Process(arguments, extra).wait();
+    }
+
+    /// Starts the service without ime-backupctl, and without a bus.
+    std::unique_ptr<Process> start_by_hand(const std::string &operation) const
+    {
+        auto variables = environment;
+        variables["DBUS_SESSION_BUS_ADDRESS"] = "disabled:";
+        return std::make_unique<Process>(Arguments{SERVICE_PROGRAM, operation}, variables);
     }
 
     std::string settings() const { return ctl({"settings"}).output; }
@@ -220,6 +231,23 @@ TEST_F(Workstation, SaysWhatIsWrong)
     EXPECT_EQ(ctl({"restore", "--help"}).status, 0);
 }
 
+TEST_F(Workstation, KeepsItsStateWhereItIsTold)
+{
+    const fs::path store = root.path / "a store";
+    seed();
+    EXPECT_EQ(ctl({"backup"}, {{"IME_BACKUP_CLOUD_STORE", store}}).status, 0);
+    EXPECT_EQ(
+        ctl({"list"}, {{"IME_BACKUP_CLOUD_STORE", "file://" + (root.path / "a%20store").string()}}).output,
+        ctl({"list"}, {{"IME_BACKUP_CLOUD_STORE", store}}).output);
+    EXPECT_TRUE(fs::exists(store / "backup-000001.json"));
+    EXPECT_EQ(ctl({"list"}).output, "");
+
+    EXPECT_EQ(ctl({"info"}, {{"IME_BACKUP_HOST_DIR", ""}, {"XDG_STATE_HOME", root.path / "xdg"}}).status, 0);
+    EXPECT_TRUE(fs::exists(root.path / "xdg/ime-backup" / EXCHANGE_LOCK));
+    EXPECT_EQ(ctl({"info"}, {{"IME_BACKUP_HOST_DIR", ""}}).status, 0);
+    EXPECT_TRUE(fs::exists(root.path / ".local/state/ime-backup" / EXCHANGE_LOCK));
+}
+
 TEST_F(Workstation, NeedsItsPlatform)
 {
     seed();
@@ -239,7 +267,8 @@ TEST_F(Workstation, NeedsItsPlatform)
         EXPECT_EQ(outcome.status, 3);
         EXPECT_NE(outcome.errors.find(broken / "settings.db"), std::string::npos) << outcome.errors;
     }
-    EXPECT_EQ(ctl({"info"}, {{"IME_BACKUP_HOST_DIR", blocked}}).status, 3);
+    for (const char *command : {"info", "restore", "list", "show"})
+        EXPECT_EQ(ctl({command}, {{"IME_BACKUP_HOST_DIR", blocked}}).status, 3) << command;
     EXPECT_EQ(read_file(broken / "settings.db"), garbage);
 
     scim.reset();
@@ -249,9 +278,7 @@ TEST_F(Workstation, NeedsItsPlatform)
         EXPECT_NE(outcome.errors.find("scim-launcher -d -c simple -e none -f socket"), std::string::npos);
     }
     // Nor does a service that is started by hand make settings up.
-    auto by_hand = environment;
-    by_hand["DBUS_SESSION_BUS_ADDRESS"] = "disabled:";
-    const Outcome outcome = Process({SERVICE_PROGRAM, OPERATION_BACKUP}, by_hand).wait();
+    const Outcome outcome = start_by_hand(OPERATION_BACKUP)->wait();
     EXPECT_NE(outcome.errors.find("Failed to create Config instance"), std::string::npos) << outcome.errors;
     EXPECT_EQ(ctl({"list"}).output.find("backup 2"), std::string::npos);
 }
@@ -261,9 +288,7 @@ TEST_F(Workstation, ABrokenStoreIsReportedOnceByTheLibrary)
     seed();
     write_file(state / "settings.db", std::string(4096, 'x'));
     fs::remove(state / "settings.db-wal");
-    auto by_hand = environment;
-    by_hand["DBUS_SESSION_BUS_ADDRESS"] = "disabled:";
-    const std::string errors = Process({SERVICE_PROGRAM, OPERATION_BACKUP}, by_hand).wait().errors;
+    const std::string errors = start_by_hand(OPERATION_BACKUP)->wait().errors;
     const size_t first = errors.find("libvconf: ");
     EXPECT_NE(first, std::string::npos) << errors;
     EXPECT_EQ(errors.find("libvconf: ", first + 1), std::string::npos) << errors;
@@ -287,14 +312,19 @@ TEST_F(Workstation, BackupsAtOnceAreAllMade)
 TEST_F(Workstation, AKilledBackupIsNoBackup)
 {
     seed();
-    auto by_hand = environment;
-    by_hand["DBUS_SESSION_BUS_ADDRESS"] = "disabled:";
-    for (useconds_t round = 0; round < 20; round++) {
-        Process service({SERVICE_PROGRAM, OPERATION_BACKUP}, by_hand);
-        usleep(1000 * round);
-        service.send(SIGKILL);
-        service.wait();
-        EXPECT_EQ(ctl({"list"}).output.find("unusable"), std::string::npos);
+    const auto now = [] { return std::chrono::steady_clock::now(); };
+    const auto begin = now();
+    start_by_hand(OPERATION_BACKUP)->wait();
+    const auto duration = std::chrono::duration_cast<std::chrono::microseconds>(now() - begin);
+
+    constexpr int rounds = 30;
+    for (int round = 0; round < rounds; round++) {
+        const auto service = start_by_hand(OPERATION_BACKUP);
+        usleep(static_cast<useconds_t>(duration.count() * round / rounds));
+        service->send(SIGKILL);
+        service->wait();
+        const std::string backups = ctl({"list"}).output;
+        EXPECT_EQ(backups.find("unusable"), std::string::npos) << backups;
     }
     EXPECT_EQ(ctl({"backup"}).status, 0);
 }
@@ -331,7 +361,11 @@ TEST_F(Workstation, NoServiceIsLeftWaiting)
     write_file(stubborn, "#!/bin/sh\ntrap '' TERM\necho $$ > " + pid_file.string() +
                              "\nwhile :; do sleep 0.05; done\n");
     fs::permissions(stubborn, fs::perms::owner_all);
-    const auto is_gone = [&] { return kill(std::stoi(read_file(pid_file)), 0) != 0; };
+    const auto is_gone = [&] {
+        const std::string status =
+            read_file("/proc/" + std::to_string(std::stoi(read_file(pid_file))) + "/stat");
+        return status.empty() || status.find(") Z ") != std::string::npos;
+    };
 
     const Outcome outcome = ctl({"--timeout", "0.3", "--service", stubborn, "info"});
     EXPECT_EQ(outcome.status, 1);
@@ -397,6 +431,21 @@ TEST_F(OnABus, ASecondLaunchIsARequestToTheFirst)
     EXPECT_NE(ctl({"list"}).output.find("backup 2"), std::string::npos);
 }
 
+TEST_F(OnABus, RequestsAtOnceAreAllServed)
+{
+    seed();
+    Process first({SERVICE_PROGRAM}, with_bus());
+    ASSERT_TRUE(eventually([this] { return service_is_on_bus(); }));
+    {
+        FileLock others_turn(state / EXCHANGE_LOCK);
+        others_turn.acquire();
+        for (int i = 0; i < 2; i++)
+            EXPECT_EQ(Process({SERVICE_PROGRAM, OPERATION_BACKUP}, with_bus()).wait().status, 0);
+    }
+    EXPECT_EQ(first.wait().status, 0);
+    EXPECT_NE(ctl({"list"}).output.find("backup 2"), std::string::npos);
+}
+
 TEST_F(OnABus, ASignalEndsTheServiceInOrder)
 {
     for (const int signal : {SIGTERM, SIGINT}) {
@@ -407,13 +456,13 @@ TEST_F(OnABus, ASignalEndsTheServiceInOrder)
     }
 
     // Closed in order, the library tells of the exchange that it gives up: one that waits for its turn.
-    FileLock others_turn(state / "exchange.lock");
+    FileLock others_turn(state / EXCHANGE_LOCK);
     others_turn.acquire();
     Process service({SERVICE_PROGRAM, OPERATION_BACKUP}, with_bus());
     ASSERT_TRUE(eventually([this] { return service_is_on_bus(); }));
     service.send(SIGTERM);
     EXPECT_EQ(service.wait().status, 0);
-    EXPECT_NE(read_file(state / "last-exchange.json").find("ended before"), std::string::npos);
+    EXPECT_NE(read_file(state / LAST_REPORT).find("ended before"), std::string::npos);
 }
 
 } // namespace

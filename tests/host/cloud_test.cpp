@@ -2,10 +2,8 @@
 
 #include "orvanta_cloud.h"
 
-#include <fcntl.h>
 #include <functional>
 #include <set>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -37,7 +35,11 @@ std::string refusal(const std::function<void()> &action)
 class Cloud : public testing::Test
 {
 protected:
-    Cloud() { setenv("IME_BACKUP_HOST_DIR", root.path.c_str(), 1); }
+    Cloud()
+    {
+        setenv("IME_BACKUP_HOST_DIR", root.path.c_str(), 1);
+        unsetenv("IME_BACKUP_CLOUD_STORE");
+    }
     ~Cloud() override
     {
         unsetenv(RESTORE_VARIABLE);
@@ -75,6 +77,8 @@ TEST_F(Cloud, RefusesBadHandles)
         EXPECT_NE(orvanta_cloud_record_set_fail(bad_record), 0);
     }
     EXPECT_NE(orvanta_cloud_list_create(nullptr), 0);
+    ASSERT_EQ(orvanta_cloud_record_create(&record), 0);
+    EXPECT_NE(orvanta_cloud_record_set_value(record, "\xff"), 0) << "no text";
     EXPECT_NE(orvanta_cloud_backup_record_send_keys_and_dates(nullptr, 1), 0) << "nothing asks for an answer";
 }
 
@@ -149,11 +153,15 @@ GMainLoop *loop;
 struct Service {
     int ready = 1;
     bool send_keys = true;
+    const char *key = "0"; ///< that a filled record has
+    bool add_record = false;
+    bool tamper = false; ///< with the file that was written
     std::optional<std::string> value = "settings";
     std::string written_path = "/data/backup.dat";
     std::string sent_path = "/data/backup.dat";
     std::set<std::string> unappliable; ///< values
     bool hand_back = true;
+    bool hand_back_all = true;
 
     std::vector<std::string> called;
     int result = -1;
@@ -188,8 +196,13 @@ void on_backup(orvanta_cloud_list_handle list)
     EXPECT_EQ(orvanta_cloud_list_get_current_record(list, &record), 0);
     if (service.value)
         orvanta_cloud_record_set_value(record, service.value->c_str());
+    orvanta_cloud_record_set_key(record, service.key);
+    if (service.add_record && orvanta_cloud_record_create(&record) == 0)
+        orvanta_cloud_list_add(list, record);
     if (!service.written_path.empty())
         orvanta_cloud_file_create_file(list, service.written_path.c_str());
+    if (service.tamper)
+        write_file(host_path(service.written_path), encode_record_file(TWO_RECORDS));
     if (service.sent_path.empty())
         orvanta_cloud_backup_record_send_backup_path(nullptr, 0);
     else
@@ -230,6 +243,10 @@ void on_restoration(orvanta_cloud_source_handle source)
             orvanta_cloud_record_set_fail(record);
         g_free(value);
     } while (orvanta_cloud_list_move_to_next(list) == 0);
+    if (!service.hand_back_all) {
+        orvanta_cloud_list_destroy(list);
+        orvanta_cloud_list_create(&list);
+    }
     orvanta_cloud_restore_record_send_record_list(service.hand_back ? list : nullptr, service.hand_back);
     orvanta_cloud_list_destroy(list);
 }
@@ -285,6 +302,9 @@ TEST_F(Cloud, ABackupSucceedsOnlyWhole)
     } cases[] = {
         {"not ready", [](Service &s) { s.ready = 0; }},
         {"announced no records", [](Service &s) { s.send_keys = false; }},
+        {"record \"9\" that was not announced", [](Service &s) { s.key = "9"; }},
+        {"other records than were announced", [](Service &s) { s.add_record = true; }},
+        {"not what was written", [](Service &s) { s.tamper = true; }},
         {"nothing to back up", [](Service &s) { s.sent_path = ""; }},
         {"has no value", [](Service &s) { s.value.reset(); }},
         {"wrote no backup file", [](Service &s) { s.written_path = ""; }},
@@ -322,14 +342,17 @@ TEST_F(Cloud, ARestoreSucceedsOnlyWhole)
 
     with = {};
     with.hand_back = false;
-    EXPECT_NE(run_exchange(true, with).reason, "");
+    EXPECT_NE(run_exchange(true, with).reason.find("could not read the records"), std::string::npos);
+    with = {};
+    with.hand_back_all = false;
+    EXPECT_NE(run_exchange(true, with).reason.find("did not hand back all"), std::string::npos);
 }
 
 TEST_F(Cloud, AnExchangeWaitsForAnother)
 {
     // The lock belongs to an open file: a second one in this process stands for another process's.
     static std::optional<FileLock> other;
-    other.emplace(state_root() / "exchange.lock");
+    other.emplace(state_root() / EXCHANGE_LOCK);
     ASSERT_TRUE(other->try_acquire());
     g_timeout_add(
         100,

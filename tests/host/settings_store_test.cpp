@@ -202,4 +202,12 @@ TEST(SettingsStore, RefusesWhatIsNoStoreAndLeavesItAlone)
     }
 }
 
+TEST(SettingsStore, RefusesALaterVersion)
+{
+    const TempDir root;
+    SQLite::Database(root.path / "settings.db", SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE)
+        .exec("PRAGMA user_version = 2");
+    EXPECT_EQ(wait_for(start(root, [] { return SettingsStore().get("a").has_value(); })), 2);
+}
+
 } // namespace

@@ -45,6 +45,8 @@ Process::Process(const std::vector<std::string> &arguments,
 
     g_autoptr(GSubprocessLauncher) launcher = g_subprocess_launcher_new(
         static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_PIPE));
+    for (const char *name : {"IME_BACKUP_CLOUD_STORE", "IME_BACKUP_SERVICE", "XDG_STATE_HOME"})
+        g_subprocess_launcher_unsetenv(launcher, name);
     for (const auto &[name, value] : environment)
         g_subprocess_launcher_setenv(launcher, name.c_str(), value.c_str(), TRUE);
     GError *error = nullptr;

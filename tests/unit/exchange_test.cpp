@@ -161,7 +161,10 @@ TEST_P(Exchange, GoesWell)
     Trace trace;
     for (const Line &line : expected)
         trace.push_back(line.text);
-    EXPECT_EQ(join(make_platform().run()), join(trace));
+    ScriptedPlatform platform = make_platform();
+    EXPECT_EQ(join(platform.run()), join(trace));
+    EXPECT_EQ(platform.log_lines.size(), platform.only({"4 ", "6 "}).size())
+        << "each message has a line of its own";
 }
 
 TEST_P(Exchange, EachCallFailsInTurn)

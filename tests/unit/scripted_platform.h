@@ -27,8 +27,7 @@ struct ScriptedPlatform {
         {"db/ise/engine/lpm/downloaded_with_handwriting_lang", "ko_KR#"},
     };
     std::map<std::string, int> config;
-    bool node_without_text = false; ///< key lists are read, but hold no string
-    std::string translated;         ///< what the message catalogue has for every text, if it has anything
+    std::string translated; ///< what the message catalogue has for every text, if it has anything
 
     // What goes wrong: the call with this number, counted from 1 over those that can fail.
     int failing_call = 0;
@@ -41,6 +40,7 @@ struct ScriptedPlatform {
     Trace trace;
     int calls = 0;
     std::string failed_call;
+    std::set<std::string> log_lines; ///< where in the source the log lines come from
     bool exited = false;
     int live_handles = 0; ///< lists, key lists, replies and configurations that were not released
 

@@ -70,7 +70,6 @@ struct Library {
     std::deque<Exchange> exchanges; ///< the first is under way
     std::vector<std::function<void()>> completions;
     guint loop_source = 0;
-    /// Exchanges share their files, so one state root sees one at a time.
     std::optional<FileLock> lock;
 };
 
@@ -264,7 +263,7 @@ gboolean try_to_start(void *)
 
 void start_first_exchange()
 {
-    library().lock.emplace(state_root() / "exchange.lock");
+    library().lock.emplace(state_root() / EXCHANGE_LOCK);
     if (try_to_start(nullptr) == G_SOURCE_CONTINUE)
         library().loop_source = g_timeout_add(LOCK_RETRY_MS, try_to_start, nullptr);
 }

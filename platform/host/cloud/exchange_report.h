@@ -19,6 +19,9 @@ inline constexpr char REPORT_VARIABLE[] = "IME_BACKUP_EXCHANGE_REPORT";
 
 inline constexpr char LAST_REPORT[] = "last-exchange.json";
 
+/// Below the state root: exchanges share their files, so one process at a time holds this lock.
+inline constexpr char EXCHANGE_LOCK[] = "exchange.lock";
+
 /// Names the backup that a restore takes, else it takes the newest.
 inline constexpr char RESTORE_VARIABLE[] = "IME_BACKUP_RESTORE";
 

@@ -2,7 +2,6 @@
 
 #include "records.h"
 
-#include <algorithm>
 #include <memory>
 #include <unordered_map>
 

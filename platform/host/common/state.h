@@ -23,7 +23,7 @@ std::filesystem::path state_root();
 /// @throws HostError when the path is not absolute or leads out of the root
 std::filesystem::path host_path(const std::string &device_path);
 
-/// Makes a folder that only its owner can enter, and the folders above it.
+/// Makes a folder, and those above it that are missing; only their owner can enter what is made.
 ///
 /// @throws StateError when it can't be made or nothing can be written in it
 void make_private_folder(const std::filesystem::path &folder);

@@ -1,6 +1,7 @@
 #include "settings_store.h"
 
 #include <fcntl.h>
+#include <filesystem>
 #include <unistd.h>
 
 #include <SQLiteCpp/Statement.h>
