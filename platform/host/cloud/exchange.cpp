@@ -211,8 +211,8 @@ void complete_first_exchange()
 {
     const Exchange exchange = std::move(library().exchanges.front());
     library().exchanges.pop_front();
-    library().lock.reset();
     save_report(exchange);
+    library().lock.reset();
     library().completions.emplace_back([completed = exchange.callbacks.completed,
                                         result = exchange.report.succeeded ? 1 : 0] { completed(result); });
     if (!library().exchanges.empty()) {
