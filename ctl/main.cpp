@@ -1,5 +1,8 @@
 // ime-backupctl: makes, shows and restores backups of the keyboard's settings on a workstation.
 
+#include <cerrno>
+#include <cstring>
+
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
@@ -58,6 +61,8 @@ static int run(int argc, char **argv)
         fprintf(stderr, "%s", app.help().c_str());
         return EXIT_USAGE;
     }
+    if (fflush(stdout) != 0)
+        throw HostError(std::string("can't write to standard output: ") + strerror(errno));
     return status;
 }
 

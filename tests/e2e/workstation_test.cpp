@@ -227,6 +227,9 @@ TEST_F(Workstation, SaysWhatIsWrong)
         EXPECT_NE(outcome.errors.find(test.message), std::string::npos) << outcome.errors;
     }
     EXPECT_EQ(read_file(state / "service.log"), "") << "the service was launched";
+    const Outcome full = Process({"sh", "-c", CTL " settings > /dev/full"}, environment).wait();
+    EXPECT_EQ(full.status, 1);
+    EXPECT_NE(full.errors.find("standard output"), std::string::npos) << full.errors;
     EXPECT_EQ(ctl({"--help"}).status, 0);
     EXPECT_EQ(ctl({"restore", "--help"}).status, 0);
 }
