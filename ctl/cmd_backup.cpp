@@ -23,6 +23,8 @@ int cmd_backup(const ServiceOptions &options)
     const ExchangeReport report = run_exchange(options, OPERATION_BACKUP);
     if (!report.succeeded)
         return EXIT_FAILED;
+    require_daemon_still("backup " + std::to_string(report.backup) +
+                         " may hold defaults in place of settings");
     printf("%s\n", format_backup(report.backup).c_str());
     return EXIT_DONE;
 }

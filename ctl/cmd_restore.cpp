@@ -16,6 +16,7 @@ int cmd_restore(const ServiceOptions &options, const std::string &id)
         printf("record %s  %s\n", record.key->c_str(), record.failed ? "failed" : "restored");
     if (!report.succeeded)
         return EXIT_FAILED;
+    require_daemon_still("some settings may not be restored");
     printf("backup %s  restored\n", backup.c_str());
     return EXIT_DONE;
 }

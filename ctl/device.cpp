@@ -26,7 +26,16 @@ Device::Device() : config(open_config()) {}
 
 void require_device()
 {
-    const Device device;
+    Device().store.require_writable();
+}
+
+void require_daemon_still(const std::string &consequence)
+{
+    try {
+        open_config();
+    } catch (const PlatformError &error) {
+        throw PlatformError(error.what() + std::string("\nIt was lost on the way: ") + consequence);
+    }
 }
 
 static bool parse_boolean(const std::string &text)
@@ -57,9 +66,10 @@ static std::optional<std::string> get_keyboard(Device &, const char *)
 
 static void set_keyboard(Device &, const char *, const std::string &text)
 {
-    if (text.empty())
-        throw UsageError("a keyboard's identifier can't be empty");
-    if (isf_control_set_active_ime(text.c_str()) != 0)
+    const int result = isf_control_set_active_ime(text.c_str());
+    if (result == ISF_CONTROL_INVALID_IDENTIFIER)
+        throw UsageError("\"" + text + "\" can't be a keyboard's identifier");
+    if (result != 0)
         throw PlatformError("the SCIM daemon refused the keyboard");
 }
 

@@ -20,8 +20,13 @@ public:
     scim::ConfigPointer config;
 };
 
-/// @throws StateError or PlatformError when the device isn't there
+/// @throws StateError or PlatformError when the device isn't there, or can't be changed
 void require_device();
+
+/// SCIM answers with defaults, and drops what it is told, when its daemon ends in the middle of an exchange.
+///
+/// @throws PlatformError with this consequence when the daemon is gone
+void require_daemon_still(const std::string &consequence);
 
 /// One setting of the device, with its value as a person writes it.
 struct Setting {

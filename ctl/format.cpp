@@ -11,12 +11,9 @@ std::string format_date(const std::string &date)
     gint64 milliseconds = 0;
     if (g_ascii_string_to_signed(date.c_str(), 10, 0, G_MAXINT64, &milliseconds, nullptr) == FALSE)
         return date;
-    g_autoptr(GDateTime) utc = g_date_time_new_from_unix_utc(milliseconds / 1000);
-    if (utc == nullptr)
-        return date;
-    g_autoptr(GDateTime) local = g_date_time_to_local(utc);
-    g_autofree gchar *text = g_date_time_format(local, "%F %T");
-    return text;
+    g_autoptr(GDateTime) local = g_date_time_new_from_unix_local(milliseconds / 1000);
+    g_autofree gchar *text = local == nullptr ? nullptr : g_date_time_format(local, "%F %T");
+    return text == nullptr ? date : text;
 }
 
 std::string format_backup(guint64 number)

@@ -16,13 +16,22 @@ static int run(int argc, char **argv)
     app.set_version_flag("--version", IME_BACKUP_VERSION);
     app.footer("Exit status: 0 done, 1 failed, 2 wrong usage, 3 the platform isn't there.\n");
 
+    const auto not_empty = [](const std::string &text) -> std::string {
+        return text.empty() ? "it is empty" : "";
+    };
+
     ServiceOptions options;
     options.program = default_service_program();
     app.add_flag("-v,--verbose", options.verbose, "Show the service's log as it runs");
     app.add_option("--timeout", options.timeout_seconds, "Seconds to wait for the service")
         ->check(CLI::Range(0.1, 86'400.0))
+        ->check([](const std::string &text) -> std::string {
+            return text.find("nan") == std::string::npos ? "" : "not a number";
+        })
         ->capture_default_str();
-    app.add_option("--service", options.program, "The service's program")->envname("IME_BACKUP_SERVICE");
+    app.add_option("--service", options.program, "The service's program")
+        ->envname("IME_BACKUP_SERVICE")
+        ->check(not_empty);
 
     int status = EXIT_DONE;
     std::string id;
@@ -31,14 +40,14 @@ static int run(int argc, char **argv)
 
     app.add_subcommand("backup", "Make a backup")->callback([&] { status = cmd_backup(options); });
     auto *restore = app.add_subcommand("restore", "Restore the newest backup, or the one named");
-    restore->add_option("ID", id, "The backup's number");
+    restore->add_option("ID", id, "The backup's number")->check(not_empty);
     restore->callback([&] { status = cmd_restore(options, id); });
     app.add_subcommand("info", "Show the keys and dates of what a backup would hold")->callback([&] {
         status = cmd_info(options);
     });
     app.add_subcommand("list", "List the backups, newest last")->callback([&] { status = cmd_list(); });
     auto *show = app.add_subcommand("show", "Show the snapshot in the newest backup, or in the one named");
-    show->add_option("ID", id, "The backup's number");
+    show->add_option("ID", id, "The backup's number")->check(not_empty);
     show->callback([&] { status = cmd_show(id); });
 
     auto *settings = app.add_subcommand("settings", "Show the settings as they are now, or change one");

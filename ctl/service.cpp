@@ -72,7 +72,16 @@ private:
 struct ReportFile {
     const fs::path path = state_root() / ("exchange-" + std::to_string(getpid()) + ".json");
 
-    ReportFile() { fs::remove(path); }
+    ReportFile()
+    {
+        // Those of processes that were killed, and of an earlier one with this number.
+        for (const auto &entry : fs::directory_iterator(state_root())) {
+            int pid = 0;
+            if (sscanf(entry.path().filename().c_str(), "exchange-%d.json", &pid) == 1 &&
+                (pid == getpid() || (kill(pid, 0) != 0 && errno == ESRCH)))
+                fs::remove(entry.path());
+        }
+    }
     ReportFile(const ReportFile &) = delete;
     ReportFile &operator=(const ReportFile &) = delete;
     ~ReportFile()
@@ -172,7 +181,7 @@ std::string describe_end(GSubprocess *service)
     if (g_subprocess_get_if_signaled(service) != FALSE)
         return std::string("the service was ended by a signal (") +
                g_strsignal(g_subprocess_get_term_sig(service)) + ")";
-    return "the service ended without an exchange (exit status " +
+    return "the service left no report of an exchange (exit status " +
            std::to_string(g_subprocess_get_exit_status(service)) + ")";
 }
 

@@ -7,6 +7,9 @@
 extern "C" {
 #endif
 
+/** No input method can have this identifier. */
+#define ISF_CONTROL_INVALID_IDENTIFIER (-2)
+
 /**
  * Asks for the active input method.
  *
@@ -19,7 +22,7 @@ int isf_control_get_active_ime(char **identifier);
  * Makes an input method the active one.
  *
  * @param identifier  its identifier, as isf_control_get_active_ime() reports it
- * @return 0, or a negative value on failure
+ * @return 0, #ISF_CONTROL_INVALID_IDENTIFIER, or another negative value on failure
  */
 int isf_control_set_active_ime(const char *identifier);
 

@@ -51,7 +51,7 @@ typedef void (*orvanta_cloud_completed_cb)(int result);
 
 /** Opens the library; may be called again. */
 int orvanta_cloud_initialize(void);
-/** Closes the library and gives up what is still under way. */
+/** Closes the library and gives up what is still under way; not from a callback that sends an answer. */
 int orvanta_cloud_deinitialize(void);
 
 /**

@@ -70,6 +70,11 @@ TEST_F(Vconf, KeepsTypesApart)
     EXPECT_EQ(vconf_set_bool("types/text", 0), 0);
     EXPECT_EQ(get_string("types/text"), "(null)") << "a set replaces the type too";
     EXPECT_EQ(vconf_set_bool("", 0), -1);
+
+    vconf_keylist_handle list = vconf_keylist_new();
+    EXPECT_LT(vconf_keylist_add_str(list, "types/text", "\xff"), 0);
+    EXPECT_EQ(vconf_keylist_free(list), 0);
+    EXPECT_LT(vconf_keylist_free(list), 0) << "a list is released once";
 }
 
 TEST_F(Vconf, ListsAKeyOrADirectory)

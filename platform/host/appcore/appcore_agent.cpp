@@ -23,9 +23,17 @@ struct ServiceApp {
     bool created = false;
 };
 
+static gboolean on_termination_signal(void *)
+{
+    service_app_exit();
+    return G_SOURCE_CONTINUE;
+}
+
 static void on_startup(GApplication *application, ServiceApp *app)
 {
     app->primary = true;
+    g_unix_signal_add(SIGTERM, on_termination_signal, nullptr);
+    g_unix_signal_add(SIGINT, on_termination_signal, nullptr);
     app->created = app->callbacks.create(app->user_data);
     if (app->created)
         g_application_hold(application);
@@ -57,12 +65,6 @@ static void on_shutdown(GApplication *, ServiceApp *app)
         app->callbacks.terminate(app->user_data);
 }
 
-static gboolean on_termination_signal(void *)
-{
-    service_app_exit();
-    return G_SOURCE_CONTINUE;
-}
-
 int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, void *user_data)
 {
     ServiceApp app{*callbacks, user_data};
@@ -72,11 +74,7 @@ int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, vo
     g_signal_connect(application, "command-line", G_CALLBACK(on_command_line), &app);
     g_signal_connect(application, "shutdown", G_CALLBACK(on_shutdown), &app);
 
-    const guint on_term = g_unix_signal_add(SIGTERM, on_termination_signal, nullptr);
-    const guint on_int = g_unix_signal_add(SIGINT, on_termination_signal, nullptr);
     const int status = g_application_run(application, argc, argv);
-    g_source_remove(on_term);
-    g_source_remove(on_int);
 
     return app.primary ? app.status : status;
 }

@@ -41,7 +41,8 @@ static std::optional<guint64> number_of(const std::string &name)
         return std::nullopt;
     const size_t prefix = sizeof BACKUP_PREFIX - 1;
     const size_t suffix = sizeof BACKUP_SUFFIX - 1;
-    return parse_number(name.substr(prefix, name.size() - prefix - suffix));
+    const auto number = parse_number(name.substr(prefix, name.size() - prefix - suffix));
+    return number && file_name(*number) == name ? number : std::nullopt;
 }
 
 static File child(const File &folder, const std::string &name)

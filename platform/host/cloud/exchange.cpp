@@ -158,14 +158,15 @@ void download(Exchange &exchange)
     const char *wanted = g_getenv(RESTORE_VARIABLE);
     const guint64 number = store.find(wanted == nullptr ? "" : wanted);
     exchange.report.backup = number;
+    std::string content;
     try {
-        const std::string content = store.read(number);
+        content = store.read(number);
         exchange.restored_count = decode_record_file(content).size();
-        exchange.source.file = host_path(*exchange.path);
-        write_private_file(exchange.source.file, content);
     } catch (const HostError &error) {
         throw HostError("backup " + std::to_string(number) + " is refused: " + error.what());
     }
+    exchange.source.file = host_path(*exchange.path);
+    write_private_file(exchange.source.file, content);
 }
 
 void have_records_restored(Exchange &exchange)
@@ -342,7 +343,9 @@ int orvanta_cloud_initialize(void)
 
 int orvanta_cloud_deinitialize(void)
 {
-    if (!library().initialized)
+    const auto &exchanges = library().exchanges;
+    const bool in_callback = !exchanges.empty() && exchanges.front().awaited != Answer::none;
+    if (!library().initialized || in_callback)
         return ORVANTA_CLOUD_ERROR_INVALID_STATE;
     if (library().loop_source != 0)
         g_source_remove(library().loop_source);

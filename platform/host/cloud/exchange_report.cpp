@@ -7,7 +7,7 @@
 static std::filesystem::path report_file()
 {
     const char *file = g_getenv(REPORT_VARIABLE);
-    return file != nullptr && *file != '\0' ? std::filesystem::path(file) : state_root() / LAST_REPORT;
+    return file != nullptr && *file != '\0' ? absolute_path(file) : state_root() / LAST_REPORT;
 }
 
 void write_report(const ExchangeReport &report)

@@ -8,8 +8,8 @@
 
 static constexpr char FORMAT[] = "ime-backup-records";
 static constexpr int VERSION = 1;
-/// Of any version.
-static constexpr int MAX_DEPTH = 32;
+/// More than any snapshot's, and less than a parser's stack can bear.
+static constexpr int MAX_DEPTH = 1000;
 
 using Text = std::unique_ptr<gchar, decltype(&g_free)>;
 
@@ -49,10 +49,17 @@ std::string encode_record_file(const CloudRecords &records)
     return Text(json_to_string(root, FALSE), g_free).get();
 }
 
-static std::optional<std::string> read_text(JsonObject *element, const char *name)
+static JsonNode *value_node(JsonObject *object, const char *name, GType type)
 {
-    const char *text = json_object_get_string_member_with_default(element, name, nullptr);
-    return text == nullptr ? std::nullopt : std::optional<std::string>(text);
+    JsonNode *node = json_object_get_member(object, name);
+    return node != nullptr && JSON_NODE_HOLDS_VALUE(node) && json_node_get_value_type(node) == type ? node
+                                                                                                    : nullptr;
+}
+
+static std::optional<std::string> read_text(JsonObject *object, const char *name)
+{
+    JsonNode *node = value_node(object, name, G_TYPE_STRING);
+    return node == nullptr ? std::nullopt : std::optional<std::string>(json_node_get_string(node));
 }
 
 /// The document's members, once it is known to be a record file of this version.
@@ -60,31 +67,28 @@ static JsonObject *check_head(JsonNode *root)
 {
     JsonObject *members =
         root != nullptr && JSON_NODE_HOLDS_OBJECT(root) ? json_node_get_object(root) : nullptr;
-    if (members == nullptr ||
-        g_strcmp0(json_object_get_string_member_with_default(members, "format", nullptr), FORMAT) != 0)
+    if (members == nullptr || read_text(members, "format") != FORMAT)
         throw HostError("it is no record file");
-    const gint64 version = json_object_get_int_member_with_default(members, "version", 0);
+    JsonNode *node = value_node(members, "version", G_TYPE_INT64);
+    const gint64 version = node == nullptr ? 0 : json_node_get_int(node);
     if (version > VERSION)
         throw HostError("it was written by a later version of the backup service (format version " +
                         std::to_string(version) + ", this one reads up to " + std::to_string(VERSION) + ")");
     return members;
 }
 
-/// JSON-GLib's parser calls itself for each level and would run out of stack on a file made for that.
+/// JSON-GLib's parser calls itself for each level, and runs out of stack on a text made for that. This counts
+/// the brackets in strings, too: the records' values will be parsed in their turn.
 static bool is_nested_too_deeply(const std::string &content)
 {
     int depth = 0;
-    bool in_string = false;
-    for (size_t i = 0; i < content.size(); i++) {
-        const char character = content[i];
-        if (in_string && character == '\\')
-            i++;
-        else if (character == '"')
-            in_string = !in_string;
-        else if (!in_string && (character == '[' || character == '{') && ++depth > MAX_DEPTH)
-            return true;
-        else if (!in_string && (character == ']' || character == '}'))
+    for (const char character : content) {
+        if (character == '[' || character == '{')
+            depth++;
+        else if (depth > 0 && (character == ']' || character == '}'))
             depth--;
+        if (depth > MAX_DEPTH)
+            return true;
     }
     return false;
 }
@@ -124,9 +128,12 @@ std::string read_record_file(GFile *file)
 {
     g_autoptr(GError) error = nullptr;
     g_autoptr(GFileInfo) info =
-        g_file_query_info(file, G_FILE_ATTRIBUTE_STANDARD_SIZE, G_FILE_QUERY_INFO_NONE, nullptr, &error);
+        g_file_query_info(file, G_FILE_ATTRIBUTE_STANDARD_TYPE "," G_FILE_ATTRIBUTE_STANDARD_SIZE,
+                          G_FILE_QUERY_INFO_NONE, nullptr, &error);
     if (info == nullptr)
         throw HostError(error->message);
+    if (g_file_info_get_file_type(info) != G_FILE_TYPE_REGULAR)
+        throw HostError("it is no file");
     if (g_file_info_get_size(info) > static_cast<goffset>(MAX_RECORD_FILE_SIZE))
         throw HostError("it is larger than any record file (" + std::to_string(g_file_info_get_size(info)) +
                         " bytes)");

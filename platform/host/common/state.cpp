@@ -11,11 +11,20 @@ namespace fs = std::filesystem;
 static constexpr int PRIVATE_FOLDER = 0700;
 static constexpr int PRIVATE_FILE = 0600;
 
+fs::path absolute_path(const fs::path &path)
+{
+    std::error_code error;
+    const fs::path absolute = fs::absolute(path, error);
+    if (error)
+        throw StateError("can't tell where " + path.string() + " is: " + error.message());
+    return absolute;
+}
+
 fs::path state_root()
 {
     const char *root = g_getenv("IME_BACKUP_HOST_DIR");
     if (root != nullptr && *root != '\0')
-        return fs::absolute(root);
+        return absolute_path(root);
     return fs::path(g_get_user_state_dir()) / "ime-backup";
 }
 

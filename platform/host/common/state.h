@@ -14,6 +14,9 @@ struct StateError : HostError {
     using HostError::HostError;
 };
 
+/// @throws StateError when a relative path has no folder to start from
+std::filesystem::path absolute_path(const std::filesystem::path &path);
+
 /// The folder that holds all of the host platform's state: $IME_BACKUP_HOST_DIR, else ime-backup below the
 /// user's state folder.
 std::filesystem::path state_root();

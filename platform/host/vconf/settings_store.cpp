@@ -108,6 +108,14 @@ Settings SettingsStore::below(const std::string &key) const
     });
 }
 
+void SettingsStore::require_writable()
+{
+    with_clear_errors([this] {
+        // Waits for other writers as a set does; rolled back at the end.
+        const SQLite::Transaction probe(database, SQLite::TransactionBehavior::IMMEDIATE);
+    });
+}
+
 void SettingsStore::set(const Settings &settings)
 {
     with_clear_errors([&] {

@@ -26,6 +26,9 @@ public:
     /// The key itself, if it has a value, and all keys below it.
     Settings below(const std::string &key) const;
 
+    /// Throws when nothing can be stored.
+    void require_writable();
+
     /// Stores values durably, all or none, whatever their keys held before.
     void set(const Settings &settings);
 
