@@ -110,10 +110,11 @@ Settings SettingsStore::below(const std::string &key) const
 
 void SettingsStore::require_writable()
 {
-    with_clear_errors([this] {
-        // Waits for other writers as a set does; rolled back at the end.
-        const SQLite::Transaction probe(database, SQLite::TransactionBehavior::IMMEDIATE);
-    });
+    if (sqlite3_db_readonly(database.getHandle(), "main") != 0)
+        throw StateError("the settings store " + store_file().string() + " can't be written");
+    // Waits for another writer as a set does; rolled back at the end.
+    with_clear_errors(
+        [this] { const SQLite::Transaction probe(database, SQLite::TransactionBehavior::IMMEDIATE); });
 }
 
 void SettingsStore::set(const Settings &settings)
