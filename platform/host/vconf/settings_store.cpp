@@ -49,9 +49,10 @@ static void prepare(SQLite::Database &database)
     const auto version = [&] { return database.execAndGet("PRAGMA user_version").getInt(); };
 
     database.exec("PRAGMA synchronous = FULL");
-    if (version() > SCHEMA_VERSION)
+    const int found = version();
+    if (found > SCHEMA_VERSION)
         throw StateError("the settings store " + store_file().string() + " was made by a later version");
-    if (version() == SCHEMA_VERSION)
+    if (found == SCHEMA_VERSION)
         return;
 
     // SQLite does not wait for another process that changes the journal mode at the same time.
