@@ -4,16 +4,15 @@
 #include "device.h"
 #include "errors.h"
 #include "format.h"
-#include "ime_backup_service.h"
-#include "settings.h"
+#include "ime_backup_operations.h"
 
 static void require_active_keyboard()
 {
     Device device;
-    if (!find_setting(MEMBER_DEFAULT_KEYBOARD).value(device))
+    if (!find_setting("default_keyboard").value(device))
         throw PlatformError(
             std::string("no input method is active; choose one with: ime-backupctl settings set ") +
-            MEMBER_DEFAULT_KEYBOARD + " IDENTIFIER");
+            "default_keyboard IDENTIFIER");
 }
 
 int cmd_backup(const ServiceOptions &options)

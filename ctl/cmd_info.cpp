@@ -3,7 +3,7 @@
 #include "commands.h"
 #include "errors.h"
 #include "format.h"
-#include "ime_backup_service.h"
+#include "ime_backup_operations.h"
 
 int cmd_info(const ServiceOptions &options)
 {

@@ -4,7 +4,7 @@
 #include "commands.h"
 #include "device.h"
 #include "errors.h"
-#include "ime_backup_service.h"
+#include "ime_backup_operations.h"
 
 int cmd_restore(const ServiceOptions &options, const std::string &id)
 {

@@ -6,12 +6,12 @@
 #include <glib.h>
 
 #include "errors.h"
+#include "ime_backup_settings.h"
 #include "isf_control.h"
-#include "settings.h"
 
 static scim::ConfigPointer open_config()
 {
-    const scim::ConfigModule module(CONFIG_MODULE);
+    const scim::ConfigModule module("socket");
     if (!module.valid())
         throw PlatformError("SCIM has no \"socket\" configuration module; install it with: "
                             "apt-get install scim-modules-socket");
@@ -139,29 +139,42 @@ static void set_config(Device &device, const char *key, const std::string &text)
 static constexpr char STORE[] = "settings store";
 static constexpr char CONFIG[] = "input-method configuration";
 
+static Setting make_setting(const SettingRow &row)
+{
+    const bool stored = row.place == SettingPlace::settings_store;
+    switch (row.form) {
+    case SettingForm::identifier:
+        break;
+    case SettingForm::languages:
+        return {row.member, STORE, row.key, get_languages, set_languages};
+    case SettingForm::boolean_switch:
+        if (stored)
+            return {row.member, STORE, row.key, get_stored_boolean, set_stored_boolean};
+        return {row.member, CONFIG, row.key, get_config<bool>, set_config<bool>};
+    case SettingForm::integer_switch:
+        return {row.member, CONFIG, row.key, get_config<int>, set_config<int>};
+    }
+    return {row.member, "input-method control", "active input method", get_keyboard, set_keyboard};
+}
+
+template <class Rows>
+static std::vector<Setting> make_settings(const Rows &rows)
+{
+    std::vector<Setting> settings;
+    for (const SettingRow &row : rows)
+        settings.push_back(make_setting(row));
+    return settings;
+}
+
 const std::vector<Setting> &snapshot_settings()
 {
-    static const std::vector<Setting> settings = {
-        {MEMBER_DEFAULT_KEYBOARD, "input-method control", "active input method", get_keyboard, set_keyboard},
-        {MEMBER_SELECTED_LANG, STORE, VCONFKEY_ISE_LPM_SELECTED_LANG, get_languages, set_languages},
-        {MEMBER_HANDWRITING, STORE, VCONFKEY_ISE_HANDWRITING_VAL, get_stored_boolean, set_stored_boolean},
-        {MEMBER_PREDICTION, STORE, VCONFKEY_ISE_PREDICTION_VAL, get_stored_boolean, set_stored_boolean},
-        {MEMBER_AUTO_SPACE, CONFIG, CONFIG_AUTO_SPACING, get_config<int>, set_config<int>},
-        {MEMBER_AUTO_CAPITALIZE, CONFIG, CONFIG_AUTO_CAPITALIZATION, get_config<int>, set_config<int>},
-        {MEMBER_AUTO_PUNCTUATION, CONFIG, CONFIG_AUTO_PUNCTUATE, get_config<bool>, set_config<bool>},
-        {MEMBER_KEY_TAP_SOUND, CONFIG, CONFIG_KEY_SOUNDS, get_config<int>, set_config<int>},
-        {MEMBER_KEY_TAP_VIB, CONFIG, CONFIG_KEY_VIBRATION, get_config<int>, set_config<int>},
-    };
+    static const std::vector<Setting> settings = make_settings(SETTINGS);
     return settings;
 }
 
 static const std::vector<Setting> &other_settings()
 {
-    static const std::vector<Setting> settings = {
-        {"downloaded_lang", STORE, VCONFKEY_ISE_LPM_DOWNLOADED_LANG, get_languages, set_languages},
-        {"downloaded_with_handwriting_lang", STORE, VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG,
-         get_languages, set_languages},
-    };
+    static const std::vector<Setting> settings = make_settings(DOWNLOADED_LISTS);
     return settings;
 }
 

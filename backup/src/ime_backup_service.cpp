@@ -6,6 +6,7 @@
 #include <glib.h>
 
 #include "appcore_agent.h"
+#include "ime_backup_operations.h"
 #include "ime_backup_service_json_parser.h"
 #include "ime_backup_service_json_writer.h"
 #include "log.h"
@@ -88,10 +89,10 @@ static int register_callbacks(cloud_operation_e operation, const char *caller)
 {
     switch (operation) {
     case ORVANTA_CLOUD_OPERATION_BACKUP:
-        LOG_INFO_AS(caller, "==== ORVANTA_CLOUD_OPERATION_BACKUP ====");
+        LOG_INFO("==== ORVANTA_CLOUD_OPERATION_BACKUP ====");
         return register_backup_callbacks(caller);
     case ORVANTA_CLOUD_OPERATION_RESTORE:
-        LOG_INFO_AS(caller, "==== ORVANTA_CLOUD_OPERATION_RESTORE ====");
+        LOG_INFO("==== ORVANTA_CLOUD_OPERATION_RESTORE ====");
         return register_restore_callbacks(caller);
     case ORVANTA_CLOUD_OPERATION_GET_BACKUP_INFO:
         return register_backup_info_callbacks();
@@ -105,32 +106,27 @@ static int register_callbacks(cloud_operation_e operation, const char *caller)
 
 static int register_backup_callbacks(const char *caller)
 {
-    int error =
-        CLOUD_CALL_AS(caller, orvanta_cloud_backup_record_set_preparation_cb, __backup_prepare_cb, nullptr);
+    int error = CLOUD_CALL(orvanta_cloud_backup_record_set_preparation_cb, __backup_prepare_cb, nullptr);
     if (error == 0)
-        error = CLOUD_CALL_AS(caller, orvanta_cloud_backup_record_set_sending_keys_and_dates_cb,
-                              __backup_get_keys_dates_cb, nullptr);
+        error = CLOUD_CALL(orvanta_cloud_backup_record_set_sending_keys_and_dates_cb,
+                           __backup_get_keys_dates_cb, nullptr);
     if (error == 0)
-        error = CLOUD_CALL_AS(caller, orvanta_cloud_backup_record_set_backup_cb, __backup_record_cb, nullptr);
+        error = CLOUD_CALL(orvanta_cloud_backup_record_set_backup_cb, __backup_record_cb, nullptr);
     if (error == 0)
-        error = CLOUD_CALL_AS(caller, orvanta_cloud_backup_record_set_completed_cb, __backup_completed_cb,
-                              nullptr);
+        error = CLOUD_CALL(orvanta_cloud_backup_record_set_completed_cb, __backup_completed_cb, nullptr);
     return error;
 }
 
 static int register_restore_callbacks(const char *caller)
 {
-    int error =
-        CLOUD_CALL_AS(caller, orvanta_cloud_restore_record_set_preparation_cb, __restore_prepare_cb, nullptr);
+    int error = CLOUD_CALL(orvanta_cloud_restore_record_set_preparation_cb, __restore_prepare_cb, nullptr);
     if (error == 0)
-        error = CLOUD_CALL_AS(caller, orvanta_cloud_restore_record_set_sending_restoration_path_cb,
-                              __restore_get_restore_path_cb, nullptr);
+        error = CLOUD_CALL(orvanta_cloud_restore_record_set_sending_restoration_path_cb,
+                           __restore_get_restore_path_cb, nullptr);
     if (error == 0)
-        error = CLOUD_CALL_AS(caller, orvanta_cloud_restore_record_set_restoration_cb, __restore_record_cb,
-                              nullptr);
+        error = CLOUD_CALL(orvanta_cloud_restore_record_set_restoration_cb, __restore_record_cb, nullptr);
     if (error == 0)
-        error = CLOUD_CALL_AS(caller, orvanta_cloud_restore_record_set_completed_cb, __restore_completed_cb,
-                              nullptr);
+        error = CLOUD_CALL(orvanta_cloud_restore_record_set_completed_cb, __restore_completed_cb, nullptr);
     return error;
 }
 
@@ -286,19 +282,19 @@ static void restore_record(orvanta_cloud_record_handle record, int index, const 
 {
     gchar *value = nullptr;
     if (orvanta_cloud_record_get_value(record, &value) != 0)
-        LOG_ERROR_AS(caller, "orvanta_cloud_record_get_value() failed.");
+        LOG_ERROR("orvanta_cloud_record_get_value() failed.");
 
     bool applied = false;
     if (value != nullptr) {
-        LOG_INFO_AS(caller, "value: [%s]", value);
+        LOG_INFO("value: [%s]", value);
         applied = _ime_restore_json_value(value);
     }
 
     if (applied) {
         set_key_and_date(record, index, caller);
     } else {
-        LOG_INFO_AS(caller, "orvanta_cloud_record_set_fail");
-        CLOUD_CALL_AS(caller, orvanta_cloud_record_set_fail, record);
+        LOG_INFO("orvanta_cloud_record_set_fail");
+        CLOUD_CALL(orvanta_cloud_record_set_fail, record);
     }
     g_free(value);
 }
@@ -306,9 +302,9 @@ static void restore_record(orvanta_cloud_record_handle record, int index, const 
 static void set_key_and_date(orvanta_cloud_record_handle record, int index, const char *caller)
 {
     gchar *key = g_strdup_printf("%d", index);
-    CLOUD_CALL_AS(caller, orvanta_cloud_record_set_key, record, key);
+    CLOUD_CALL(orvanta_cloud_record_set_key, record, key);
     gchar *date = g_strdup_printf("%llu", __get_current_time_ms());
-    CLOUD_CALL_AS(caller, orvanta_cloud_record_set_date, record, date);
+    CLOUD_CALL(orvanta_cloud_record_set_date, record, date);
     g_free(date);
     g_free(key);
 }

@@ -11,12 +11,6 @@ enum cloud_operation_e {
     ORVANTA_CLOUD_OPERATION_UNKNOWN,
 };
 
-/// The operations' identifiers in a request.
-inline constexpr char OPERATION_BACKUP[] = "http://orvanta.com/appcontrol/operation/orvanta_cloud/backup";
-inline constexpr char OPERATION_RESTORE[] = "http://orvanta.com/appcontrol/operation/orvanta_cloud/restore";
-inline constexpr char OPERATION_GET_BACKUP_INFO[] =
-    "http://orvanta.com/appcontrol/operation/orvanta_cloud/get_backup_info";
-
 bool __service_app_create_cb(void *user_data);
 void __service_app_control_cb(app_control_handle request, void *user_data);
 void __service_app_terminate_cb(void *user_data);

@@ -3,23 +3,18 @@
 #include <cstring>
 #include <libintl.h>
 #include <string>
+#include <string_view>
 
 #include <json-glib/json-glib.h>
 
+#include "ime_backup_settings.h"
 #include "isf_control.h"
 #include "log.h"
-#include "settings.h"
 #include "utility.h"
 #include "vconf.h"
 
 static JsonObject *get_object(JsonNode *node);
-static gboolean get_boolean(JsonObject *object, const char *name);
-static const char *get_string(JsonObject *object, const char *name);
-static JsonArray *get_array(JsonObject *object, const char *name);
-
-static void restore_keyboard(JsonObject *snapshot, const char *caller);
-static bool restore_languages(JsonArray *languages, const char *caller);
-static void restore_config_values(JsonObject *snapshot, const scim::ConfigPointer &config);
+static void restore_settings(JsonObject *snapshot, const scim::ConfigPointer &config, const char *caller);
 
 bool _ime_restore_json_value(const char *value)
 {
@@ -27,9 +22,12 @@ bool _ime_restore_json_value(const char *value)
         return false;
 
     // Opened before the snapshot is parsed: without it, even a well-formed one is rejected.
-    const scim::ConfigPointer config = open_input_method_config(HERE);
-    if (config.null())
+    const char *failure = nullptr;
+    const scim::ConfigPointer config = open_input_method_config(&failure);
+    if (config.null()) {
+        LOG_ERROR("%s", failure);
         return false;
+    }
 
     JsonParser *parser = json_parser_new();
     if (parser == nullptr)
@@ -43,30 +41,50 @@ bool _ime_restore_json_value(const char *value)
         g_object_unref(parser);
         return false;
     }
-    JsonObject *snapshot = get_object(root);
 
-    restore_keyboard(snapshot, __func__);
-
-    gboolean handwriting = get_boolean(snapshot, MEMBER_HANDWRITING);
-    JsonArray *languages = get_array(snapshot, MEMBER_SELECTED_LANG);
-    const bool handwriting_supported = restore_languages(languages, __func__);
-    if (handwriting == TRUE && !handwriting_supported)
-        handwriting = FALSE;
-
-    if (vconf_set_bool(VCONFKEY_ISE_HANDWRITING_VAL, handwriting) == -1)
-        LOG_ERROR("Failed to set VCONFKEY_ISE_HANDWRITING_VAL");
-    if (vconf_set_bool(VCONFKEY_ISE_PREDICTION_VAL, get_boolean(snapshot, MEMBER_PREDICTION)) == -1)
-        LOG_ERROR("Failed to set VCONFKEY_ISE_PREDICTION_VAL");
-    restore_config_values(snapshot, config);
+    restore_settings(get_object(root), config, __func__);
+    config->flush();
+    config->reload();
 
     json_node_free(root);
     g_object_unref(parser);
     return true;
 }
 
-static void restore_keyboard(JsonObject *snapshot, const char *caller)
+static bool get_boolean(JsonObject *object, const char *name);
+static const char *get_string(JsonObject *object, const char *name);
+static JsonArray *get_array(JsonObject *object, const char *name);
+
+static void restore_keyboard(const char *keyboard, const char *caller);
+static bool restore_languages(const char *key, JsonArray *languages, const char *caller);
+static void write_switch(const SettingRow &setting, bool on, const scim::ConfigPointer &config,
+                         const char *caller);
+
+static void restore_settings(JsonObject *snapshot, const scim::ConfigPointer &config, const char *caller)
 {
-    const char *keyboard = get_string(snapshot, MEMBER_DEFAULT_KEYBOARD);
+    bool handwriting_supported = false;
+    for (const SettingRow &setting : SETTINGS) {
+        switch (setting.form) {
+        case SettingForm::identifier:
+            restore_keyboard(get_string(snapshot, setting.member), caller);
+            break;
+        case SettingForm::languages:
+            handwriting_supported =
+                restore_languages(setting.key, get_array(snapshot, setting.member), caller);
+            break;
+        case SettingForm::boolean_switch:
+        case SettingForm::integer_switch:
+            bool on = get_boolean(snapshot, setting.member);
+            if (setting.member == std::string_view(MEMBER_HANDWRITING))
+                on = on && handwriting_supported; // the languages were restored before
+            write_switch(setting, on, config, caller);
+            break;
+        }
+    }
+}
+
+static void restore_keyboard(const char *keyboard, const char *caller)
+{
     if (keyboard == nullptr || *keyboard == '\0')
         return;
 
@@ -75,31 +93,24 @@ static void restore_keyboard(JsonObject *snapshot, const char *caller)
     if (current == nullptr || strcmp(keyboard, current) != 0)
         isf_control_set_active_ime(keyboard);
     else
-        LOG_INFO_AS(caller, "==== Keep current keyboard ====");
+        LOG_INFO("==== Keep current keyboard ====");
     g_free(current);
 }
+
+static const char *read_downloaded_list(const SettingRow &list, const char *caller);
 
 /// Selects those of the snapshot's languages that are downloaded on this device.
 ///
 /// @return whether one of them can be written by hand
-static bool restore_languages(JsonArray *languages, const char *caller)
+static bool restore_languages(const char *key, JsonArray *languages, const char *caller)
 {
-    const guint count = languages == nullptr ? 0 : json_array_get_length(languages);
-
-    // Neither text is freed.
-    const char *downloaded = vconf_get_str(VCONFKEY_ISE_LPM_DOWNLOADED_LANG);
-    if (downloaded == nullptr) {
-        LOG_ERROR_AS(caller, "Failed to read VCONFKEY_ISE_LPM_DOWNLOADED_LANG");
-        downloaded = "";
-    }
-    const char *with_handwriting = vconf_get_str(VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG);
-    if (with_handwriting == nullptr) {
-        LOG_ERROR_AS(caller, "Failed to read VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG");
-        with_handwriting = "";
-    }
+    const auto &[downloaded_row, with_handwriting_row] = DOWNLOADED_LISTS;
+    const char *downloaded = read_downloaded_list(downloaded_row, caller);
+    const char *with_handwriting = read_downloaded_list(with_handwriting_row, caller);
 
     std::string selection;
     bool handwriting_supported = false;
+    const guint count = languages == nullptr ? 0 : json_array_get_length(languages);
     for (guint i = 0; i < count; i++) {
         const char *language = get_string(get_object(json_array_get_element(languages, i)), MEMBER_LANG_ID);
         if (language == nullptr || strstr(downloaded, language) == nullptr)
@@ -110,38 +121,41 @@ static bool restore_languages(JsonArray *languages, const char *caller)
     }
 
     if (!selection.empty())
-        update_vconfkeys(gettext(VCONFKEY_ISE_LPM_SELECTED_LANG), selection.c_str());
+        update_vconfkeys(gettext(key), selection.c_str());
     return handwriting_supported;
 }
 
-static void restore_config_values(JsonObject *snapshot, const scim::ConfigPointer &config)
+/// The text is never freed. A list that can't be read is empty.
+static const char *read_downloaded_list(const SettingRow &list, const char *caller)
 {
-    const auto write_integer = [&](const char *member, const char *key) {
-        config->write(scim::String(key), static_cast<int>(get_boolean(snapshot, member)));
-    };
+    const char *text = vconf_get_str(list.key);
+    if (text == nullptr) {
+        LOG_ERROR("Failed to read %s", list.symbol);
+        return "";
+    }
+    return text;
+}
 
-    write_integer(MEMBER_AUTO_SPACE, CONFIG_AUTO_SPACING);
-    write_integer(MEMBER_AUTO_CAPITALIZE, CONFIG_AUTO_CAPITALIZATION);
-    // A gboolean is an int: without the comparison this would be an integer key like the others.
-    config->write(scim::String(CONFIG_AUTO_PUNCTUATE), get_boolean(snapshot, MEMBER_AUTO_PUNCTUATION) != 0);
-    write_integer(MEMBER_KEY_TAP_SOUND, CONFIG_KEY_SOUNDS);
-    write_integer(MEMBER_KEY_TAP_VIB, CONFIG_KEY_VIBRATION);
-
-    config->flush();
-    config->reload();
+static void write_switch(const SettingRow &setting, bool on, const scim::ConfigPointer &config,
+                         const char *caller)
+{
+    if (setting.place == SettingPlace::settings_store) {
+        if (vconf_set_bool(setting.key, on) == -1)
+            LOG_ERROR("Failed to set %s", setting.symbol);
+    } else if (setting.form == SettingForm::integer_switch) {
+        config->write(scim::String(setting.key), on ? 1 : 0);
+    } else {
+        config->write(scim::String(setting.key), on);
+    }
 }
 
 // Readers of members that may be missing or of another type, of an object that may be null: JSON-GLib's own
 // warn about both.
 
-static JsonNode *get_member(JsonObject *object, const char *name)
+static JsonNode *get_member(JsonObject *object, const char *name, JsonNodeType type)
 {
-    return object == nullptr ? nullptr : json_object_get_member(object, name);
-}
-
-static bool holds_value(JsonNode *node, GType type)
-{
-    return node != nullptr && JSON_NODE_HOLDS_VALUE(node) && json_node_get_value_type(node) == type;
+    JsonNode *node = object == nullptr ? nullptr : json_object_get_member(object, name);
+    return node != nullptr && json_node_get_node_type(node) == type ? node : nullptr;
 }
 
 static JsonObject *get_object(JsonNode *node)
@@ -149,20 +163,20 @@ static JsonObject *get_object(JsonNode *node)
     return JSON_NODE_HOLDS_OBJECT(node) ? json_node_get_object(node) : nullptr;
 }
 
-static gboolean get_boolean(JsonObject *object, const char *name)
+static bool get_boolean(JsonObject *object, const char *name)
 {
-    JsonNode *node = get_member(object, name);
-    return holds_value(node, G_TYPE_BOOLEAN) ? json_node_get_boolean(node) : FALSE;
+    JsonNode *node = get_member(object, name, JSON_NODE_VALUE);
+    return node != nullptr && json_node_get_value_type(node) == G_TYPE_BOOLEAN && json_node_get_boolean(node);
 }
 
 static const char *get_string(JsonObject *object, const char *name)
 {
-    JsonNode *node = get_member(object, name);
-    return holds_value(node, G_TYPE_STRING) ? json_node_get_string(node) : nullptr;
+    JsonNode *node = get_member(object, name, JSON_NODE_VALUE);
+    return node == nullptr ? nullptr : json_node_get_string(node);
 }
 
 static JsonArray *get_array(JsonObject *object, const char *name)
 {
-    JsonNode *node = get_member(object, name);
-    return node != nullptr && JSON_NODE_HOLDS_ARRAY(node) ? json_node_get_array(node) : nullptr;
+    JsonNode *node = get_member(object, name, JSON_NODE_ARRAY);
+    return node == nullptr ? nullptr : json_node_get_array(node);
 }

@@ -6,14 +6,15 @@
 
 #include <json-glib/json-glib.h>
 
+#include "ime_backup_settings.h"
 #include "isf_control.h"
 #include "log.h"
-#include "settings.h"
 #include "vconf.h"
 
-static JsonArray *make_language_array();
-static void add_settings_store_values(JsonObject *root, const char *caller);
-static void add_config_values(JsonObject *root, const scim::ConfigPointer &config);
+static constexpr char DEFAULT_SELECTED_LANG[] = "en_US#ko_KR#";
+
+static void add_setting(JsonObject *root, const SettingRow &setting, const char *keyboard,
+                        const scim::ConfigPointer &config, const char *caller);
 static gchar *generate_text(JsonObject *root, gsize *length);
 
 int _ime_backup_get_json_value(char **value, gsize *length)
@@ -23,9 +24,12 @@ int _ime_backup_get_json_value(char **value, gsize *length)
         return -1;
     }
 
-    const scim::ConfigPointer config = open_input_method_config(HERE);
-    if (config.null())
+    const char *failure = nullptr;
+    const scim::ConfigPointer config = open_input_method_config(&failure);
+    if (config.null()) {
+        LOG_ERROR("%s", failure);
         return -1;
+    }
 
     char *keyboard = nullptr;
     const int result = isf_control_get_active_ime(&keyboard);
@@ -36,13 +40,10 @@ int _ime_backup_get_json_value(char **value, gsize *length)
     }
     LOG_ERROR("get active ime: [%s]", keyboard);
 
-    // The members' order is part of the format.
     JsonObject *root = json_object_new();
-    json_object_set_string_member(root, MEMBER_DEFAULT_KEYBOARD, keyboard);
+    for (const SettingRow &setting : SETTINGS)
+        add_setting(root, setting, keyboard, config, __func__);
     g_free(keyboard);
-    json_object_set_array_member(root, MEMBER_SELECTED_LANG, make_language_array());
-    add_settings_store_values(root, __func__);
-    add_config_values(root, config);
 
     gsize text_length = 0;
     gchar *text = generate_text(root, &text_length);
@@ -58,15 +59,33 @@ int _ime_backup_get_json_value(char **value, gsize *length)
     return 0;
 }
 
+static JsonArray *make_language_array();
+static bool read_switch(const SettingRow &setting, const scim::ConfigPointer &config, const char *caller);
+
+static void add_setting(JsonObject *root, const SettingRow &setting, const char *keyboard,
+                        const scim::ConfigPointer &config, const char *caller)
+{
+    switch (setting.form) {
+    case SettingForm::identifier:
+        json_object_set_string_member(root, setting.member, keyboard);
+        break;
+    case SettingForm::languages:
+        json_object_set_array_member(root, setting.member, make_language_array());
+        break;
+    case SettingForm::boolean_switch:
+    case SettingForm::integer_switch:
+        json_object_set_boolean_member(root, setting.member, read_switch(setting, config, caller));
+        break;
+    }
+}
+
 static JsonArray *make_language_array()
 {
     JsonArray *array = json_array_new();
     for (const std::string &language : get_selected_lang_list()) {
         JsonObject *element = json_object_new();
         json_object_set_string_member(element, MEMBER_LANG_ID, language.c_str());
-        JsonNode *node = json_node_new(JSON_NODE_OBJECT);
-        json_node_take_object(node, element);
-        json_array_add_element(array, node);
+        json_array_add_object_element(array, element);
     }
     return array;
 }
@@ -91,31 +110,18 @@ LanguageList get_selected_lang_list()
     return languages;
 }
 
-static void add_settings_store_values(JsonObject *root, const char *caller)
+/// A switch that can't be read is on.
+static bool read_switch(const SettingRow &setting, const scim::ConfigPointer &config, const char *caller)
 {
-    int value = 1;
-    if (vconf_get_bool(VCONFKEY_ISE_HANDWRITING_VAL, &value) == -1)
-        LOG_ERROR_AS(caller, "Failed to get VCONFKEY_ISE_HANDWRITING_VAL");
-    json_object_set_boolean_member(root, MEMBER_HANDWRITING, value);
-
-    value = 1;
-    if (vconf_get_bool(VCONFKEY_ISE_PREDICTION_VAL, &value) == -1)
-        LOG_ERROR_AS(caller, "Failed to get VCONFKEY_ISE_PREDICTION_VAL");
-    json_object_set_boolean_member(root, MEMBER_PREDICTION, value);
-}
-
-static void add_config_values(JsonObject *root, const scim::ConfigPointer &config)
-{
-    const auto add_integer = [&](const char *member, const char *key) {
-        json_object_set_boolean_member(root, member, config->read(scim::String(key), 1) != 0);
-    };
-
-    add_integer(MEMBER_AUTO_SPACE, CONFIG_AUTO_SPACING);
-    add_integer(MEMBER_AUTO_CAPITALIZE, CONFIG_AUTO_CAPITALIZATION);
-    json_object_set_boolean_member(root, MEMBER_AUTO_PUNCTUATION,
-                                   config->read(scim::String(CONFIG_AUTO_PUNCTUATE), true));
-    add_integer(MEMBER_KEY_TAP_SOUND, CONFIG_KEY_SOUNDS);
-    add_integer(MEMBER_KEY_TAP_VIB, CONFIG_KEY_VIBRATION);
+    if (setting.place == SettingPlace::settings_store) {
+        int value = 1;
+        if (vconf_get_bool(setting.key, &value) == -1)
+            LOG_ERROR("Failed to get %s", setting.symbol);
+        return value != 0;
+    }
+    if (setting.form == SettingForm::integer_switch)
+        return config->read(scim::String(setting.key), 1) != 0;
+    return config->read(scim::String(setting.key), true);
 }
 
 /// Takes over `root` and turns it into compact text.

@@ -7,7 +7,7 @@
 #define Uses_SCIM_CONFIG_MODULE
 #include <scim.h>
 
-#include "settings.h"
+#include "log.h"
 #include "vconf.h"
 
 int read_vconfkeys(const char *key, char **value)
@@ -74,22 +74,21 @@ LanguageList split(const std::string &text, char delimiter)
 }
 
 // Never deleted: the module stays loaded for the rest of the process.
-static const scim::ConfigModule *load_config_module(const scim::String &name)
+static const scim::ConfigModule *load_config_module()
 {
-    return new scim::ConfigModule(name);
+    return new scim::ConfigModule("socket");
 }
 
-scim::ConfigPointer open_input_method_config(const Location &caller)
+scim::ConfigPointer open_input_method_config(const char **failure)
 {
-    const scim::String name(CONFIG_MODULE);
-    const scim::ConfigModule *module = load_config_module(name);
+    const scim::ConfigModule *module = load_config_module();
     if (!module->valid()) {
-        LOG_ERROR_AT(caller, "Can't load config file");
+        *failure = "Can't load config file";
         return {};
     }
 
     scim::ConfigPointer config = module->create_config();
     if (config.null())
-        LOG_ERROR_AT(caller, "Failed to create Config instance from %s Config module.", name.c_str());
+        *failure = "Failed to create Config instance from socket Config module.";
     return config;
 }

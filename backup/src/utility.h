@@ -6,8 +6,6 @@
 #define Uses_SCIM_CONFIG_BASE
 #include <scim.h>
 
-#include "log.h"
-
 /// A list of language identifiers, such as "en_US".
 using LanguageList = std::vector<std::string>;
 
@@ -31,6 +29,6 @@ int update_vconfkeys(const char *key, const char *value);
 LanguageList &split(const std::string &text, char delimiter, LanguageList &pieces);
 LanguageList split(const std::string &text, char delimiter);
 
-/// Opens the input-method configuration afresh; an empty handle, with a line logged in the name of `caller`,
-/// when it can't be opened.
-scim::ConfigPointer open_input_method_config(const Location &caller);
+/// Opens the input-method configuration afresh. When it can't be opened, the handle is empty and `*failure`
+/// is why, for the log.
+scim::ConfigPointer open_input_method_config(const char **failure);

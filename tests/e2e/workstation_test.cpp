@@ -13,7 +13,7 @@
 #include "exchange_report.h"
 #include "file_lock.h"
 #include "host.h"
-#include "ime_backup_service.h"
+#include "ime_backup_operations.h"
 
 namespace fs = std::filesystem;
 using Arguments = std::vector<std::string>;

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "ime_backup_service.h"
+#include "ime_backup_operations.h"
 #include "ime_backup_service_json_writer.h"
 
 namespace

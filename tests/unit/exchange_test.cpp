@@ -14,7 +14,7 @@
 
 #include <gtest/gtest.h>
 
-#include "ime_backup_service.h"
+#include "ime_backup_operations.h"
 
 namespace
 {

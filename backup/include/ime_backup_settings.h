@@ -1,0 +1,68 @@
+/** @file
+ * The keyboard's settings: the member that each has in a snapshot, and where and how the device keeps it. The
+ * service and the tools around it walk this one table.
+ */
+#pragma once
+
+/// Where the device keeps a setting.
+enum class SettingPlace {
+    input_method_control, ///< as the active input method, which has no key
+    settings_store,       ///< vconf
+    configuration,        ///< the input-method framework's
+};
+
+/// How the device keeps a setting. In a snapshot, both switches are booleans.
+enum class SettingForm {
+    identifier,     ///< a text
+    languages,      ///< a text with #LANGUAGE_DELIMITER behind each identifier; in a snapshot an array
+    boolean_switch, ///< a boolean
+    integer_switch, ///< an integer, off when it is 0
+};
+
+struct SettingRow {
+    const char *member; ///< of the snapshot
+    SettingPlace place;
+    const char *key;
+    SettingForm form;
+    const char *symbol; ///< the platform's name of the key, where the log has it
+};
+
+inline constexpr char LANGUAGE_DELIMITER = '#';
+
+/// Keys of language lists in the settings store. The downloaded ones decide what a restore can bring back.
+inline constexpr char VCONFKEY_ISE_LPM_SELECTED_LANG[] = "db/ise/engine/lpm/selected_lang";
+inline constexpr char VCONFKEY_ISE_LPM_DOWNLOADED_LANG[] = "db/ise/engine/lpm/downloaded_lang";
+inline constexpr char VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG[] =
+    "db/ise/engine/lpm/downloaded_with_handwriting_lang";
+
+inline constexpr char MEMBER_HANDWRITING[] = "handwriting";
+/// Member of each element of a snapshot's language array.
+inline constexpr char MEMBER_LANG_ID[] = "lang_id";
+
+/// In the order of a snapshot's members, which is also that in which they are read and written.
+inline constexpr SettingRow SETTINGS[] = {
+    {"default_keyboard", SettingPlace::input_method_control, "", SettingForm::identifier, ""},
+    {"selected_lang", SettingPlace::settings_store, VCONFKEY_ISE_LPM_SELECTED_LANG, SettingForm::languages,
+     "VCONFKEY_ISE_LPM_SELECTED_LANG"},
+    {MEMBER_HANDWRITING, SettingPlace::settings_store, "db/ise/hand_write", SettingForm::boolean_switch,
+     "VCONFKEY_ISE_HANDWRITING_VAL"},
+    {"prediction", SettingPlace::settings_store, "db/ise/engine/prediction_val", SettingForm::boolean_switch,
+     "VCONFKEY_ISE_PREDICTION_VAL"},
+    {"auto_space", SettingPlace::configuration, "keyloom/auto_spacing_val", SettingForm::integer_switch, ""},
+    {"auto_capitalize", SettingPlace::configuration, "keyloom/auto_capitalization_val",
+     SettingForm::integer_switch, ""},
+    {"auto_punctuation", SettingPlace::configuration, "keyloom/auto_punctuate_val",
+     SettingForm::boolean_switch, ""},
+    {"key_tap_sound", SettingPlace::configuration, "keyloom/key_sounds_val", SettingForm::integer_switch, ""},
+    {"key_tap_vib", SettingPlace::configuration, "keyloom/key_vibration_val", SettingForm::integer_switch,
+     ""},
+};
+
+/// What is no part of a snapshot but decides what of one a restore can bring back.
+inline constexpr SettingRow DOWNLOADED_LISTS[] = {
+    {"downloaded_lang", SettingPlace::settings_store, VCONFKEY_ISE_LPM_DOWNLOADED_LANG,
+     SettingForm::languages, "VCONFKEY_ISE_LPM_DOWNLOADED_LANG"},
+    {"downloaded_with_handwriting_lang", SettingPlace::settings_store,
+     VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG, SettingForm::languages,
+     "VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG"},
+};
