@@ -163,10 +163,11 @@ static JsonObject *get_object(JsonNode *node)
     return JSON_NODE_HOLDS_OBJECT(node) ? json_node_get_object(node) : nullptr;
 }
 
+/// A number is true when it isn't zero, as JSON-GLib has it; any other text than true is false.
 static bool get_boolean(JsonObject *object, const char *name)
 {
     JsonNode *node = get_member(object, name, JSON_NODE_VALUE);
-    return node != nullptr && json_node_get_value_type(node) == G_TYPE_BOOLEAN && json_node_get_boolean(node);
+    return node != nullptr && json_node_get_boolean(node) != FALSE;
 }
 
 static const char *get_string(JsonObject *object, const char *name)

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <libintl.h>
 #include <memory>
+#include <regex>
 #include <sys/time.h>
 
 #define Uses_SCIM_CONFIG_BASE
@@ -31,7 +32,7 @@ struct app_control : Named {
 struct orvanta_cloud_source : Named {
 };
 struct orvanta_cloud_record : Named {
-    std::optional<std::string> value;
+    std::string value;
 };
 struct orvanta_cloud_list : Named {
     std::vector<std::unique_ptr<orvanta_cloud_record>> records;
@@ -75,7 +76,8 @@ struct Call {
         std::string line;
         ((line += (line.empty() ? "" : ", ") + show(args)), ...);
         note(std::string(function) + "(" + line + ")");
-        const bool told = platform->failing_function == function && --platform->failing_occurrence == 0;
+        const bool told =
+            platform->given["fail"] == function && ++platform->told_calls == platform->number("fail at");
         if (++platform->calls != platform->failing_call && !told)
             return false;
         platform->failed_call = function;
@@ -89,10 +91,10 @@ struct Call {
     int function parameters                                                                                  \
     {                                                                                                        \
         const bool fails = Call{#function} noted;                                                            \
-        if (!fails || platform->fails_with_effect) {                                                         \
+        if (!fails || platform->number("effect") != 0) {                                                     \
             __VA_ARGS__;                                                                                     \
         }                                                                                                    \
-        return fails ? platform->failure_code : success;                                                     \
+        return fails ? platform->number("code") : success;                                                   \
     }
 
 /// The same, for one that releases `handle` even when it fails.
@@ -102,7 +104,7 @@ struct Call {
         const bool fails = Call{#function}(handle);                                                          \
         platform->live_handles -= handle == nullptr ? 0 : 1;                                                 \
         delete handle;                                                                                       \
-        return fails ? platform->failure_code : 0;                                                           \
+        return fails ? platform->number("code") : 0;                                                         \
     }
 
 // The application framework. The service's main() is this program's, and what it hands its callbacks to is
@@ -126,14 +128,14 @@ void service_app_exit()
     platform->exited = true;
 }
 
-static char *copy(const std::optional<std::string> &text)
+static char *copy(const std::string &text)
 {
-    return text ? strdup(text->c_str()) : nullptr;
+    return text == "(null)" ? nullptr : strdup(text.c_str());
 }
 
 // clang-format off
 FAKE(app_control_get_operation, (app_control_handle request, char **operation), (request), 0,
-     *operation = copy(platform->operation))
+     *operation = copy(platform->given["operation"]))
 FAKE(app_control_create, (app_control_handle *handle), (), 0,
      *handle = new app_control{{"<reply>"}}; platform->live_handles++)
 FAKE(app_control_reply_to_launch_request,
@@ -150,10 +152,10 @@ static struct {
     orvanta_cloud_completed_cb completed;
 } callbacks;
 
-static orvanta_cloud_list *make_list(const std::vector<std::optional<std::string>> &values)
+static orvanta_cloud_list *make_list(const std::vector<std::string> &values)
 {
     auto *list = new orvanta_cloud_list{{"<list>"}, {}, 0};
-    for (const auto &value : values)
+    for (const std::string &value : values)
         list->records.push_back(std::make_unique<orvanta_cloud_record>(
             orvanta_cloud_record{{"<record" + std::to_string(list->records.size()) + ">"}, value}));
     platform->live_handles++;
@@ -197,7 +199,7 @@ FAKE(orvanta_cloud_restore_record_send_record_list, (List list, int flag), (list
 FAKE(orvanta_cloud_list_create, (List *list), (), 0, *list = make_list({}))
 FAKE_RELEASE(orvanta_cloud_list_destroy, List)
 FAKE(orvanta_cloud_list_add, (List list, Record record), (list, record), 0)
-FAKE(orvanta_cloud_list_get_record_count, (List list, int *count), (list), 0, *count = platform->record_count)
+FAKE(orvanta_cloud_list_get_record_count, (List list, int *count), (list), 0, *count = platform->record_count())
 FAKE(orvanta_cloud_list_move_to_first, (List list), (list), 0)
 FAKE(orvanta_cloud_list_move_to_next, (List list), (list), 0, list->cursor++)
 FAKE(orvanta_cloud_list_get_current_record, (List list, Record *record), (list), 0,
@@ -210,25 +212,25 @@ FAKE(orvanta_cloud_record_get_value, (Record record, char **value), (record), 0,
 FAKE(orvanta_cloud_record_set_fail, (Record record), (record), 0)
 FAKE(orvanta_cloud_file_create_file, (List list, const char *path), (list, path), 0)
 FAKE(orvanta_cloud_file_create_record_list, (orvanta_cloud_source_handle source, List *list), (source), 0,
-     *list = make_list(platform->restored))
+     *list = make_list(platform->records))
 
-// The settings store. A success is 0 or, where the sign alone counts, any number from 0 on.
+// The settings store.
 
 using KeyList = vconf_keylist_handle;
 
-FAKE(vconf_get_bool, (const char *key, int *value), (key), 0, *value = platform->bools.at(key))
+FAKE(vconf_get_bool, (const char *key, int *value), (key), 0, *value = platform->number(key))
 FAKE(vconf_set_bool, (const char *key, int value), (key, value), 0)
-FAKE(vconf_get, (KeyList list, const char *directory, int option), (directory, option), 5,
-     list->read[directory] = platform->strings.at(directory))
-FAKE(vconf_keylist_lookup, (KeyList list, const char *key, vconf_keynode_handle *node), (key), 5,
+FAKE(vconf_get, (KeyList list, const char *directory, int option), (directory, option), platform->number("success"),
+     list->read[directory] = platform->given.at(directory))
+FAKE(vconf_keylist_lookup, (KeyList list, const char *key, vconf_keynode_handle *node), (key), platform->number("success"),
      list->node.text = list->read.at(key).c_str(); *node = &list->node)
-FAKE(vconf_keylist_add_str, (KeyList, const char *key, const char *value), (key, value), 5)
+FAKE(vconf_keylist_add_str, (KeyList, const char *key, const char *value), (key, value), platform->number("success"))
 FAKE(vconf_set, (KeyList), (), 0)
 // clang-format on
 
 char *vconf_get_str(const char *key)
 {
-    return Call{__func__}(key) ? nullptr : copy(platform->strings.at(key));
+    return Call{__func__}(key) ? nullptr : copy(platform->given.at(key));
 }
 
 char *vconf_keynode_get_str(vconf_keynode_handle node)
@@ -254,8 +256,8 @@ int vconf_keylist_free(KeyList list)
 // The input-method framework.
 
 // clang-format off
-FAKE(isf_control_get_active_ime, (char **identifier), (), platform->active_ime_result,
-     *identifier = copy(platform->active_ime))
+FAKE(isf_control_get_active_ime, (char **identifier), (), platform->number("keyboard result"),
+     *identifier = copy(platform->given["keyboard"]))
 FAKE(isf_control_set_active_ime, (const char *identifier), (identifier), 0)
 // clang-format on
 
@@ -280,10 +282,9 @@ private:
     template <class Value>
     static bool answer(const char *type, const scim::String &key, Value *value)
     {
-        const auto found = platform->config.find(key);
-        if (Call{"config read"}(type, key.c_str()) || found == platform->config.end())
+        if (Call{"config read"}(type, key.c_str()) || !platform->given.contains(key))
             return false;
-        *value = static_cast<Value>(found->second);
+        *value = static_cast<Value>(platform->number(key));
         return true;
     }
 
@@ -322,24 +323,35 @@ ConfigPointer ConfigModule::create_config() const
 
 // The system.
 
+static std::string file_of(const std::string &function)
+{
+    if (function == "_ime_backup_get_json_value")
+        return "ime_backup_service_json_writer.cpp";
+    if (function == "_ime_restore_json_value")
+        return "ime_backup_service_json_parser.cpp";
+    return function.ends_with("_vconfkeys") ? "utility.cpp" : "ime_backup_service.cpp";
+}
+
+/// Notes a line as "E(function) text" or "I(function) text": the line number changes with the source.
 int __dlog_print(int buffer, int priority, const char *tag, const char *format, ...)
 {
     EXPECT_EQ(buffer, 2);
     EXPECT_STREQ(tag, "IME_BACKUP");
 
-    char text[1024];
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments); // NOLINT(clang-analyzer-valist.Uninitialized)
+    const std::string text =
+        std::unique_ptr<char, decltype(&g_free)>(g_strdup_vprintf(format, arguments), g_free)
+            .get(); // NOLINT(clang-analyzer-valist.Uninitialized)
     va_end(arguments);
 
-    // The line number changes with the source: it is kept apart.
-    std::string line(text);
-    const size_t begin = line.find('(');
-    const size_t end = line.find(") > ");
-    EXPECT_NE(end, std::string::npos) << line;
-    platform->log_lines.insert(line.substr(0, line.find(':')) + line.substr(begin, end - begin));
-    note(std::to_string(priority) + " " + line.substr(0, begin) + line.substr(end + 1));
+    static const std::regex shape("(.*): (.*)\\((.*)\\) > \033\\[0;(3.m\\* .*) \\* ([^]*)\033\\[0;m");
+    std::smatch part;
+    EXPECT_TRUE(std::regex_match(text, part, shape)) << text;
+    EXPECT_EQ(part[1], file_of(part[2])) << text;
+    EXPECT_EQ(part[4], priority == 4 ? "35m* Info" : priority == 6 ? "31m* Critical" : "") << text;
+    platform->log_lines.insert(part[1].str() + part[3].str());
+    note((priority == 4 ? "I(" : "E(") + part[2].str() + ") " + part[5].str());
     return 0;
 }
 
@@ -352,7 +364,8 @@ extern "C" int gettimeofday(timeval *time, void *) noexcept
 extern "C" char *gettext(const char *text) noexcept
 {
     note("gettext(" + show(text) + ")");
-    return const_cast<char *>(platform->translated.empty() ? text : platform->translated.c_str());
+    const std::string &translation = platform->given["translation"];
+    return const_cast<char *>(translation.empty() ? text : translation.c_str());
 }
 
 // The run.
@@ -366,15 +379,15 @@ static void run_exchange()
         callbacks.keys_and_dates();
     if (callbacks.path != nullptr)
         callbacks.path();
-    if (callbacks.backup != nullptr)
-        callbacks.backup(platform->null_list
-                             ? nullptr
-                             : make_list(std::vector<std::optional<std::string>>(
-                                   static_cast<size_t>(std::max(platform->record_count, 0)))));
+    if (callbacks.backup != nullptr) {
+        const auto count = static_cast<size_t>(std::max(platform->record_count(), 0));
+        callbacks.backup(platform->number("no list") != 0 ? nullptr
+                                                          : make_list(std::vector<std::string>(count)));
+    }
     orvanta_cloud_source source{{"<source>"}};
     if (callbacks.restoration != nullptr)
         callbacks.restoration(&source);
-    callbacks.completed(platform->result);
+    callbacks.completed(platform->number("result"));
 }
 
 const Trace &ScriptedPlatform::run()
@@ -393,12 +406,7 @@ const Trace &ScriptedPlatform::run()
     return trace;
 }
 
-Trace ScriptedPlatform::only(const std::set<std::string> &prefixes) const
+int ScriptedPlatform::record_count() const
 {
-    Trace lines;
-    for (const std::string &line : trace)
-        for (const std::string &prefix : prefixes)
-            if (line.starts_with(prefix))
-                lines.push_back(line);
-    return lines;
+    return given.at("count").empty() ? static_cast<int>(records.size()) : number("count");
 }

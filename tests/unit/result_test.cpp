@@ -1,0 +1,112 @@
+// What the service's functions return to each other, where no trace shows it.
+
+#include "scripted_platform.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include <gtest/gtest.h>
+
+#include "ime_backup_operations.h"
+#include "ime_backup_service.h"
+#include "ime_backup_service_json_parser.h"
+#include "ime_backup_service_json_writer.h"
+
+namespace
+{
+
+constexpr char KEY[] = "db/ise/engine/lpm/selected_lang";
+
+/// Has a platform on which `function` fails for as long as the test case runs.
+class Results : public testing::Test
+{
+protected:
+    void fail(const char *function)
+    {
+        scripted = {};
+        scripted.given["fail"] = function;
+    }
+
+    void SetUp() override { platform = &scripted; }
+    void TearDown() override { platform = nullptr; }
+
+    ScriptedPlatform scripted;
+};
+
+TEST_F(Results, ReadTellsAnUnreadableKeyFromOneWithoutAString)
+{
+    for (const auto &[function, expected] :
+         {std::pair("", 1), {"vconf_get", 2}, {"vconf_keylist_lookup", 0}, {"vconf_keynode_get_str", 0}}) {
+        fail(function);
+        char untouched[] = "untouched";
+        char *value = untouched;
+        EXPECT_EQ(read_vconfkeys(KEY, &value), expected) << function;
+        EXPECT_STREQ(value, expected == 1 ? "ko_KR#en_US#" : "untouched");
+        if (value != untouched)
+            free(value);
+    }
+}
+
+TEST_F(Results, UpdateFailsOnlyWhenTheListRefusesTheText)
+{
+    for (const auto &[function, expected] :
+         {std::pair("", 1), {"vconf_keylist_add_str", 0}, {"vconf_set", 1}}) {
+        fail(function);
+        EXPECT_EQ(update_vconfkeys(KEY, "fr_FR#"), expected) << function;
+    }
+}
+
+TEST_F(Results, WriterSetsTextAndLengthOnlyOnSuccess)
+{
+    for (const char *function : {"", "ConfigModule", "create_config", "isf_control_get_active_ime"}) {
+        fail(function);
+        const bool succeeds = *function == '\0';
+        char untouched[] = "untouched";
+        char *text = untouched;
+        gsize length = strlen(text);
+        EXPECT_EQ(_ime_backup_get_json_value(&text, &length), succeeds ? 0 : -1) << function;
+        EXPECT_EQ(text != untouched, succeeds);
+        EXPECT_EQ(strlen(text), length);
+        if (text != untouched)
+            g_free(text);
+    }
+
+    scripted = {};
+    char *text = nullptr;
+    gsize length = 42;
+    EXPECT_EQ(_ime_backup_get_json_value(&text, nullptr), -1);
+    EXPECT_EQ(_ime_backup_get_json_value(nullptr, &length), -1);
+    EXPECT_EQ(text, nullptr);
+    EXPECT_EQ(length, 42);
+    const std::string line = "E(_ime_backup_get_json_value) Fail:Invalid Input Parameter";
+    EXPECT_EQ(scripted.trace, Trace({line, line}));
+
+    scripted.given[KEY] = "\xff#";
+    EXPECT_EQ(_ime_backup_get_json_value(&text, &length), -1);
+}
+
+TEST_F(Results, RestorerIsSilentAboutNoSnapshot)
+{
+    EXPECT_FALSE(_ime_restore_json_value(nullptr));
+    EXPECT_EQ(scripted.trace, Trace());
+}
+
+TEST_F(Results, OperationIsKnownByItsPrefix)
+{
+    const std::string backup = "http://orvanta.com/appcontrol/operation/orvanta_cloud/backup";
+    const std::string restore = "http://orvanta.com/appcontrol/operation/orvanta_cloud/restore";
+    const std::string get_info = "http://orvanta.com/appcontrol/operation/orvanta_cloud/get_backup_info";
+    EXPECT_EQ(__get_cloud_operation(nullptr), ORVANTA_CLOUD_OPERATION_UNKNOWN);
+    for (const std::string &unknown : {std::string(), std::string("backup"), "x" + backup})
+        EXPECT_EQ(__get_cloud_operation(unknown.c_str()), ORVANTA_CLOUD_OPERATION_UNKNOWN) << unknown;
+    for (const auto &[identifier, kind] : {std::pair(backup, ORVANTA_CLOUD_OPERATION_BACKUP),
+                                           {restore, ORVANTA_CLOUD_OPERATION_RESTORE},
+                                           {get_info, ORVANTA_CLOUD_OPERATION_GET_BACKUP_INFO}}) {
+        EXPECT_EQ(__get_cloud_operation(identifier.c_str()), kind);
+        EXPECT_EQ(__get_cloud_operation((identifier + "_of_something").c_str()), kind);
+        EXPECT_EQ(__get_cloud_operation(identifier.substr(0, identifier.size() - 1).c_str()),
+                  ORVANTA_CLOUD_OPERATION_UNKNOWN);
+    }
+}
+
+} // namespace
