@@ -4,9 +4,9 @@
 
 #include "dlog.h"
 
-/// A log line names the function that it stands in. A helper that logs for the function that called it takes
-/// that one's name as a parameter `caller`. It hides this function, which stands in for it everywhere else:
-/// the two overloads below tell which of both `caller` is.
+/// A log line names a function: the one that it stands in or, in a helper that logs for its caller, the one
+/// whose name the helper's parameter `caller` holds. Where there is no such parameter, `caller` is this
+/// function, which is of no other use; the overloads below tell the two apart.
 inline void caller() {}
 
 constexpr const char *name_for_log(void (*)(), const char *own_name)
@@ -21,14 +21,12 @@ constexpr const char *name_for_log(const char *callers_name, const char *)
 
 #define NAME_FOR_LOG name_for_log(caller, __func__)
 
-#define LOG_AS(name, priority, text, ...)                                                                    \
-    __dlog_print(DLOG_BUFFER_APPS, priority, "IME_BACKUP", "%s: %s(%d) > " text "\033[0;m", __FILE_NAME__,   \
-                 name, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
-#define LOG_ERROR_AS(name, body, ...)                                                                        \
-    LOG_AS(name, DLOG_PRIORITY_ERROR, "\033[0;31m* Critical * " body __VA_OPT__(, ) __VA_ARGS__)
+#define LOG_AS(name, priority, mark, body, ...)                                                              \
+    __dlog_print(DLOG_BUFFER_APPS, priority, "IME_BACKUP", "%s: %s(%d) > " mark body "\033[0;m",             \
+                 __FILE_NAME__, name, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+#define LOG_ERROR_AS(name, ...) LOG_AS(name, DLOG_PRIORITY_ERROR, "\033[0;31m* Critical * ", __VA_ARGS__)
 
-#define LOG_INFO(body, ...)                                                                                  \
-    LOG_AS(NAME_FOR_LOG, DLOG_PRIORITY_INFO, "\033[0;35m* Info * " body __VA_OPT__(, ) __VA_ARGS__)
+#define LOG_INFO(...) LOG_AS(NAME_FOR_LOG, DLOG_PRIORITY_INFO, "\033[0;35m* Info * ", __VA_ARGS__)
 #define LOG_ERROR(...) LOG_ERROR_AS(NAME_FOR_LOG, __VA_ARGS__)
 
 #define FAILED_CALL(function, code_name) #function "() failed, " code_name " = [%d]\n"
@@ -40,8 +38,8 @@ constexpr const char *name_for_log(const char *callers_name, const char *)
         return call_code;                                                                                    \
     }(function(__VA_ARGS__), NAME_FOR_LOG)
 
-/// Calls a function of the cloud library and yields its code; a failure is logged and otherwise left to
-/// the caller.
+/// Calls a function of the cloud library and yields its code. A failure is logged, and otherwise left to
+/// whoever calls.
 #define CLOUD_CALL(function, ...) LOGGED_CALL("error_code", function __VA_OPT__(, ) __VA_ARGS__)
 
 /// The same for application control.

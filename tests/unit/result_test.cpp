@@ -17,12 +17,13 @@ namespace
 
 constexpr char KEY[] = "db/ise/engine/lpm/selected_lang";
 
-/// Has a platform on which `function` fails for as long as the test case runs.
 class Results : public testing::Test
 {
 protected:
+    /// Starts over on a platform on which `function` fails.
     void fail(const char *function)
     {
+        EXPECT_EQ(scripted.live_handles, 0);
         scripted = {};
         scripted.given["fail"] = function;
     }
@@ -71,7 +72,7 @@ TEST_F(Results, WriterSetsTextAndLengthOnlyOnSuccess)
             g_free(text);
     }
 
-    scripted = {};
+    fail("");
     char *text = nullptr;
     gsize length = 42;
     EXPECT_EQ(_ime_backup_get_json_value(&text, nullptr), -1);

@@ -340,13 +340,12 @@ int __dlog_print(int buffer, int priority, const char *tag, const char *format, 
 
     va_list arguments;
     va_start(arguments, format);
-    const std::string text =
-        std::unique_ptr<char, decltype(&g_free)>(g_strdup_vprintf(format, arguments), g_free)
-            .get(); // NOLINT(clang-analyzer-valist.Uninitialized)
+    g_autofree gchar *text =
+        g_strdup_vprintf(format, arguments); // NOLINT(clang-analyzer-valist.Uninitialized)
     va_end(arguments);
 
     static const std::regex shape("(.*): (.*)\\((.*)\\) > \033\\[0;(3.m\\* .*) \\* ([^]*)\033\\[0;m");
-    std::smatch part;
+    std::cmatch part;
     EXPECT_TRUE(std::regex_match(text, part, shape)) << text;
     EXPECT_EQ(part[1], file_of(part[2])) << text;
     EXPECT_EQ(part[4], priority == 4 ? "35m* Info" : priority == 6 ? "31m* Critical" : "") << text;
