@@ -62,7 +62,7 @@ static void write_switch(const SettingRow &setting, bool on, const scim::ConfigP
 
 static void restore_settings(JsonObject *snapshot, const scim::ConfigPointer &config, const char *caller)
 {
-    bool handwriting_supported = false;
+    bool handwriting_supported = false; // by a language that is restored: they come first in the table
     for (const SettingRow &setting : SETTINGS) {
         switch (setting.form) {
         case SettingForm::identifier:
@@ -76,7 +76,7 @@ static void restore_settings(JsonObject *snapshot, const scim::ConfigPointer &co
         case SettingForm::integer_switch:
             bool on = get_boolean(snapshot, setting.member);
             if (setting.member == std::string_view(MEMBER_HANDWRITING))
-                on = on && handwriting_supported; // the languages were restored before
+                on = on && handwriting_supported;
             write_switch(setting, on, config, caller);
             break;
         }
@@ -163,7 +163,7 @@ static JsonObject *get_object(JsonNode *node)
     return JSON_NODE_HOLDS_OBJECT(node) ? json_node_get_object(node) : nullptr;
 }
 
-/// A number is true when it isn't zero, as JSON-GLib has it; any other text than true is false.
+/// A number is true when it isn't zero, as JSON-GLib has it. What is neither a boolean nor a number is false.
 static bool get_boolean(JsonObject *object, const char *name)
 {
     JsonNode *node = get_member(object, name, JSON_NODE_VALUE);

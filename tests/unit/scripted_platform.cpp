@@ -356,7 +356,7 @@ int __dlog_print(int buffer, int priority, const char *tag, const char *format, 
 
 extern "C" int gettimeofday(timeval *time, void *) noexcept
 {
-    *time = {1'700'000'000, 999'999};
+    *time = {1'700'000'000, 998'997};
     return 0;
 }
 

@@ -1,5 +1,6 @@
 // Exchanges and the traces that they leave, as traces/ tells them. A paragraph there is one exchange: what
-// the platform is given ("NAME: VALUE", see scripted_platform.h) and the lines of the trace, of which
+// the platform is given ("NAME: VALUE", see scripted_platform.h; "record: VALUE" is one more to restore) and
+// the lines of the trace, of which
 //   I TEXT, E TEXT  are the log's, in the name of the latest "@ CALLBACK"; I(NAME) and E(NAME), of another
 // A paragraph without a trace gives to all below it.
 // When a call fails, its callback logs it with its code, and the trace goes on, unless the call is
