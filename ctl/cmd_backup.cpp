@@ -1,29 +1,16 @@
-#include <cstdio>
-
-#include "commands.h"
-#include "device.h"
-#include "errors.h"
+#include "cli.h"
 #include "format.h"
 #include "ime_backup_operations.h"
 
-static void require_active_keyboard()
+static int backup(const ServiceOptions &options)
 {
-    Device device;
-    if (!find_setting("default_keyboard").value(device))
-        throw PlatformError(
-            std::string("no input method is active; choose one with: ime-backupctl settings set ") +
-            "default_keyboard IDENTIFIER");
+    const Outcome outcome = run_exchange(options, OPERATION_BACKUP);
+    if (outcome.status == EXIT_DONE)
+        printf("%s\n", describe_backup(CloudStore(), outcome.report.backup).c_str());
+    return outcome.status;
 }
 
-int cmd_backup(const ServiceOptions &options)
+void add_backup(Cli &cli)
 {
-    require_active_keyboard();
-
-    const ExchangeReport report = run_exchange(options, OPERATION_BACKUP);
-    if (!report.succeeded)
-        return EXIT_FAILED;
-    require_daemon_still("backup " + std::to_string(report.backup) +
-                         " may hold defaults in place of settings");
-    printf("%s\n", format_backup(report.backup).c_str());
-    return EXIT_DONE;
+    cli.app.add_subcommand("backup", "Make a backup")->callback([&] { cli.status = backup(cli.service); });
 }

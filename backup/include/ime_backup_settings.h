@@ -22,8 +22,8 @@ enum class SettingForm {
 struct SettingRow {
     const char *member; ///< of the snapshot
     SettingPlace place;
-    const char *key;
     SettingForm form;
+    const char *key;
     const char *symbol; ///< the platform's name of the key, where the log has it
 };
 
@@ -41,28 +41,27 @@ inline constexpr char MEMBER_LANG_ID[] = "lang_id";
 
 /// In the order of a snapshot's members, which is also that in which they are read and written.
 inline constexpr SettingRow SETTINGS[] = {
-    {"default_keyboard", SettingPlace::input_method_control, "", SettingForm::identifier, ""},
-    {"selected_lang", SettingPlace::settings_store, VCONFKEY_ISE_LPM_SELECTED_LANG, SettingForm::languages,
+    {"default_keyboard", SettingPlace::input_method_control, SettingForm::identifier, "", ""},
+    {"selected_lang", SettingPlace::settings_store, SettingForm::languages, VCONFKEY_ISE_LPM_SELECTED_LANG,
      "VCONFKEY_ISE_LPM_SELECTED_LANG"},
-    {MEMBER_HANDWRITING, SettingPlace::settings_store, "db/ise/hand_write", SettingForm::boolean_switch,
+    {MEMBER_HANDWRITING, SettingPlace::settings_store, SettingForm::boolean_switch, "db/ise/hand_write",
      "VCONFKEY_ISE_HANDWRITING_VAL"},
-    {"prediction", SettingPlace::settings_store, "db/ise/engine/prediction_val", SettingForm::boolean_switch,
+    {"prediction", SettingPlace::settings_store, SettingForm::boolean_switch, "db/ise/engine/prediction_val",
      "VCONFKEY_ISE_PREDICTION_VAL"},
-    {"auto_space", SettingPlace::configuration, "keyloom/auto_spacing_val", SettingForm::integer_switch, ""},
-    {"auto_capitalize", SettingPlace::configuration, "keyloom/auto_capitalization_val",
-     SettingForm::integer_switch, ""},
-    {"auto_punctuation", SettingPlace::configuration, "keyloom/auto_punctuate_val",
-     SettingForm::boolean_switch, ""},
-    {"key_tap_sound", SettingPlace::configuration, "keyloom/key_sounds_val", SettingForm::integer_switch, ""},
-    {"key_tap_vib", SettingPlace::configuration, "keyloom/key_vibration_val", SettingForm::integer_switch,
+    {"auto_space", SettingPlace::configuration, SettingForm::integer_switch, "keyloom/auto_spacing_val", ""},
+    {"auto_capitalize", SettingPlace::configuration, SettingForm::integer_switch,
+     "keyloom/auto_capitalization_val", ""},
+    {"auto_punctuation", SettingPlace::configuration, SettingForm::boolean_switch,
+     "keyloom/auto_punctuate_val", ""},
+    {"key_tap_sound", SettingPlace::configuration, SettingForm::integer_switch, "keyloom/key_sounds_val", ""},
+    {"key_tap_vib", SettingPlace::configuration, SettingForm::integer_switch, "keyloom/key_vibration_val",
      ""},
 };
 
 /// What is no part of a snapshot but decides what of one a restore can bring back.
 inline constexpr SettingRow DOWNLOADED_LISTS[] = {
-    {"downloaded_lang", SettingPlace::settings_store, VCONFKEY_ISE_LPM_DOWNLOADED_LANG,
-     SettingForm::languages, "VCONFKEY_ISE_LPM_DOWNLOADED_LANG"},
-    {"downloaded_with_handwriting_lang", SettingPlace::settings_store,
-     VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG, SettingForm::languages,
-     "VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG"},
+    {"downloaded_lang", SettingPlace::settings_store, SettingForm::languages,
+     VCONFKEY_ISE_LPM_DOWNLOADED_LANG, "VCONFKEY_ISE_LPM_DOWNLOADED_LANG"},
+    {"downloaded_with_handwriting_lang", SettingPlace::settings_store, SettingForm::languages,
+     VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG, "VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG"},
 };

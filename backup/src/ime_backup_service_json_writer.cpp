@@ -13,7 +13,7 @@
 
 static constexpr char DEFAULT_SELECTED_LANG[] = "en_US#ko_KR#";
 
-static void add_setting(JsonObject *root, const SettingRow &setting, const char *keyboard,
+static void add_setting(JsonObject *root, const SettingRow &setting, char *&keyboard,
                         const scim::ConfigPointer &config, const char *caller);
 static gchar *generate_text(JsonObject *root, gsize *length);
 
@@ -43,7 +43,6 @@ int _ime_backup_get_json_value(char **value, gsize *length)
     JsonObject *root = json_object_new();
     for (const SettingRow &setting : SETTINGS)
         add_setting(root, setting, keyboard, config, __func__);
-    g_free(keyboard);
 
     gsize text_length = 0;
     gchar *text = generate_text(root, &text_length);
@@ -62,12 +61,14 @@ int _ime_backup_get_json_value(char **value, gsize *length)
 static JsonArray *make_language_array();
 static bool read_switch(const SettingRow &setting, const scim::ConfigPointer &config, const char *caller);
 
-static void add_setting(JsonObject *root, const SettingRow &setting, const char *keyboard,
+/// Frees `keyboard` with the setting that it is for.
+static void add_setting(JsonObject *root, const SettingRow &setting, char *&keyboard,
                         const scim::ConfigPointer &config, const char *caller)
 {
     switch (setting.form) {
     case SettingForm::identifier:
         json_object_set_string_member(root, setting.member, keyboard);
+        g_clear_pointer(&keyboard, g_free);
         break;
     case SettingForm::languages:
         json_object_set_array_member(root, setting.member, make_language_array());

@@ -4,14 +4,19 @@
 
 #include <functional>
 #include <set>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <glib.h>
 #include <gtest/gtest.h>
 
+#include "account.h"
 #include "cloud_store.h"
-#include "exchange_report.h"
-#include "file_lock.h"
+#include "files.h"
 #include "host.h"
-#include "state.h"
+#include "paths.h"
+#include "report.h"
 
 namespace fs = std::filesystem;
 
@@ -30,6 +35,12 @@ std::string refusal(const std::function<void()> &action)
     } catch (const HostError &error) {
         return error.what();
     }
+}
+
+/// Expects `text` to hold `part`.
+void expect_in(const std::string &text, const std::string &part)
+{
+    EXPECT_NE(text.find(part), std::string::npos) << "\"" << text << "\" lacks \"" << part << "\"";
 }
 
 class Cloud : public testing::Test
@@ -63,40 +74,39 @@ TEST_F(Cloud, RefusesBadHandles)
 
     int count = 0;
     char *value = nullptr;
-    for (const auto bad_list : {gone_list, orvanta_cloud_list_handle{nullptr}}) {
-        EXPECT_NE(orvanta_cloud_list_destroy(bad_list), 0);
-        EXPECT_NE(orvanta_cloud_list_get_record_count(bad_list, &count), 0);
-        EXPECT_NE(orvanta_cloud_list_move_to_first(bad_list), 0);
-        EXPECT_NE(orvanta_cloud_list_move_to_next(bad_list), 0);
-        EXPECT_NE(orvanta_cloud_list_get_current_record(bad_list, &record), 0);
-        EXPECT_NE(orvanta_cloud_file_create_file(bad_list, "/f"), 0);
-    }
-    for (const auto bad_record : {gone_record, orvanta_cloud_record_handle{nullptr}}) {
-        EXPECT_NE(orvanta_cloud_record_set_key(bad_record, "k"), 0);
-        EXPECT_NE(orvanta_cloud_record_get_value(bad_record, &value), 0);
-        EXPECT_NE(orvanta_cloud_record_set_fail(bad_record), 0);
-    }
+    for (const auto bad : {gone_list, orvanta_cloud_list_handle{nullptr}})
+        for (const int code :
+             {orvanta_cloud_list_destroy(bad), orvanta_cloud_list_get_record_count(bad, &count),
+              orvanta_cloud_list_move_to_first(bad), orvanta_cloud_list_move_to_next(bad),
+              orvanta_cloud_list_get_current_record(bad, &record), orvanta_cloud_file_create_file(bad, "/f")})
+            EXPECT_NE(code, 0);
+    for (const auto bad : {gone_record, orvanta_cloud_record_handle{nullptr}})
+        for (const int code : {orvanta_cloud_record_set_key(bad, "k"), orvanta_cloud_record_set_fail(bad),
+                               orvanta_cloud_record_get_value(bad, &value)})
+            EXPECT_NE(code, 0);
     EXPECT_NE(orvanta_cloud_list_create(nullptr), 0);
+    ASSERT_EQ(orvanta_cloud_list_create(&list), 0);
+    EXPECT_NE(orvanta_cloud_list_get_current_record(list, &record), 0) << "it is empty";
+    EXPECT_NE(orvanta_cloud_list_move_to_first(list), 0);
     ASSERT_EQ(orvanta_cloud_record_create(&record), 0);
     EXPECT_NE(orvanta_cloud_record_set_value(record, "\xff"), 0) << "no text";
     EXPECT_NE(orvanta_cloud_backup_record_send_keys_and_dates(nullptr, 1), 0) << "nothing asks for an answer";
 }
 
-TEST_F(Cloud, RecordFileHoldsWhatWasPutIn)
+/// A record file around a text that something else wrote, with the checksum of that text.
+std::string frame(const std::string &records)
 {
-    const std::string content = encode_record_file(TWO_RECORDS);
-    const CloudRecords read = decode_record_file(content);
-    ASSERT_EQ(read.size(), 2);
-    for (size_t i = 0; i < 2; i++) {
-        EXPECT_EQ(read[i].key, TWO_RECORDS[i].key);
-        EXPECT_EQ(read[i].date, TWO_RECORDS[i].date);
-        EXPECT_EQ(read[i].value, TWO_RECORDS[i].value);
-    }
+    g_autofree gchar *checksum = g_compute_checksum_for_string(G_CHECKSUM_SHA256, records.c_str(), -1);
+    return R"({"format":"ime-backup-records","version":1,"sha256":")" + std::string(checksum) +
+           R"(","records":)" + records + "}";
 }
 
 TEST_F(Cloud, RecordFileIsRefusedWhenAnyByteDiffers)
 {
     const std::string content = encode_record_file(TWO_RECORDS);
+    EXPECT_EQ(encode_record_file(decode_record_file(content)), content);
+    EXPECT_EQ(decode_record_file(content).at(0).value, TWO_RECORDS[0].value);
+    EXPECT_EQ(decode_record_file(content).at(1).date, std::nullopt);
     for (size_t i = 0; i < content.size(); i++) {
         EXPECT_NE(refusal([&] { decode_record_file(content.substr(0, i)); }), "") << "cut at " << i;
         for (const char change : {'\x01', '\x20', '\x80'}) {
@@ -105,51 +115,111 @@ TEST_F(Cloud, RecordFileIsRefusedWhenAnyByteDiffers)
             EXPECT_NE(refusal([&] { decode_record_file(changed); }), "") << "byte " << i;
         }
     }
+    EXPECT_NE(refusal([&] { decode_record_file(content + "\n"); }), "");
     std::string later = content;
     later.replace(later.find("\"version\":1"), 11, "\"version\":2");
-    EXPECT_NE(refusal([&] { decode_record_file(later); }).find("later version"), std::string::npos);
-    const std::string deep(1'000'000, '[');
-    for (const char *head : {"", R"({"a\\":")", R"({"a":"\"","b":)", "/* \" */"})
-        EXPECT_NE(refusal([&] { decode_record_file(std::string(head) + deep); }), "");
-    EXPECT_NE(refusal([&] { decode_record_file(encode_record_file({{"0", "1", deep}})); }), "");
-    for (const char *other :
-         {"", " ", "null", "[]", "{}", R"({"format":7})", R"({"format":"ime-backup-records"})",
-          R"({"format":{}})", R"({"format":"ime-backup-records","version":[]})",
-          R"({"format":"ime-backup-records","version":"1","records":[7]})"})
+    expect_in(refusal([&] { decode_record_file(later); }), "later version");
+    for (const char *other : {"", " ", "null", "{}", R"({"format":7})", R"({"format":"ime-backup-records"})"})
         EXPECT_NE(refusal([&] { decode_record_file(other); }), "") << other;
+    for (const char *other : {"7", "{", "", R"([{"value":"})"})
+        EXPECT_NE(refusal([&] { decode_record_file(frame(other)); }), "") << other;
+
+    // Another writer may escape as it likes.
+    EXPECT_EQ(decode_record_file(frame(R"([{"value":"\u001fa\u0061"}])")).at(0).value, "\x1f"
+                                                                                       "aa");
+    EXPECT_EQ(decode_record_file(frame("[7,{\"key\":1}]")).size(), 2) << "records without anything";
+}
+
+TEST_F(Cloud, NothingIsParsedThatWouldExhaustTheStack)
+{
+    const auto repeated = [](const char *text, int count) {
+        std::string all;
+        for (int i = 0; i < count; i++)
+            all += text;
+        return all;
+    };
+    const struct {
+        std::string text;
+        bool refused;
+    } cases[] = {
+        {repeated("[", 300'000), true},
+        {"[" + repeated("\"]\",[", 300'000), true},
+        {"[" + repeated("\"]\",", 300'000), false},
+        {R"({"a\\":")" + repeated("[", 300'000), false}, // a string that does not end
+        {R"(["\"",)" + repeated("[", 300'000), true},
+        {"/* \" */" + repeated("[", 300'000), true},
+        {R"({"default_keyboard":")" + repeated("[", 1010) + "\"}", false},
+        {repeated("[", 900) + repeated("]", 900), false},
+        {"[" + repeated("[],", 2000) + "7]", false},
+    };
+    for (const auto &test : cases) {
+        const std::string reason = refusal([&] {
+            decode_record_file(encode_record_file({{"0", "1", test.text}}));
+        });
+        EXPECT_EQ(!reason.empty(), test.refused) << test.text.substr(0, 30) << reason;
+        EXPECT_NE(refusal([&] { decode_record_file(test.text); }), "");
+        EXPECT_EQ(refusal([&] { decode_record_file(frame(test.text)); }).find("deeply") != std::string::npos,
+                  test.refused);
+    }
 }
 
 TEST_F(Cloud, StoreNumbersBackupsAndKeepsOthersOut)
 {
     const fs::path folder = root.path / "cloud";
-    write_file(folder / ".partial", "half a backup");
-    write_file(folder / "backup-x.json", "");
-    write_file(folder / "backup-77.json", "");
-    write_file(folder / "notes.txt", "");
+    write_file(folder / "backup-000001.json.new", "half a backup");
+    for (const char *name :
+         {"backup-x.json", "backup-.json", "backup-77.json", "backup-9223372036854775807.json", "notes.txt"})
+        write_file(folder / name, "");
     CloudStore store;
-    EXPECT_NE(refusal([&] { store.find(""); }).find("no backup yet"), std::string::npos);
+    expect_in(refusal([&] { store.find(""); }), "no backup yet");
     EXPECT_EQ(store.add("one"), 1);
     EXPECT_EQ(store.add("two"), 2);
     fs::rename(folder / "backup-000001.json", folder / "backup-000009.json");
     EXPECT_EQ(store.add("ten"), 10);
-    EXPECT_EQ(store.numbers(), (std::vector<guint64>{2, 9, 10}));
+    EXPECT_EQ(store.list().numbers, (std::vector<BackupNumber>{2, 9, 10}));
+    EXPECT_EQ(store.list().left_out,
+              (std::vector<std::string>{"backup-77.json", "backup-9223372036854775807.json"}));
     EXPECT_EQ(store.find(""), 10);
     EXPECT_EQ(store.read(9), "one");
     for (const char *unknown : {"1", "0", "-2", "two", "2/../9"})
-        EXPECT_NE(refusal([&] { store.find(unknown); }).find("no backup"), std::string::npos) << unknown;
-    EXPECT_FALSE(fs::exists(folder / ".partial"));
+        expect_in(refusal([&] { store.find(unknown); }), "no backup");
+    EXPECT_FALSE(fs::exists(folder / "backup-000001.json.new"));
+    fs::rename(folder / "backup-000010.json", folder / "backup-999999999999.json");
+    expect_in(refusal([&] { store.add("more"); }), "no number left");
+
+    fs::resize_file(folder / "backup-000002.json", 200'000'000);
+    expect_in(refusal([&] { store.read(2); }), "larger");
+    setenv("IME_BACKUP_CLOUD_STORE", (folder / "notes.txt").c_str(), 1);
+    expect_in(refusal([] { CloudStore().list(); }), "can't list the folder");
+    setenv("IME_BACKUP_CLOUD_STORE", "file:///tmp", 1);
+    expect_in(refusal([] { CloudStore(); }), "must be a folder's path");
 }
 
-TEST_F(Cloud, StoreRefusesAFileThatIsTooLarge)
+TEST_F(Cloud, AReportIsReadAsItWasWritten)
 {
-    write_file(root.path / "cloud/backup-000001.json", "");
-    fs::resize_file(root.path / "cloud/backup-000001.json", 200'000'000);
-    EXPECT_NE(refusal([] { CloudStore().read(1); }).find("larger"), std::string::npos);
+    const Change change = {SettingPlace::configuration, "k\n", true, 7, Change::Outcome::pending};
+    Change made = change;
+    made.outcome = Change::Outcome::made;
+    const ExchangeReport report = {"restore",
+                                   ExchangeReport::Result::no_platform,
+                                   "why",
+                                   12,
+                                   {{"0", "1", std::nullopt, true}},
+                                   "{}",
+                                   {{"selected_lang", "a#", {}}, {"handwriting", {}, true}},
+                                   {made},
+                                   {{Trouble::Kind::refused, SettingPlace::input_method_control, "it is"}}};
+    const std::string text = encode_change(0, change) + encode_change(0, made);
+    EXPECT_EQ(encode_report(decode_report(text + encode_report(report))), encode_report(report));
+    EXPECT_EQ(decode_report(text).changes.at(0).outcome, Change::Outcome::made);
+    EXPECT_EQ(decode_report(text).result, ExchangeReport::Result::undecided);
+    EXPECT_EQ(decode_report(text.substr(0, text.size() - 1)).changes.at(0).outcome, Change::Outcome::pending)
+        << "the last line was being written";
+    for (const char *other : {"{}\n", "7\n", "x\n", "{\"change\":7}\n"})
+        EXPECT_NE(refusal([&] { decode_report(other); }), "") << other;
 }
 
 // A service that answers as a test tells it to.
-
-GMainLoop *loop;
 
 struct Service {
     int ready = 1;
@@ -160,23 +230,24 @@ struct Service {
     std::optional<std::string> value = "settings";
     std::string written_path = "/data/backup.dat";
     std::string sent_path = "/data/backup.dat";
-    std::set<std::string> unappliable; ///< values
+    std::set<std::string> unappliable = {}; ///< values
     bool hand_back = true;
     bool hand_back_all = true;
+    std::function<void()> meanwhile = [] {}; ///< done to the device
 
-    std::vector<std::string> called;
+    std::string called = {}; ///< the callbacks
     int result = -1;
 } service;
 
 void on_prepare_backup()
 {
-    service.called.emplace_back("prepare");
+    service.called += "prepare ";
     orvanta_cloud_backup_record_send_preparation_completed_response(service.ready);
 }
 
 void on_keys_and_dates()
 {
-    service.called.emplace_back("keys");
+    service.called += "keys ";
     orvanta_cloud_list_handle list = nullptr;
     orvanta_cloud_record_handle record = nullptr;
     orvanta_cloud_list_create(&list);
@@ -192,7 +263,8 @@ void on_keys_and_dates()
 
 void on_backup(orvanta_cloud_list_handle list)
 {
-    service.called.emplace_back("backup");
+    service.called += "backup ";
+    service.meanwhile();
     orvanta_cloud_record_handle record = nullptr;
     EXPECT_EQ(orvanta_cloud_list_get_current_record(list, &record), 0);
     if (service.value)
@@ -213,26 +285,26 @@ void on_backup(orvanta_cloud_list_handle list)
 
 void on_completed(int result)
 {
-    service.called.emplace_back("completed");
+    service.called += "completed ";
     service.result = result;
-    g_main_loop_quit(loop);
 }
 
 void on_prepare_restore()
 {
-    service.called.emplace_back("prepare");
+    service.called += "prepare ";
     orvanta_cloud_restore_record_send_preparation_completed_response(service.ready);
 }
 
 void on_path()
 {
-    service.called.emplace_back("path");
+    service.called += "path ";
     orvanta_cloud_restore_record_send_restoration_path("/data/restore.dat", 1);
 }
 
 void on_restoration(orvanta_cloud_source_handle source)
 {
-    service.called.emplace_back("restoration");
+    service.called += "restoration ";
+    service.meanwhile();
     orvanta_cloud_list_handle list = nullptr;
     ASSERT_EQ(orvanta_cloud_file_create_record_list(source, &list), 0);
     do {
@@ -252,9 +324,22 @@ void on_restoration(orvanta_cloud_source_handle source)
     orvanta_cloud_list_destroy(list);
 }
 
+void register_backup(bool info = false)
+{
+    orvanta_cloud_backup_record_set_preparation_cb(on_prepare_backup, nullptr);
+    orvanta_cloud_backup_record_set_sending_keys_and_dates_cb(on_keys_and_dates, nullptr);
+    if (!info)
+        orvanta_cloud_backup_record_set_backup_cb(on_backup, nullptr);
+    EXPECT_EQ(orvanta_cloud_backup_record_set_completed_cb(on_completed, nullptr), 0);
+}
+
+Descriptor report_file; ///< of the latest exchange
+
 ExchangeReport run_exchange(bool restore, Service with = {}, bool info = false)
 {
     service = std::move(with);
+    report_file = Descriptor(memfd_create("report", 0));
+    setenv(REPORT_VARIABLE, name_report_file(report_file.get(), report_file.get()).c_str(), 1);
     EXPECT_EQ(orvanta_cloud_initialize(), 0);
     if (restore) {
         orvanta_cloud_restore_record_set_preparation_cb(on_prepare_restore, nullptr);
@@ -262,30 +347,23 @@ ExchangeReport run_exchange(bool restore, Service with = {}, bool info = false)
         orvanta_cloud_restore_record_set_restoration_cb(on_restoration, nullptr);
         EXPECT_EQ(orvanta_cloud_restore_record_set_completed_cb(on_completed, nullptr), 0);
     } else {
-        orvanta_cloud_backup_record_set_preparation_cb(on_prepare_backup, nullptr);
-        orvanta_cloud_backup_record_set_sending_keys_and_dates_cb(on_keys_and_dates, nullptr);
-        if (!info)
-            orvanta_cloud_backup_record_set_backup_cb(on_backup, nullptr);
-        EXPECT_EQ(orvanta_cloud_backup_record_set_completed_cb(on_completed, nullptr), 0);
+        register_backup(info);
     }
     EXPECT_TRUE(service.called.empty()) << "the exchange starts from the main loop";
-    loop = g_main_loop_new(nullptr, FALSE);
-    g_main_loop_run(loop);
-    g_main_loop_unref(loop);
-    const ExchangeReport report = read_report(state_root() / LAST_REPORT);
-    EXPECT_EQ(report.succeeded, service.result == 1);
+    while (service.result < 0)
+        g_main_context_iteration(nullptr, TRUE);
+    unsetenv(REPORT_VARIABLE);
+    ExchangeReport report = decode_report(read_from(report_file, 0));
+    EXPECT_EQ(report.result == ExchangeReport::Result::succeeded, service.result == 1);
     return report;
 }
 
 TEST_F(Cloud, ExchangesCallInOrder)
 {
-    EXPECT_EQ(run_exchange(false).reason, "");
-    EXPECT_EQ(service.called, (std::vector<std::string>{"prepare", "keys", "backup", "completed"}));
-    EXPECT_EQ(run_exchange(false, {}, true).reason, "");
-    EXPECT_EQ(service.called, (std::vector<std::string>{"prepare", "keys", "completed"}));
-    EXPECT_EQ(run_exchange(true).reason, "");
-    EXPECT_EQ(service.called, (std::vector<std::string>{"prepare", "path", "restoration", "completed"}));
-    EXPECT_EQ(CloudStore().numbers(), std::vector<guint64>{1});
+    EXPECT_EQ(run_exchange(false).reason + service.called, "prepare keys backup completed ");
+    EXPECT_EQ(run_exchange(false, {}, true).reason + service.called, "prepare keys completed ");
+    EXPECT_EQ(run_exchange(true).reason + service.called, "prepare path restoration completed ");
+    EXPECT_EQ(CloudStore().list().numbers, std::vector<BackupNumber>{1});
 
     for (const char *name :
          {"cloud", "data", "cloud/backup-000001.json", "data/backup.dat", "data/restore.dat"})
@@ -295,7 +373,7 @@ TEST_F(Cloud, ExchangesCallInOrder)
 TEST_F(Cloud, ABackupSucceedsOnlyWhole)
 {
     // A file of an earlier backup lies where the next one's would.
-    ASSERT_TRUE(run_exchange(false).succeeded);
+    ASSERT_EQ(run_exchange(false).reason, "");
     write_file(root.path / "blocked", "a file where a folder should be");
     const struct {
         const char *reason;
@@ -317,36 +395,29 @@ TEST_F(Cloud, ABackupSucceedsOnlyWhole)
         Service with;
         test.change(with);
         const ExchangeReport report = run_exchange(false, with);
-        EXPECT_FALSE(report.succeeded);
-        EXPECT_NE(report.reason.find(test.reason), std::string::npos) << report.reason;
+        expect_in(report.reason, test.reason);
     }
-    EXPECT_EQ(CloudStore().numbers(), std::vector<guint64>{1});
+    EXPECT_EQ(CloudStore().list().numbers, std::vector<BackupNumber>{1});
 }
 
 TEST_F(Cloud, ARestoreSucceedsOnlyWhole)
 {
-    EXPECT_NE(run_exchange(true).reason.find("no backup yet"), std::string::npos);
+    expect_in(run_exchange(true).reason, "no backup yet");
     CloudStore().add(encode_record_file({{"0", "1", "a"}, {"1", "1", "b"}, {"2", "1", "c"}}));
     CloudStore().add("damaged");
 
-    EXPECT_NE(run_exchange(true).reason.find("backup 2 is refused"), std::string::npos);
-    EXPECT_EQ(service.called, (std::vector<std::string>{"prepare", "path", "completed"}));
+    expect_in(run_exchange(true).reason, "backup 2 is refused");
+    EXPECT_EQ(service.called, "prepare path completed ");
     setenv(RESTORE_VARIABLE, "1", 1);
-    EXPECT_TRUE(run_exchange(true).succeeded);
+    EXPECT_EQ(run_exchange(true).reason, "");
 
-    Service with;
-    with.unappliable = {"a", "c"};
-    const ExchangeReport report = run_exchange(true, with);
+    const ExchangeReport report = run_exchange(true, {.unappliable = {"a", "c"}});
     EXPECT_EQ(report.reason, R"(not restored: record "0", "2")");
     ASSERT_EQ(report.records.size(), 3);
     EXPECT_FALSE(report.records[1].failed);
 
-    with = {};
-    with.hand_back = false;
-    EXPECT_NE(run_exchange(true, with).reason.find("could not read the records"), std::string::npos);
-    with = {};
-    with.hand_back_all = false;
-    EXPECT_NE(run_exchange(true, with).reason.find("did not hand back all"), std::string::npos);
+    expect_in(run_exchange(true, {.hand_back = false}).reason, "could not read the records");
+    expect_in(run_exchange(true, {.hand_back_all = false}).reason, "did not hand back all");
 }
 
 TEST_F(Cloud, AnExchangeWaitsForAnother)
@@ -355,26 +426,199 @@ TEST_F(Cloud, AnExchangeWaitsForAnother)
     static std::optional<FileLock> other;
     other.emplace(state_root() / EXCHANGE_LOCK);
     ASSERT_TRUE(other->try_acquire());
-    g_timeout_add(
-        100,
-        [](void *) {
-            EXPECT_TRUE(service.called.empty());
-            other.reset();
-            return G_SOURCE_REMOVE;
-        },
-        nullptr);
-    EXPECT_TRUE(run_exchange(false).succeeded);
+    const auto let_go = [](void *) {
+        EXPECT_EQ(service.called, "");
+        other.reset();
+        return G_SOURCE_REMOVE;
+    };
+    g_timeout_add(100, let_go, nullptr);
+    EXPECT_EQ(run_exchange(false).reason, "");
 }
 
-TEST_F(Cloud, AnUnfinishedExchangeIsReported)
+TEST_F(Cloud, ADeinitializedLibraryIsFresh)
 {
+    service = {};
     orvanta_cloud_initialize();
+    register_backup();
+    EXPECT_EQ(orvanta_cloud_deinitialize(), 0);
+    EXPECT_NE(orvanta_cloud_backup_record_set_preparation_cb(on_prepare_backup, nullptr), 0);
+
+    orvanta_cloud_initialize();
+    EXPECT_NE(orvanta_cloud_backup_record_set_preparation_cb(nullptr, nullptr), 0);
     orvanta_cloud_backup_record_set_preparation_cb(on_prepare_backup, nullptr);
     orvanta_cloud_backup_record_set_sending_keys_and_dates_cb(on_keys_and_dates, nullptr);
-    ASSERT_EQ(orvanta_cloud_backup_record_set_completed_cb(on_completed, nullptr), 0);
-    EXPECT_EQ(orvanta_cloud_deinitialize(), 0);
-    EXPECT_NE(read_report(state_root() / LAST_REPORT).reason.find("ended before"), std::string::npos);
-    EXPECT_NE(orvanta_cloud_backup_record_set_preparation_cb(on_prepare_backup, nullptr), 0);
+    orvanta_cloud_deinitialize();
+    orvanta_cloud_initialize();
+    EXPECT_NE(orvanta_cloud_backup_record_set_completed_cb(on_completed, nullptr), 0)
+        << "half a registration";
+    while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
+    }
+    EXPECT_TRUE(service.called.empty());
+}
+
+TEST_F(Cloud, TheResultIsGivenOnceTheLastStepIsOver)
+{
+    // The service ends between any two iterations of the main loop.
+    for (int iterations = 0; iterations < 7; iterations++) {
+        service = {};
+        const Descriptor file(memfd_create("report", 0));
+        setenv(REPORT_VARIABLE, name_report_file(file.get(), file.get()).c_str(), 1);
+        orvanta_cloud_initialize();
+        register_backup();
+        const size_t stored = CloudStore().list().numbers.size();
+        for (int i = 0; i < iterations; i++)
+            g_main_context_iteration(nullptr, FALSE);
+        orvanta_cloud_deinitialize();
+        unsetenv(REPORT_VARIABLE);
+        const std::string text = read_from(file, 0);
+        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+        const ExchangeReport report = decode_report(text);
+        const bool is_stored = CloudStore().list().numbers.size() > stored;
+        EXPECT_EQ(report.result == ExchangeReport::Result::succeeded, is_stored) << iterations;
+        EXPECT_EQ(report.result == ExchangeReport::Result::undecided, iterations < 4) << iterations;
+    }
+    EXPECT_FALSE(fs::exists(root.path / LAST_REPORT));
+
+    // A number that is another file's is none, and then the report is for whoever started the service by
+    // hand.
+    const Descriptor other(memfd_create("report", 0));
+    setenv(REPORT_VARIABLE, name_report_file(report_file.get(), other.get()).c_str(), 1);
+    orvanta_cloud_initialize();
+    register_backup();
+    for (service = {}; service.result < 0;)
+        g_main_context_iteration(nullptr, FALSE);
+    unsetenv(REPORT_VARIABLE);
+    EXPECT_EQ(read_from(other, 0), "");
+    EXPECT_EQ(decode_report(read_file(root.path / LAST_REPORT)).backup, CloudStore().find(""));
+}
+
+TEST_F(Cloud, NothingThrownPassesTheMainLoop)
+{
+    // A child has no folder to be in.
+    const pid_t child = fork();
+    if (child == 0) {
+        const fs::path gone = root.path / "gone";
+        fs::create_directory(gone);
+        fs::current_path(gone);
+        fs::remove(gone);
+        setenv("IME_BACKUP_HOST_DIR", "state", 1);
+        service = {};
+        orvanta_cloud_initialize();
+        register_backup();
+        while (g_main_context_iteration(nullptr, FALSE) != FALSE && service.result < 0) {
+        }
+        _exit(service.result);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+
+    const auto throw_error = [] { throw std::runtime_error("thrown by the service"); };
+    EXPECT_EQ(run_exchange(false, {.meanwhile = throw_error}).reason, "thrown by the service");
+    EXPECT_EQ(run_exchange(true, {.meanwhile = [] { throw 7; }}).result, ExchangeReport::Result::failed);
+}
+
+// A device that is only a map, whose keeper has the account tell what a test wants.
+
+std::map<std::string, DeviceValue> device;
+bool device_is_readable = true;
+
+class OnADevice : public Cloud
+{
+protected:
+    OnADevice()
+    {
+        device = {{"db/ise/hand_write", true}};
+        device_is_readable = true;
+        register_place(SettingPlace::settings_store, {[](const SettingRow &row) {
+                                                          if (!device_is_readable)
+                                                              throw PlatformError("the device can't be read");
+                                                          return device[row.key];
+                                                      },
+                                                      [](const SettingRow &, const DeviceValue &) {}, [] {}});
+    }
+
+    static void change(const char *key, const DeviceValue &value, Change::Outcome outcome)
+    {
+        const size_t number = account().begin({SettingPlace::settings_store, key, device[key], value});
+        if (outcome == Change::Outcome::made)
+            device[key] = value;
+        account().end(number, outcome);
+    }
+
+    static void trouble(Trouble::Kind kind)
+    {
+        account().note({kind, SettingPlace::settings_store, "a trouble"});
+    }
+};
+
+TEST_F(OnADevice, AnyTroubleFailsABackup)
+{
+    const std::map<Trouble::Kind, ExchangeReport::Result> results = {
+        {Trouble::Kind::unusable, ExchangeReport::Result::no_platform},
+        {Trouble::Kind::unfit, ExchangeReport::Result::no_platform},
+        {Trouble::Kind::refused, ExchangeReport::Result::failed}};
+    for (const auto &[kind, result] : results) {
+        const ExchangeReport report = run_exchange(false, {.meanwhile = [kind = kind] { trouble(kind); }});
+        EXPECT_EQ(report.result, result);
+        EXPECT_EQ(report.reason, "a trouble");
+        EXPECT_EQ(report.troubles.size(), 1);
+    }
+    EXPECT_TRUE(CloudStore().list().numbers.empty());
+    EXPECT_EQ(run_exchange(false).reason, "") << "each exchange has an account of its own";
+}
+
+TEST_F(OnADevice, ARestoreIsJudgedByTheAccount)
+{
+    static constexpr char KEY[] = "db/ise/hand_write";
+    CloudStore().add(encode_record_file({{"0", "1", "{\"handwriting\":false}"}}));
+    using Result = ExchangeReport::Result;
+    const struct {
+        std::function<void()> meanwhile;
+        Result result;
+        const char *reason;
+        DeviceValue after;
+    } cases[] = {
+        {[] {}, Result::succeeded, "", true},
+        {[] { change(KEY, false, Change::Outcome::made); }, Result::succeeded, "", false},
+        {[] { trouble(Trouble::Kind::unfit); }, Result::succeeded, "", true},
+        {[] { trouble(Trouble::Kind::unusable); }, Result::no_platform, "a trouble", true},
+        {[] { trouble(Trouble::Kind::refused); }, Result::failed, "a trouble", true},
+        {[] { change(KEY, false, Change::Outcome::refused); }, Result::failed, "not restored: handwriting",
+         true},
+        {[] { change(KEY, false, Change::Outcome::pending); }, Result::failed, "not restored: handwriting",
+         true},
+        {[] {
+             change(KEY, false, Change::Outcome::made);
+             device[KEY] = true;
+         },
+         Result::failed, "not restored: handwriting", true},
+        {[] { device_is_readable = false; }, Result::no_platform, "the device can't be read", true},
+    };
+    for (const auto &test : cases) {
+        device[KEY] = true;
+        const ExchangeReport report = run_exchange(true, {.meanwhile = test.meanwhile});
+        EXPECT_EQ(report.result, test.result);
+        EXPECT_EQ(report.reason, test.reason);
+        ASSERT_GE(report.settings.size(), 3);
+        EXPECT_EQ(report.settings[1].member, "handwriting");
+        EXPECT_EQ(report.settings[1].before, DeviceValue(true));
+        EXPECT_EQ(report.settings[1].after, test.after);
+        EXPECT_EQ(report.snapshot, "{\"handwriting\":false}");
+        device_is_readable = true;
+    }
+
+    // Each change is told as it is made: the report may never come.
+    device[KEY] = true;
+    run_exchange(true, {.meanwhile = [] {
+                     change(KEY, false, Change::Outcome::made);
+                     EXPECT_EQ(decode_report(read_from(report_file, 0)).changes.at(0).outcome,
+                               Change::Outcome::made);
+                 }});
+
+    device_is_readable = false;
+    EXPECT_EQ(run_exchange(true).reason, "the device can't be read");
+    EXPECT_EQ(service.called, "prepare path completed ") << "the service must not begin to change it";
 }
 
 } // namespace

@@ -4,215 +4,293 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include "errors.h"
 #include "host.h"
-#include "state.h"
 #include "vconf.h"
 
 namespace
 {
 
-/// The library opens its store once, so all tests of its C interface share one.
-class Vconf : public testing::Test
+const SettingsStore::Observer UNSEEN = [](const auto &...) {};
+
+/// A state root of its own, for processes of their own: the library opens its store once in each.
+class Store : public testing::Test
 {
 protected:
-    static void SetUpTestSuite()
+    template <class Work>
+    pid_t start(Work work) const
     {
-        root = new TempDir;
-        setenv("IME_BACKUP_HOST_DIR", root->path.c_str(), 1);
-    }
-    static void TearDownTestSuite() { delete root; }
-
-    static std::string get_string(const char *key)
-    {
-        char *text = vconf_get_str(key);
-        const std::string copy = text == nullptr ? "(null)" : text;
-        free(text);
-        return copy;
-    }
-
-    static int set_string(const char *key, const char *value)
-    {
-        vconf_keylist_handle list = vconf_keylist_new();
-        EXPECT_GE(vconf_keylist_add_str(list, key, value), 0);
-        const int result = vconf_set(list);
-        EXPECT_EQ(vconf_keylist_free(list), 0);
-        return result;
+        const pid_t child = fork();
+        if (child == 0) {
+            setenv("IME_BACKUP_HOST_DIR", root.path.c_str(), 1);
+            try {
+                work();
+            } catch (const std::exception &error) {
+                ADD_FAILURE() << error.what();
+            }
+            _exit(HasFailure() ? 1 : 0);
+        }
+        return child;
     }
 
-    static inline TempDir *root;
+    static void expect_success(pid_t child)
+    {
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0);
+    }
+
+    template <class Work>
+    void run(Work work) const
+    {
+        expect_success(start(work));
+    }
+
+    SQLite::Database open_raw() const
+    {
+        return {root.path / "settings.db", SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE};
+    }
+
+    const TempDir root;
 };
 
-TEST_F(Vconf, KeepsTypesApart)
+std::string get_string(const char *key)
 {
-    EXPECT_EQ(vconf_set_bool("types/bool", 5), 0);
-    EXPECT_EQ(set_string("types/text", "1"), 0);
-    EXPECT_EQ(set_string("types/empty", ""), 0);
+    char *text = vconf_get_str(key);
+    const std::string copy = text == nullptr ? "(null)" : text;
+    free(text);
+    return copy;
+}
 
-    int value = 42;
-    EXPECT_EQ(vconf_get_bool("types/bool", &value), 0);
-    EXPECT_EQ(value, 1);
-    value = 42;
-    EXPECT_EQ(vconf_get_bool("types/text", &value), -1);
-    EXPECT_EQ(vconf_get_bool("types/missing", &value), -1);
-    EXPECT_EQ(vconf_get_bool(nullptr, &value), -1);
-    EXPECT_EQ(value, 42) << "a failed read leaves the value alone";
-
-    EXPECT_EQ(get_string("types/text"), "1");
-    EXPECT_EQ(get_string("types/empty"), "");
-    EXPECT_EQ(get_string("types/bool"), "(null)");
-    EXPECT_EQ(get_string("types/missing"), "(null)");
-
-    EXPECT_EQ(vconf_set_bool("types/text", 0), 0);
-    EXPECT_EQ(get_string("types/text"), "(null)") << "a set replaces the type too";
-    EXPECT_EQ(vconf_set_bool("", 0), -1);
-
+int set_string(const char *key, const char *value)
+{
     vconf_keylist_handle list = vconf_keylist_new();
-    EXPECT_LT(vconf_keylist_add_str(list, "types/text", "\xff"), 0);
+    EXPECT_GE(vconf_keylist_add_str(list, key, value), 0);
+    const int result = vconf_set(list);
     EXPECT_EQ(vconf_keylist_free(list), 0);
-    EXPECT_LT(vconf_keylist_free(list), 0) << "a list is released once";
+    return result;
 }
 
-TEST_F(Vconf, ListsAKeyOrADirectory)
+TEST_F(Store, KeepsTypesApart)
 {
-    ASSERT_EQ(set_string("dir/a", "A"), 0);
-    ASSERT_EQ(set_string("dir/sub/b", "B"), 0);
-    ASSERT_EQ(set_string("dirt", "no"), 0);
-    ASSERT_EQ(vconf_set_bool("dir/flag", 1), 0);
+    run([] {
+        EXPECT_EQ(vconf_set_bool("types/bool", 5), 0);
+        EXPECT_EQ(set_string("types/text", "1"), 0);
+        EXPECT_EQ(set_string("types/empty", ""), 0);
 
-    const struct {
-        const char *directory;
-        int option;
-        bool found;
-        std::vector<std::string> keys;
-    } cases[] = {
-        {"dir", 0, true, {"dir/a", "dir/sub/b", "dir/flag"}},
-        {"dir/sub", 0, true, {"dir/sub/b"}},
-        {"dir/a", 0, true, {"dir/a"}},
-        {"dir/s", 0, false, {}},
-        {"none", 0, false, {}},
-        {"dir", 1, false, {}},
-    };
-    for (const auto &test : cases) {
-        SCOPED_TRACE(test.directory);
+        int value = 42;
+        EXPECT_EQ(vconf_get_bool("types/bool", &value), 0);
+        EXPECT_EQ(value, 1);
+        value = 42;
+        EXPECT_EQ(vconf_get_bool("types/text", &value), -1);
+        EXPECT_EQ(vconf_get_bool("types/missing", &value), -1);
+        EXPECT_EQ(vconf_get_bool(nullptr, &value), -1);
+        EXPECT_EQ(value, 42) << "a failed read leaves the value alone";
+
+        EXPECT_EQ(get_string("types/text"), "1");
+        EXPECT_EQ(get_string("types/empty"), "");
+        EXPECT_EQ(get_string("types/bool"), "(null)");
+        EXPECT_EQ(get_string("types/missing"), "(null)");
+
+        EXPECT_EQ(vconf_set_bool("types/text", 0), 0);
+        EXPECT_EQ(get_string("types/text"), "(null)") << "a set replaces the type too";
+        EXPECT_EQ(vconf_set_bool("", 0), -1);
+
         vconf_keylist_handle list = vconf_keylist_new();
-        EXPECT_EQ(vconf_get(list, test.directory, test.option) >= 0, test.found);
-        for (const char *key : {"dir/a", "dir/sub/b", "dir/flag", "dirt"}) {
-            vconf_keynode_handle node = nullptr;
-            const bool wanted = std::find(test.keys.begin(), test.keys.end(), key) != test.keys.end();
-            EXPECT_EQ(vconf_keylist_lookup(list, key, &node) >= 0, wanted) << key;
-            const char *text = node == nullptr ? nullptr : vconf_keynode_get_str(node);
-            const bool has_text = wanted && key != std::string("dir/flag");
-            EXPECT_EQ(text != nullptr, has_text) << key;
+        EXPECT_LT(vconf_keylist_add_str(list, "types/text", "\xff"), 0);
+        EXPECT_EQ(vconf_keylist_free(list), 0);
+        EXPECT_LT(vconf_keylist_free(list), 0) << "a list is released once";
+    });
+}
+
+TEST_F(Store, ListsAKeyOrADirectory)
+{
+    run([] {
+        EXPECT_EQ(set_string("dir/a", "A"), 0);
+        EXPECT_EQ(set_string("dir/sub/b", "B"), 0);
+        EXPECT_EQ(set_string("dirt", "no"), 0);
+        EXPECT_EQ(vconf_set_bool("dir/flag", 1), 0);
+        const struct {
+            const char *directory;
+            int option;
+            std::string found;
+        } cases[] = {
+            {"dir", 0, "dir/a=A dir/sub/b=B dir/flag "},
+            {"dir/sub", 0, "dir/sub/b=B "},
+            {"dir/a", 0, "dir/a=A "},
+            {"dir/s", 0, ""},
+            {"none", 0, ""},
+            {"dir", 1, ""},
+        };
+        for (const auto &test : cases) {
+            vconf_keylist_handle list = vconf_keylist_new();
+            EXPECT_EQ(vconf_get(list, test.directory, test.option) < 0, test.found.empty());
+            std::string found;
+            for (const char *key : {"dir/a", "dir/sub/b", "dir/flag", "dirt"}) {
+                vconf_keynode_handle node = nullptr;
+                if (vconf_keylist_lookup(list, key, &node) < 0)
+                    continue;
+                const char *text = vconf_keynode_get_str(node);
+                found += key + (text == nullptr ? "" : "=" + std::string(text)) + " ";
+            }
+            EXPECT_EQ(found, test.found);
+            vconf_keylist_free(list);
         }
+    });
+}
+
+TEST_F(Store, StoresOnlyWhatWasAdded)
+{
+    run([] {
+        EXPECT_EQ(set_string("own/a", "old"), 0);
+        vconf_keylist_handle list = vconf_keylist_new();
+        EXPECT_EQ(vconf_get(list, "own/a", 0), 0);
+        EXPECT_EQ(set_string("own/a", "new"), 0); // as another process might
+        EXPECT_GE(vconf_keylist_add_str(list, "own/b", "B"), 0);
+        EXPECT_EQ(vconf_set(list), 0);
         vconf_keylist_free(list);
-    }
+        EXPECT_EQ(get_string("own/a") + get_string("own/b"), "newB");
+    });
 }
 
-TEST_F(Vconf, StoresOnlyWhatWasAdded)
+TEST_F(Store, ProcessesAtOnceLoseNothing)
 {
-    ASSERT_EQ(set_string("own/a", "old"), 0);
-    vconf_keylist_handle list = vconf_keylist_new();
-    ASSERT_EQ(vconf_get(list, "own/a", 0), 0);
-    ASSERT_EQ(set_string("own/a", "new"), 0); // as another process might
-    ASSERT_GE(vconf_keylist_add_str(list, "own/b", "B"), 0);
-    EXPECT_EQ(vconf_set(list), 0);
-    vconf_keylist_free(list);
-    EXPECT_EQ(get_string("own/a"), "new");
-    EXPECT_EQ(get_string("own/b"), "B");
-}
-
-/// Starts `work` in a process of its own that has a root of its own.
-template <class Work>
-pid_t start(const TempDir &root, Work work)
-{
-    const pid_t child = fork();
-    if (child == 0) {
-        setenv("IME_BACKUP_HOST_DIR", root.path.c_str(), 1);
-        try {
-            _exit(work() ? 0 : 1);
-        } catch (const HostError &) {
-            _exit(2);
-        }
-    }
-    return child;
-}
-
-int wait_for(pid_t child)
-{
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-TEST(SettingsStore, ProcessesAtOnceLoseNothing)
-{
-    constexpr int processes = 6;
-    constexpr int keys = 20;
-    const TempDir root;
     std::vector<pid_t> children;
-    for (int i = 0; i < processes; i++)
-        children.push_back(start(root, [i] {
+    for (int i = 0; i < 6; i++)
+        children.push_back(start([i] {
             SettingsStore store; // they race to make it
-            for (int key = 0; key < keys; key++)
-                store.set({{std::to_string(i) + "/" + std::to_string(key), "value"}});
-            return true;
+            for (int key = 0; key < 20; key++)
+                store.set({{"all/" + std::to_string(i) + "/" + std::to_string(key), "value"}}, UNSEEN);
         }));
     for (const pid_t child : children)
-        EXPECT_EQ(wait_for(child), 0);
-
-    const auto all_are_there = [] {
-        const SettingsStore store;
-        size_t count = 0;
-        for (int i = 0; i < processes; i++)
-            count += store.below(std::to_string(i)).size();
-        return count == size_t{processes} * keys;
-    };
-    EXPECT_EQ(wait_for(start(root, all_are_there)), 0);
+        expect_success(child);
+    run([] { EXPECT_EQ(SettingsStore().below("all").size(), 6 * 20); });
 }
 
-TEST(SettingsStore, AKilledProcessLeavesWholeSets)
+TEST_F(Store, AKilledProcessLeavesWholeSets)
 {
-    const TempDir root;
-    const auto write_pairs = [] {
-        SettingsStore store;
-        for (int i = 0;; i++)
-            store.set({{"pair/a", std::to_string(i)}, {"pair/b", std::to_string(i)}});
-        return true;
-    };
-    const auto pair_is_whole = [] {
-        const SettingsStore store;
-        return store.get("pair/a") == store.get("pair/b");
-    };
     for (useconds_t round = 1; round <= 10; round++) {
-        const pid_t writer = start(root, write_pairs);
+        const pid_t writer = start([] {
+            SettingsStore store;
+            for (int i = 0;; i++)
+                store.set({{"pair/a", std::to_string(i)}, {"pair/b", std::to_string(i)}}, UNSEEN);
+        });
         usleep(3000 * round);
         kill(writer, SIGKILL);
-        wait_for(writer);
-        EXPECT_EQ(wait_for(start(root, pair_is_whole)), 0);
+        waitpid(writer, nullptr, 0);
+        run([] {
+            const SettingsStore store;
+            EXPECT_EQ(store.get("pair/a"), store.get("pair/b"));
+        });
     }
 }
 
-TEST(SettingsStore, RefusesWhatIsNoStoreAndLeavesItAlone)
+TEST_F(Store, IsItsOwnersAloneAndMadeWhole)
 {
-    for (const std::string &content : {std::string("SQLite format 3"), std::string(4096, 'x')}) {
-        const TempDir root;
-        write_file(root.path / "settings.db", content);
-        EXPECT_EQ(wait_for(start(root, [] { return SettingsStore().get("a").has_value(); })), 2);
-        EXPECT_EQ(read_file(root.path / "settings.db"), content);
-    }
+    // What a process that was killed while it made the store may have left.
+    write_file(root.path / "settings.db.new", "half a store");
+    write_file(root.path / "settings.db-wal", "of a store that is gone");
+    run([] {
+        umask(022);
+        SettingsStore().set({{"a", true}}, UNSEEN);
+        EXPECT_EQ(SettingsStore().get("a"), DeviceValue(true));
+    });
+    EXPECT_EQ(std::filesystem::status(root.path / "settings.db").permissions(), std::filesystem::perms(0600));
+    EXPECT_FALSE(std::filesystem::exists(root.path / "settings.db.new"));
 }
 
-TEST(SettingsStore, RefusesALaterVersion)
+TEST_F(Store, ASecondOneInTheProcessLeavesTheLocksOfTheFirst)
 {
-    const TempDir root;
-    SQLite::Database(root.path / "settings.db", SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE)
-        .exec("PRAGMA user_version = 2");
-    EXPECT_EQ(wait_for(start(root, [] { return SettingsStore().get("a").has_value(); })), 2);
+    run([] { SettingsStore(); });
+    int holding[2];
+    int release[2];
+    ASSERT_EQ(pipe(holding) + pipe(release), 0);
+    char byte = 0;
+    const pid_t holder = start([&] {
+        SQLite::Database first = open_raw();
+        first.exec("BEGIN IMMEDIATE");
+        const SettingsStore second;
+        EXPECT_EQ(write(holding[1], &byte, 1) + read(release[0], &byte, 1), 2);
+    });
+    ASSERT_EQ(read(holding[0], &byte, 1), 1);
+    EXPECT_THROW(open_raw().exec("BEGIN IMMEDIATE"), SQLite::Exception);
+    ASSERT_EQ(write(release[1], &byte, 1), 1);
+    expect_success(holder);
+}
+
+// What the library does to the device is on the account.
+
+TEST_F(Store, EachChangeIsOnTheAccountAndNoneThatChangesNothingIsWritten)
+{
+    run([this] {
+        std::string outcomes;
+        account().start([&](size_t number, const Change &change) {
+            outcomes += std::to_string(number) + (change.outcome == Change::Outcome::pending ? "?" : "!");
+        });
+        EXPECT_EQ(vconf_set_bool("flag", 0), 0);
+        EXPECT_EQ(vconf_set_bool("flag", 7), 0);
+        SQLite::Database watcher = open_raw();
+        const int version = watcher.execAndGet("PRAGMA data_version").getInt();
+        EXPECT_EQ(vconf_set_bool("flag", 1), 0);
+        EXPECT_EQ(watcher.execAndGet("PRAGMA data_version").getInt(), version);
+
+        EXPECT_EQ(outcomes, "0?0!1?1!");
+        EXPECT_EQ(account().changes().at(0).before, DeviceValue());
+        const Change &change = account().changes().at(1);
+        EXPECT_EQ(change.key, "flag");
+        EXPECT_EQ(change.before, DeviceValue(false));
+        EXPECT_EQ(change.after, DeviceValue(true));
+        EXPECT_EQ(change.outcome, Change::Outcome::made);
+        EXPECT_TRUE(account().troubles().empty());
+    });
+}
+
+TEST_F(Store, WhoCouldNotReadDoesNotOverwrite)
+{
+    const auto expect_flag = [](int result, int expected) {
+        int value = 42;
+        const size_t troubles = account().troubles().size();
+        EXPECT_EQ(vconf_get_bool("missing", &value), -1);
+        EXPECT_EQ(account().troubles().size(), troubles) << "a key that is not set is no trouble";
+        EXPECT_EQ(vconf_get_bool("flag", &value), result);
+        EXPECT_EQ(value, expected);
+    };
+    run([] { EXPECT_EQ(vconf_set_bool("flag", 1), 0); });
+    // The damage is mended before the write: the process still does not write.
+    run([&] {
+        open_raw().exec("UPDATE settings SET value = 'x'");
+        expect_flag(-1, 42);
+        open_raw().exec("UPDATE settings SET value = '1'");
+        EXPECT_EQ(vconf_set_bool("flag", 0), -1);
+        EXPECT_EQ(account().troubles().size(), 1);
+        EXPECT_EQ(account().troubles().at(0).kind, Trouble::Kind::unusable);
+        EXPECT_EQ(account().changes().at(0).outcome, Change::Outcome::refused);
+    });
+    // A value of another type is there, and may be overwritten.
+    run([] {
+        free(vconf_get_str("flag"));
+        EXPECT_EQ(account().troubles().at(0).kind, Trouble::Kind::unfit);
+        EXPECT_EQ(vconf_set_bool("flag", 0), 0);
+    });
+    // Who could not write does not write on, but reads.
+    run([&] {
+        open_raw().exec("CREATE TRIGGER full BEFORE INSERT ON settings"
+                        " BEGIN SELECT RAISE(ABORT, 'full'); END");
+        EXPECT_EQ(vconf_set_bool("flag", 1), -1);
+        open_raw().exec("DROP TRIGGER full");
+        EXPECT_EQ(vconf_set_bool("other", 1), -1);
+        EXPECT_EQ(account().troubles().size(), 1);
+        EXPECT_EQ(account().changes().size(), 2);
+        EXPECT_EQ(account().changes().at(0).before, DeviceValue(false));
+        EXPECT_EQ(account().changes().at(0).outcome, Change::Outcome::refused);
+        expect_flag(0, 0);
+    });
 }
 
 } // namespace

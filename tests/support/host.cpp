@@ -84,3 +84,9 @@ bool Process::is_running() const
 {
     return g_subprocess_get_identifier(process) != nullptr;
 }
+
+int Process::pid() const
+{
+    const char *identifier = g_subprocess_get_identifier(process);
+    return identifier == nullptr ? 0 : std::stoi(identifier);
+}

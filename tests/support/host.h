@@ -40,6 +40,7 @@ public:
     void send(int signal);
     Outcome wait();
     bool is_running() const;
+    int pid() const; ///< or 0 when it has ended
 
 private:
     GSubprocess *process;

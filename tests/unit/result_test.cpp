@@ -7,8 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include "ime_backup_operations.h"
-#include "ime_backup_service.h"
 #include "ime_backup_service_json_parser.h"
 #include "ime_backup_service_json_writer.h"
 
@@ -59,8 +57,10 @@ TEST_F(Results, UpdateFailsOnlyWhenTheListRefusesTheText)
 
 TEST_F(Results, WriterSetsTextAndLengthOnlyOnSuccess)
 {
-    for (const char *function : {"", "ConfigModule", "create_config", "isf_control_get_active_ime"}) {
+    for (const char *function : {"", "ConfigModule", "create_config", "isf_control_get_active_ime", "text"}) {
         fail(function);
+        if (strcmp(function, "text") == 0)
+            scripted.given[KEY] = "\xff#";
         const bool succeeds = *function == '\0';
         char untouched[] = "untouched";
         char *text = untouched;
@@ -71,43 +71,19 @@ TEST_F(Results, WriterSetsTextAndLengthOnlyOnSuccess)
         if (text != untouched)
             g_free(text);
     }
+}
 
-    fail("");
+TEST_F(Results, NothingComesOfNull)
+{
     char *text = nullptr;
     gsize length = 42;
     EXPECT_EQ(_ime_backup_get_json_value(&text, nullptr), -1);
     EXPECT_EQ(_ime_backup_get_json_value(nullptr, &length), -1);
+    EXPECT_FALSE(_ime_restore_json_value(nullptr));
     EXPECT_EQ(text, nullptr);
     EXPECT_EQ(length, 42);
     const std::string line = "E(_ime_backup_get_json_value) Fail:Invalid Input Parameter";
-    EXPECT_EQ(scripted.trace, Trace({line, line}));
-
-    scripted.given[KEY] = "\xff#";
-    EXPECT_EQ(_ime_backup_get_json_value(&text, &length), -1);
-}
-
-TEST_F(Results, RestorerIsSilentAboutNoSnapshot)
-{
-    EXPECT_FALSE(_ime_restore_json_value(nullptr));
-    EXPECT_EQ(scripted.trace, Trace());
-}
-
-TEST_F(Results, OperationIsKnownByItsPrefix)
-{
-    const std::string backup = "http://orvanta.com/appcontrol/operation/orvanta_cloud/backup";
-    const std::string restore = "http://orvanta.com/appcontrol/operation/orvanta_cloud/restore";
-    const std::string get_info = "http://orvanta.com/appcontrol/operation/orvanta_cloud/get_backup_info";
-    EXPECT_EQ(__get_cloud_operation(nullptr), ORVANTA_CLOUD_OPERATION_UNKNOWN);
-    for (const std::string &unknown : {std::string(), std::string("backup"), "x" + backup})
-        EXPECT_EQ(__get_cloud_operation(unknown.c_str()), ORVANTA_CLOUD_OPERATION_UNKNOWN) << unknown;
-    for (const auto &[identifier, kind] : {std::pair(backup, ORVANTA_CLOUD_OPERATION_BACKUP),
-                                           {restore, ORVANTA_CLOUD_OPERATION_RESTORE},
-                                           {get_info, ORVANTA_CLOUD_OPERATION_GET_BACKUP_INFO}}) {
-        EXPECT_EQ(__get_cloud_operation(identifier.c_str()), kind);
-        EXPECT_EQ(__get_cloud_operation((identifier + "_of_something").c_str()), kind);
-        EXPECT_EQ(__get_cloud_operation(identifier.substr(0, identifier.size() - 1).c_str()),
-                  ORVANTA_CLOUD_OPERATION_UNKNOWN);
-    }
+    EXPECT_EQ(scripted.trace, Trace({line, line})) << "the restorer is silent";
 }
 
 } // namespace

@@ -1,9 +1,10 @@
 #include "scripted_platform.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstring>
+#include <functional>
 #include <libintl.h>
-#include <memory>
 #include <regex>
 #include <sys/time.h>
 
@@ -35,47 +36,36 @@ struct orvanta_cloud_record : Named {
     std::string value;
 };
 struct orvanta_cloud_list : Named {
-    std::vector<std::unique_ptr<orvanta_cloud_record>> records;
+    std::vector<orvanta_cloud_record> records;
     size_t cursor = 0;
 };
 struct vconf_keynode {
-    const char *text;
+    std::string text;
 };
-struct vconf_keylist {
-    std::map<std::string, std::string> read;
-    vconf_keynode node;
+struct vconf_keylist : Named {
+    std::map<std::string, vconf_keynode> read;
 };
 
-static std::string show(const char *text)
-{
-    return text == nullptr ? "null" : "\"" + std::string(text) + "\"";
-}
-
-static std::string show(int number)
-{
-    return std::to_string(number);
-}
-
-static std::string show(const Named *handle)
-{
-    return handle == nullptr ? "null" : handle->name;
-}
-
-static void note(const std::string &line)
-{
-    platform->trace.push_back(line);
-}
+using AppControl = app_control_handle;
+using List = orvanta_cloud_list_handle;
+using Record = orvanta_cloud_record_handle;
+using KeyList = vconf_keylist_handle;
+using Key = const scim::String &;
 
 /// Notes a call of a function; true when it is the one that fails.
 struct Call {
     const char *function;
+
+    static std::string show(const char *text) { return text ? "\"" + std::string(text) + "\"" : "null"; }
+    static std::string show(const Named *handle) { return handle ? handle->name : "null"; }
+    static std::string show(int number) { return std::to_string(number); }
 
     template <class... Args>
     bool operator()(Args... args) const
     {
         std::string line;
         ((line += (line.empty() ? "" : ", ") + show(args)), ...);
-        note(std::string(function) + "(" + line + ")");
+        platform->note(std::string(function) + "(" + line + ")");
         const bool told =
             platform->given["fail"] == function && ++platform->told_calls == platform->number("fail at");
         if (++platform->calls != platform->failing_call && !told)
@@ -85,8 +75,7 @@ struct Call {
     }
 };
 
-/// Defines a function of the platform that notes `noted` of its arguments, has an effect, and succeeds with
-/// `success`.
+/// Defines a function that notes `noted` of its arguments, has an effect, and succeeds with `success`.
 #define FAKE(function, parameters, noted, success, ...)                                                      \
     int function parameters                                                                                  \
     {                                                                                                        \
@@ -95,6 +84,13 @@ struct Call {
             __VA_ARGS__;                                                                                     \
         }                                                                                                    \
         return fails ? platform->number("code") : success;                                                   \
+    }
+
+/// The same, for one that yields a text, or null.
+#define FAKE_TEXT(function, parameters, noted, text)                                                         \
+    char *function parameters                                                                                \
+    {                                                                                                        \
+        return Call{#function} noted ? nullptr : text;                                                       \
     }
 
 /// The same, for one that releases `handle` even when it fails.
@@ -116,7 +112,7 @@ int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, vo
 {
     testing::InitGoogleTest(&argc, argv);
     g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));
-    g_set_print_handler([](const gchar *text) { note("print " + std::string(text)); });
+    g_set_print_handler([](const gchar *text) { platform->note("print " + std::string(text)); });
     EXPECT_EQ(user_data, nullptr);
     service = callbacks;
     return RUN_ALL_TESTS();
@@ -124,7 +120,7 @@ int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, vo
 
 void service_app_exit()
 {
-    note("service_app_exit()");
+    platform->note("service_app_exit()");
     platform->exited = true;
 }
 
@@ -134,59 +130,50 @@ static char *copy(const std::string &text)
 }
 
 // clang-format off
-FAKE(app_control_get_operation, (app_control_handle request, char **operation), (request), 0,
+FAKE(app_control_get_operation, (AppControl request, char **operation), (request), 0,
      *operation = copy(platform->given["operation"]))
-FAKE(app_control_create, (app_control_handle *handle), (), 0,
-     *handle = new app_control{{"<reply>"}}; platform->live_handles++)
-FAKE(app_control_reply_to_launch_request,
-     (app_control_handle reply, app_control_handle request, int result), (reply, request, result), 0)
-FAKE_RELEASE(app_control_destroy, app_control_handle)
+FAKE(app_control_create, (AppControl *handle), (), 0, *handle = new app_control{{"<reply>"}}; platform->live_handles++)
+FAKE(app_control_reply_to_launch_request, (AppControl reply, AppControl request, int result), (reply, request, result), 0)
+FAKE_RELEASE(app_control_destroy, AppControl)
 // clang-format on
 
 // The cloud library.
 
-static struct {
-    orvanta_cloud_request_cb preparation, keys_and_dates, path;
-    orvanta_cloud_backup_cb backup;
-    orvanta_cloud_restoration_cb restoration;
-    orvanta_cloud_completed_cb completed;
-} callbacks;
+/// The exchange that the service has registered for: its callbacks, in order.
+static std::vector<std::function<void()>> steps;
 
 static orvanta_cloud_list *make_list(const std::vector<std::string> &values)
 {
     auto *list = new orvanta_cloud_list{{"<list>"}, {}, 0};
     for (const std::string &value : values)
-        list->records.push_back(std::make_unique<orvanta_cloud_record>(
-            orvanta_cloud_record{{"<record" + std::to_string(list->records.size()) + ">"}, value}));
+        list->records.push_back({{"<record" + std::to_string(list->records.size()) + ">"}, value});
     platform->live_handles++;
     return list;
 }
 
-// A record that is not added to a list leaks in the service, as it would in the library: keep it reachable.
-static std::unique_ptr<orvanta_cloud_record> loose_record;
-
-static orvanta_cloud_record *make_record()
+static orvanta_cloud_list *backed_up_list()
 {
-    loose_record = std::make_unique<orvanta_cloud_record>(orvanta_cloud_record{{"<new record>"}, {}});
-    return loose_record.get();
+    const auto count = static_cast<size_t>(std::max(platform->record_count(), 0));
+    return platform->number("no list") != 0 ? nullptr : make_list(std::vector<std::string>(count));
 }
 
-#define FAKE_REGISTRATION(function, type, member)                                                            \
+// A record that is not added to a list would leak in the library. Here there is only one.
+static orvanta_cloud_record new_record = {{"<new record>"}, {}};
+static orvanta_cloud_source backup_file = {{"<source>"}};
+
+#define FAKE_REGISTRATION(function, type, ...)                                                               \
     FAKE(function, (type callback, void *context), (), 0, EXPECT_EQ(context, nullptr);                       \
-         callbacks.member = callback)
+         steps.emplace_back([callback] { callback(__VA_ARGS__); }))
 
 // clang-format off
-FAKE_REGISTRATION(orvanta_cloud_backup_record_set_preparation_cb, orvanta_cloud_request_cb, preparation)
-FAKE_REGISTRATION(orvanta_cloud_backup_record_set_sending_keys_and_dates_cb, orvanta_cloud_request_cb, keys_and_dates)
-FAKE_REGISTRATION(orvanta_cloud_backup_record_set_backup_cb, orvanta_cloud_backup_cb, backup)
-FAKE_REGISTRATION(orvanta_cloud_backup_record_set_completed_cb, orvanta_cloud_completed_cb, completed)
-FAKE_REGISTRATION(orvanta_cloud_restore_record_set_preparation_cb, orvanta_cloud_request_cb, preparation)
-FAKE_REGISTRATION(orvanta_cloud_restore_record_set_sending_restoration_path_cb, orvanta_cloud_request_cb, path)
-FAKE_REGISTRATION(orvanta_cloud_restore_record_set_restoration_cb, orvanta_cloud_restoration_cb, restoration)
-FAKE_REGISTRATION(orvanta_cloud_restore_record_set_completed_cb, orvanta_cloud_completed_cb, completed)
-
-using List = orvanta_cloud_list_handle;
-using Record = orvanta_cloud_record_handle;
+FAKE_REGISTRATION(orvanta_cloud_backup_record_set_preparation_cb, orvanta_cloud_request_cb)
+FAKE_REGISTRATION(orvanta_cloud_backup_record_set_sending_keys_and_dates_cb, orvanta_cloud_request_cb)
+FAKE_REGISTRATION(orvanta_cloud_backup_record_set_backup_cb, orvanta_cloud_backup_cb, backed_up_list())
+FAKE_REGISTRATION(orvanta_cloud_backup_record_set_completed_cb, orvanta_cloud_completed_cb, platform->number("result"))
+FAKE_REGISTRATION(orvanta_cloud_restore_record_set_preparation_cb, orvanta_cloud_request_cb)
+FAKE_REGISTRATION(orvanta_cloud_restore_record_set_sending_restoration_path_cb, orvanta_cloud_request_cb)
+FAKE_REGISTRATION(orvanta_cloud_restore_record_set_restoration_cb, orvanta_cloud_restoration_cb, &backup_file)
+FAKE_REGISTRATION(orvanta_cloud_restore_record_set_completed_cb, orvanta_cloud_completed_cb, platform->number("result"))
 
 FAKE(orvanta_cloud_initialize, (), (), 0)
 FAKE(orvanta_cloud_deinitialize, (), (), 0)
@@ -203,8 +190,8 @@ FAKE(orvanta_cloud_list_get_record_count, (List list, int *count), (list), 0, *c
 FAKE(orvanta_cloud_list_move_to_first, (List list), (list), 0)
 FAKE(orvanta_cloud_list_move_to_next, (List list), (list), 0, list->cursor++)
 FAKE(orvanta_cloud_list_get_current_record, (List list, Record *record), (list), 0,
-     *record = list->records.at(list->cursor).get())
-FAKE(orvanta_cloud_record_create, (Record *record), (), 0, *record = make_record())
+     *record = &list->records.at(list->cursor))
+FAKE(orvanta_cloud_record_create, (Record *record), (), 0, *record = &new_record)
 FAKE(orvanta_cloud_record_set_key, (Record record, const char *key), (record, key), 0)
 FAKE(orvanta_cloud_record_set_date, (Record record, const char *date), (record, date), 0)
 FAKE(orvanta_cloud_record_set_value, (Record record, const char *value), (record, value), 0)
@@ -214,48 +201,32 @@ FAKE(orvanta_cloud_file_create_file, (List list, const char *path), (list, path)
 FAKE(orvanta_cloud_file_create_record_list, (orvanta_cloud_source_handle source, List *list), (source), 0,
      *list = make_list(platform->records))
 
-// The settings store.
-
-using KeyList = vconf_keylist_handle;
-
-FAKE(vconf_get_bool, (const char *key, int *value), (key), 0, *value = platform->number(key))
-FAKE(vconf_set_bool, (const char *key, int value), (key, value), 0)
-FAKE(vconf_get, (KeyList list, const char *directory, int option), (directory, option), platform->number("success"),
-     list->read[directory] = platform->given.at(directory))
-FAKE(vconf_keylist_lookup, (KeyList list, const char *key, vconf_keynode_handle *node), (key), platform->number("success"),
-     list->node.text = list->read.at(key).c_str(); *node = &list->node)
-FAKE(vconf_keylist_add_str, (KeyList, const char *key, const char *value), (key, value), platform->number("success"))
-FAKE(vconf_set, (KeyList), (), 0)
 // clang-format on
 
-char *vconf_get_str(const char *key)
-{
-    return Call{__func__}(key) ? nullptr : copy(platform->given.at(key));
-}
-
-char *vconf_keynode_get_str(vconf_keynode_handle node)
-{
-    return Call{__func__}() ? nullptr : const_cast<char *>(node->text);
-}
+// The settings store.
 
 KeyList vconf_keylist_new()
 {
-    note("vconf_keylist_new()");
+    platform->note("vconf_keylist_new()");
     platform->live_handles++;
-    return new vconf_keylist;
+    return new vconf_keylist{{"<keys>"}, {}};
 }
 
-int vconf_keylist_free(KeyList list)
-{
-    note("vconf_keylist_free()");
-    platform->live_handles--;
-    delete list;
-    return 0;
-}
+// clang-format off
+FAKE(vconf_get_bool, (const char *key, int *value), (key), 0, *value = platform->number(key))
+FAKE(vconf_set_bool, (const char *key, int value), (key, value), 0)
+FAKE(vconf_get, (KeyList list, const char *directory, int option), (directory, option), platform->number("success"),
+     list->read[directory].text = platform->given.at(directory))
+FAKE(vconf_keylist_lookup, (KeyList list, const char *key, vconf_keynode_handle *node), (key), platform->number("success"),
+     *node = &list->read.at(key))
+FAKE(vconf_keylist_add_str, (KeyList, const char *key, const char *value), (key, value), platform->number("success"))
+FAKE(vconf_set, (KeyList list), (list), 0)
+FAKE_RELEASE(vconf_keylist_free, KeyList)
+FAKE_TEXT(vconf_get_str, (const char *key), (key), copy(platform->given.at(key)))
+FAKE_TEXT(vconf_keynode_get_str, (vconf_keynode_handle node), (), node->text.data())
 
 // The input-method framework.
 
-// clang-format off
 FAKE(isf_control_get_active_ime, (char **identifier), (), platform->number("keyboard result"),
      *identifier = copy(platform->given["keyboard"]))
 FAKE(isf_control_set_active_ime, (const char *identifier), (identifier), 0)
@@ -267,69 +238,58 @@ public:
     ScriptedConfig() { platform->live_handles++; }
     ~ScriptedConfig() override
     {
-        note("config released");
+        platform->note("config released");
         platform->live_handles--;
     }
 
-    bool read(const scim::String &key, int *value) const override { return answer("int", key, value); }
-    bool read(const scim::String &key, bool *value) const override { return answer("bool", key, value); }
-    bool write(const scim::String &key, int value) override { return take("int", key, value); }
-    bool write(const scim::String &key, bool value) override { return take("bool", key, value); }
+    bool read(Key key, int *value) const override { return answer("int", key, value); }
+    bool read(Key key, bool *value) const override { return answer("bool", key, value); }
+    bool write(Key key, int value) override { return !Call{"config write"}("int", key.c_str(), value); }
+    bool write(Key key, bool value) override { return !Call{"config write"}("bool", key.c_str(), value); }
     bool flush() override { return !Call{"config flush"}(); }
     bool reload() override { return !Call{"config reload"}(); }
 
 private:
     template <class Value>
-    static bool answer(const char *type, const scim::String &key, Value *value)
+    static bool answer(const char *type, Key key, Value *value)
     {
         if (Call{"config read"}(type, key.c_str()) || !platform->given.contains(key))
             return false;
         *value = static_cast<Value>(platform->number(key));
         return true;
     }
-
-    static bool take(const char *type, const scim::String &key, int value)
-    {
-        return !Call{"config write"}(type, key.c_str(), value);
-    }
 };
 
-namespace scim
-{
-
-static ConfigPointer make_config()
+static scim::ConfigPointer make_config()
 {
     return Call{"create_config"}() ? nullptr : new ScriptedConfig;
 }
 
 // Stands in for the library's own, as a host platform's does.
-ConfigModule::ConfigModule(const String &name)
+scim::ConfigModule::ConfigModule(const String &name)
     : m_config_init(nullptr),
       m_config_create_config(Call{"ConfigModule"}(name.c_str()) ? nullptr : make_config)
 {
 }
 
-bool ConfigModule::valid() const
+bool scim::ConfigModule::valid() const
 {
     return m_config_create_config != nullptr;
 }
 
-ConfigPointer ConfigModule::create_config() const
+scim::ConfigPointer scim::ConfigModule::create_config() const
 {
     return m_config_create_config();
 }
-
-} // namespace scim
 
 // The system.
 
 static std::string file_of(const std::string &function)
 {
-    if (function == "_ime_backup_get_json_value")
-        return "ime_backup_service_json_writer.cpp";
-    if (function == "_ime_restore_json_value")
-        return "ime_backup_service_json_parser.cpp";
-    return function.ends_with("_vconfkeys") ? "utility.cpp" : "ime_backup_service.cpp";
+    return function == "_ime_backup_get_json_value" ? "ime_backup_service_json_writer.cpp"
+           : function == "_ime_restore_json_value"  ? "ime_backup_service_json_parser.cpp"
+           : function.ends_with("_vconfkeys")       ? "utility.cpp"
+                                                    : "ime_backup_service.cpp";
 }
 
 /// Notes a line as "E(function) text" or "I(function) text": the line number changes with the source.
@@ -350,7 +310,7 @@ int __dlog_print(int buffer, int priority, const char *tag, const char *format, 
     EXPECT_EQ(part[1], file_of(part[2])) << text;
     EXPECT_EQ(part[4], priority == 4 ? "35m* Info" : priority == 6 ? "31m* Critical" : "") << text;
     platform->log_lines.insert(part[1].str() + part[3].str());
-    note((priority == 4 ? "I(" : "E(") + part[2].str() + ") " + part[5].str());
+    platform->note((priority == 4 ? "I(" : "E(") + part[2].str() + ") " + part[5].str());
     return 0;
 }
 
@@ -362,50 +322,24 @@ extern "C" int gettimeofday(timeval *time, void *) noexcept
 
 extern "C" char *gettext(const char *text) noexcept
 {
-    note("gettext(" + show(text) + ")");
+    platform->note("gettext(" + Call::show(text) + ")");
     const std::string &translation = platform->given["translation"];
     return const_cast<char *>(translation.empty() ? text : translation.c_str());
 }
 
 // The run.
 
-static void run_exchange()
-{
-    if (callbacks.completed == nullptr)
-        return;
-    callbacks.preparation();
-    if (callbacks.keys_and_dates != nullptr)
-        callbacks.keys_and_dates();
-    if (callbacks.path != nullptr)
-        callbacks.path();
-    if (callbacks.backup != nullptr) {
-        const auto count = static_cast<size_t>(std::max(platform->record_count(), 0));
-        callbacks.backup(platform->number("no list") != 0 ? nullptr
-                                                          : make_list(std::vector<std::string>(count)));
-    }
-    orvanta_cloud_source source{{"<source>"}};
-    if (callbacks.restoration != nullptr)
-        callbacks.restoration(&source);
-    callbacks.completed(platform->number("result"));
-}
-
 const Trace &ScriptedPlatform::run()
 {
     platform = this;
-    callbacks = {};
+    steps.clear();
     app_control request{{"<request>"}};
     EXPECT_TRUE(service->create(nullptr));
     service->app_control(&request, nullptr);
-    if (!exited)
-        run_exchange();
+    for (size_t i = 0; !exited && i < steps.size(); i++)
+        steps[i]();
     service->terminate(nullptr);
     EXPECT_EQ(live_handles, 0);
-    loose_record.reset();
     platform = nullptr;
     return trace;
-}
-
-int ScriptedPlatform::record_count() const
-{
-    return given.at("count").empty() ? static_cast<int>(records.size()) : number("count");
 }

@@ -29,7 +29,6 @@ struct ScriptedPlatform {
         {"effect", "0"},  // a failing call yields what it is asked for all the same
         {"success", "5"}, // where any number from 0 on is one
         {"show", ""},     // REGEX: of the trace only what matches it is compared
-        {"failures", ""}, // CODE...: each call in turn also fails with these codes
     };
     std::vector<std::string> records; ///< values of the records to restore
     int failing_call = 0;             ///< counted from 1 over those that can fail
@@ -46,8 +45,12 @@ struct ScriptedPlatform {
     /// Runs one request, the exchange that it starts, and the end of the service.
     const Trace &run();
 
+    void note(const std::string &line) { trace.push_back(line); }
     int number(const std::string &name) const { return std::stoi(given.at(name)); }
-    int record_count() const;
+    int record_count() const
+    {
+        return given.at("count").empty() ? static_cast<int>(records.size()) : number("count");
+    }
 };
 
 /// The platform that the service runs on now.

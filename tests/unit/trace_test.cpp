@@ -2,22 +2,22 @@
 // the platform is given ("NAME: VALUE", see scripted_platform.h; "record: VALUE" is one more to restore) and
 // the lines of the trace, of which
 //   I TEXT, E TEXT  are the log's, in the name of the latest "@ CALLBACK"; I(NAME) and E(NAME), of another
-// A paragraph without a trace gives to all below it.
-// When a call fails, its callback logs it with its code, and the trace goes on, unless the call is
+// A paragraph without a trace gives to all below it. In a table, each row ("| ...") is an exchange, which is
+// also given what stands above it in the paragraph. A line is as good as several with " | " between them.
+//
+// With "show: REGEX", only what matches it is compared. Else each call fails in turn, too: its callback logs
+// the code, and the trace goes on, unless the call is
 //   ~ CALL             whose failure changes nothing
-// or indented lines below it tell otherwise: lines that come in place of the log's, and
+// or what follows, behind " | " or indented, tells otherwise: lines that come in place of the log's, and
 //   goto PREFIX        the line with which the trace then goes on, rather than the next
 //   then OLD => NEW    what the rest of the callback's lines then have
-//   only CODE          the failure code for which the lines come in
 //   terminate          the service gives up the request
 
 #include "scripted_platform.h"
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <sstream>
 #include <utility>
 
 #include <glib.h>
@@ -36,35 +36,28 @@ struct Line {
     bool as_usual = true;
     std::string resume = {};
     std::string old_text = {}, new_text = {};
-    std::string only_code = {};
 };
 
 struct Exchange {
     std::string place; ///< FILE_LINE
     ScriptedPlatform platform;
     std::vector<Line> lines;
-};
 
-void PrintTo(const Exchange &exchange, std::ostream *stream)
-{
-    *stream << exchange.place;
-}
+    friend void PrintTo(const Exchange &exchange, std::ostream *stream) { *stream << exchange.place; }
+};
 
 bool give(Exchange &exchange, const std::string &text)
 {
-    static const std::regex shape("([^:]*):(?: ([^]*))?");
+    static const std::regex shape("([a-z ]+|[^ :]+/[^ :]+):(?: ([^]*))?");
     std::smatch part;
     if (!std::regex_match(text, part, shape))
         return false;
-    const std::string name = part[1];
-    const std::string value = part[2];
-    if (name == "record")
-        exchange.platform.records.push_back(value);
-    else if (exchange.platform.given.contains(name) ||
-             (name.find('/') != std::string::npos && name.find(' ') == std::string::npos))
-        exchange.platform.given[name] = value;
+    if (part[1] == "record")
+        exchange.platform.records.push_back(part[2]);
+    else if (part[1].str().find('/') == std::string::npos)
+        exchange.platform.given.at(part[1]) = part[2];
     else
-        return false;
+        exchange.platform.given[part[1]] = part[2];
     return true;
 }
 
@@ -75,22 +68,16 @@ std::string expand(const std::string &text, const std::string &callback)
                : text;
 }
 
-bool can_fail(const std::string &text)
-{
-    static const std::regex cannot(
-        "^([IE][ (]|gettext|config released|vconf_keylist_(new|free)|service_app_exit)");
-    return !std::regex_search(text, cannot);
-}
-
 void add_line(std::vector<Line> &lines, const std::string &text, const std::string &callback)
 {
+    static const std::regex cannot_fail(
+        "^([IE][ (]|gettext|config released|vconf_keylist_new|service_app_exit)");
     const bool unnoticed = text.starts_with("~ ");
     const std::string line = unnoticed ? text.substr(2) : text;
-    lines.push_back({expand(line, callback), callback, can_fail(line)});
+    lines.push_back({expand(line, callback), callback, !std::regex_search(line, cannot_fail)});
     if (!unnoticed)
         lines.back().consequences = {"E(" + callback + ") " + line.substr(0, line.find('(')) + "() failed, " +
-                                     (line.starts_with("app_control_") ? "ret" : "error_code") +
-                                     " = [CODE]\n"};
+                                     (line.starts_with("app_control_") ? "ret" : "error_code") + " = [-7]\n"};
 }
 
 void add_consequence(Line &line, const std::string &text)
@@ -101,13 +88,11 @@ void add_consequence(Line &line, const std::string &text)
         const size_t arrow = text.find(" => ");
         line.old_text = text.substr(5, arrow - 5);
         line.new_text = text.substr(arrow + 4);
-    } else if (text.starts_with("only ")) {
-        line.only_code = text.substr(5);
     } else if (text == "terminate") {
-        for (const char *step :
-             {"app_control_destroy(<reply>)",
-              "E It is terminated with Orvanta Cloud failed, error_code = [CODE]\n", "service_app_exit()"})
-            line.consequences.push_back(expand(step, line.callback));
+        line.consequences.push_back("app_control_destroy(<reply>)");
+        line.consequences.push_back(
+            expand("E It is terminated with Orvanta Cloud failed, error_code = [-7]\n", line.callback));
+        line.consequences.push_back("service_app_exit()");
         line.resume = "orvanta_cloud_deinitialize";
     } else {
         if (std::exchange(line.as_usual, false))
@@ -116,34 +101,17 @@ void add_consequence(Line &line, const std::string &text)
     }
 }
 
-std::string unescaped(const std::string &text)
+void read_line(Exchange &exchange, std::string text, const std::string &callback)
 {
-    g_autofree gchar *bytes = g_strcompress(text.c_str());
-    return bytes;
-}
-
-void read_file(const std::filesystem::path &path, std::vector<Exchange> &exchanges)
-{
-    std::ifstream file(path);
-    Exchange base;
-    Exchange exchange;
-    std::string callback;
-    int number = 0;
-    for (bool more = true; more;) {
-        std::string text;
-        more = static_cast<bool>(std::getline(file, text));
-        number++;
-        text = unescaped(text);
-        if (text.empty()) {
-            (exchange.lines.empty() ? base : exchanges.emplace_back()) = exchange;
-            exchange = base;
-            exchange.place = path.stem().string() + "_" + std::to_string(number + 1);
-        } else if (text.starts_with("@ ")) {
-            callback = text.substr(2);
-        } else if (text.starts_with("    ")) {
-            add_consequence(exchange.lines.back(), text.substr(4));
-        } else if (!text.starts_with("# ") && !give(exchange, text)) {
-            add_line(exchange.lines, text, callback);
+    bool of_failure = text.starts_with("    ");
+    text.erase(0, of_failure ? 4 : 0);
+    static const std::regex separator(" \\| ");
+    for (std::sregex_token_iterator part(text.begin(), text.end(), separator, -1), end; part != end; ++part) {
+        if (of_failure) {
+            add_consequence(exchange.lines.back(), *part);
+        } else if (!give(exchange, *part)) {
+            add_line(exchange.lines, *part, callback);
+            of_failure = exchange.platform.given["show"].empty();
         }
     }
 }
@@ -151,14 +119,37 @@ void read_file(const std::filesystem::path &path, std::vector<Exchange> &exchang
 std::vector<Exchange> read_exchanges()
 {
     std::vector<Exchange> exchanges;
-    for (const auto &entry : std::filesystem::directory_iterator(TRACES))
-        read_file(entry.path(), exchanges);
+    for (const auto &entry : std::filesystem::directory_iterator(TRACES)) {
+        std::ifstream file(entry.path());
+        Exchange base, exchange;
+        std::string callback;
+        bool is_table = false;
+        std::string line;
+        for (int number = 1; file; number++) {
+            std::getline(file, line);
+            g_autofree gchar *bytes = g_strcompress(line.c_str());
+            const std::string text = bytes;
+            const std::string place = entry.path().stem().string() + "_" + std::to_string(number);
+            if (text.empty()) {
+                if (!is_table)
+                    (exchange.lines.empty() ? base : exchanges.emplace_back()) = exchange;
+                exchange = base;
+                is_table = false;
+            } else if (text.starts_with("@ ")) {
+                callback = text.substr(2);
+            } else if (text.starts_with("| ")) {
+                is_table = true;
+                exchanges.push_back(exchange);
+                exchanges.back().place = place;
+                read_line(exchanges.back(), text.substr(2), callback);
+            } else if (!text.starts_with("# ")) {
+                if (exchange.lines.empty())
+                    exchange.place = place;
+                read_line(exchange, text, callback);
+            }
+        }
+    }
     return exchanges;
-}
-
-bool is_logged(const std::string &line)
-{
-    return line.starts_with("I(") || line.starts_with("E(");
 }
 
 std::string replaced(std::string text, const std::string &from, const std::string &to)
@@ -168,15 +159,13 @@ std::string replaced(std::string text, const std::string &from, const std::strin
     return text;
 }
 
-Trace expected_when_failing(const std::vector<Line> &all, size_t failed, const std::string &code)
+Trace expected_when_failing(const std::vector<Line> &all, size_t failed)
 {
     const Line &call = all[failed];
     Trace trace;
     for (size_t i = 0; i <= failed; i++)
         trace.push_back(all[i].text);
-    if (call.only_code.empty() || call.only_code == code)
-        for (const std::string &line : call.consequences)
-            trace.push_back(replaced(line, "CODE", code));
+    trace.insert(trace.end(), call.consequences.begin(), call.consequences.end());
     size_t next = failed + 1;
     while (next < all.size() && !all[next].text.starts_with(call.resume))
         next++;
@@ -199,44 +188,37 @@ std::string join(const Trace &trace, const std::string &show = "")
     return text;
 }
 
-class Traces : public testing::TestWithParam<Exchange>
-{
-protected:
-    static void expect_failure(size_t line, const std::string &code, int call)
-    {
-        const std::string &text = GetParam().lines[line].text;
-        SCOPED_TRACE(testing::Message() << "failed: " << text << " with " << code);
-        ScriptedPlatform failing = GetParam().platform;
-        failing.failing_call = call;
-        failing.given["code"] = code;
-        failing.run();
-        EXPECT_EQ(failing.failed_call, text.substr(0, text.find('(')));
-        EXPECT_EQ(join(failing.trace), join(expected_when_failing(GetParam().lines, line, code)));
-    }
-};
+using Traces = testing::TestWithParam<Exchange>;
 
 TEST_P(Traces, AreAsExpected)
 {
-    const Exchange &exchange = GetParam();
-    const std::string &show = exchange.platform.given.at("show");
+    const auto &[place, scripted, lines] = GetParam();
+    const std::string &show = scripted.given.at("show");
     Trace expected;
-    for (const Line &line : exchange.lines)
+    size_t logged = 0;
+    for (const Line &line : lines) {
         expected.push_back(line.text);
+        logged += line.text.starts_with("I(") || line.text.starts_with("E(") ? 1 : 0;
+    }
     for (const char *success : {"5", "0"}) {
-        ScriptedPlatform told = exchange.platform;
+        ScriptedPlatform told = scripted;
         told.given["success"] = success;
         EXPECT_EQ(join(told.run(), show), join(expected)) << "success is " << success;
+        EXPECT_EQ(told.failed_call, scripted.given.at("fail"));
         if (show.empty()) {
-            EXPECT_EQ(told.log_lines.size(), std::count_if(expected.begin(), expected.end(), is_logged))
-                << "each message has a line of the source of its own";
+            EXPECT_EQ(told.log_lines.size(), logged) << "each message has a line of the source of its own";
         }
     }
 
-    std::istringstream codes(exchange.platform.given.at("failures"));
-    for (std::string code; codes >> code;)
-        for (size_t line = 0, call = 0; line < exchange.lines.size(); line++)
-            if (exchange.lines[line].can_fail)
-                expect_failure(line, code, static_cast<int>(++call));
+    int call = 0;
+    for (size_t i = 0; show.empty() && i < lines.size(); i++) {
+        if (!lines[i].can_fail)
+            continue;
+        ScriptedPlatform failing = scripted;
+        failing.failing_call = ++call;
+        EXPECT_EQ(join(failing.run()), join(expected_when_failing(lines, i))) << "failed: " << expected[i];
+        EXPECT_EQ(failing.failed_call, expected[i].substr(0, expected[i].find('(')));
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Traces, testing::ValuesIn(read_exchanges()),

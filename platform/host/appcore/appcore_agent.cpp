@@ -3,14 +3,38 @@
 #include "appcore_agent.h"
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <optional>
 
 #include <gio/gio.h>
 #include <glib-unix.h>
 
+#include "errors.h"
+#include "files.h"
+#include "paths.h"
+#include "process.h"
 #include "request.h"
 
 static constexpr char APPLICATION_ID[] = "com.orvanta.ime-backup-service";
+
+static constexpr char HELP[] =
+    "Usage: ime-backup-service [OPERATION]\n"
+    "Takes part in a backup or a restore of the on-screen keyboard's settings. OPERATION is a URI such as\n"
+    "http://orvanta.com/appcontrol/operation/orvanta_cloud/backup (or .../restore, .../get_backup_info).\n"
+    "With a session bus, it goes to the instance that runs already. Without one that is known, the service\n"
+    "waits until SIGTERM. The cloud backup client starts it: on a workstation, that is ime-backupctl.\n";
+
+static constexpr int EXIT_USAGE = 2;
+static constexpr guint END_RETRY_MS = 20;
+static constexpr int END_RETRIES = 250;
+
+/// Below the state root. Who launches the service shares it until its request is answered, and an instance
+/// that ends takes it for itself: so no request reaches an instance that ends.
+static constexpr char LAUNCH_LOCK[] = "launch.lock";
+
+namespace
+{
 
 /// One run of service_app_main().
 struct ServiceApp {
@@ -21,10 +45,19 @@ struct ServiceApp {
     /// This process runs the application, rather than one that was running already.
     bool primary = false;
     bool created = false;
+    bool ending = false;
+    bool terminated = false; ///< by a signal: it ends whatever comes
+    int end_retries = 0;
+    std::optional<FileLock> launches = std::nullopt;
 };
+
+ServiceApp *running;
+
+} // namespace
 
 static gboolean on_termination_signal(void *)
 {
+    running->terminated = true;
     service_app_exit();
     return G_SOURCE_CONTINUE;
 }
@@ -32,8 +65,7 @@ static gboolean on_termination_signal(void *)
 static void on_startup(GApplication *application, ServiceApp *app)
 {
     app->primary = true;
-    g_unix_signal_add(SIGTERM, on_termination_signal, nullptr);
-    g_unix_signal_add(SIGINT, on_termination_signal, nullptr);
+    app->launches.reset();
     app->created = app->callbacks.create(app->user_data);
     if (app->created)
         g_application_hold(application);
@@ -51,6 +83,7 @@ static int on_command_line(GApplication *, GApplicationCommandLine *command_line
     app_control request;
     if (argc > 1)
         request.operation = argv[1];
+    app->ending = app->terminated; // else a request that came in time is served
     app->callbacks.app_control(&request, app->user_data);
 
     const int status = request.result.value_or(EXIT_FAILURE);
@@ -65,22 +98,106 @@ static void on_shutdown(GApplication *, ServiceApp *app)
         app->callbacks.terminate(app->user_data);
 }
 
+/// Takes or shares the lock on launches. A launch does without it where it can't be had: the exchange will
+/// tell why.
+template <class Lock>
+static bool lock_launches(ServiceApp &app, Lock lock)
+{
+    try {
+        if (!app.launches)
+            app.launches.emplace(state_root() / LAUNCH_LOCK);
+        return lock(*app.launches);
+    } catch (const HostError &) {
+        return true;
+    }
+}
+
+/// Waits until the bus has taken the application's name back. Else it could still lead a launch here once the
+/// lock on launches is gone.
+static void release_name(GDBusConnection *bus)
+{
+    GVariant *reply = g_dbus_connection_call_sync(
+        bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "ReleaseName",
+        g_variant_new("(s)", APPLICATION_ID), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+    g_clear_pointer(&reply, g_variant_unref);
+}
+
+static int answer_option(const std::string &option)
+{
+    if (option == "--help" || option == "-h")
+        printf("%s", HELP);
+    else if (option == "--version")
+        printf("%s\n", IME_BACKUP_VERSION);
+    else
+        fprintf(stderr, "ime-backup-service: there is no option %s; see --help\n", option.c_str());
+    const bool known = option == "--help" || option == "-h" || option == "--version";
+    return !known ? EXIT_USAGE : fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
 int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, void *user_data)
 {
+    prepare_process();
+    if (argc > 1 && argv[1][0] == '-')
+        return answer_option(argv[1]);
+
     ServiceApp app{*callbacks, user_data};
+    running = &app;
     g_autoptr(GApplication) application =
         g_application_new(APPLICATION_ID, G_APPLICATION_HANDLES_COMMAND_LINE);
     g_signal_connect(application, "startup", G_CALLBACK(on_startup), &app);
     g_signal_connect(application, "command-line", G_CALLBACK(on_command_line), &app);
     g_signal_connect(application, "shutdown", G_CALLBACK(on_shutdown), &app);
 
+    // Before the name on the bus tells others that the service is there.
+    const guint signals[] = {g_unix_signal_add(SIGTERM, on_termination_signal, nullptr),
+                             g_unix_signal_add(SIGINT, on_termination_signal, nullptr)};
+    lock_launches(app, [](FileLock &lock) {
+        lock.share();
+        return true;
+    });
+    g_autoptr(GError) error = nullptr;
+    if (g_application_register(application, nullptr, &error) == FALSE) {
+        fprintf(stderr, "ime-backup-service: %s\n", error->message);
+        return EXIT_FAILURE;
+    }
+    if (!app.primary)
+        for (const guint signal : signals)
+            g_source_remove(signal);
+
+    g_autoptr(GDBusConnection) bus = g_application_get_dbus_connection(application);
+    if (bus != nullptr)
+        g_object_ref(bus);
+
     const int status = g_application_run(application, argc, argv);
 
+    if (app.primary && bus != nullptr)
+        release_name(bus);
+    running = nullptr;
     return app.primary ? app.status : status;
+}
+
+static gboolean try_to_end(void *)
+{
+    if (running == nullptr || !running->ending)
+        return G_SOURCE_REMOVE;
+    if (running->end_retries++ < END_RETRIES &&
+        !lock_launches(*running, [](FileLock &lock) { return lock.try_acquire(); }))
+        return G_SOURCE_CONTINUE;
+    g_application_quit(g_application_get_default());
+    return G_SOURCE_REMOVE;
 }
 
 void service_app_exit(void)
 {
-    if (GApplication *application = g_application_get_default(); application != nullptr)
-        g_application_quit(application);
+    GApplication *application = g_application_get_default();
+    if (application == nullptr || running == nullptr)
+        return;
+    if (g_application_get_dbus_connection(application) == nullptr) {
+        g_application_quit(application); // nobody else can reach this instance
+        return;
+    }
+    running->ending = true;
+    running->end_retries = 0;
+    if (try_to_end(nullptr) == G_SOURCE_CONTINUE)
+        g_timeout_add(END_RETRY_MS, try_to_end, nullptr);
 }

@@ -1,42 +1,56 @@
 #pragma once
 
-#include <memory>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include <gio/gio.h>
+#include "errors.h"
 
-struct ObjectUnref {
-    void operator()(void *object) const { g_object_unref(object); }
+/// The number of a backup, in the order in which they were made.
+using BackupNumber = std::uint64_t;
+
+/// There is no such backup.
+struct NoBackupError : HostError {
+    using HostError::HostError;
 };
-
-using File = std::unique_ptr<GFile, ObjectUnref>;
 
 /// The host's cloud: a folder of backups. Each is a record file that is never changed, under a number of its
 /// own.
-/// Every function throws StateError when the folder can't be read or written.
+/// Every function throws PlatformError when the folder can't be used.
 class CloudStore
 {
 public:
-    /// The folder named by $IME_BACKUP_CLOUD_STORE, a path or a URI, else one below the state root.
+    /// The folder named by $IME_BACKUP_CLOUD_STORE, else one below the state root.
     CloudStore();
 
-    /// The numbers of the backups, newest last.
-    std::vector<guint64> numbers() const;
+    struct Listing {
+        std::vector<BackupNumber> numbers; ///< newest last
+        std::vector<std::string>
+            left_out; ///< files that are named as backups are, but have no number that can be
+    };
+
+    Listing list() const;
 
     /// The number that a person wrote, or that of the newest backup when it is empty.
     ///
-    /// @throws HostError also when there is no such backup
-    guint64 find(const std::string &text) const;
+    /// @throws NoBackupError
+    BackupNumber find(const std::string &text) const;
 
     /// The backup's content, as it was added.
-    std::string read(guint64 number) const;
+    ///
+    /// @throws HostError when it can't be read
+    std::string read(BackupNumber number) const;
 
     /// Adds a backup, whole or not at all, and durably.
     ///
     /// @return its number
-    guint64 add(const std::string &content);
+    /// @throws HostError when it can't be written
+    BackupNumber add(const std::string &content);
 
 private:
-    File folder;
+    std::filesystem::path file(BackupNumber number) const;
+
+    std::filesystem::path folder;
 };

@@ -1,482 +1,297 @@
-// The exchanges: a backup or a restore, carried out step by step from the main loop through the callbacks
-// that the service registered.
+// The steps of a backup and of a restore, in their order.
 
-#include <deque>
-#include <functional>
-#include <utility>
+#include "exchange.h"
 
 #include <glib.h>
 
-#include "cloud_store.h"
-#include "exchange_report.h"
-#include "file_lock.h"
-#include "orvanta_cloud.h"
-#include "records.h"
-#include "state.h"
+#include "account.h"
+#include "files.h"
+#include "handles.h"
+#include "paths.h"
+#include "text.h"
 
-struct orvanta_cloud_source {
-    std::filesystem::path file;
-};
-
-namespace
+Exchange::Exchange(Direction which, const Callbacks &registered) : direction(which), callbacks(registered)
 {
+    if (direction == Direction::restore) {
+        exchange_report.operation = "restore";
+        steps = {&Exchange::prepare, &Exchange::ask_for_restoration_path, &Exchange::download,
+                 &Exchange::look_at_device, &Exchange::have_records_restored};
+    } else if (callbacks.backup != nullptr) {
+        exchange_report.operation = "backup";
+        steps = {&Exchange::prepare, &Exchange::ask_for_keys_and_dates, &Exchange::have_records_filled,
+                 &Exchange::upload};
+    } else {
+        exchange_report.operation = "info";
+        steps = {&Exchange::prepare, &Exchange::ask_for_keys_and_dates};
+    }
+}
 
-constexpr guint LOCK_RETRY_MS = 20;
-
-struct Callbacks {
-    orvanta_cloud_request_cb preparation = nullptr;
-    orvanta_cloud_request_cb keys_and_dates = nullptr;
-    orvanta_cloud_backup_cb backup = nullptr;
-    orvanta_cloud_request_cb restoration_path = nullptr;
-    orvanta_cloud_restoration_cb restoration = nullptr;
-    orvanta_cloud_completed_cb completed = nullptr;
-};
-
-/// What an exchange waits for while the service's callback runs.
-enum class Answer {
-    none,
-    backup_ready,
-    keys_and_dates,
-    backup_path,
-    restore_ready,
-    restoration_path,
-    record_list
-};
-
-/// One exchange, and what the service has answered in it so far.
-struct Exchange {
-    using Step = void (*)(Exchange &);
-
-    ExchangeReport report;
-    Callbacks callbacks;
-    std::vector<Step> steps;
-    size_t next = 0;
-
-    Answer awaited = Answer::none;
-    bool ready = false;
-    std::optional<CloudRecords> records; ///< announced by a backup, or handed back by a restore
-    std::optional<std::string> path;     ///< device path of the backup or restoration file
-    std::string written_path;            ///< what was written to be backed up, and where
-    std::string written;
-    std::string file_error;
-    orvanta_cloud_source source;
-    size_t restored_count = 0;
-};
-
-struct Library {
-    bool initialized = false;
-    Callbacks backup; ///< sets that are being registered
-    Callbacks restore;
-    std::deque<Exchange> exchanges; ///< the first is under way
-    std::vector<std::function<void()>> completions;
-    guint loop_source = 0;
-    std::optional<FileLock> lock;
-};
-
-Library &library()
+bool Exchange::run_step()
 {
-    static Library instance;
-    return instance;
+    (this->*steps[next])();
+    return ++next == steps.size();
 }
 
 /// Calls a callback that is to send an answer before it returns.
 template <class... Args>
-void ask(Exchange &exchange, Answer answer, void (*callback)(Args...), Args... args)
+void Exchange::ask(Answer answer, void (*callback)(Args...), Args... args)
 {
-    exchange.awaited = answer;
+    awaited = answer;
     callback(args...);
-    exchange.awaited = Answer::none;
+    awaited = Answer::none;
+}
+
+void Exchange::prepare()
+{
+    ask(Answer::ready, callbacks.preparation);
+    if (!ready)
+        throw HostError("the service is not ready");
 }
 
 // Backup.
 
-void prepare_backup(Exchange &exchange)
+void Exchange::ask_for_keys_and_dates()
 {
-    ask(exchange, Answer::backup_ready, exchange.callbacks.preparation);
-    if (!exchange.ready)
-        throw HostError("the service is not ready");
-}
-
-void ask_for_keys_and_dates(Exchange &exchange)
-{
-    ask(exchange, Answer::keys_and_dates, exchange.callbacks.keys_and_dates);
-    if (!exchange.records || exchange.records->empty())
+    ask(Answer::keys_and_dates, callbacks.keys_and_dates);
+    if (!records || records->empty())
         throw HostError("the service announced no records");
-    exchange.report.records = *exchange.records;
+    exchange_report.records = *records;
 }
 
-void have_records_filled(Exchange &exchange)
+void Exchange::have_records_filled()
 {
-    ask(exchange, Answer::backup_path, exchange.callbacks.backup, make_list(*exchange.records));
-    if (!exchange.path)
+    ask(Answer::backup_path, callbacks.backup, make_list(*records));
+    // What could not be read is a default in the snapshot, which looks like any other.
+    require_no_trouble();
+    if (!path)
         throw HostError("the service had nothing to back up");
     // Else a file of an earlier backup would pass for this one's.
-    if (exchange.written_path != *exchange.path)
-        throw HostError(exchange.file_error.empty() ? "the service wrote no backup file"
-                                                    : exchange.file_error);
+    if (written_path != *path)
+        throw HostError(file_error.empty() ? "the service wrote no backup file" : file_error);
 }
 
-void upload(Exchange &exchange)
+void Exchange::require_no_trouble() const
 {
-    const File file(g_file_new_for_path(host_path(*exchange.path).c_str()));
-    const std::string content = read_record_file(file.get());
-    if (content != exchange.written)
+    for (const Trouble &trouble : account().troubles())
+        if (trouble.kind == Trouble::Kind::refused)
+            throw HostError(trouble.reason);
+        else
+            throw PlatformError(trouble.reason);
+}
+
+void Exchange::upload()
+{
+    const std::string content = ::read_file(host_path(*path), MAX_RECORD_FILE_SIZE);
+    if (content != written)
         throw HostError("the backup file is not what was written into it");
 
-    const CloudRecords records = decode_record_file(content);
-    if (records.size() != exchange.records->size())
+    const CloudRecords filled = decode_record_file(content);
+    if (filled.size() != records->size())
         throw HostError("the backup file holds other records than were announced");
-    for (size_t i = 0; i < records.size(); i++) {
-        const std::string key = records[i].key.value_or("");
-        if (records[i].key != (*exchange.records)[i].key)
+    for (size_t i = 0; i < filled.size(); i++) {
+        const std::string key = filled[i].key.value_or("");
+        if (filled[i].key != (*records)[i].key)
             throw HostError("the backup file holds a record \"" + key + "\" that was not announced");
-        if (!records[i].value)
+        if (!filled[i].value)
             throw HostError("record \"" + key + "\" has no value: the settings could not be read");
     }
-    exchange.report.backup = CloudStore().add(content);
+    exchange_report.backup = CloudStore().add(content);
 }
 
 // Restore.
 
-void prepare_restore(Exchange &exchange)
+void Exchange::ask_for_restoration_path()
 {
-    ask(exchange, Answer::restore_ready, exchange.callbacks.preparation);
-    if (!exchange.ready)
-        throw HostError("the service is not ready");
-}
-
-void ask_for_restoration_path(Exchange &exchange)
-{
-    ask(exchange, Answer::restoration_path, exchange.callbacks.restoration_path);
-    if (!exchange.path)
+    ask(Answer::restoration_path, callbacks.restoration_path);
+    if (!path)
         throw HostError("the service named no restoration path");
 }
 
-void download(Exchange &exchange)
+void Exchange::download()
 {
     const CloudStore store;
     const char *wanted = g_getenv(RESTORE_VARIABLE);
-    const guint64 number = store.find(wanted == nullptr ? "" : wanted);
-    exchange.report.backup = number;
+    const BackupNumber number = store.find(wanted == nullptr ? "" : wanted);
+    exchange_report.backup = number;
     std::string content;
     try {
         content = store.read(number);
-        exchange.restored_count = decode_record_file(content).size();
+        downloaded = decode_record_file(content);
     } catch (const HostError &error) {
         throw HostError("backup " + std::to_string(number) + " is refused: " + error.what());
     }
-    exchange.source.file = host_path(*exchange.path);
-    write_private_file(exchange.source.file, content);
+    source.file = host_path(*path);
+    replace_file(source.file, content);
 }
 
-void have_records_restored(Exchange &exchange)
+/// Calls `visit` with each setting, and each list that decides what is restored, that the host keeps.
+template <class Visit>
+static void for_each_row(Visit visit)
 {
-    ask(exchange, Answer::record_list, exchange.callbacks.restoration, &exchange.source);
-    if (!exchange.records)
-        throw HostError("the service could not read the records of backup " +
-                        std::to_string(exchange.report.backup));
-    exchange.report.records = *exchange.records;
-
-    if (exchange.records->size() != exchange.restored_count)
-        throw HostError("the service did not hand back all records");
-    std::string failed;
-    for (const CloudRecord &record : *exchange.records)
-        if (record.failed)
-            failed += (failed.empty() ? "\"" : ", \"") + record.key.value_or("") + "\"";
-    if (!failed.empty())
-        throw HostError("not restored: record " + failed);
+    const auto visit_row = [&](const SettingRow &row) {
+        if (const DeviceAccess *access = device_access(row.place); access != nullptr)
+            visit(row, *access);
+    };
+    for (const SettingRow &row : SETTINGS)
+        visit_row(row);
+    for (const SettingRow &row : DOWNLOADED_LISTS)
+        visit_row(row);
 }
 
-const std::vector<Exchange::Step> BACKUP_STEPS = {prepare_backup, ask_for_keys_and_dates, have_records_filled,
-                                                  upload};
-const std::vector<Exchange::Step> INFO_STEPS = {prepare_backup, ask_for_keys_and_dates};
-const std::vector<Exchange::Step> RESTORE_STEPS = {prepare_restore, ask_for_restoration_path, download,
-                                                   have_records_restored};
-
-// The driver.
-
-void save_report(const Exchange &exchange)
+/// A device that can't be read or written now is one that the service must not begin to change.
+void Exchange::look_at_device()
 {
-    try {
-        write_report(exchange.report);
-    } catch (const HostError &error) {
-        g_printerr("liborvanta-cloud-svc: the exchange's report is lost: %s\n", error.what());
-    }
-}
-
-void start_first_exchange();
-
-/// Ends the first exchange. A service ends itself once it is told that an exchange is completed, so it is
-/// told of none while another waits.
-void complete_first_exchange()
-{
-    const Exchange exchange = std::move(library().exchanges.front());
-    library().exchanges.pop_front();
-    save_report(exchange);
-    library().lock.reset();
-    library().completions.emplace_back([completed = exchange.callbacks.completed,
-                                        result = exchange.report.succeeded ? 1 : 0] { completed(result); });
-    if (!library().exchanges.empty()) {
-        start_first_exchange();
-        return;
-    }
-    for (const auto &complete : std::exchange(library().completions, {}))
-        complete();
-}
-
-void fail(Exchange &exchange, const std::string &reason)
-{
-    exchange.next = exchange.steps.size();
-    exchange.report.succeeded = false;
-    exchange.report.reason = reason;
-    g_printerr("liborvanta-cloud-svc: %s failed: %s\n", exchange.report.operation.c_str(), reason.c_str());
-}
-
-gboolean run_next_step(void *)
-{
-    Exchange &exchange = library().exchanges.front();
-    if (exchange.next == exchange.steps.size()) {
-        library().loop_source = 0;
-        complete_first_exchange();
-        return G_SOURCE_REMOVE;
-    }
-    try {
-        exchange.steps[exchange.next](exchange);
-        exchange.next++;
-        exchange.report.succeeded = exchange.next == exchange.steps.size();
-    } catch (const HostError &error) {
-        fail(exchange, error.what());
-    }
-    return G_SOURCE_CONTINUE;
-}
-
-gboolean try_to_start(void *)
-{
-    try {
-        if (!library().lock->try_acquire())
-            return G_SOURCE_CONTINUE;
-    } catch (const HostError &error) {
-        fail(library().exchanges.front(), error.what());
-    }
-    library().loop_source = g_idle_add(run_next_step, nullptr);
-    return G_SOURCE_REMOVE;
-}
-
-void start_first_exchange()
-{
-    library().lock.emplace(state_root() / EXCHANGE_LOCK);
-    if (try_to_start(nullptr) == G_SOURCE_CONTINUE)
-        library().loop_source = g_timeout_add(LOCK_RETRY_MS, try_to_start, nullptr);
-}
-
-int enqueue(const char *operation, const Callbacks &callbacks, const std::vector<Exchange::Step> &steps)
-{
-    Exchange &exchange = library().exchanges.emplace_back();
-    exchange.report.operation = operation;
-    exchange.callbacks = callbacks;
-    exchange.steps = steps;
-    if (library().exchanges.size() == 1)
-        start_first_exchange();
-    return ORVANTA_CLOUD_ERROR_NONE;
-}
-
-template <class Callback>
-int set_callback(Callbacks &callbacks, Callback Callbacks::*member, Callback callback)
-{
-    if (!library().initialized)
-        return ORVANTA_CLOUD_ERROR_INVALID_STATE;
-    if (callback == nullptr)
-        return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
-    callbacks.*member = callback;
-    return ORVANTA_CLOUD_ERROR_NONE;
-}
-
-/// The exchange that waits for this answer, if there is one.
-Exchange *waiting_exchange(Answer answer)
-{
-    auto &exchanges = library().exchanges;
-    return exchanges.empty() || exchanges.front().awaited != answer ? nullptr : &exchanges.front();
-}
-
-int answer_ready(Answer answer, int ready)
-{
-    Exchange *exchange = waiting_exchange(answer);
-    if (exchange == nullptr)
-        return ORVANTA_CLOUD_ERROR_INVALID_STATE;
-    exchange->ready = ready != 0;
-    return ORVANTA_CLOUD_ERROR_NONE;
-}
-
-int answer_list(Answer answer, orvanta_cloud_list_handle list, int flag)
-{
-    Exchange *exchange = waiting_exchange(answer);
-    if (exchange == nullptr)
-        return ORVANTA_CLOUD_ERROR_INVALID_STATE;
-    exchange->records.reset();
-    if (flag == ORVANTA_CLOUD_SEND_NOTHING)
-        return ORVANTA_CLOUD_ERROR_NONE;
-    exchange->records = copy_records(list);
-    return exchange->records ? ORVANTA_CLOUD_ERROR_NONE : ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
-}
-
-int answer_path(Answer answer, const char *path, int flag)
-{
-    Exchange *exchange = waiting_exchange(answer);
-    if (exchange == nullptr)
-        return ORVANTA_CLOUD_ERROR_INVALID_STATE;
-    exchange->path.reset();
-    if (flag == ORVANTA_CLOUD_SEND_NOTHING)
-        return ORVANTA_CLOUD_ERROR_NONE;
-    if (path == nullptr)
-        return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
-    exchange->path = path;
-    return ORVANTA_CLOUD_ERROR_NONE;
-}
-
-} // namespace
-
-int orvanta_cloud_initialize(void)
-{
-    library().initialized = true;
-    return ORVANTA_CLOUD_ERROR_NONE;
-}
-
-int orvanta_cloud_deinitialize(void)
-{
-    const auto &exchanges = library().exchanges;
-    const bool in_callback = !exchanges.empty() && exchanges.front().awaited != Answer::none;
-    if (!library().initialized || in_callback)
-        return ORVANTA_CLOUD_ERROR_INVALID_STATE;
-    if (library().loop_source != 0)
-        g_source_remove(library().loop_source);
-    library().loop_source = 0;
-    for (Exchange &exchange : library().exchanges) {
-        fail(exchange, "the service ended before the exchange was over");
-        save_report(exchange);
-    }
-    library().exchanges.clear();
-    library().lock.reset();
-    release_lists_and_records();
-    library().initialized = false;
-    return ORVANTA_CLOUD_ERROR_NONE;
-}
-
-int orvanta_cloud_backup_record_set_preparation_cb(orvanta_cloud_request_cb callback, void * /*context*/)
-{
-    library().backup = {};
-    return set_callback(library().backup, &Callbacks::preparation, callback);
-}
-
-int orvanta_cloud_backup_record_set_sending_keys_and_dates_cb(orvanta_cloud_request_cb callback,
-                                                              void * /*context*/)
-{
-    return set_callback(library().backup, &Callbacks::keys_and_dates, callback);
-}
-
-int orvanta_cloud_backup_record_set_backup_cb(orvanta_cloud_backup_cb callback, void * /*context*/)
-{
-    return set_callback(library().backup, &Callbacks::backup, callback);
-}
-
-int orvanta_cloud_backup_record_set_completed_cb(orvanta_cloud_completed_cb callback, void * /*context*/)
-{
-    Callbacks &callbacks = library().backup;
-    if (const int error = set_callback(callbacks, &Callbacks::completed, callback); error != 0)
-        return error;
-    if (callbacks.preparation == nullptr || callbacks.keys_and_dates == nullptr)
-        return ORVANTA_CLOUD_ERROR_INVALID_STATE;
-    return callbacks.backup != nullptr ? enqueue("backup", callbacks, BACKUP_STEPS)
-                                       : enqueue("info", callbacks, INFO_STEPS);
-}
-
-int orvanta_cloud_restore_record_set_preparation_cb(orvanta_cloud_request_cb callback, void * /*context*/)
-{
-    library().restore = {};
-    return set_callback(library().restore, &Callbacks::preparation, callback);
-}
-
-int orvanta_cloud_restore_record_set_sending_restoration_path_cb(orvanta_cloud_request_cb callback,
-                                                                 void * /*context*/)
-{
-    return set_callback(library().restore, &Callbacks::restoration_path, callback);
-}
-
-int orvanta_cloud_restore_record_set_restoration_cb(orvanta_cloud_restoration_cb callback, void * /*context*/)
-{
-    return set_callback(library().restore, &Callbacks::restoration, callback);
-}
-
-int orvanta_cloud_restore_record_set_completed_cb(orvanta_cloud_completed_cb callback, void * /*context*/)
-{
-    Callbacks &callbacks = library().restore;
-    if (const int error = set_callback(callbacks, &Callbacks::completed, callback); error != 0)
-        return error;
-    if (callbacks.preparation == nullptr || callbacks.restoration_path == nullptr ||
-        callbacks.restoration == nullptr)
-        return ORVANTA_CLOUD_ERROR_INVALID_STATE;
-    return enqueue("restore", callbacks, RESTORE_STEPS);
-}
-
-int orvanta_cloud_backup_record_send_preparation_completed_response(int ready)
-{
-    return answer_ready(Answer::backup_ready, ready);
-}
-
-int orvanta_cloud_backup_record_send_keys_and_dates(orvanta_cloud_list_handle list, int flag)
-{
-    return answer_list(Answer::keys_and_dates, list, flag);
-}
-
-int orvanta_cloud_backup_record_send_backup_path(const char *path, int flag)
-{
-    return answer_path(Answer::backup_path, path, flag);
-}
-
-int orvanta_cloud_restore_record_send_preparation_completed_response(int ready)
-{
-    return answer_ready(Answer::restore_ready, ready);
-}
-
-int orvanta_cloud_restore_record_send_restoration_path(const char *path, int flag)
-{
-    return answer_path(Answer::restoration_path, path, flag);
-}
-
-int orvanta_cloud_restore_record_send_record_list(orvanta_cloud_list_handle list, int flag)
-{
-    return answer_list(Answer::record_list, list, flag);
-}
-
-int orvanta_cloud_file_create_file(orvanta_cloud_list_handle list, const char *path)
-{
-    const std::optional<CloudRecords> records = copy_records(list);
-    if (!records || path == nullptr)
-        return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
-    Exchange *exchange = waiting_exchange(Answer::backup_path);
-    try {
-        const std::string content = encode_record_file(*records);
-        write_private_file(host_path(path), content);
-        if (exchange != nullptr) {
-            exchange->written_path = path;
-            exchange->written = content;
+    for_each_row([this](const SettingRow &row, const DeviceAccess &access) {
+        try {
+            access.require_writable();
+            const DeviceValue value = access.read(row);
+            exchange_report.settings.push_back({row.member, value, value});
+        } catch (const PlatformError &error) {
+            account().note({Trouble::Kind::unusable, row.place, error.what()});
+            throw;
         }
+    });
+}
+
+void Exchange::have_records_restored()
+{
+    ask(Answer::record_list, callbacks.restoration, &source);
+    report_settings();
+    if (!records)
+        throw HostError("the service could not read the records of backup " +
+                        std::to_string(exchange_report.backup));
+    exchange_report.records = *records;
+    if (records->size() != downloaded.size())
+        throw HostError("the service did not hand back all records");
+    for (size_t i = 0; i < records->size(); i++)
+        if (!(*records)[i].failed)
+            exchange_report.snapshot = downloaded[i].value.value_or("");
+    require_all_restored();
+}
+
+/// The changes to a setting, in their order.
+static std::vector<Change> find_changes(const SettingRow &row)
+{
+    std::vector<Change> found;
+    for (const Change &change : account().changes())
+        if (change.place == row.place && change.key == row.key)
+            found.push_back(change);
+    return found;
+}
+
+/// What each setting came to: what the device holds now, or what is known of that.
+void Exchange::report_settings()
+{
+    auto setting = exchange_report.settings.begin();
+    for_each_row([&](const SettingRow &row, const DeviceAccess &access) {
+        SettingReport &report = *setting++;
+        const std::vector<Change> changes = find_changes(row);
+        for (const Change &change : changes)
+            if (change.outcome == Change::Outcome::made)
+                report.after = change.after;
+        try {
+            report.after = access.read(row);
+        } catch (const PlatformError &error) {
+            account().note({Trouble::Kind::unusable, row.place, error.what()});
+        }
+        if (!changes.empty() &&
+            (changes.back().outcome != Change::Outcome::made || report.after != changes.back().after))
+            unwritten.emplace_back(row.member);
+    });
+}
+
+void Exchange::require_all_restored() const
+{
+    std::vector<std::string> failed;
+    for (const CloudRecord &record : *records)
+        if (record.failed)
+            failed.push_back("\"" + record.key.value_or("") + "\"");
+
+    bool no_platform = false;
+    std::vector<std::string> reasons;
+    if (!failed.empty())
+        reasons.push_back("not restored: record " + join(failed, ", "));
+    if (!unwritten.empty())
+        reasons.push_back("not restored: " + join(unwritten, ", "));
+    for (const Trouble &trouble : account().troubles()) {
+        if (trouble.kind == Trouble::Kind::unfit) // a restore may well mend it
+            continue;
+        reasons.push_back(trouble.reason);
+        no_platform = no_platform || trouble.kind == Trouble::Kind::unusable;
+    }
+    if (no_platform)
+        throw PlatformError(join(reasons, "; "));
+    if (!reasons.empty())
+        throw HostError(join(reasons, "; "));
+}
+
+// The result.
+
+void Exchange::decide(ExchangeReport::Result result, const std::string &reason)
+{
+    exchange_report.result = result;
+    exchange_report.reason = reason;
+    exchange_report.changes = account().changes();
+    exchange_report.troubles = account().troubles();
+}
+
+void Exchange::complete() const
+{
+    callbacks.completed(exchange_report.result == ExchangeReport::Result::succeeded ? 1 : 0);
+}
+
+// The service's part.
+
+int Exchange::answer_ready(int is_ready)
+{
+    ready = is_ready != 0;
+    return ORVANTA_CLOUD_ERROR_NONE;
+}
+
+int Exchange::answer_list(orvanta_cloud_list_handle list, int flag)
+{
+    records.reset();
+    if (flag == ORVANTA_CLOUD_SEND_NOTHING)
+        return ORVANTA_CLOUD_ERROR_NONE;
+    records = copy_records(list);
+    return records ? ORVANTA_CLOUD_ERROR_NONE : ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
+}
+
+int Exchange::answer_path(const char *device_path, int flag)
+{
+    path.reset();
+    if (flag == ORVANTA_CLOUD_SEND_NOTHING)
+        return ORVANTA_CLOUD_ERROR_NONE;
+    if (device_path == nullptr)
+        return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
+    path = device_path;
+    return ORVANTA_CLOUD_ERROR_NONE;
+}
+
+int Exchange::write_file(orvanta_cloud_list_handle list, const char *device_path)
+{
+    const std::optional<CloudRecords> content = copy_records(list);
+    if (!content || device_path == nullptr)
+        return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
+    try {
+        const std::string text = encode_record_file(*content);
+        replace_file(host_path(device_path), text);
+        written_path = device_path;
+        written = text;
         return ORVANTA_CLOUD_ERROR_NONE;
     } catch (const HostError &error) {
-        if (exchange != nullptr)
-            exchange->file_error = error.what();
+        file_error = error.what();
         return ORVANTA_CLOUD_ERROR_IO;
     }
 }
 
-int orvanta_cloud_file_create_record_list(orvanta_cloud_source_handle source, orvanta_cloud_list_handle *list)
+int Exchange::read_file(orvanta_cloud_source_handle handle, orvanta_cloud_list_handle *list)
 {
-    const Exchange *exchange = waiting_exchange(Answer::record_list);
-    if (exchange == nullptr || source != &exchange->source || list == nullptr)
+    if (handle != &source || list == nullptr)
         return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
     std::string content;
     try {
-        const File file(g_file_new_for_path(source->file.c_str()));
-        content = read_record_file(file.get());
+        content = ::read_file(source.file, MAX_RECORD_FILE_SIZE);
     } catch (const HostError &) {
         return ORVANTA_CLOUD_ERROR_IO;
     }

@@ -3,11 +3,12 @@
 #include "dlog.h"
 
 #include <cstdarg>
-#include <memory>
 #include <string>
 #include <unistd.h>
 
 #include <glib.h>
+
+#include "text.h"
 
 static char priority_letter(int priority)
 {
@@ -21,57 +22,46 @@ static bool colour_is_wanted()
     return isatty(STDERR_FILENO) != 0 && (no_colour == nullptr || *no_colour == '\0');
 }
 
-/// Length of the colour sequence ("\033[...m") that `text` begins with, or 0.
-static size_t colour_length(const char *text)
+/// The first colour sequence ("\033[...m") in `text` from `begin` on, or "".
+static std::string find_colour(const std::string &text, size_t begin)
 {
-    if (text[0] != '\033' || text[1] != '[')
-        return 0;
-    size_t length = 2;
-    while (g_ascii_isdigit(text[length]) || text[length] == ';')
-        length++;
-    return text[length] == 'm' ? length + 1 : 0;
+    const size_t escape = text.find("\033[", begin);
+    const size_t end =
+        escape == std::string::npos ? escape : text.find_first_not_of("0123456789;", escape + 2);
+    return end == std::string::npos || text[end] != 'm' ? "" : text.substr(escape, end + 1 - escape);
 }
 
-/// Keeps a message on its line, whatever it quotes: a newline that ends it is dropped, and other control
-/// characters are escaped.
-static std::string sanitize(const char *text, bool colour)
+/// Keeps a message on its line, whatever it quotes: the newline that ends it is dropped. The colours of its
+/// format are shown, or dropped too; those of what it quotes are as harmful as any other control character.
+static std::string sanitize(const std::string &format, std::string text, bool with_colour)
 {
-    std::string line;
-    while (*text != '\0') {
-        if (const size_t length = colour_length(text); length > 0) {
-            if (colour)
-                line.append(text, length);
-            text += length;
-            continue;
-        }
-        const auto byte = static_cast<unsigned char>(*text++);
-        if (byte == '\n' && text[colour_length(text)] == '\0')
-            continue;
-        if (g_ascii_iscntrl(static_cast<char>(byte))) {
-            static constexpr char digits[] = "0123456789abcdef";
-            line.append({'\\', 'x', digits[byte >> 4], digits[byte & 0xf]});
-        } else {
-            line.push_back(static_cast<char>(byte));
-        }
-    }
-    return line;
+    const std::string opening = find_colour(format, 0);
+    const size_t body = opening.empty() ? 0 : text.find(opening) + opening.size();
+    std::string closing = find_colour(format, format.find_last_of('\033'));
+    if (format.ends_with(closing) && text.ends_with(closing))
+        text.erase(text.size() - closing.size());
+    else
+        closing.clear();
+    if (text.ends_with('\n') && text.size() > body)
+        text.pop_back();
+    return escaped(std::string_view(text).substr(0, body - opening.size())) + (with_colour ? opening : "") +
+           escaped(std::string_view(text).substr(body)) + (with_colour ? closing : "");
 }
 
 int __dlog_print(int /*buffer*/, int priority, const char *tag, const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    const std::unique_ptr<gchar, decltype(&g_free)> text(g_strdup_vprintf(format, arguments), g_free);
+    g_autofree gchar *text = g_strdup_vprintf(format, arguments);
     va_end(arguments);
 
     g_autoptr(GDateTime) now = g_date_time_new_now_utc();
-    const std::unique_ptr<gchar, decltype(&g_free)> time(g_date_time_format(now, "%FT%T"), g_free);
-    const std::unique_ptr<gchar, decltype(&g_free)> head(
-        g_strdup_printf("%s.%03dZ %c %s %d: ", time.get(), g_date_time_get_microsecond(now) / 1000,
-                        priority_letter(priority), tag == nullptr ? "" : tag, getpid()),
-        g_free);
+    g_autofree gchar *time = g_date_time_format(now, "%FT%T");
+    g_autofree gchar *head =
+        g_strdup_printf("%s.%03dZ %c %s %d: ", time, g_date_time_get_microsecond(now) / 1000,
+                        priority_letter(priority), tag == nullptr ? "" : tag, getpid());
 
     // One write for each line: lines of several processes do not mix.
-    const std::string line = head.get() + sanitize(text.get(), colour_is_wanted()) + "\n";
+    const std::string line = head + sanitize(format, text, colour_is_wanted()) + "\n";
     return static_cast<int>(write(STDERR_FILENO, line.data(), line.size()));
 }

@@ -5,57 +5,139 @@
 #include <algorithm>
 #include <string>
 
-#define Uses_SCIM_CONFIG_BASE
-#define Uses_SCIM_CONFIG_MODULE
 #define Uses_SCIM_CONFIG_PATH
 #include <scim.h>
 
 #include <glib.h>
 
+#include "account.h"
+#include "daemon.h"
+
 static constexpr int FAILED = -1;
-static constexpr size_t MAX_IDENTIFIER_LENGTH = 1024;
+static constexpr SettingPlace PLACE = SettingPlace::input_method_control;
+
+/// SCIM's file has one line for each value, and its reader does not survive a longer one.
+static constexpr size_t MAX_IDENTIFIER_LENGTH = 16'000;
+
+static constexpr char NO_IDENTIFIER[] = "no input method can have this identifier";
 
 /// SCIM has a default engine for each language. A device has one for all, which is SCIM's for the languages
 /// that have none of their own.
-static const scim::String ACTIVE_ENGINE(SCIM_CONFIG_DEFAULT_IMENGINE_FACTORY "/~other");
-
-static scim::ConfigPointer open_config()
+static const scim::String &active_engine()
 {
-    return scim::ConfigModule("socket").create_config();
+    static const scim::String key(SCIM_CONFIG_DEFAULT_IMENGINE_FACTORY "/~other");
+    return key;
+}
+
+/// Whether SCIM can keep it: it trims what it reads.
+static bool is_identifier(const std::string &text)
+{
+    return !text.empty() && text.length() <= MAX_IDENTIFIER_LENGTH &&
+           g_utf8_validate(text.data(), static_cast<gssize>(text.length()), nullptr) != FALSE &&
+           text.front() != ' ' && text.back() != ' ' &&
+           std::none_of(text.begin(), text.end(), [](char c) { return g_ascii_iscntrl(c); });
+}
+
+/// The active input method's identifier, or an empty one when there is none.
+static std::string get_engine()
+{
+    return ScimDaemon::connect()->read<scim::String>(active_engine()).value_or("");
+}
+
+static void set_engine(const std::string &identifier)
+{
+    const std::shared_ptr<ScimDaemon> daemon = ScimDaemon::connect();
+    if (identifier.empty())
+        daemon->erase(active_engine());
+    else
+        daemon->write(active_engine(), scim::String(identifier));
+    daemon->flush();
+    daemon->reload();
+}
+
+static void note(Trouble::Kind kind, const std::string &reason)
+{
+    account().note({kind, PLACE, reason});
 }
 
 int isf_control_get_active_ime(char **identifier)
 {
     if (identifier == nullptr)
         return FAILED;
-    const scim::ConfigPointer config = open_config();
-    if (config.null())
-        return FAILED;
-    scim::String engine;
-    if (!config->read(ACTIVE_ENGINE, &engine) || engine.empty())
-        return FAILED;
-    *identifier = g_strdup(engine.c_str());
-    return static_cast<int>(engine.length());
+    try {
+        const std::string engine = get_engine();
+        if (is_identifier(engine)) {
+            *identifier = g_strdup(engine.c_str());
+            return static_cast<int>(engine.length());
+        }
+        note(Trouble::Kind::unfit, engine.empty() ? "no input method is active"
+                                                  : "the active input method has no usable identifier");
+    } catch (const DaemonError &error) {
+        note(Trouble::Kind::unusable, error.what());
+    }
+    return FAILED;
 }
 
-/// Whether SCIM can keep it: its file has one line for each value, and trims it.
-static bool is_identifier(const char *text)
+/// Makes an input method the active one, on the account.
+static void change_engine(const std::string &identifier)
 {
-    if (text == nullptr || g_utf8_validate(text, -1, nullptr) == FALSE)
-        return false;
-    const std::string identifier(text);
-    return !identifier.empty() && identifier.length() <= MAX_IDENTIFIER_LENGTH && identifier.front() != ' ' &&
-           identifier.back() != ' ' &&
-           std::none_of(identifier.begin(), identifier.end(), [](char c) { return g_ascii_iscntrl(c); });
+    std::optional<size_t> change;
+    std::shared_ptr<ScimDaemon> daemon;
+    try {
+        daemon = ScimDaemon::connect();
+        const std::string before = get_engine();
+        if (before == identifier)
+            return;
+        change = account().begin({PLACE, "", before.empty() ? DeviceValue() : before, identifier});
+        set_engine(identifier);
+        account().end(*change, Change::Outcome::made);
+    } catch (const DaemonError &) {
+        if (!change)
+            account().end(account().begin({PLACE, "", {}, identifier}), Change::Outcome::refused);
+        else if (!daemon->is_lost()) // else it may have arrived
+            account().end(*change, Change::Outcome::refused);
+        throw;
+    }
 }
 
 int isf_control_set_active_ime(const char *identifier)
 {
-    if (!is_identifier(identifier))
+    if (identifier == nullptr)
         return ISF_CONTROL_INVALID_IDENTIFIER;
-    const scim::ConfigPointer config = open_config();
-    if (config.null() || !config->write(ACTIVE_ENGINE, scim::String(identifier)) || !config->flush())
+    if (!is_identifier(identifier)) {
+        account().end(account().begin({PLACE, "", {}, identifier}), Change::Outcome::refused);
+        note(Trouble::Kind::refused, NO_IDENTIFIER);
+        return ISF_CONTROL_INVALID_IDENTIFIER;
+    }
+    try {
+        change_engine(identifier);
+        return 0;
+    } catch (const DaemonError &error) {
+        note(Trouble::Kind::unusable, error.what());
         return FAILED;
-    config->reload();
-    return 0;
+    }
 }
+
+// What looks at all places of the device alike.
+
+static DeviceValue read_row(const SettingRow &)
+{
+    const std::string engine = get_engine();
+    return engine.empty() ? DeviceValue() : engine;
+}
+
+static void write_row(const SettingRow &, const DeviceValue &value)
+{
+    const std::string identifier = value ? std::get<std::string>(*value) : "";
+    if (value && !is_identifier(identifier))
+        throw ValueError(NO_IDENTIFIER);
+    set_engine(identifier);
+}
+
+static void require_writable()
+{
+    ScimDaemon::connect();
+}
+
+[[maybe_unused]] static const bool registered =
+    register_place(PLACE, {read_row, write_row, require_writable});

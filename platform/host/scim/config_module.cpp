@@ -1,49 +1,177 @@
-// What the input-method framework promises of a configuration module and the stock library doesn't keep: a
-// module can be opened any number of times in one process, and a configuration that can't be reached is an
-// empty handle. Linked before libscim-1.0, this takes the place of its scim::ConfigModule.
+// What the input-method framework promises of the configuration module "socket" and the stock library doesn't
+// keep: it can be opened any number of times in one process, a configuration that can't be reached is an
+// empty handle, and what could not be read or written is known. Linked before libscim-1.0, this takes the
+// place of its scim::ConfigModule.
 
-#include <map>
+#include <utility>
+#include <vector>
 
 #define Uses_SCIM_CONFIG_BASE
 #define Uses_SCIM_CONFIG_MODULE
 #include <scim.h>
 
+#include "account.h"
+#include "daemon.h"
+
+namespace
+{
+
+constexpr SettingPlace PLACE = SettingPlace::configuration;
+
+/// Does what the framework's interface asks for; a failure goes to the account.
+template <class Work>
+bool with_account(Work work)
+{
+    try {
+        return work();
+    } catch (const DaemonError &error) {
+        account().note({Trouble::Kind::unusable, PLACE, error.what()});
+        return false;
+    }
+}
+
+/// The daemon's configuration, on the account. It has no values but integers, booleans and texts.
+class DaemonConfig : public scim::DummyConfig
+{
+public:
+    bool valid() const override { return true; }
+    scim::String get_name() const override { return "socket"; }
+
+    bool read(const scim::String &key, scim::String *value) const override { return get(key, value); }
+    bool read(const scim::String &key, int *value) const override { return get(key, value); }
+    bool read(const scim::String &key, bool *value) const override { return get(key, value); }
+
+    bool write(const scim::String &key, const scim::String &value) override { return set(key, value); }
+    bool write(const scim::String &key, int value) override { return set(key, value); }
+    bool write(const scim::String &key, bool value) override { return set(key, value); }
+
+    bool flush() override
+    {
+        const bool flushed = with_account([this] {
+            daemon->flush();
+            return true;
+        });
+        for (const size_t change : std::exchange(unflushed, {}))
+            end_change(change, flushed);
+        return flushed;
+    }
+
+    bool reload() override
+    {
+        return with_account([this] {
+                   daemon->reload();
+                   return true;
+               }) &&
+               scim::DummyConfig::reload();
+    }
+
+private:
+    template <class Value>
+    bool get(const scim::String &key, Value *value) const
+    {
+        return with_account([&] {
+            const std::optional<Value> stored = daemon->read<Value>(key);
+            if (stored)
+                *value = *stored;
+            else if (!daemon->read<scim::String>(key).value_or("").empty()) // a text, not what was asked for
+                account().note({Trouble::Kind::unfit, PLACE,
+                                "the configuration holds a value of another type under " + key});
+            return stored.has_value();
+        });
+    }
+
+    template <class Value>
+    bool set(const scim::String &key, const Value &value)
+    {
+        std::optional<size_t> change;
+        const bool written = with_account([&] {
+            const std::optional<Value> stored = daemon->read<Value>(key);
+            if (stored == value)
+                return true;
+            change = account().begin({PLACE, key, stored, value});
+            daemon->write(key, value);
+            unflushed.push_back(*change);
+            return true;
+        });
+        if (!written && change)
+            end_change(*change, false);
+        else if (!written)
+            account().end(account().begin({PLACE, key, {}, value}), Change::Outcome::refused);
+        return written;
+    }
+
+    /// What was on its way to a daemon that is lost stays pending: it may have arrived.
+    void end_change(size_t change, bool made)
+    {
+        if (made || !daemon->is_lost())
+            account().end(change, made ? Change::Outcome::made : Change::Outcome::refused);
+    }
+
+    const std::shared_ptr<ScimDaemon> daemon = ScimDaemon::connect();
+    std::vector<size_t> unflushed; ///< changes, which are pending until they are
+};
+
+// What looks at all places of the device alike.
+
+DeviceValue read_row(const SettingRow &row)
+{
+    if (row.form == SettingForm::integer_switch)
+        return ScimDaemon::connect()->read<int>(row.key);
+    return ScimDaemon::connect()->read<bool>(row.key);
+}
+
+void write_row(const SettingRow &row, const DeviceValue &value)
+{
+    const std::shared_ptr<ScimDaemon> daemon = ScimDaemon::connect();
+    if (!value)
+        daemon->erase(row.key);
+    else if (row.form == SettingForm::integer_switch)
+        daemon->write(row.key, std::get<int>(*value));
+    else
+        daemon->write(row.key, std::get<bool>(*value));
+    daemon->flush();
+    daemon->reload();
+}
+
+void require_writable()
+{
+    ScimDaemon::connect();
+}
+
+[[maybe_unused]] const bool registered = register_place(PLACE, {read_row, write_row, require_writable});
+
+} // namespace
+
 namespace scim
 {
 
-/// Loads a module on its first use and keeps it until the process ends: the stock library refuses to load
-/// one twice.
-static const Module &resident_module(const String &name)
+// There is no module to load: what the class keeps of one only tells whether it is the one that there is.
+
+static void initialize() {}
+
+static ConfigPointer create_daemon_config()
 {
-    static auto &modules = *new std::map<String, Module>;
-    Module &module = modules[name];
-    if (!module.valid())
-        module.load(name, "Config");
-    return module;
+    ConfigPointer config;
+    with_account([&] {
+        config = new DaemonConfig;
+        return true;
+    });
+    return config;
 }
 
-ConfigModule::ConfigModule(const String &name) : m_config_init(nullptr), m_config_create_config(nullptr)
+ConfigModule::ConfigModule(const String &name)
+    : m_config_init(initialize), m_config_create_config(name == "socket" ? create_daemon_config : nullptr)
 {
-    const Module &module = resident_module(name);
-    if (!module.valid())
-        return;
-    m_config_init = reinterpret_cast<ConfigModuleInitFunc>(module.symbol("scim_config_module_init"));
-    m_config_create_config =
-        reinterpret_cast<ConfigModuleCreateConfigFunc>(module.symbol("scim_config_module_create_config"));
-    if (m_config_init != nullptr)
-        m_config_init();
 }
 
 bool ConfigModule::valid() const
 {
-    return m_config_init != nullptr && m_config_create_config != nullptr;
+    return m_config_create_config != nullptr;
 }
 
 ConfigPointer ConfigModule::create_config() const
 {
-    ConfigPointer config = valid() ? m_config_create_config() : ConfigPointer();
-    // Without its daemon a configuration answers every read with the default.
-    return !config.null() && config->valid() ? config : ConfigPointer();
+    return valid() ? m_config_create_config() : ConfigPointer();
 }
 
 } // namespace scim

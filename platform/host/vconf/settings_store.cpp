@@ -1,15 +1,17 @@
 #include "settings_store.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <filesystem>
-#include <unistd.h>
 
 #include <SQLiteCpp/Statement.h>
 #include <SQLiteCpp/Transaction.h>
+#include <glib.h>
 #include <sqlite3.h>
 
-#include "file_lock.h"
-#include "state.h"
+#include "errors.h"
+#include "files.h"
+#include "paths.h"
 
 namespace fs = std::filesystem;
 
@@ -21,6 +23,11 @@ static fs::path store_file()
     return state_root() / "settings.db";
 }
 
+[[noreturn]] static void refuse_store(const std::string &reason)
+{
+    throw PlatformError("the settings store " + store_file().string() + " can't be used: " + reason);
+}
+
 /// Runs `work`, and tells of its failure what a person needs to know.
 template <class Work>
 static auto with_clear_errors(Work work)
@@ -28,69 +35,85 @@ static auto with_clear_errors(Work work)
     try {
         return work();
     } catch (const SQLite::Exception &error) {
-        throw StateError("the settings store " + store_file().string() + " can't be used: " + error.what());
+        refuse_store(error.what());
     }
+}
+
+/// Makes the store, whole or not at all: what lies in its place is a store, or a damaged one.
+static void make_store(const fs::path &file)
+{
+    FileLock lock(file.string() + ".lock");
+    lock.acquire();
+    if (fs::exists(file))
+        return;
+
+    // Left behind by a process that was killed, or by a store that was taken away.
+    const fs::path partial = file.string() + ".new";
+    for (const char *suffix : {"", "-wal", "-shm", "-journal"})
+        fs::remove(partial.string() + suffix);
+    for (const char *suffix : {"-wal", "-shm"})
+        fs::remove(file.string() + suffix);
+
+    // SQLite would let others read it, and gives its side files the mode of the database.
+    open_file(partial, O_RDWR | O_CREAT | O_EXCL);
+    {
+        SQLite::Database database(partial.string(), SQLite::OPEN_READWRITE);
+        database.exec("PRAGMA journal_mode = WAL");
+        SQLite::Transaction transaction(database);
+        database.exec("CREATE TABLE settings ("
+                      "  key TEXT PRIMARY KEY,"
+                      "  type TEXT NOT NULL CHECK (type IN ('bool', 'string')),"
+                      "  value TEXT NOT NULL"
+                      ") STRICT, WITHOUT ROWID");
+        database.exec("PRAGMA user_version = " + std::to_string(SCHEMA_VERSION));
+        transaction.commit();
+    }
+    fs::rename(partial, file);
 }
 
 static SQLite::Database open_database()
 {
-    make_private_folder(store_file().parent_path());
+    const fs::path file = store_file();
+    make_private_folder(file.parent_path());
+    try {
+        if (!fs::exists(file))
+            make_store(file);
+        if (!fs::is_regular_file(file))
+            refuse_store("it is no regular file");
+    } catch (const fs::filesystem_error &error) {
+        refuse_store(error.what());
+    }
 
-    // SQLite gives its side files the mode of the database, which it would make readable by all.
-    const int file = open(store_file().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (file >= 0)
-        close(file);
-
-    return {store_file().string(), SQLite::OPEN_READWRITE, BUSY_TIMEOUT_MS};
-}
-
-static void prepare(SQLite::Database &database)
-{
-    const auto version = [&] { return database.execAndGet("PRAGMA user_version").getInt(); };
-
+    SQLite::Database database(file.string(), SQLite::OPEN_READWRITE, BUSY_TIMEOUT_MS);
     database.exec("PRAGMA synchronous = FULL");
-    const int found = version();
-    if (found > SCHEMA_VERSION)
-        throw StateError("the settings store " + store_file().string() + " was made by a later version");
-    if (found == SCHEMA_VERSION)
-        return;
-
-    // SQLite does not wait for another process that changes the journal mode at the same time.
-    FileLock lock(store_file().string() + ".lock");
-    lock.acquire();
-    if (version() == SCHEMA_VERSION)
-        return;
-    database.exec("PRAGMA journal_mode = WAL");
-    SQLite::Transaction transaction(database, SQLite::TransactionBehavior::IMMEDIATE);
-    database.exec("CREATE TABLE IF NOT EXISTS settings ("
-                  "  key TEXT PRIMARY KEY,"
-                  "  type TEXT NOT NULL CHECK (type IN ('bool', 'string')),"
-                  "  value TEXT NOT NULL"
-                  ") STRICT, WITHOUT ROWID");
-    database.exec("PRAGMA user_version = " + std::to_string(SCHEMA_VERSION));
-    transaction.commit();
+    const int version = database.execAndGet("PRAGMA user_version").getInt();
+    if (version > SCHEMA_VERSION)
+        refuse_store("it was made by a later version");
+    if (version != SCHEMA_VERSION)
+        refuse_store("it is no settings store");
+    return database;
 }
 
-static SettingValue column_value(const SQLite::Column &type, const SQLite::Column &value)
+SettingsStore::SettingsStore() : database(with_clear_errors(open_database)) {}
+
+/// The value in two columns, its type and its text.
+static DeviceValue column_value(const SQLite::Statement &row, int type_column)
 {
-    if (type.getString() == "bool")
-        return value.getInt() != 0;
-    return value.getString();
+    const std::string type = row.getColumn(type_column).getString();
+    const std::string text = row.getColumn(type_column + 1).getString();
+    if (type == "bool" && (text == "0" || text == "1"))
+        return text == "1";
+    if (type == "string" && g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) != FALSE)
+        return text;
+    refuse_store("it is damaged");
 }
 
-SettingsStore::SettingsStore() : database(with_clear_errors(open_database))
+DeviceValue SettingsStore::get(const std::string &key) const
 {
-    with_clear_errors([this] { prepare(database); });
-}
-
-std::optional<SettingValue> SettingsStore::get(const std::string &key) const
-{
-    return with_clear_errors([&]() -> std::optional<SettingValue> {
+    return with_clear_errors([&]() -> DeviceValue {
         SQLite::Statement query(database, "SELECT type, value FROM settings WHERE key = ?");
         query.bind(1, key);
-        if (!query.executeStep())
-            return std::nullopt;
-        return column_value(query.getColumn(0), query.getColumn(1));
+        return query.executeStep() ? column_value(query, 0) : std::nullopt;
     });
 }
 
@@ -103,8 +126,7 @@ Settings SettingsStore::below(const std::string &key) const
         query.bind(1, key);
         Settings settings;
         while (query.executeStep())
-            settings.emplace(query.getColumn(0).getString(),
-                             column_value(query.getColumn(1), query.getColumn(2)));
+            settings.emplace(query.getColumn(0).getString(), column_value(query, 1));
         return settings;
     });
 }
@@ -112,28 +134,42 @@ Settings SettingsStore::below(const std::string &key) const
 void SettingsStore::require_writable()
 {
     if (sqlite3_db_readonly(database.getHandle(), "main") != 0)
-        throw StateError("the settings store " + store_file().string() + " can't be written");
+        refuse_store("it can't be written");
     // Waits for another writer as a set does; rolled back at the end.
     with_clear_errors(
         [this] { const SQLite::Transaction probe(database, SQLite::TransactionBehavior::IMMEDIATE); });
 }
 
-void SettingsStore::set(const Settings &settings)
+static void store_value(SQLite::Database &database, const std::string &key, const DeviceValue &value)
 {
+    if (!value) {
+        SQLite::Statement remove(database, "DELETE FROM settings WHERE key = ?");
+        remove.bind(1, key);
+        remove.exec();
+        return;
+    }
+    SQLite::Statement update(database, "INSERT OR REPLACE INTO settings VALUES (?, ?, ?)");
+    const bool *truth = std::get_if<bool>(&*value);
+    update.bind(1, key);
+    update.bind(2, truth != nullptr ? "bool" : "string");
+    update.bind(3, truth == nullptr ? std::get<std::string>(*value) : *truth ? "1" : "0");
+    update.exec();
+}
+
+void SettingsStore::set(const Settings &settings, const Observer &about_to_change)
+{
+    const auto is_held = [this](const auto &setting) { return get(setting.first) == setting.second; };
+    if (std::all_of(settings.begin(), settings.end(), is_held))
+        return;
+
     with_clear_errors([&] {
         SQLite::Transaction transaction(database, SQLite::TransactionBehavior::IMMEDIATE);
-        SQLite::Statement update(database, "INSERT OR REPLACE INTO settings VALUES (?, ?, ?)");
         for (const auto &[key, value] : settings) {
-            update.reset();
-            update.bind(1, key);
-            if (const bool *truth = std::get_if<bool>(&value)) {
-                update.bind(2, "bool");
-                update.bind(3, *truth ? "1" : "0");
-            } else {
-                update.bind(2, "string");
-                update.bind(3, std::get<std::string>(value));
-            }
-            update.exec();
+            const DeviceValue before = get(key);
+            if (before == value)
+                continue;
+            about_to_change(key, before, value);
+            store_value(database, key, value);
         }
         transaction.commit();
     });

@@ -1,27 +1,26 @@
 #pragma once
 
+#include <functional>
 #include <map>
-#include <optional>
 #include <string>
-#include <variant>
 
 #include <SQLiteCpp/Database.h>
 
-/// A typed value of the settings store.
-using SettingValue = std::variant<bool, std::string>;
+#include "account.h"
 
-/// Values by their keys.
-using Settings = std::map<std::string, SettingValue>;
+/// Values by their keys. The store keeps booleans and texts.
+using Settings = std::map<std::string, DeviceValue>;
 
 /// The host's settings store, an SQLite database. Several processes may use it at once.
-/// Every function throws StateError when the database can't be read or written.
+/// Every function throws PlatformError when the database can't be read or written, or holds what no store
+/// does.
 class SettingsStore
 {
 public:
     /// Opens the store below the state root, and makes it if there is none.
     SettingsStore();
 
-    std::optional<SettingValue> get(const std::string &key) const;
+    DeviceValue get(const std::string &key) const;
 
     /// The key itself, if it has a value, and all keys below it.
     Settings below(const std::string &key) const;
@@ -29,8 +28,13 @@ public:
     /// Throws when nothing can be stored.
     void require_writable();
 
-    /// Stores values durably, all or none, whatever their keys held before.
-    void set(const Settings &settings);
+    /// Told of a key whose value is about to change.
+    using Observer =
+        std::function<void(const std::string &key, const DeviceValue &before, const DeviceValue &after)>;
+
+    /// Stores values durably, all or none, whatever their keys held before. Where they hold them already,
+    /// nothing is written.
+    void set(const Settings &settings, const Observer &about_to_change);
 
 private:
     SQLite::Database database;

@@ -6,15 +6,17 @@
 #include <cstring>
 #include <memory>
 #include <set>
-#include <utility>
+#include <vector>
 
 #include <glib.h>
 
+#include "account.h"
+#include "errors.h"
 #include "settings_store.h"
-#include "state.h"
 
 struct vconf_keynode {
-    SettingValue value;
+    std::string key;
+    DeviceValue value;
     bool added; ///< rather than fetched from the store
 };
 
@@ -32,6 +34,12 @@ static std::set<vconf_keylist_handle> &lists()
 static constexpr int DONE = 0;
 static constexpr int FAILED = -1;
 
+static constexpr SettingPlace PLACE = SettingPlace::settings_store;
+
+/// Why this process can no longer read the store, or write it. Who could not read does not overwrite.
+static std::optional<PlatformError> unreadable;
+static std::optional<PlatformError> unwritable;
+
 /// The process's store, opened when it is first needed.
 static SettingsStore &open_store()
 {
@@ -41,21 +49,70 @@ static SettingsStore &open_store()
     return *store;
 }
 
-/// Says once why the store doesn't work.
-static void report(const StateError &error)
+/// Reads the store. The first failure is the last attempt: another would wait as long.
+template <class Work>
+static auto read_store(Work work)
 {
-    static bool reported = false;
-    if (!std::exchange(reported, true))
-        g_printerr("libvconf: %s\n", error.what());
+    if (unreadable)
+        throw PlatformError(*unreadable);
+    try {
+        return work(static_cast<const SettingsStore &>(open_store()));
+    } catch (const PlatformError &error) {
+        unreadable = unwritable = error;
+        throw;
+    }
 }
 
 template <class Work>
-static int with_store(Work work)
+static void write_store(Work work)
+{
+    if (unwritable)
+        throw PlatformError(*unwritable);
+    try {
+        work(open_store());
+    } catch (const PlatformError &error) {
+        unwritable = error;
+        throw;
+    }
+}
+
+/// Stores values, on the account.
+static void set_values(const Settings &settings)
+{
+    std::vector<size_t> changes;
+    const auto end_changes = [&](Change::Outcome outcome) {
+        for (const size_t change : changes)
+            account().end(change, outcome);
+    };
+    try {
+        write_store([&](SettingsStore &store) {
+            store.set(settings, [&](const auto &key, const auto &before, const auto &after) {
+                changes.push_back(account().begin({PLACE, key, before, after}));
+            });
+        });
+        end_changes(Change::Outcome::made);
+    } catch (const PlatformError &) {
+        if (changes.empty())
+            for (const auto &[key, value] : settings)
+                changes.push_back(account().begin({PLACE, key, {}, value}));
+        end_changes(Change::Outcome::refused);
+        throw;
+    }
+}
+
+static void note(Trouble::Kind kind, const std::string &reason)
+{
+    account().note({kind, PLACE, reason});
+}
+
+/// Does what the C interface asks for; a failure goes to the account.
+template <class Work>
+static int with_account(Work work)
 {
     try {
-        return work(open_store());
-    } catch (const StateError &error) {
-        report(error);
+        return work();
+    } catch (const PlatformError &error) {
+        note(Trouble::Kind::unusable, error.what());
         return FAILED;
     }
 }
@@ -65,15 +122,26 @@ static bool is_key(const char *key)
     return key != nullptr && *key != '\0' && g_utf8_validate(key, -1, nullptr) != FALSE;
 }
 
+/// The value of a key, if it has this type.
+template <class Type>
+static const Type *value_as(const std::string &key, const DeviceValue &value)
+{
+    const Type *typed = value ? std::get_if<Type>(&*value) : nullptr;
+    if (value && typed == nullptr)
+        note(Trouble::Kind::unfit, "the settings store holds a value of another type under " + key);
+    return typed;
+}
+
 int vconf_get_bool(const char *key, int *value)
 {
     if (!is_key(key) || value == nullptr)
         return FAILED;
-    return with_store([&](const SettingsStore &store) {
-        const auto stored = store.get(key);
-        if (!stored || !std::holds_alternative<bool>(*stored))
+    return with_account([&] {
+        const DeviceValue stored = read_store([&](const SettingsStore &store) { return store.get(key); });
+        const bool *truth = value_as<bool>(key, stored);
+        if (truth == nullptr)
             return FAILED;
-        *value = std::get<bool>(*stored) ? 1 : 0;
+        *value = *truth ? 1 : 0;
         return DONE;
     });
 }
@@ -82,8 +150,8 @@ int vconf_set_bool(const char *key, int value)
 {
     if (!is_key(key))
         return FAILED;
-    return with_store([&](SettingsStore &store) {
-        store.set({{key, value != 0}});
+    return with_account([&] {
+        set_values({{key, value != 0}});
         return DONE;
     });
 }
@@ -92,11 +160,10 @@ char *vconf_get_str(const char *key)
 {
     char *value = nullptr;
     if (is_key(key))
-        with_store([&](const SettingsStore &store) {
-            const auto stored = store.get(key);
-            if (!stored || !std::holds_alternative<std::string>(*stored))
-                return FAILED;
-            value = strdup(std::get<std::string>(*stored).c_str());
+        with_account([&] {
+            const DeviceValue stored = read_store([&](const SettingsStore &store) { return store.get(key); });
+            if (const auto *text = value_as<std::string>(key, stored); text != nullptr)
+                value = strdup(text->c_str());
             return DONE;
         });
     return value;
@@ -111,10 +178,10 @@ int vconf_get(vconf_keylist_handle list, const char *directory, int option)
 {
     if (!lists().contains(list) || !is_key(directory) || option != VCONF_GET_KEYS)
         return FAILED;
-    return with_store([&](const SettingsStore &store) {
-        const Settings found = store.below(directory);
+    return with_account([&] {
+        const Settings found = read_store([&](const SettingsStore &store) { return store.below(directory); });
         for (const auto &[key, value] : found)
-            list->nodes.insert_or_assign(key, vconf_keynode{value, false});
+            list->nodes.insert_or_assign(key, vconf_keynode{key, value, false});
         return found.empty() ? FAILED : DONE;
     });
 }
@@ -132,8 +199,10 @@ int vconf_keylist_lookup(vconf_keylist_handle list, const char *key, vconf_keyno
 
 char *vconf_keynode_get_str(vconf_keynode_handle node)
 {
-    auto *text = node == nullptr ? nullptr : std::get_if<std::string>(&node->value);
-    return text == nullptr ? nullptr : text->data();
+    if (node == nullptr)
+        return nullptr;
+    const auto *text = value_as<std::string>(node->key, node->value);
+    return text == nullptr ? nullptr : const_cast<char *>(text->c_str());
 }
 
 int vconf_keylist_add_str(vconf_keylist_handle list, const char *key, const char *value)
@@ -141,7 +210,7 @@ int vconf_keylist_add_str(vconf_keylist_handle list, const char *key, const char
     if (!lists().contains(list) || !is_key(key) || value == nullptr ||
         g_utf8_validate(value, -1, nullptr) == FALSE)
         return FAILED;
-    list->nodes.insert_or_assign(key, vconf_keynode{value, true});
+    list->nodes.insert_or_assign(key, vconf_keynode{key, value, true});
     return DONE;
 }
 
@@ -154,8 +223,8 @@ int vconf_set(vconf_keylist_handle list)
     for (const auto &[key, node] : list->nodes)
         if (node.added)
             added.emplace(key, node.value);
-    return with_store([&](SettingsStore &store) {
-        store.set(added);
+    return with_account([&] {
+        set_values(added);
         return DONE;
     });
 }
@@ -167,3 +236,23 @@ int vconf_keylist_free(vconf_keylist_handle list)
     delete list;
     return DONE;
 }
+
+// What looks at all places of the device alike.
+
+static DeviceValue read_row(const SettingRow &row)
+{
+    return read_store([&](const SettingsStore &store) { return store.get(row.key); });
+}
+
+static void write_row(const SettingRow &row, const DeviceValue &value)
+{
+    write_store([&](SettingsStore &store) { store.set({{row.key, value}}, [](const auto &...) {}); });
+}
+
+static void require_writable()
+{
+    write_store([](SettingsStore &store) { store.require_writable(); });
+}
+
+[[maybe_unused]] static const bool registered =
+    register_place(PLACE, {read_row, write_row, require_writable});

@@ -1,9 +1,11 @@
 // Lists and records. The library keeps track of those that are alive, so that a bad handle is refused.
 
-#include "records.h"
+#include "handles.h"
 
 #include <memory>
 #include <unordered_map>
+
+#include <glib.h>
 
 struct orvanta_cloud_record : CloudRecord {
     bool in_list = false;

@@ -2,7 +2,8 @@
 
 #include <string>
 
-#include "exchange_report.h"
+#include "report.h"
+#include "status.h"
 
 /// How to run the backup service.
 struct ServiceOptions {
@@ -11,14 +12,18 @@ struct ServiceOptions {
     bool verbose = false;
 };
 
+/// What became of an exchange.
+struct Outcome {
+    ExchangeReport report;
+    int status; ///< the exit status that follows from it
+};
+
 /// Starts the service for one exchange and waits for both to end. A failure is told on standard error.
 ///
 /// @param operation  identifier of the exchange's operation
 /// @param backup     number of the backup to restore, for a restore
-/// @return the exchange's report, or that of a failure when the service left none
 /// @throws HostError when the service can't be started
-ExchangeReport run_exchange(const ServiceOptions &options, const char *operation,
-                            const std::string &backup = "");
+Outcome run_exchange(const ServiceOptions &options, const char *operation, const std::string &backup = "");
 
 /// The service that was installed beside this program.
 std::string default_service_program();

@@ -1,0 +1,248 @@
+#include "client.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+#include <vector>
+
+#include <gio/gio.h>
+#include <glib-unix.h>
+
+#include "files.h"
+#include "ime_backup_operations.h"
+#include "service_log.h"
+#include "text.h"
+
+namespace fs = std::filesystem;
+
+static constexpr guint GRACE_SECONDS = 2;
+/// The number of the report's file in the service.
+static constexpr int REPORT_DESCRIPTOR = 3;
+
+std::string default_service_program()
+{
+    return (fs::read_symlink("/proc/self/exe").parent_path() / SERVICE_FROM_BINDIR).lexically_normal();
+}
+
+namespace
+{
+
+/// Why the service was stopped.
+enum class Stop { none, interrupted, timed_out };
+
+/// The first signal that comes while the result is being told leaves some time for that.
+void on_late_signal(int)
+{
+    static volatile std::sig_atomic_t signals = 0;
+    if (signals != 0)
+        _exit(EXIT_INTERRUPTED);
+    signals = 1;
+    alarm(GRACE_SECONDS);
+}
+
+/// The wait for the service's end, with all that the main loop is given for it.
+class Wait
+{
+public:
+    explicit Wait(double timeout_seconds)
+        : timer(g_timeout_add(static_cast<guint>(timeout_seconds * 1000), on_timeout, this))
+    {
+    }
+    Wait(const Wait &) = delete;
+    Wait &operator=(const Wait &) = delete;
+    ~Wait()
+    {
+        // No signal comes between the two ways of taking it.
+        sigset_t both;
+        sigset_t before;
+        sigemptyset(&both);
+        sigaddset(&both, SIGINT);
+        sigaddset(&both, SIGTERM);
+        sigprocmask(SIG_BLOCK, &both, &before);
+        for (const guint source : {interrupt, termination, timer})
+            g_source_remove(source);
+        for (const int signal : {SIGINT, SIGTERM, SIGALRM})
+            std::signal(signal, on_late_signal);
+        sigprocmask(SIG_SETMASK, &before, nullptr);
+        g_main_loop_unref(loop);
+    }
+
+    Stop wait_for(GSubprocess *process)
+    {
+        service = process;
+        g_subprocess_wait_async(service, nullptr, on_exit, this);
+        g_main_loop_run(loop);
+        return stopped;
+    }
+
+private:
+    /// Asks the service to end and, when that was done already, ends it.
+    void stop(Stop why)
+    {
+        g_subprocess_send_signal(service, stopped == Stop::none ? SIGTERM : SIGKILL);
+        if (stopped == Stop::none)
+            stopped = why;
+    }
+
+    static gboolean on_interrupt(void *data)
+    {
+        static_cast<Wait *>(data)->stop(Stop::interrupted);
+        return G_SOURCE_CONTINUE;
+    }
+
+    static gboolean on_timeout(void *data)
+    {
+        auto *wait = static_cast<Wait *>(data);
+        wait->stop(Stop::timed_out);
+        wait->timer = g_timeout_add_seconds(GRACE_SECONDS, on_timeout, data);
+        return G_SOURCE_REMOVE;
+    }
+
+    static void on_exit(GObject *, GAsyncResult *, void *data)
+    {
+        g_main_loop_quit(static_cast<Wait *>(data)->loop);
+    }
+
+    GMainLoop *loop = g_main_loop_new(nullptr, FALSE);
+    GSubprocess *service = nullptr;
+    Stop stopped = Stop::none;
+    guint interrupt = g_unix_signal_add(SIGINT, on_interrupt, this);
+    guint termination = g_unix_signal_add(SIGTERM, on_interrupt, this);
+    guint timer;
+};
+
+/// Runs in the new process: should this one be killed, no service is left waiting.
+void end_with_parent(void *)
+{
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+}
+
+GSubprocess *launch(const ServiceOptions &options, const char *operation, const std::string &backup,
+                    const Descriptor &report, const ServiceLog &log)
+{
+    g_autoptr(GSubprocessLauncher) launcher = g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_NONE);
+    // Without a bus, or an instance that runs with other settings could answer in the new one's place.
+    g_subprocess_launcher_setenv(launcher, "DBUS_SESSION_BUS_ADDRESS", "disabled:", TRUE);
+    g_subprocess_launcher_setenv(launcher, REPORT_VARIABLE,
+                                 name_report_file(report.get(), REPORT_DESCRIPTOR).c_str(), TRUE);
+    g_subprocess_launcher_setenv(launcher, RESTORE_VARIABLE, backup.c_str(), TRUE);
+    g_subprocess_launcher_take_fd(launcher, dup(report.get()), REPORT_DESCRIPTOR);
+    const int output = options.verbose ? STDERR_FILENO : log.descriptor();
+    g_subprocess_launcher_take_stdout_fd(launcher, dup(output));
+    g_subprocess_launcher_take_stderr_fd(launcher, dup(output));
+    g_subprocess_launcher_set_child_setup(launcher, end_with_parent, nullptr, nullptr);
+
+    g_autoptr(GError) error = nullptr;
+    GSubprocess *service =
+        g_subprocess_launcher_spawn(launcher, &error, options.program.c_str(), operation, nullptr);
+    if (service == nullptr)
+        throw PlatformError(std::string("can't start the service: ") + error->message);
+    return service;
+}
+
+std::string describe_end(GSubprocess *service)
+{
+    if (g_subprocess_get_if_signaled(service) != FALSE)
+        return std::string("the service was ended by a signal (") +
+               g_strsignal(g_subprocess_get_term_sig(service)) + ")";
+    return "the service gave no result of an exchange (exit status " +
+           std::to_string(g_subprocess_get_exit_status(service)) + ")";
+}
+
+/// What is known of the work of a service that came to no result.
+std::string describe_work(const ExchangeReport &report, const char *operation, GSubprocess *service)
+{
+    // Asked to end, it gives up before it stores anything, or tells what it stored.
+    const bool was_killed =
+        g_subprocess_get_if_signaled(service) != FALSE && g_subprocess_get_term_sig(service) != SIGTERM;
+    if (was_killed && strcmp(operation, OPERATION_BACKUP) == 0)
+        return "; \"ime-backupctl list\" shows whether the backup had been stored by then";
+    const std::vector<Change> &changes = report.changes;
+    const auto any = [&](Change::Outcome outcome) {
+        return std::any_of(changes.begin(), changes.end(),
+                           [&](const Change &change) { return change.outcome == outcome; });
+    };
+    if (any(Change::Outcome::made))
+        return "; settings of the device had been changed by then";
+    if (any(Change::Outcome::pending))
+        return "; a setting of the device may have been changed by then";
+    return "; nothing on the device had been changed by then";
+}
+
+ExchangeReport read_report(const Descriptor &file)
+{
+    try {
+        return decode_report(read_from(file, 0));
+    } catch (const HostError &error) {
+        ExchangeReport report;
+        report.reason = std::string("the service's report can't be read: ") + error.what();
+        return report;
+    }
+}
+
+int status_of(const ExchangeReport &report, Stop stopped)
+{
+    switch (report.result) {
+    case ExchangeReport::Result::succeeded:
+        return EXIT_DONE;
+    case ExchangeReport::Result::no_platform:
+        return EXIT_NO_PLATFORM;
+    case ExchangeReport::Result::failed:
+        return EXIT_FAILED;
+    case ExchangeReport::Result::undecided:
+        break;
+    }
+    return stopped == Stop::interrupted ? EXIT_INTERRUPTED : EXIT_FAILED;
+}
+
+void show_failure(const ExchangeReport &report)
+{
+    fprintf(stderr, "ime-backupctl: %s\n", escaped(report.reason).c_str());
+    const auto has = [&](Trouble::Kind kind, std::initializer_list<SettingPlace> places) {
+        return std::any_of(report.troubles.begin(), report.troubles.end(), [&](const Trouble &trouble) {
+            return trouble.kind == kind &&
+                   std::find(places.begin(), places.end(), trouble.place) != places.end();
+        });
+    };
+    if (has(Trouble::Kind::unusable, {SettingPlace::configuration, SettingPlace::input_method_control}))
+        fprintf(stderr, "%s\n", HINT_SCIM);
+    else if (has(Trouble::Kind::unfit, {SettingPlace::input_method_control}))
+        fprintf(stderr, "%s\n", HINT_KEYBOARD);
+}
+
+} // namespace
+
+Outcome run_exchange(const ServiceOptions &options, const char *operation, const std::string &backup)
+{
+    const ServiceLog log;
+    const Descriptor report_file(memfd_create("exchange-report", MFD_CLOEXEC));
+    std::optional<Wait> wait(std::in_place, options.timeout_seconds);
+    g_autoptr(GSubprocess) service = launch(options, operation, backup, report_file, log);
+    const Stop stopped = wait->wait_for(service);
+    wait.reset();
+
+    // What has a result keeps it, however the service ended.
+    ExchangeReport report = read_report(report_file);
+    if (report.result == ExchangeReport::Result::undecided) {
+        if (stopped == Stop::interrupted)
+            report.reason = "interrupted";
+        else if (stopped == Stop::timed_out)
+            report.reason = "the service did not finish in time and was stopped";
+        else if (report.reason.empty())
+            report.reason = describe_end(service);
+        report.reason += describe_work(report, operation, service);
+    }
+
+    const int status = status_of(report, stopped);
+    if (status != EXIT_DONE) {
+        show_failure(report);
+        if (!options.verbose)
+            log.show_last_lines();
+    }
+    return {report, status};
+}

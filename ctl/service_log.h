@@ -1,0 +1,25 @@
+#pragma once
+
+#include <filesystem>
+
+#include "files.h"
+
+/// The service's log file, and where in it this exchange's lines begin.
+class ServiceLog
+{
+public:
+    /// @throws PlatformError when there can be none
+    ServiceLog();
+
+    int descriptor() const { return log.get(); }
+
+    /// Shows the last lines of this exchange on standard error.
+    void show_last_lines() const;
+
+private:
+    void rotate();
+
+    std::filesystem::path file;
+    Descriptor log;
+    off_t begin = 0;
+};

@@ -1,0 +1,102 @@
+/** @file
+ * What the host's libraries did to the device in this process, in the one place that they share. The service
+ * goes on after a failure, so that nothing which it hands back tells whether an exchange did what it should:
+ * this does. A library notes each change before it makes it, and each trouble that it has.
+ *
+ * All of it is used on one thread.
+ */
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "ime_backup_settings.h"
+
+/// A value as the device keeps it; none when it is not set.
+using DeviceValue = std::optional<std::variant<bool, int, std::string>>;
+
+/// A change to a key of the device: one that was made, or that this process was to make.
+struct Change {
+    enum class Outcome {
+        pending, ///< begun, and perhaps made
+        made,
+        refused
+    };
+
+    SettingPlace place;
+    std::string key;
+    DeviceValue before;
+    DeviceValue after;
+    Outcome outcome = Outcome::pending;
+};
+
+/// What could not be read or written.
+struct Trouble {
+    enum class Kind {
+        unusable, ///< the place can't be used: it isn't there, doesn't answer or is damaged
+        unfit,    ///< what it holds can't be backed up; a restore may mend that
+        refused   ///< the place is there, and doesn't accept this value
+    };
+
+    Kind kind;
+    SettingPlace place;
+    std::string reason; ///< for a person, on one line
+};
+
+class Account
+{
+public:
+    using Observer = std::function<void(size_t number, const Change &change)>;
+
+    /// Begins an account. The observer is told of each change when it begins and when its outcome is known.
+    void start(Observer observer);
+
+    /// Ends it, and lets go of all that is in it.
+    void finish();
+
+    /// Notes a change that is about to be made.
+    ///
+    /// @return its number
+    size_t begin(const Change &change);
+
+    void end(size_t number, Change::Outcome outcome);
+
+    /// Notes a trouble, once.
+    void note(const Trouble &trouble);
+
+    /// Keeps something, such as a connection, until the account is finished.
+    void keep(std::shared_ptr<void> object) { kept.push_back(std::move(object)); }
+
+    const std::vector<Change> &changes() const { return noted_changes; }
+    const std::vector<Trouble> &troubles() const { return noted_troubles; }
+
+private:
+    std::vector<Change> noted_changes;
+    std::vector<Trouble> noted_troubles;
+    std::vector<std::shared_ptr<void>> kept;
+    Observer observer;
+};
+
+/// The account of this process.
+Account &account();
+
+/// How a place of the device is used other than through its C interface: by what looks at all places alike.
+/// Nothing of it goes to the account. Each throws PlatformError when the place can't be used.
+struct DeviceAccess {
+    DeviceValue (*read)(const SettingRow &row);
+    /// @throws ValueError when the place doesn't accept the value
+    void (*write)(const SettingRow &row, const DeviceValue &value);
+    void (*require_writable)();
+};
+
+/// The library that keeps a place registers it when it is loaded.
+///
+/// @return true
+bool register_place(SettingPlace place, DeviceAccess access);
+
+/// @return nothing when no library of the host keeps this place in this process
+const DeviceAccess *device_access(SettingPlace place);

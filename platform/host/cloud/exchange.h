@@ -1,0 +1,98 @@
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "orvanta_cloud.h"
+#include "report.h"
+
+/// The callbacks that the service registered.
+struct Callbacks {
+    orvanta_cloud_request_cb preparation = nullptr;
+    orvanta_cloud_request_cb keys_and_dates = nullptr;
+    orvanta_cloud_backup_cb backup = nullptr;
+    orvanta_cloud_request_cb restoration_path = nullptr;
+    orvanta_cloud_restoration_cb restoration = nullptr;
+    orvanta_cloud_completed_cb completed = nullptr;
+};
+
+struct orvanta_cloud_source {
+    std::filesystem::path file;
+};
+
+/// What an exchange waits for while the service's callback runs.
+enum class Answer { none, ready, keys_and_dates, backup_path, restoration_path, record_list };
+
+/// Which half of the interface an exchange, and an answer, belongs to.
+enum class Direction { backup, restore };
+
+/// A backup or a restore: a row of steps, each of which asks the service for something or does something for
+/// it. Its result is that of its last step, or of the first that fails; it is given once.
+class Exchange
+{
+public:
+    /// A backup without a backup callback tells its keys and dates and goes no further.
+    Exchange(Direction direction, const Callbacks &callbacks);
+
+    /// Runs the next step. A failed one throws HostError, or whatever else went wrong.
+    ///
+    /// @return whether it was the last
+    bool run_step();
+
+    /// Gives the exchange its result, with the account as it stands.
+    void decide(ExchangeReport::Result result, const std::string &reason = "");
+
+    const ExchangeReport &report() const { return exchange_report; }
+    bool is_decided() const { return exchange_report.result != ExchangeReport::Result::undecided; }
+
+    /// Tells the service the result.
+    void complete() const;
+
+    // What the service answers and does while one of its callbacks runs. Each yields a code of the library.
+
+    bool awaits(Direction which, Answer answer) const { return which == direction && answer == awaited; }
+    bool is_in_callback() const { return awaited != Answer::none; }
+    int answer_ready(int ready);
+    int answer_list(orvanta_cloud_list_handle list, int flag);
+    int answer_path(const char *path, int flag);
+    int write_file(orvanta_cloud_list_handle list, const char *device_path);
+    int read_file(orvanta_cloud_source_handle handle, orvanta_cloud_list_handle *list);
+
+private:
+    using Step = void (Exchange::*)();
+
+    template <class... Args>
+    void ask(Answer answer, void (*callback)(Args...), Args... args);
+
+    void prepare();
+    void ask_for_keys_and_dates();
+    void have_records_filled();
+    void upload();
+    void ask_for_restoration_path();
+    void download();
+    void look_at_device();
+    void have_records_restored();
+
+    void report_settings();
+    void require_no_trouble() const;
+    void require_all_restored() const;
+
+    const Direction direction;
+    const Callbacks callbacks;
+    std::vector<Step> steps;
+    size_t next = 0;
+    ExchangeReport exchange_report;
+
+    Answer awaited = Answer::none;
+    bool ready = false;
+    std::optional<CloudRecords> records; ///< announced by a backup, or handed back by a restore
+    std::optional<std::string> path;     ///< device path of the backup or restoration file
+    std::string written_path;            ///< what was written to be backed up, and where
+    std::string written;
+    std::string file_error;
+    orvanta_cloud_source source;
+    CloudRecords downloaded;
+    std::vector<std::string> unwritten; ///< settings that a restore was to change
+};

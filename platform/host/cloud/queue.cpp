@@ -1,0 +1,139 @@
+#include "queue.h"
+
+#include <utility>
+
+#include <unistd.h>
+
+#include "account.h"
+#include "paths.h"
+#include "text.h"
+
+static constexpr guint LOCK_RETRY_MS = 20;
+
+static void append(int file, const std::string &line)
+{
+    if (write(file, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
+        g_printerr("liborvanta-cloud-svc: the exchange's report is incomplete\n");
+}
+
+/// The report tells of a result and never changes it: a lost one is only a pity.
+static void deliver(const ExchangeReport &report, bool has_turn)
+{
+    if (report.result != ExchangeReport::Result::succeeded)
+        g_printerr("liborvanta-cloud-svc: %s failed: %s\n", report.operation.c_str(),
+                   escaped(report.reason).c_str());
+    try {
+        if (const auto file = find_report_file(); file)
+            append(*file, encode_report(report));
+        else if (has_turn) // else another's exchange is the last
+            replace_file(state_root() / LAST_REPORT, encode_report(report));
+    } catch (const std::exception &error) {
+        g_printerr("liborvanta-cloud-svc: %s\n", escaped(error.what()).c_str());
+    }
+}
+
+void ExchangeQueue::add(Direction direction, const Callbacks &callbacks)
+{
+    exchanges.emplace_back(direction, callbacks);
+    schedule(0);
+}
+
+Exchange *ExchangeQueue::find(Direction direction, Answer answer)
+{
+    return exchanges.empty() || !exchanges.front().awaits(direction, answer) ? nullptr : &exchanges.front();
+}
+
+bool ExchangeQueue::is_in_callback() const
+{
+    return !exchanges.empty() && exchanges.front().is_in_callback();
+}
+
+void ExchangeQueue::close()
+{
+    while (!exchanges.empty())
+        decide(ExchangeReport::Result::undecided, "the service ended before the exchange was over");
+    decided.clear();
+    if (source != 0)
+        g_source_remove(source);
+    source = 0;
+}
+
+void ExchangeQueue::schedule(guint milliseconds)
+{
+    if (source != 0)
+        return;
+    source =
+        milliseconds == 0 ? g_idle_add(on_iteration, this) : g_timeout_add(milliseconds, on_iteration, this);
+}
+
+gboolean ExchangeQueue::on_iteration(void *queue)
+{
+    // The service may close the library in a callback.
+    const auto self = static_cast<ExchangeQueue *>(queue)->shared_from_this();
+    self->run();
+    return G_SOURCE_REMOVE;
+}
+
+/// Runs one iteration. Whatever is thrown in one ends here, as the reason of a failure.
+void ExchangeQueue::run()
+{
+    source = 0;
+    if (exchanges.empty()) {
+        complete();
+        return;
+    }
+    guint pause = 0;
+    try {
+        if (!take_turn())
+            pause = LOCK_RETRY_MS;
+        else if (exchanges.front().run_step())
+            decide(ExchangeReport::Result::succeeded);
+    } catch (const PlatformError &error) {
+        decide(ExchangeReport::Result::no_platform, error.what());
+    } catch (const std::exception &error) {
+        decide(ExchangeReport::Result::failed, error.what());
+    } catch (...) {
+        decide(ExchangeReport::Result::failed, "the service threw what is no exception");
+    }
+    schedule(pause);
+}
+
+/// Exchanges of one state root take turns.
+bool ExchangeQueue::take_turn()
+{
+    if (has_turn)
+        return true;
+    if (!turn)
+        turn.emplace(state_root() / EXCHANGE_LOCK);
+    has_turn = turn->try_acquire();
+    if (has_turn)
+        account().start([](size_t number, const Change &change) {
+            if (const auto file = find_report_file(); file)
+                append(*file, encode_change(number, change));
+        });
+    return has_turn;
+}
+
+/// Ends the first exchange with this result, and its turn with it.
+void ExchangeQueue::decide(ExchangeReport::Result result, const std::string &reason)
+{
+    Exchange &exchange = exchanges.front();
+    exchange.decide(result, reason);
+    deliver(exchange.report(), has_turn);
+    account().finish();
+    turn.reset();
+    has_turn = false;
+    decided.push_back(std::move(exchange));
+    exchanges.pop_front();
+}
+
+/// A service ends itself once it is told that an exchange is completed, so it is told of none while another
+/// waits.
+void ExchangeQueue::complete()
+{
+    while (!decided.empty()) {
+        const Exchange exchange = std::move(decided.front());
+        decided.pop_front();
+        exchange.complete();
+    }
+}

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <stdexcept>
+
+/// Something that the host can't do; the message is for the person at the workstation, on one line.
+struct HostError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// The platform isn't there: its state or its daemon can't be used at all.
+struct PlatformError : HostError {
+    using HostError::HostError;
+};
+
+/// The SCIM daemon isn't running, doesn't answer or refuses to do something.
+struct DaemonError : PlatformError {
+    using PlatformError::PlatformError;
+};
+
+/// A value that can't be used for what it was meant for.
+struct ValueError : HostError {
+    using HostError::HostError;
+};

@@ -1,0 +1,177 @@
+#include "files.h"
+
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <glib.h>
+
+#include "errors.h"
+
+namespace fs = std::filesystem;
+
+static constexpr mode_t PRIVATE_FOLDER = 0700;
+static constexpr mode_t PRIVATE_FILE = 0600;
+
+Descriptor::~Descriptor()
+{
+    if (number >= 0)
+        close(number);
+}
+
+Descriptor &Descriptor::operator=(Descriptor &&other) noexcept
+{
+    std::swap(number, other.number);
+    return *this;
+}
+
+static std::string why()
+{
+    return std::string(": ") + g_strerror(errno);
+}
+
+Descriptor open_file(const fs::path &file, int flags)
+{
+    Descriptor descriptor(open(file.c_str(), flags | O_CLOEXEC | O_NONBLOCK, PRIVATE_FILE));
+    if (!descriptor)
+        throw PlatformError("can't open " + file.string() + why());
+    struct stat status = {};
+    if (fstat(descriptor.get(), &status) != 0 || !S_ISREG(status.st_mode))
+        throw PlatformError("can't use " + file.string() + ": it is no regular file");
+    return descriptor;
+}
+
+std::string read_file(const fs::path &file, size_t max_size)
+{
+    const Descriptor descriptor = open_file(file, O_RDONLY);
+    std::string content;
+    char buffer[64 * 1024];
+    ssize_t count = 0;
+    while ((count = read(descriptor.get(), buffer, sizeof buffer)) > 0) {
+        content.append(buffer, static_cast<size_t>(count));
+        if (content.size() > max_size)
+            throw HostError("it is larger than " + std::to_string(max_size) + " bytes");
+    }
+    if (count < 0)
+        throw HostError("can't read " + file.string() + why());
+    return content;
+}
+
+std::string read_from(const Descriptor &file, off_t offset)
+{
+    std::string content;
+    char buffer[64 * 1024];
+    ssize_t count = 0;
+    while ((count = pread(file.get(), buffer, sizeof buffer, offset)) > 0) {
+        content.append(buffer, static_cast<size_t>(count));
+        offset += count;
+    }
+    return content;
+}
+
+static bool write_all(int descriptor, const std::string &content)
+{
+    size_t written = 0;
+    while (written < content.size()) {
+        const ssize_t count = write(descriptor, content.data() + written, content.size() - written);
+        if (count < 0)
+            return false;
+        written += static_cast<size_t>(count);
+    }
+    return true;
+}
+
+static bool sync_folder(const fs::path &folder)
+{
+    const Descriptor descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return descriptor && fsync(descriptor.get()) == 0;
+}
+
+/// Writes `content` beside `file`, and has `put_in_place` rename that.
+template <class PutInPlace>
+static void write_file(const fs::path &file, const std::string &content, bool durable,
+                       PutInPlace put_in_place)
+{
+    make_private_folder(file.parent_path());
+    const fs::path partial = file.string() + ".new";
+    unlink(partial.c_str());
+    const Descriptor descriptor(open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, PRIVATE_FILE));
+    const bool written =
+        descriptor && write_all(descriptor.get(), content) && (!durable || fsync(descriptor.get()) == 0);
+    const bool in_place = written && put_in_place(partial.c_str(), file.c_str());
+    if (!in_place || (durable && !sync_folder(file.parent_path()))) {
+        const std::string reason = why();
+        unlink(in_place ? file.c_str() : partial.c_str());
+        throw HostError("can't write " + file.string() + reason);
+    }
+}
+
+void replace_file(const fs::path &file, const std::string &content)
+{
+    write_file(file, content, false, [](const char *from, const char *to) { return rename(from, to) == 0; });
+}
+
+void create_file_durably(const fs::path &file, const std::string &content)
+{
+    write_file(file, content, true, [](const char *from, const char *to) {
+        if (renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0)
+            return true;
+        // Some file systems can't tell; those who make files here take turns.
+        return errno == EINVAL && access(to, F_OK) != 0 && rename(from, to) == 0;
+    });
+}
+
+static bool make_folder(const fs::path &folder)
+{
+    int result = mkdir(folder.c_str(), PRIVATE_FOLDER);
+    // Once more only: some file systems say the same of a folder that nobody can make.
+    if (result != 0 && errno == ENOENT && folder.has_relative_path() && make_folder(folder.parent_path()))
+        result = mkdir(folder.c_str(), PRIVATE_FOLDER);
+    if (result == 0) {
+        sync_folder(folder.parent_path());
+        return true;
+    }
+    std::error_code ignored;
+    return errno == EEXIST && fs::is_directory(folder, ignored);
+}
+
+void make_private_folder(const fs::path &folder)
+{
+    std::error_code ignored;
+    if (!fs::is_directory(folder, ignored) && !make_folder(folder))
+        throw PlatformError("can't make the folder " + folder.string() + why());
+    if (access(folder.c_str(), W_OK | X_OK) != 0)
+        throw PlatformError("can't write in the folder " + folder.string() + why());
+}
+
+bool FileLock::lock(int operation)
+{
+    if (!descriptor) {
+        make_private_folder(file.parent_path());
+        descriptor = open_file(file, O_RDWR | O_CREAT);
+    }
+    int result = 0;
+    do
+        result = flock(descriptor.get(), operation);
+    while (result != 0 && errno == EINTR);
+    if (result != 0 && errno != EWOULDBLOCK)
+        throw PlatformError("can't lock " + file.string() + why());
+    return result == 0;
+}
+
+void FileLock::acquire()
+{
+    lock(LOCK_EX);
+}
+
+bool FileLock::try_acquire()
+{
+    return lock(LOCK_EX | LOCK_NB);
+}
+
+void FileLock::share()
+{
+    lock(LOCK_SH);
+}

@@ -1,0 +1,79 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <utility>
+
+/// An open file, closed with the object.
+class Descriptor
+{
+public:
+    explicit Descriptor(int descriptor = -1) : number(descriptor) {}
+    Descriptor(Descriptor &&other) noexcept : number(std::exchange(other.number, -1)) {}
+    Descriptor &operator=(Descriptor &&other) noexcept;
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+    ~Descriptor();
+
+    int get() const { return number; }
+    explicit operator bool() const { return number >= 0; }
+
+private:
+    int number;
+};
+
+/// Opens a file, which only its owner can read when it is made. Anything but a regular file, such as a FIFO,
+/// is refused at once. `flags` are those of open().
+///
+/// @throws PlatformError
+Descriptor open_file(const std::filesystem::path &file, int flags);
+
+/// @throws HostError when it can't be read, is no regular file or is larger than `max_size`
+std::string read_file(const std::filesystem::path &file, size_t max_size);
+
+/// What an open file holds from `offset` on, as far as it can be read.
+std::string read_from(const Descriptor &file, off_t offset);
+
+/// Replaces a file, whole or not at all. Its writers take turns: each leaves at most one temporary file
+/// behind when it is killed, which the next replaces.
+///
+/// @throws HostError when it can't be written; the old file is then still there
+void replace_file(const std::filesystem::path &file, const std::string &content);
+
+/// Makes a file that was not there, whole or not at all, and so that it outlives a power cut once this
+/// returns.
+///
+/// @throws HostError when it can't be written or is there already
+void create_file_durably(const std::filesystem::path &file, const std::string &content);
+
+/// Makes a folder, and those above it that are missing; only their owner can enter what is made.
+///
+/// @throws PlatformError when it can't be made or nothing can be written in it
+void make_private_folder(const std::filesystem::path &folder);
+
+/// A lock between processes. One that dies lets go of it.
+class FileLock
+{
+public:
+    explicit FileLock(std::filesystem::path lock_file) : file(std::move(lock_file)) {}
+
+    /// Waits until no other process holds the lock.
+    ///
+    /// @throws PlatformError when the file can't be locked
+    void acquire();
+
+    /// @return false when another process holds the lock
+    /// @throws PlatformError when the file can't be locked
+    bool try_acquire();
+
+    /// Shares the lock with other processes that share it, and waits until none holds it for itself.
+    ///
+    /// @throws PlatformError when the file can't be locked
+    void share();
+
+private:
+    bool lock(int operation);
+
+    std::filesystem::path file;
+    Descriptor descriptor;
+};

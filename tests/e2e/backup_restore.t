@@ -1,0 +1,134 @@
+  $ . "$TESTDIR/helpers"
+
+A device as it comes is not backed up: it has no active input method. Nothing is stored.
+
+  $ ime-backupctl backup
+  ime-backupctl: no input method is active
+  One is chosen with: ime-backupctl settings set default_keyboard IDENTIFIER
+  The service's log is WORK/state/service.log
+  [3]
+  $ ime-backupctl list
+
+All settings, with each way to write a value.
+
+  $ set_settings <<END
+  > default_keyboard                 0f1e2d3c-4b5a-69c8-87d6-a5b4c3d2e1f0
+  > selected_lang                    en_US,ko_KR
+  > downloaded_lang                  de_DE,en_US,fr_FR,ko_KR
+  > downloaded_with_handwriting_lang ko_KR
+  > handwriting                      true
+  > prediction                       off
+  > auto_space                       yes
+  > auto_capitalize                  0
+  > auto_punctuation                 false
+  > key_tap_sound                    1
+  > key_tap_vib                      no
+  > END
+  $ ime-backupctl settings >before
+  $ ime-backupctl backup
+  backup 1  DAY TIME  468 bytes
+  $ ime-backupctl list
+  backup 1  DAY TIME  468 bytes
+  $ ime-backupctl show
+  {"default_keyboard":"0f1e2d3c-4b5a-69c8-87d6-a5b4c3d2e1f0","selected_lang":[{"lang_id":"en_US"},{"lang_id":"ko_KR"}],"handwriting":true,"prediction":false,"auto_space":true,"auto_capitalize":false,"auto_punctuation":false,"key_tap_sound":true,"key_tap_vib":false}
+
+All of them changed. The settings outlive the daemon, and a restore brings back what was backed up.
+
+  $ set_settings <<END
+  > default_keyboard another keyboard
+  > selected_lang    fr_FR
+  > handwriting      off
+  > prediction       on
+  > auto_space       off
+  > auto_capitalize  on
+  > auto_punctuation on
+  > key_tap_sound    off
+  > key_tap_vib      on
+  > END
+  $ ime-backupctl backup
+  backup 2  DAY TIME  423 bytes
+  $ stop_scim; start_scim
+  $ ime-backupctl restore 1
+  setting           before            after
+  default_keyboard  another keyboard  0f1e2d3c-4b5a-69c8-87d6-a5b4c3d2e1f0
+  selected_lang     fr_FR             en_US,ko_KR
+  handwriting       false             true
+  prediction        true              false
+  auto_space        false             true
+  auto_capitalize   true              false
+  auto_punctuation  true              false
+  key_tap_sound     false             true
+  key_tap_vib       true              false
+  backup 1  restored
+  $ ime-backupctl settings | diff before -
+  $ ime-backupctl restore | grep another
+  default_keyboard  0f1e2d3c-4b5a-69c8-87d6-a5b4c3d2e1f0  another keyboard
+  $ ime-backupctl show 2
+  {"default_keyboard":"another keyboard","selected_lang":[{"lang_id":"fr_FR"}],"handwriting":false,"prediction":true,"auto_space":false,"auto_capitalize":true,"auto_punctuation":true,"key_tap_sound":false,"key_tap_vib":true}
+
+What this device can't take over, each with the reason: a language and handwriting that are not there, and a
+setting that the backup does not hold. A number is a switch, too.
+
+  $ put_backup 3 "$(record 0 1000000000000 '{"default_keyboard":"kbd3","selected_lang":[{"lang_id":"ja_JP"},{"lang_id":"fr_FR"}],"handwriting":true,"auto_space":true,"auto_punctuation":1,"key_tap_sound":"true"}')"
+  $ ime-backupctl restore 3
+  setting           before            after
+  default_keyboard  another keyboard  kbd3
+  selected_lang     fr_FR             fr_FR  ja_JP is not downloaded
+  handwriting       false             false  no restored language can be written by hand
+  prediction        true              false  the backup does not hold it
+  auto_space        false             true
+  auto_capitalize   true              false  the backup does not hold it
+  auto_punctuation  true              true
+  key_tap_sound     false             false  the backup does not hold it
+  key_tap_vib       true              false  the backup does not hold it
+  backup 3  restored, but for selected_lang, handwriting, prediction, auto_capitalize, key_tap_sound, key_tap_vib
+  $ for languages in '' '{"lang_id":"ja_JP"},{"lang_id":"zh_CN"}'; do
+  >     put_backup 4 "$(record 0 1 '{"selected_lang":['"$languages"']}')"
+  >     ime-backupctl restore | grep ^selected_lang
+  > done
+  selected_lang     fr_FR   fr_FR  the backup selects no language
+  selected_lang     fr_FR   fr_FR  ja_JP, zh_CN are not downloaded
+  $ ime-backupctl settings set downloaded_lang ja_JP
+  $ ime-backupctl restore | grep ^selected_lang
+  selected_lang     fr_FR   ja_JP  zh_CN is not downloaded
+
+Of several records, those that can be are applied, in their order.
+
+  $ put_backup 6 "$(record a 1 '{"default_keyboard":"kbd6a","prediction":true}')" "$(record b 2 'no JSON')" \
+  >     '{"key":"c","date":"3","value":null}' "$(record d 4 '{"default_keyboard":"kbd6d"}')"
+  $ ime-backupctl restore 2>&1 | grep -v 'does not hold'
+  record 0  applied
+  record b  failed
+  record c  failed
+  record 3  applied
+  setting           before  after
+  default_keyboard  kbd3    kbd6d
+  ime-backupctl: not restored: record "b", "c"
+  The service's log is WORK/state/service.log
+  $ put_backup 7 "$(record 0 1 'no JSON')"
+  $ ime-backupctl restore
+  record 0  failed
+  ime-backupctl: not restored: record "0"
+  The service's log is WORK/state/service.log
+  [1]
+  $ put_backup 8
+  $ echo restore | try_each
+  1 ime-backupctl: the service could not read the records of backup 8
+  $ ime-backupctl list
+  backup 1  DAY TIME  468 bytes
+  backup 2  DAY TIME  423 bytes
+  backup 3  2001-09-09 01:46:40  367 bytes
+  backup 4  1970-01-01 00:00:00  234 bytes
+  backup 6  1970-01-01 00:00:00  360 bytes
+  backup 7  1970-01-01 00:00:00  172 bytes
+  backup 8    132 bytes
+
+A keyboard that the device refuses, whatever else it takes.
+
+  $ put_backup 9 "$(record 0 1 '{"default_keyboard":" kbd","prediction":true}')"
+  $ ime-backupctl restore 2>&1 | grep -v 'does not hold'
+  setting           before  after
+  default_keyboard  kbd6d   kbd6d  it could not be written
+  prediction        false   true
+  ime-backupctl: not restored: default_keyboard; no input method can have this identifier
+  The service's log is WORK/state/service.log

@@ -1,0 +1,165 @@
+  $ . "$TESTDIR/helpers"
+  $ service=$BUILD/libexec/ime-backup-service
+  $ operation=http://orvanta.com/appcontrol/operation/orvanta_cloud
+  $ ime-backupctl settings set default_keyboard kbd
+  $ ime-backupctl settings set prediction off
+  $ ime-backupctl backup
+  backup 1  DAY TIME  432 bytes
+  $ cp -r $IME_BACKUP_HOST_DIR whole
+  $ all_commands() { printf '%s\n' backup restore settings "settings set prediction on"; }
+
+A daemon that does not answer: waited for no longer than SCIM says, in milliseconds. Then none.
+
+  $ export SCIM_SOCKET_TIMEOUT=300
+  $ signal_scim STOP
+  $ ime-backupctl backup
+  ime-backupctl: the SCIM daemon (at local:WORK/scim/socket) does not answer
+  A SCIM daemon is started with: SCIM_LAUNCHER -d -c simple -e none -f socket
+  The service's log is WORK/state/service.log
+  [3]
+  $ all_commands | try_each
+  3 ime-backupctl: the SCIM daemon (at local:WORK/scim/socket) does not answer
+  3 ime-backupctl: the SCIM daemon (at local:WORK/scim/socket) does not answer
+  3 ime-backupctl: the SCIM daemon (at local:WORK/scim/socket) does not answer
+  0 
+  $ signal_scim CONT; unset SCIM_SOCKET_TIMEOUT
+  $ stop_scim
+  $ all_commands | try_each
+  3 ime-backupctl: the SCIM daemon (at local:WORK/scim/socket) isn't running
+  3 ime-backupctl: the SCIM daemon (at local:WORK/scim/socket) isn't running
+  3 ime-backupctl: the SCIM daemon (at local:WORK/scim/socket) isn't running
+  0 
+  $ echo info | try_each
+  0 
+  $ $service $operation/backup 2>&1 | tidy | tail -n 4
+  TIME E IME_BACKUP PID: ime_backup_service_json_writer.cpp: _ime_backup_get_json_value(LINE) > * Critical * Failed to create Config instance from socket Config module.
+  TIME E IME_BACKUP PID: ime_backup_service.cpp: __backup_record_cb(LINE) > * Critical * _ime_backup_get_json_value() failed
+  liborvanta-cloud-svc: backup failed: the SCIM daemon (at local:WORK/scim/socket) isn't running
+  TIME E IME_BACKUP PID: ime_backup_service.cpp: __backup_completed_cb(LINE) > * Critical * __backup_completed_cb() failed.
+  $ ime-backupctl list
+  backup 1  DAY TIME  432 bytes
+  $ start_scim
+
+A settings store that is damaged, none, or of a later version: no backup of defaults, no half restore.
+
+  $ store=$IME_BACKUP_HOST_DIR/settings.db
+  $ try() {
+  >     command ime-backupctl backup 2>&1 | tidy | head -n 1 | sed 's/.*used: //'
+  >     all_commands | try_each | cut -c 1 | paste -sd ' '
+  >     rm -rf $store*
+  >     cp whole/settings.db* $IME_BACKUP_HOST_DIR
+  > }
+  $ change() { sqlite3 $store "$1"; try; }
+  $ change 'DROP TABLE settings'
+  no such table: settings
+  3 3 3 3
+  $ change "INSERT OR REPLACE INTO settings VALUES ('db/ise/hand_write', 'bool', 'maybe')"
+  it is damaged
+  3 3 3 0
+  $ change "INSERT OR REPLACE INTO settings VALUES ('db/ise/hand_write', 'string', 'maybe')"
+  ime-backupctl: the settings store holds a value of another type under db/ise/hand_write
+  3 0 0 0
+  $ change 'DROP TABLE settings; CREATE TABLE settings (name, text)'
+  no such column: key
+  3 3 3 3
+  $ change 'PRAGMA user_version = 2'
+  it was made by a later version
+  3 3 3 3
+  $ sqlite3 $store 'PRAGMA wal_checkpoint(TRUNCATE)' >checkpoint
+  > dd if=/dev/urandom of=$store bs=4096 seek=1 count=1 conv=notrunc status=none; try
+  database disk image is malformed
+  3 3 3 3
+  $ rm -f $store-*; truncate -s 0 $store; try
+  it is no settings store
+  3 3 3 3
+  $ rm $store*; sqlite3 $store 'CREATE TABLE songs (title)'; try
+  it is no settings store
+  3 3 3 3
+  $ rm $store*; mkfifo $store; try
+  it is no regular file
+  3 3 3 3
+  $ ime-backupctl list | tail -n 1
+  backup 1  DAY TIME  432 bytes
+
+One that another program locks for too long can be backed up, and is not restored to.
+
+  $ coproc sqlite3 $store
+  $ echo "BEGIN EXCLUSIVE; SELECT 'locked';" >&${COPROC[1]}; read -r <&${COPROC[0]}; echo $REPLY
+  locked
+  $ printf '%s\n' backup restore | try_each
+  0 
+  3 ime-backupctl: the settings store WORK/state/settings.db can't be used: database is locked
+  $ eval "exec ${COPROC[1]}>&-"; wait
+
+State that can't be used, or is elsewhere.
+
+  $ echo >file
+  $ IME_BACKUP_HOST_DIR=file/state try_each <<<backup
+  3 ime-backupctl: can't make the folder HERE/file/state: Not a directory
+  $ IME_BACKUP_HOST_DIR=/proc/state/root try_each <<<info
+  3 ime-backupctl: can't make the folder /proc/state/root: No such file or directory
+  $ (mkdir gone; cd gone; rmdir ../gone; IME_BACKUP_HOST_DIR=state try_each <<<backup)
+  3 ime-backupctl: can't tell where state is: No such file or directory
+  $ (mkdir gone; cd gone; rmdir ../gone; IME_BACKUP_CLOUD_STORE=store try_each <<<list)
+  3 ime-backupctl: can't tell where store is: No such file or directory
+  $ IME_BACKUP_CLOUD_STORE=/proc/store try_each <<<backup
+  3 ime-backupctl: can't make the folder /proc/store: No such file or directory
+  $ IME_BACKUP_CLOUD_STORE=file try_each <<<list
+  3 ime-backupctl: can't list the folder HERE/file: Not a directory
+  $ IME_BACKUP_CLOUD_STORE=file://$PWD/store try_each <<<backup
+  3 ime-backupctl: the cloud store file://HERE/store can't be used: it must be a folder's path
+  $ for name in service.log exchange.lock cloud/.lock; do
+  >     mv $IME_BACKUP_HOST_DIR/$name kept; mkfifo $IME_BACKUP_HOST_DIR/$name
+  >     echo backup | try_each
+  >     mv kept $IME_BACKUP_HOST_DIR/$name
+  > done
+  3 ime-backupctl: can't use WORK/state/service.log: it is no regular file
+  3 ime-backupctl: can't use WORK/state/exchange.lock: it is no regular file
+  3 ime-backupctl: can't use WORK/state/cloud/.lock: it is no regular file
+  $ IME_BACKUP_CLOUD_STORE='a store' ime-backupctl backup
+  backup 1  DAY TIME  432 bytes
+  $ IME_BACKUP_CLOUD_STORE="$PWD/a store" ime-backupctl list
+  backup 1  DAY TIME  432 bytes
+  $ IME_BACKUP_HOST_DIR= XDG_STATE_HOME=$PWD/xdg ime-backupctl info
+  record 0  DAY TIME
+  $ IME_BACKUP_HOST_DIR= ime-backupctl info
+  record 0  DAY TIME
+  $ ls -d xdg/ime-backup/exchange.lock ~/.local/state/ime-backup/exchange.lock | tidy
+  WORK/.local/state/ime-backup/exchange.lock
+  xdg/ime-backup/exchange.lock
+
+Several at once, and a disk that is full (here, a file that may not grow). Nothing is stored by halves.
+
+  $ for i in {1..5}; do command ime-backupctl backup >made$i & done; wait; cut -c 1-8 made? | sort | paste -sd ,
+  backup 3,backup 4,backup 5,backup 6,backup 7
+  $ ime-backupctl settings set selected_lang $(printf 'xx_%s,' {1..5000})
+  $ (trap '' XFSZ; ulimit -f 97; try_each <<<backup)
+  1 ime-backupctl: can't write WORK/state/opt/usr/apps/com.orvanta.ime-backup-service/shared/trusted/backup.dat: File too large
+  $ try_each <<<backup; ime-backupctl list | cut -c 1-8 | tail -n 2
+  0 
+  backup 7
+  backup 8
+
+A service that never finishes, and does not mind being asked to; then one that waits, whose launcher is killed.
+
+  $ printf '%s\n' '#!/bin/sh' "trap '' TERM" 'echo $$ >pid' 'while :; do sleep 0.05; done' >stubborn
+  $ printf '%s\n' '#!/bin/sh' 'echo $$ >pid' "exec $service unknown" >waiting
+  $ chmod +x stubborn waiting
+  $ is_gone() { for _ in {1..200}; do grep -q '^State:.[^Z]' /proc/$(cat pid)/status 2>/dev/null || return 0; sleep 0.05; done; return 1; }
+  $ try_each <<<"--timeout 0.3 --service $PWD/stubborn info"; is_gone
+  1 ime-backupctl: the service did not finish in time and was stopped; nothing on the device had been changed by then
+  $ rm pid; command ime-backupctl --service $PWD/waiting info & disown; until [[ -s pid ]]; do sleep 0.05; done
+  $ kill -KILL $!; is_gone
+
+All that is made is its owner's alone. A log that has grown is put aside.
+
+  $ umask 022; export IME_BACKUP_HOST_DIR=$PWD/new
+  $ ime-backupctl settings set default_keyboard kbd
+  $ ime-backupctl backup
+  backup 1  DAY TIME  431 bytes
+  $ truncate -s 2M new/service.log
+  $ ime-backupctl restore >restored
+  $ $service $operation/backup 2>log
+  $ find new -perm /077
+  $ ls -A new new/cloud | paste -sd ' '
+  new: cloud exchange.lock last-exchange.json launch.lock opt service.log service.log.1 settings.db settings.db.lock  new/cloud: .lock backup-000001.json backup-000002.json

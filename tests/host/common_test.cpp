@@ -1,0 +1,106 @@
+// What the host's libraries share, and libdlog.
+
+#include <fcntl.h>
+#include <regex>
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include "dlog.h"
+#include "errors.h"
+#include "files.h"
+#include "host.h"
+#include "text.h"
+
+namespace fs = std::filesystem;
+
+namespace
+{
+
+TEST(Text, IsEscapedToOneHarmlessLine)
+{
+    const struct {
+        std::string text;
+        const char *escaped;
+    } cases[] = {
+        {"", ""},
+        {"plain \\ \"text\" \xc3\xa9 \xea\xb0\x80", "plain \\ \"text\" \xc3\xa9 \xea\xb0\x80"},
+        {"a\nb\tc\x7f", R"(a\x0ab\x09c\x7f)"},
+        {"\033[2J", R"(\x1b[2J)"},
+        {"\xc2\x9b"
+         "2J",
+         R"(\u009b2J)"},
+        {"\xe2\x80\xa8\xe2\x80\xa9\xe2\x80\x8b", R"(\u2028\u2029\u200b)"},
+        {"\xff \xe2\x80", R"(\xff \xe2\x80)"},
+        {std::string("a\0b", 3), R"(a\x00b)"},
+    };
+    for (const auto &test : cases)
+        EXPECT_EQ(escaped(test.text), test.escaped);
+}
+
+TEST(Log, OneMessageIsOneLine)
+{
+    static constexpr char coloured[] = "main.cpp > \033[0;35m* Info * %s\n\033[0;m";
+    static constexpr char plain[] = "%s\n";
+    const struct {
+        int priority;
+        char letter;
+        const char *format;
+        const char *text;
+        const char *written;
+    } cases[] = {
+        {4, 'I', coloured, "ready", "main.cpp > * Info * ready"},
+        {6, 'E', coloured, "[a\nb\033[31m\033[0;m]", R"(main.cpp > * Info * [a\x0ab\x1b[31m\x1b[0;m])"},
+        {6, 'E', plain, "\033[31mred", R"(\x1b[31mred)"},
+        {99, '?', plain, "", ""},
+        {-1, '?', "%s", "\n\n", R"(\x0a)"},
+    };
+    for (const auto &test : cases) {
+        testing::internal::CaptureStderr();
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+        const int written = __dlog_print(2, test.priority, "TAG", test.format, test.text);
+#pragma GCC diagnostic pop
+        const std::string line = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(written, line.size());
+        const std::regex head(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z (.) TAG \d+: )");
+        std::smatch match;
+        ASSERT_TRUE(std::regex_search(line, match, head)) << line;
+        EXPECT_EQ(match[1], std::string(1, test.letter));
+        EXPECT_EQ(match.suffix(), std::string(test.written) + "\n");
+    }
+}
+
+TEST(Files, AreReplacedWhole)
+{
+    const TempDir root;
+    const fs::path file = root.path / "a/b/file";
+    replace_file(file, "one");
+    write_file(file.string() + ".new", "left behind by a process that was killed");
+    replace_file(file, std::string(200'000, 'x'));
+    EXPECT_EQ(read_file(file, 200'000), std::string(200'000, 'x'));
+    EXPECT_THROW(read_file(file, 199'999), HostError);
+    EXPECT_FALSE(fs::exists(file.string() + ".new"));
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms(0600));
+    EXPECT_EQ(fs::status(root.path / "a").permissions(), fs::perms(0700));
+
+    create_file_durably(root.path / "new", "content");
+    EXPECT_THROW(create_file_durably(root.path / "new", "other"), HostError);
+    EXPECT_EQ(read_file(root.path / "new", 100), "content");
+    EXPECT_FALSE(fs::exists(root.path / "new.new"));
+    EXPECT_THROW(replace_file(file / "below", ""), PlatformError);
+}
+
+TEST(Files, AnythingElseIsRefusedAtOnce)
+{
+    const TempDir root;
+    ASSERT_EQ(mkfifo((root.path / "fifo").c_str(), 0600), 0);
+    for (const fs::path &file : {root.path / "fifo", root.path, fs::path("/dev/zero"), root.path / "none"}) {
+        EXPECT_THROW(open_file(file, O_RDWR), PlatformError);
+        EXPECT_THROW(read_file(file, 100), HostError);
+        EXPECT_THROW(open_file(file, O_WRONLY | O_APPEND), PlatformError);
+    }
+    EXPECT_THROW(FileLock(root.path / "fifo").acquire(), PlatformError);
+}
+
+} // namespace

@@ -1,0 +1,279 @@
+// The configuration and the active input method, with a daemon that misbehaves as a test tells it to.
+
+#include <csignal>
+#include <map>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#define Uses_SCIM_CONFIG_BASE
+#define Uses_SCIM_CONFIG_MODULE
+#include <scim.h>
+
+#include "account.h"
+#include "daemon.h"
+#include "host.h"
+#include "isf_control.h"
+
+namespace
+{
+
+enum class Fault { none, refuse, stall, die };
+
+/// What SCIM's daemon does, in a process of its own: keeps values, and answers question after question.
+class FakeDaemon
+{
+public:
+    /// The question with this number, counted from 1, goes wrong; 0 stands for the greeting.
+    FakeDaemon(Fault the_fault, int at_question) : fault(the_fault), faulty_question(at_question)
+    {
+        setenv("SCIM_SOCKET_ADDRESS", ("local:" + (root.path / "socket").string()).c_str(), 1);
+        setenv("SCIM_SOCKET_TIMEOUT", "600", 1);
+        server.create(scim::SocketAddress("local:" + (root.path / "socket").string()));
+        process = fork();
+        if (process == 0) {
+            server.signal_connect_receive(scim::slot(this, &FakeDaemon::on_question));
+            server.run();
+            _exit(0);
+        }
+    }
+    ~FakeDaemon()
+    {
+        kill(process, SIGKILL);
+        waitpid(process, nullptr, 0);
+        account().finish();
+    }
+
+private:
+    void on_question(scim::SocketServer *, const scim::Socket &client)
+    {
+        if (!greeted) {
+            if (fault == Fault::stall && faulty_question == 0)
+                pause();
+            scim::uint32 key = 0;
+            greeted =
+                !scim::scim_socket_accept_connection(key, "SocketFrontEnd", "SocketConfig", client, 1000)
+                     .empty();
+            return;
+        }
+        scim::Transaction question;
+        if (!question.read_from_socket(client, 1000))
+            _exit(0);
+        const bool goes_wrong = ++asked == faulty_question;
+        if (goes_wrong && fault == Fault::die)
+            _exit(0);
+        if (goes_wrong && fault == Fault::stall)
+            pause();
+        scim::Transaction reply;
+        reply.put_command(scim::SCIM_TRANS_CMD_REPLY);
+        if ((goes_wrong && fault == Fault::refuse) || !answer(question, reply))
+            reply.put_command(scim::SCIM_TRANS_CMD_FAIL);
+        else
+            reply.put_command(scim::SCIM_TRANS_CMD_OK);
+        reply.write_to_socket(client);
+    }
+
+    bool answer(scim::Transaction &question, scim::Transaction &reply)
+    {
+        int command = 0;
+        scim::uint32 number = 0;
+        scim::String key;
+        scim::String text;
+        question.get_command(command);
+        question.get_data(number);
+        question.get_command(command);
+        question.get_data(key);
+        switch (command) {
+        case scim::SCIM_TRANS_CMD_GET_CONFIG_STRING:
+            if (values[key].empty())
+                return false;
+            reply.put_data(values[key]);
+            return true;
+        case scim::SCIM_TRANS_CMD_GET_CONFIG_INT:
+        case scim::SCIM_TRANS_CMD_GET_CONFIG_BOOL:
+            if (values[key].empty() || !isdigit(values[key][0]))
+                return false;
+            reply.put_data(static_cast<scim::uint32>(std::stoi(values[key])));
+            return true;
+        case scim::SCIM_TRANS_CMD_SET_CONFIG_STRING:
+            return question.get_data(values[key]);
+        case scim::SCIM_TRANS_CMD_SET_CONFIG_INT:
+        case scim::SCIM_TRANS_CMD_SET_CONFIG_BOOL:
+            question.get_data(number);
+            values[key] = std::to_string(number);
+            return true;
+        default:
+            return true;
+        }
+    }
+
+    const Fault fault;
+    const int faulty_question;
+    const TempDir root;
+    scim::SocketServer server;
+    std::map<scim::String, scim::String> values = {{"number", "5"}, {"switch", "1"}, {"word", "maybe"}};
+    bool greeted = false;
+    int asked = 0;
+    pid_t process = 0;
+};
+
+scim::ConfigPointer open_config()
+{
+    return scim::ConfigModule("socket").create_config();
+}
+
+std::string troubles()
+{
+    std::string text;
+    for (const Trouble &trouble : account().troubles())
+        text += (trouble.kind == Trouble::Kind::unusable ? "unusable: "
+                 : trouble.kind == Trouble::Kind::unfit  ? "unfit: "
+                                                         : "refused: ") +
+                trouble.reason;
+    return text;
+}
+
+std::string outcomes()
+{
+    std::string text;
+    for (const Change &change : account().changes())
+        text += change.key + (change.outcome == Change::Outcome::made      ? " made "
+                              : change.outcome == Change::Outcome::refused ? " refused "
+                                                                           : " pending ");
+    return text;
+}
+
+TEST(Config, TellsWhatIsNotSetFromADaemonThatIsLost)
+{
+    const struct {
+        Fault fault;
+        int question;
+        int number;
+        const char *trouble;
+    } cases[] = {
+        {Fault::none, 0, 5, ""},
+        {Fault::refuse, 3, 5, ""}, // as a key that is not set
+        {Fault::die, 1, 42, "was lost"},
+        {Fault::die, 2, 5, "was lost"},
+        {Fault::stall, 1, 42, "does not answer"},
+        {Fault::stall, 3, 5, "does not answer"},
+    };
+    for (const auto &test : cases) {
+        SCOPED_TRACE(std::string(test.trouble) + std::to_string(test.question));
+        const FakeDaemon daemon(test.fault, test.question);
+        const scim::ConfigPointer config = open_config();
+        ASSERT_FALSE(config.null());
+        EXPECT_EQ(config->read("number", 42), test.number);
+        EXPECT_EQ(config->read("missing", 42), 42);
+        EXPECT_EQ(troubles().empty(), *test.trouble == '\0') << troubles();
+        EXPECT_NE(troubles().find(test.trouble), std::string::npos) << troubles();
+        if (*test.trouble != '\0') {
+            EXPECT_FALSE(config->write("number", 7)) << "a daemon that is lost stays lost";
+            EXPECT_TRUE(open_config()->read("switch", false) == false);
+        }
+    }
+    const FakeDaemon daemon(Fault::none, 0);
+    EXPECT_EQ(open_config()->read("word", true), true);
+    EXPECT_TRUE(troubles().starts_with("unfit: ")) << troubles();
+}
+
+TEST(Config, IsEmptyWithoutADaemon)
+{
+    {
+        const FakeDaemon daemon(Fault::stall, 0);
+        setenv("SCIM_SOCKET_TIMEOUT", "30", 1);
+        for (int client = 0; client < 9; client++) { // more than can wait in front of its door
+            EXPECT_TRUE(open_config().null());
+            EXPECT_NE(troubles().find("does not answer"), std::string::npos) << troubles();
+            account().finish();
+        }
+    }
+    EXPECT_TRUE(open_config().null());
+    EXPECT_NE(troubles().find("isn't running"), std::string::npos) << troubles();
+    EXPECT_FALSE(scim::ConfigModule("other").valid());
+    account().finish();
+}
+
+TEST(Config, AChangeIsMadeOnceItIsFlushed)
+{
+    const struct {
+        Fault fault;
+        int question; ///< 1 and 3 read what is there, 2 and 4 write, 5 flushes, 6 reloads
+        const char *outcomes;
+    } cases[] = {
+        {Fault::none, 0, "number made switch made "},
+        {Fault::refuse, 2, "number refused switch made "},
+        {Fault::refuse, 5, "number refused switch refused "},
+        {Fault::die, 2, "number pending switch refused "},
+        {Fault::die, 3, "number pending switch refused "},
+        {Fault::die, 5, "number pending switch pending "},
+        {Fault::die, 6, "number made switch made "},
+        {Fault::stall, 1, "number refused switch refused "},
+    };
+    for (const auto &test : cases) {
+        SCOPED_TRACE(test.question);
+        const FakeDaemon daemon(test.fault, test.question);
+        const scim::ConfigPointer config = open_config();
+        config->write("number", 7);
+        config->write("switch", false);
+        EXPECT_EQ(outcomes().find("made"), std::string::npos) << "before it is flushed";
+        config->flush();
+        config->reload();
+        EXPECT_EQ(outcomes(), test.outcomes);
+        EXPECT_EQ(troubles().empty(), test.fault == Fault::none) << troubles();
+    }
+    const FakeDaemon daemon(Fault::none, 0);
+    open_config()->write("switch", true);
+    EXPECT_EQ(outcomes(), "") << "it held that already";
+    open_config()->write("switch", false);
+    EXPECT_EQ(outcomes(), "switch pending ") << "it was never flushed";
+    EXPECT_EQ(account().changes().at(0).before, DeviceValue(true));
+}
+
+TEST(ActiveIme, HandsOutWhatItAccepts)
+{
+    const FakeDaemon daemon(Fault::none, 0);
+    char *identifier = nullptr;
+    EXPECT_LE(isf_control_get_active_ime(&identifier), 0);
+    EXPECT_EQ(troubles(), "unfit: no input method is active");
+    for (const std::string &accepted :
+         {std::string("kbd"), std::string(16'000, '['), std::string("\xc3\xa9 1")}) {
+        EXPECT_EQ(isf_control_set_active_ime(accepted.c_str()), 0);
+        EXPECT_EQ(isf_control_get_active_ime(&identifier), accepted.size());
+        EXPECT_EQ(identifier, accepted);
+        g_free(identifier);
+        EXPECT_EQ(account().changes().back().outcome, Change::Outcome::made);
+    }
+    EXPECT_EQ(isf_control_set_active_ime("\xc3\xa9 1"), 0);
+    EXPECT_EQ(account().changes().size(), 3) << "it was active already";
+    for (const std::string &refused : {std::string(), std::string(" a"), std::string("a "),
+                                       std::string("a\nb"), std::string("\xff"), std::string(16'001, '[')}) {
+        EXPECT_EQ(isf_control_set_active_ime(refused.c_str()), ISF_CONTROL_INVALID_IDENTIFIER);
+        EXPECT_EQ(account().changes().back().outcome, Change::Outcome::refused);
+        scim::ConfigModule("socket").create_config()->write("/DefaultIMEngineFactory/~other",
+                                                            scim::String(refused));
+        EXPECT_LE(isf_control_get_active_ime(&identifier), 0);
+    }
+}
+
+TEST(ActiveIme, ThatCannotBeSetIsATrouble)
+{
+    const struct {
+        Fault fault;
+        int question; ///< 1 reads what is there, 2 writes, 3 flushes
+        const char *outcomes;
+    } cases[] = {{Fault::die, 1, " refused "},
+                 {Fault::die, 2, " pending "},
+                 {Fault::stall, 3, " pending "},
+                 {Fault::refuse, 2, " refused "},
+                 {Fault::refuse, 3, " refused "}};
+    for (const auto &test : cases) {
+        const FakeDaemon daemon(test.fault, test.question);
+        EXPECT_EQ(isf_control_set_active_ime("kbd"), -1);
+        EXPECT_EQ(outcomes(), test.outcomes);
+        EXPECT_TRUE(troubles().starts_with("unusable: ")) << troubles();
+    }
+}
+
+} // namespace
