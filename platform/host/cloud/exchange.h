@@ -45,7 +45,6 @@ public:
     void decide(ExchangeReport::Result result, const std::string &reason = "");
 
     const ExchangeReport &report() const { return exchange_report; }
-    bool is_decided() const { return exchange_report.result != ExchangeReport::Result::undecided; }
 
     /// Tells the service the result.
     void complete() const;
