@@ -122,15 +122,17 @@ void end_with_parent(void *)
     prctl(PR_SET_PDEATHSIG, SIGTERM);
 }
 
-GSubprocess *launch(const ServiceOptions &options, const char *operation, const std::string &backup,
-                    const Descriptor &report, const ServiceLog &log)
+GSubprocess *launch(const ServiceOptions &options, const Request &request, const Descriptor &report,
+                    const ServiceLog &log)
 {
     g_autoptr(GSubprocessLauncher) launcher = g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_NONE);
     // Without a bus, or an instance that runs with other settings could answer in the new one's place.
     g_subprocess_launcher_setenv(launcher, "DBUS_SESSION_BUS_ADDRESS", "disabled:", TRUE);
     g_subprocess_launcher_setenv(launcher, REPORT_VARIABLE,
                                  name_report_file(report.get(), REPORT_DESCRIPTOR).c_str(), TRUE);
-    g_subprocess_launcher_setenv(launcher, RESTORE_VARIABLE, backup.c_str(), TRUE);
+    g_subprocess_launcher_setenv(launcher, RESTORE_VARIABLE, request.backup.c_str(), TRUE);
+    g_subprocess_launcher_setenv(launcher, TRIAL_VARIABLE, request.is_trial ? "1" : "", TRUE);
+    g_subprocess_launcher_setenv(launcher, IF_CHANGED_VARIABLE, request.if_changed ? "1" : "", TRUE);
     g_subprocess_launcher_take_fd(launcher, dup(report.get()), REPORT_DESCRIPTOR);
     const int output = options.verbose ? STDERR_FILENO : log.descriptor();
     g_subprocess_launcher_take_stdout_fd(launcher, dup(output));
@@ -139,7 +141,7 @@ GSubprocess *launch(const ServiceOptions &options, const char *operation, const 
 
     g_autoptr(GError) error = nullptr;
     GSubprocess *service =
-        g_subprocess_launcher_spawn(launcher, &error, options.program.c_str(), operation, nullptr);
+        g_subprocess_launcher_spawn(launcher, &error, options.program.c_str(), request.operation, nullptr);
     if (service == nullptr)
         throw PlatformError(std::string("can't start the service: ") + error->message);
     return service;
@@ -155,22 +157,22 @@ std::string describe_end(GSubprocess *service)
 }
 
 /// What is known of the work of a service that came to no result.
-std::string describe_work(const ExchangeReport &report, const char *operation, GSubprocess *service)
+std::string describe_work(const ExchangeReport &report, const Request &request, GSubprocess *service)
 {
     // Asked to end, it gives up before it stores anything, or tells what it stored.
     const bool was_killed =
         g_subprocess_get_if_signaled(service) != FALSE && g_subprocess_get_term_sig(service) != SIGTERM;
-    if (was_killed && strcmp(operation, OPERATION_BACKUP) == 0)
+    if (was_killed && strcmp(request.operation, OPERATION_BACKUP) == 0 && !request.is_trial)
         return "; \"ime-backupctl list\" shows whether the backup had been stored by then";
     const std::vector<Change> &changes = report.changes;
     const auto any = [&](Change::Outcome outcome) {
         return std::any_of(changes.begin(), changes.end(),
                            [&](const Change &change) { return change.outcome == outcome; });
     };
-    if (any(Change::Outcome::made))
-        return "; settings of the device had been changed by then";
-    if (any(Change::Outcome::pending))
-        return "; a setting of the device may have been changed by then";
+    if (any(Change::Outcome::made) && !request.is_trial)
+        return "; settings of the device had been changed by then; \"ime-backupctl undo\" puts them back";
+    if (any(Change::Outcome::pending) && !request.is_trial)
+        return "; a setting of the device may have been changed by then; \"ime-backupctl undo\" puts it back";
     return "; nothing on the device had been changed by then";
 }
 
@@ -190,14 +192,20 @@ int status_of(const ExchangeReport &report, Stop stopped)
     switch (report.result) {
     case ExchangeReport::Result::succeeded:
         return EXIT_DONE;
-    case ExchangeReport::Result::no_platform:
-        return EXIT_NO_PLATFORM;
     case ExchangeReport::Result::failed:
         return EXIT_FAILED;
+    case ExchangeReport::Result::no_platform:
+        return EXIT_NO_PLATFORM;
+    case ExchangeReport::Result::no_backup:
+        return EXIT_NO_BACKUP;
+    case ExchangeReport::Result::damaged:
+        return EXIT_DAMAGED;
     case ExchangeReport::Result::undecided:
         break;
     }
-    return stopped == Stop::interrupted ? EXIT_INTERRUPTED : EXIT_FAILED;
+    return stopped == Stop::interrupted ? EXIT_INTERRUPTED
+           : stopped == Stop::timed_out ? EXIT_TIMED_OUT
+                                        : EXIT_FAILED;
 }
 
 void show_failure(const ExchangeReport &report)
@@ -213,16 +221,25 @@ void show_failure(const ExchangeReport &report)
         fprintf(stderr, "%s\n", HINT_SCIM);
     else if (has(Trouble::Kind::unfit, {SettingPlace::input_method_control}))
         fprintf(stderr, "%s\n", HINT_KEYBOARD);
+    else if (report.result == ExchangeReport::Result::no_backup)
+        fprintf(stderr, "%s\n", HINT_BACKUP);
+}
+
+/// Whether the service's log could tell more than the reason does.
+bool may_be_explained_by_log(const ExchangeReport &report)
+{
+    return report.result != ExchangeReport::Result::no_backup &&
+           report.result != ExchangeReport::Result::damaged;
 }
 
 } // namespace
 
-Outcome run_exchange(const ServiceOptions &options, const char *operation, const std::string &backup)
+Outcome run_exchange(const ServiceOptions &options, const Request &request)
 {
     const ServiceLog log;
     const Descriptor report_file(memfd_create("exchange-report", MFD_CLOEXEC));
     std::optional<Wait> wait(std::in_place, options.timeout_seconds);
-    g_autoptr(GSubprocess) service = launch(options, operation, backup, report_file, log);
+    g_autoptr(GSubprocess) service = launch(options, request, report_file, log);
     const Stop stopped = wait->wait_for(service);
     wait.reset();
 
@@ -235,14 +252,22 @@ Outcome run_exchange(const ServiceOptions &options, const char *operation, const
             report.reason = "the service did not finish in time and was stopped";
         else if (report.reason.empty())
             report.reason = describe_end(service);
-        report.reason += describe_work(report, operation, service);
+        report.reason += describe_work(report, request, service);
     }
 
     const int status = status_of(report, stopped);
     if (status != EXIT_DONE) {
         show_failure(report);
-        if (!options.verbose)
+        if (!options.verbose && may_be_explained_by_log(report))
             log.show_last_lines();
     }
     return {report, status};
+}
+
+std::string take_snapshot(const ServiceOptions &options)
+{
+    const Outcome outcome = run_exchange(options, {.operation = OPERATION_BACKUP, .is_trial = true});
+    if (outcome.status != EXIT_DONE)
+        throw ToldError(outcome.status, outcome.report.reason);
+    return outcome.report.snapshot;
 }

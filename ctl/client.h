@@ -12,6 +12,14 @@ struct ServiceOptions {
     bool verbose = false;
 };
 
+/// What is asked of the service.
+struct Request {
+    const char *operation;
+    std::string backup{};    ///< number of the one to restore, or empty for the newest
+    bool is_trial = false;   ///< nothing is to be written
+    bool if_changed = false; ///< a backup is stored only when the newest one holds other settings
+};
+
 /// What became of an exchange.
 struct Outcome {
     ExchangeReport report;
@@ -20,10 +28,13 @@ struct Outcome {
 
 /// Starts the service for one exchange and waits for both to end. A failure is told on standard error.
 ///
-/// @param operation  identifier of the exchange's operation
-/// @param backup     number of the backup to restore, for a restore
 /// @throws HostError when the service can't be started
-Outcome run_exchange(const ServiceOptions &options, const char *operation, const std::string &backup = "");
+Outcome run_exchange(const ServiceOptions &options, const Request &request);
+
+/// What the service would back up.
+///
+/// @throws ToldError when it could not
+std::string take_snapshot(const ServiceOptions &options);
 
 /// The service that was installed beside this program.
 std::string default_service_program();

@@ -1,16 +1,34 @@
-#include "cli.h"
-#include "format.h"
+#include "backups.h"
 #include "ime_backup_operations.h"
 
-static int backup(const ServiceOptions &options)
+static void backup(Cli &cli, bool if_changed)
 {
-    const Outcome outcome = run_exchange(options, OPERATION_BACKUP);
-    if (outcome.status == EXIT_DONE)
-        printf("%s\n", describe_backup(CloudStore(), outcome.report.backup).c_str());
-    return outcome.status;
+    cli.document.set_result(false);
+    const Outcome outcome =
+        run_exchange(cli.service, {.operation = OPERATION_BACKUP, .if_changed = if_changed});
+    const ExchangeReport &report = outcome.report;
+    cli.status = outcome.status;
+    cli.document.set_result(outcome.status == EXIT_DONE, report.reason);
+    cli.document.set("backup", report.backup == 0 ? Json() : Json(report.backup));
+    cli.document.set("stored", Json(report.stored));
+    if (report.stored)
+        cli.document.say(name_of(report.backup) + "  " + format_date(date_of(report.records)));
+    else if (outcome.status == EXIT_DONE)
+        cli.document.say(name_of(report.backup) + " holds the same settings; nothing was stored");
 }
 
 void add_backup(Cli &cli)
 {
-    cli.app.add_subcommand("backup", "Make a backup")->callback([&] { cli.status = backup(cli.service); });
+    auto *command = add_command(
+        cli.app,
+        {"backup", GROUP_BACKUPS, "Make a backup",
+         "Has the service read the keyboard's settings, and stores them as a new backup. A switch that is "
+         "not "
+         "set is backed up as true, and a device without selected languages as one that selects English and "
+         "Korean.",
+         "ime-backupctl backup --if-changed"});
+    const auto if_changed = std::make_shared<bool>(false);
+    command->add_flag("--if-changed", *if_changed,
+                      "Store nothing when the newest backup holds the same settings");
+    command->callback([&cli, if_changed] { backup(cli, *if_changed); });
 }

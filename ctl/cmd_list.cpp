@@ -1,19 +1,15 @@
-#include "cli.h"
-#include "format.h"
-#include "text.h"
+#include "backups.h"
 
-static int list()
+static void list(Cli &cli)
 {
     const CloudStore store;
-    const CloudStore::Listing listing = store.list();
-    for (const BackupNumber number : listing.numbers)
-        printf("%s\n", describe_backup(store, number).c_str());
-    for (const std::string &name : listing.left_out)
-        fprintf(stderr, "ime-backupctl: %s is left out: no backup has this number\n", escaped(name).c_str());
-    return EXIT_DONE;
+    cli.document.set(inspect(store, list_backups(store)).table);
 }
 
 void add_list(Cli &cli)
 {
-    cli.app.add_subcommand("list", "List the backups, newest last")->callback([&] { cli.status = list(); });
+    auto *command = add_command(cli.app, {"list", GROUP_BACKUPS, "List the backups, newest last",
+                                          "Each is read and checked: of one that is damaged, it says why.",
+                                          "ime-backupctl list"});
+    command->callback([&cli] { list(cli); });
 }

@@ -1,33 +1,27 @@
-#include <memory>
-#include <unistd.h>
+#include "backups.h"
+#include "setting.h"
+#include "snapshot.h"
 
-#include "cli.h"
-#include "text.h"
-
-static int show(const std::string &id)
+static void show(Cli &cli, const std::string &id)
 {
     const CloudStore store;
-    const BackupNumber number = store.find(id);
-    CloudRecords records;
-    try {
-        records = decode_record_file(store.read(number));
-    } catch (const HostError &error) {
-        throw HostError("backup " + std::to_string(number) + " can't be shown: " + error.what());
-    }
-    // In a pipe, the text is the data itself; on a terminal it must not be obeyed.
-    const bool is_terminal = isatty(STDOUT_FILENO) != 0;
-    for (const CloudRecord &record : records) {
-        const std::string value = record.value.value_or("");
-        printf("%s\n", is_terminal ? escaped(value).c_str() : value.c_str());
-    }
-    return EXIT_DONE;
+    const std::string text = snapshot_in(read_whole(store, store.find(id)));
+    const Snapshot snapshot = read_snapshot(text);
+    Table table{{{"name", ""}, {"value", ""}}, {}};
+    for (size_t i = 0; i < std::size(SETTINGS); i++)
+        table.rows.push_back({SETTINGS[i].member, cell_of(SETTINGS[i], snapshot[i])});
+    cli.document.set(table);
+    cli.document.set_json(text);
 }
 
 void add_show(Cli &cli)
 {
-    auto *command =
-        cli.app.add_subcommand("show", "Show the snapshot in the newest backup, or in the one named");
+    auto *command = add_command(
+        cli.app, {"show", GROUP_BACKUPS, "Show the settings in the newest backup, or in the one named",
+                  "With --json it is the snapshot itself, byte for byte. Of a backup with several "
+                  "records, it is that of the last one, which is in force after a restore.",
+                  "ime-backupctl show 3"});
     const auto id = std::make_shared<std::string>();
-    add_backup_id(*command, *id);
-    command->callback([&cli, id] { cli.status = show(*id); });
+    add_argument(*command, LABEL_ID, *id, "The backup's number");
+    command->callback([&cli, id] { show(cli, *id); });
 }

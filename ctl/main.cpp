@@ -4,62 +4,12 @@
 #include <cstdio>
 #include <cstring>
 #include <iostream>
-#include <regex>
 
 #include "cli.h"
+#include "help.h"
 #include "process.h"
+#include "suggestion.h"
 #include "text.h"
-
-void add_backup_id(CLI::App &command, std::string &id)
-{
-    command.add_option("ID", id, "The backup's number")->check([](const std::string &text) -> std::string {
-        return text.empty() ? "it is empty" : "";
-    });
-}
-
-static std::string check_seconds(const std::string &text)
-{
-    static const std::regex decimal("[0-9]{1,5}(\\.[0-9]{1,3})?");
-    if (!std::regex_match(text, decimal) || std::stod(text) < 0.1 || std::stod(text) > 86'400)
-        return "not between 0.1 and 86400 seconds: " + text;
-    return "";
-}
-
-static void add_service_options(Cli &cli)
-{
-    cli.service.program = default_service_program();
-    cli.app.add_flag("-v,--verbose", cli.service.verbose, "Show the service's log as it runs");
-    cli.app.add_option("--timeout", cli.service.timeout_seconds, "Seconds to wait for the service")
-        ->check(check_seconds)
-        ->capture_default_str();
-    cli.app.add_option("--service", cli.service.program, "The service's program")
-        ->envname("IME_BACKUP_SERVICE")
-        ->check([](const std::string &text) -> std::string { return text.empty() ? "it is empty" : ""; });
-}
-
-static int run(int argc, char **argv)
-{
-    Cli cli;
-    cli.app.require_subcommand(0, 1);
-    cli.app.fallthrough();
-    cli.app.set_version_flag("--version", IME_BACKUP_VERSION);
-    cli.app.footer("Exit status: 0 done, 1 failed, 2 wrong usage, 3 the platform isn't there, 130 "
-                   "interrupted.\n");
-    add_service_options(cli);
-    for (const auto add_command : {add_backup, add_restore, add_info, add_list, add_show, add_settings})
-        add_command(cli);
-
-    try {
-        cli.app.parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        return cli.app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
-    }
-    if (cli.app.get_subcommands().empty()) {
-        fprintf(stderr, "%s", cli.app.help().c_str());
-        return EXIT_USAGE;
-    }
-    return cli.status;
-}
 
 static int fail(int status, const std::string &message, const char *hint = nullptr)
 {
@@ -69,30 +19,108 @@ static int fail(int status, const std::string &message, const char *hint = nullp
     return status;
 }
 
-static int run_and_tell(int argc, char **argv)
+/// The command that was named last on the command line, or the program.
+static const CLI::App &find_parsed(const CLI::App &app)
+{
+    const std::vector<CLI::App *> parsed = app.get_subcommands();
+    return parsed.empty() ? app : find_parsed(*parsed.front());
+}
+
+static std::vector<std::string> names_like(const std::string &word, const CLI::App &command)
+{
+    std::vector<std::string> names;
+    if (word.starts_with("-")) {
+        for (const CLI::App *app = &command; app != nullptr; app = app->get_parent())
+            for (const CLI::Option *option : app->get_options())
+                for (const std::string &name : option->get_lnames())
+                    names.push_back("--" + name);
+    } else {
+        for (const CLI::App *subcommand : commands_of(command))
+            names.push_back(subcommand->get_name());
+    }
+    return names;
+}
+
+/// Tells what is wrong with the command line, and what may have been meant.
+static int fail_to_parse(const CLI::App &app, const CLI::ParseError &error)
+{
+    const CLI::App &command = find_parsed(app);
+    const std::vector<std::string> unknown = app.remaining(true);
+    std::string message = error.what();
+    if (!unknown.empty()) { // whatever else is wrong: it may be what is missing elsewhere
+        const std::string &word = unknown.front();
+        const std::vector<std::string> names = names_like(word, command);
+        const char *kind = word.starts_with("-") ? "option" : "command";
+        message = names.empty()
+                      ? "there is no place for the argument \"" + word + "\""
+                      : std::string("there is no ") + kind + " \"" + word + "\"" + did_you_mean(word, names);
+    }
+    const std::string name = command.get_parent() == nullptr ? "" : " " + command.get_name();
+    return fail(EXIT_USAGE, message, ("\"ime-backupctl" + name + " --help\" tells more.").c_str());
+}
+
+static int run(Cli &cli, int argc, char **argv)
 {
     try {
-        return run(argc, argv);
+        cli.app.parse(argc, argv);
+    } catch (const CLI::Success &help) {
+        cli.quiet = true;
+        return cli.app.exit(help);
+    } catch (const CLI::ParseError &error) {
+        return fail_to_parse(cli.app, error);
+    }
+    if (cli.app.get_subcommands().empty()) {
+        fprintf(stderr, "%s", help_of(cli.app).c_str());
+        return EXIT_USAGE;
+    }
+    return cli.status;
+}
+
+/// Tells of a failure, to the one who called, and in the document.
+static int fail_in(Cli &cli, int status, const std::string &message, const char *hint = nullptr)
+{
+    if (cli.document.has_result())
+        cli.document.set_result(false, message);
+    return fail(status, message, hint);
+}
+
+static int run_and_tell(Cli &cli, int argc, char **argv)
+{
+    try {
+        return run(cli, argc, argv);
     } catch (const UsageError &error) {
-        return fail(EXIT_USAGE, error.what());
+        return fail_in(cli, EXIT_USAGE, error.what());
     } catch (const DaemonError &error) {
-        return fail(EXIT_NO_PLATFORM, error.what(), HINT_SCIM);
+        return fail_in(cli, EXIT_NO_PLATFORM, error.what(), HINT_SCIM);
     } catch (const PlatformError &error) {
-        return fail(EXIT_NO_PLATFORM, error.what());
+        return fail_in(cli, EXIT_NO_PLATFORM, error.what());
     } catch (const NoBackupError &error) {
-        return fail(EXIT_FAILED, error.what(), HINT_BACKUP);
+        return fail_in(cli, EXIT_NO_BACKUP, error.what(), HINT_BACKUP);
+    } catch (const DamagedError &error) {
+        return fail_in(cli, EXIT_DAMAGED, error.what());
+    } catch (const TimeoutError &error) {
+        return fail_in(cli, EXIT_TIMED_OUT, error.what());
+    } catch (const ToldError &error) {
+        return error.status == EXIT_FAILED ? cli.failure_status : error.status;
     } catch (const std::exception &error) {
-        return fail(EXIT_FAILED, error.what());
+        return fail_in(cli, cli.failure_status, error.what());
     }
 }
 
 int main(int argc, char **argv)
 {
     prepare_process();
-    const int status = run_and_tell(argc, argv);
+    Cli cli;
+    build_cli(cli);
+    const int status = run_and_tell(cli, argc, argv);
+    if (cli.json && !cli.quiet && !cli.document.is_empty())
+        cli.document.print_json();
+    else if (!cli.json && !cli.quiet)
+        cli.document.print_text();
+
     errno = 0;
     if (!std::cout.flush() || fflush(stdout) != 0 || ferror(stdout) != 0)
-        return fail(EXIT_FAILED, std::string("can't write to standard output: ") +
-                                     (errno != 0 ? strerror(errno) : "some of it is lost"));
+        return fail(cli.failure_status, std::string("can't write to standard output: ") +
+                                            (errno != 0 ? strerror(errno) : "some of it is lost"));
     return status;
 }

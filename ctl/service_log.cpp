@@ -21,7 +21,7 @@ static off_t size_of(const Descriptor &file)
     return lseek(file.get(), 0, SEEK_END);
 }
 
-ServiceLog::ServiceLog() : file(state_root() / "service.log")
+ServiceLog::ServiceLog() : file(state_root() / SERVICE_LOG)
 {
     make_private_folder(file.parent_path());
     log = open_file(file, FLAGS);

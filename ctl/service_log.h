@@ -4,6 +4,9 @@
 
 #include "files.h"
 
+/// Below the state root: what the service logs when it isn't shown.
+inline constexpr char SERVICE_LOG[] = "service.log";
+
 /// The service's log file, and where in it this exchange's lines begin.
 class ServiceLog
 {

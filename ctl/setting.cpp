@@ -1,56 +1,66 @@
 #include "setting.h"
 
 #include <algorithm>
+#include <regex>
 
 #include <glib.h>
 
-#include "json.h"
+#include "snapshot.h"
 #include "status.h"
+#include "suggestion.h"
 #include "text.h"
 
-std::vector<SettingRow> all_settings()
+const std::vector<SettingRow> &all_settings()
 {
-    std::vector<SettingRow> rows(std::begin(SETTINGS), std::end(SETTINGS));
-    rows.insert(rows.end(), std::begin(DOWNLOADED_LISTS), std::end(DOWNLOADED_LISTS));
+    static const std::vector<SettingRow> rows = [] {
+        std::vector<SettingRow> all(std::begin(SETTINGS), std::end(SETTINGS));
+        all.insert(all.end(), std::begin(DOWNLOADED_LISTS), std::end(DOWNLOADED_LISTS));
+        return all;
+    }();
     return rows;
+}
+
+std::vector<std::string> names_of_settings()
+{
+    std::vector<std::string> names;
+    for (const SettingRow &row : all_settings())
+        names.emplace_back(row.member);
+    return names;
 }
 
 const SettingRow &find_setting(const std::string &name)
 {
-    std::string known;
-    static const std::vector<SettingRow> rows = all_settings();
-    for (const SettingRow &row : rows) {
+    for (const SettingRow &row : all_settings())
         if (row.member == name)
             return row;
-        known += (known.empty() ? "" : ", ") + std::string(row.member);
-    }
-    throw UsageError("there is no setting \"" + name + "\"; there are " + known);
+    const std::vector<std::string> names = names_of_settings();
+    const std::string hint = did_you_mean(name, names);
+    throw UsageError("there is no setting \"" + name + "\"" +
+                     (hint.empty() ? "; there are " + join(names, ", ") : hint));
 }
 
-const char *name_of(SettingPlace place)
+const DeviceAccess &access_to(const SettingRow &row)
 {
-    switch (place) {
+    const DeviceAccess *access = device_access(row.place);
+    if (access == nullptr)
+        throw PlatformError(std::string("no library of the host keeps ") + row.member);
+    return *access;
+}
+
+std::string place_of(const SettingRow &row)
+{
+    switch (row.place) {
     case SettingPlace::input_method_control:
         return "input-method control: active input method";
     case SettingPlace::settings_store:
-        return "settings store: ";
+        return std::string("settings store: ") + row.key;
     case SettingPlace::configuration:
-        return "input-method configuration: ";
+        return std::string("input-method configuration: ") + row.key;
     }
     return "";
 }
 
 // Values.
-
-static std::vector<std::string> split_languages(const std::string &text, const char *delimiters)
-{
-    std::vector<std::string> languages;
-    g_auto(GStrv) pieces = g_strsplit_set(text.c_str(), delimiters, -1);
-    for (gchar **piece = pieces; *piece != nullptr; piece++)
-        if (**piece != '\0')
-            languages.emplace_back(*piece);
-    return languages;
-}
 
 std::string format_value(const SettingRow &row, const DeviceValue &value)
 {
@@ -63,7 +73,7 @@ std::string format_value(const SettingRow &row, const DeviceValue &value)
     const auto &text = std::get<std::string>(*value);
     if (row.form != SettingForm::languages)
         return text;
-    const std::string languages = join(split_languages(text, "#"), ",");
+    const std::string languages = join(split_languages(text), ",");
     return languages.empty() ? "(none)" : languages;
 }
 
@@ -78,57 +88,70 @@ static bool parse_switch(const std::string &text)
     throw UsageError("\"" + text + "\" is neither true nor false");
 }
 
+/// Each identifier, with the delimiter behind it.
+static std::string parse_languages(const std::string &text)
+{
+    static const std::regex identifier("[A-Za-z][A-Za-z0-9_@.-]*");
+    std::string list;
+    g_auto(GStrv) pieces = g_strsplit(text.c_str(), ",", -1);
+    for (gchar **piece = pieces; *piece != nullptr; piece++) {
+        if (**piece == '\0')
+            continue;
+        if (!std::regex_match(*piece, identifier))
+            throw UsageError(
+                "\"" + std::string(*piece) +
+                "\" can't be a language's identifier, such as en_US; between several there are commas");
+        list += std::string(*piece) + LANGUAGE_DELIMITER;
+    }
+    return list;
+}
+
 DeviceValue parse_value(const SettingRow &row, const std::string &text)
 {
     if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) == FALSE)
         throw UsageError("the value is no UTF-8 text");
-    std::string list;
     switch (row.form) {
     case SettingForm::boolean_switch:
         return parse_switch(text);
     case SettingForm::integer_switch:
         return parse_switch(text) ? 1 : 0;
     case SettingForm::languages:
-        for (const std::string &language : split_languages(text, ", #"))
-            list += language + LANGUAGE_DELIMITER;
-        return list;
+        return parse_languages(text);
     case SettingForm::identifier:
+        if (std::any_of(text.begin(), text.end(), [](char c) { return g_ascii_iscntrl(c) != FALSE; }))
+            throw UsageError("no identifier has a control character in it");
         break;
     }
     return text;
 }
 
+static Json json_of(const SettingRow &row, const DeviceValue &value)
+{
+    if (!value)
+        return nullptr;
+    if (const bool *truth = std::get_if<bool>(&*value); truth != nullptr)
+        return *truth;
+    if (const int *number = std::get_if<int>(&*value); number != nullptr)
+        return Json(*number != 0);
+    const auto &text = std::get<std::string>(*value);
+    return row.form == SettingForm::languages ? Json(split_languages(text)) : Json(text);
+}
+
+Cell cell_of(const SettingRow &row, const DeviceValue &value)
+{
+    return {json_of(row, value), format_value(row, value)};
+}
+
+Table table_of(const std::vector<ChangedSetting> &changes)
+{
+    Table table{{{"name", "setting"}, {"before", "before"}, {"after", "after"}}, {}};
+    for (const ChangedSetting &change : changes)
+        table.rows.push_back(
+            {change.row.member, cell_of(change.row, change.before), cell_of(change.row, change.after)});
+    return table;
+}
+
 // What a restore came to.
-
-/// The languages that a snapshot selects, in the form in which the device keeps them.
-static DeviceValue read_languages(JsonObject *snapshot, const char *member)
-{
-    JsonArray *array = get_array(snapshot, member);
-    if (array == nullptr)
-        return std::nullopt;
-    std::string list;
-    for (guint i = 0; i < json_array_get_length(array); i++)
-        if (const auto language = get_text(get_object(json_array_get_element(array, i)), MEMBER_LANG_ID);
-            language)
-            list += *language + LANGUAGE_DELIMITER;
-    return list;
-}
-
-/// The value that a snapshot holds for a setting, in the form in which the device keeps it.
-static DeviceValue read_member(JsonObject *snapshot, const SettingRow &row)
-{
-    if (row.form == SettingForm::languages)
-        return read_languages(snapshot, row.member);
-    if (row.form == SettingForm::identifier) {
-        const auto text = get_text(snapshot, row.member);
-        return text ? DeviceValue(*text) : std::nullopt;
-    }
-    JsonNode *node = get_member(snapshot, row.member);
-    if (node == nullptr || !JSON_NODE_HOLDS_VALUE(node) || json_node_get_value_type(node) == G_TYPE_STRING)
-        return std::nullopt;
-    const bool is_on = json_node_get_boolean(node) != FALSE; // a number, too, as the service has it
-    return row.form == SettingForm::integer_switch ? DeviceValue(is_on ? 1 : 0) : DeviceValue(is_on);
-}
 
 /// The report's value of a setting before the restore.
 static std::string value_before(const ExchangeReport &report, const SettingRow &row)
@@ -145,7 +168,7 @@ static std::string why_languages_differ(const ExchangeReport &report, const std:
     const auto &[downloaded_row, with_handwriting_row] = DOWNLOADED_LISTS;
     const std::string downloaded = value_before(report, downloaded_row);
     std::vector<std::string> missing;
-    const std::vector<std::string> languages = split_languages(wanted, "#");
+    const std::vector<std::string> languages = split_languages(wanted);
     for (const std::string &language : languages)
         if (downloaded.find(language) == std::string::npos)
             missing.push_back(language);
@@ -170,8 +193,9 @@ static std::string why_unwritten(const ExchangeReport &report, const SettingRow 
 
 static std::string why_different(const ExchangeReport &report, const SettingOutcome &outcome)
 {
-    if (outcome.wanted &&
-        format_value(outcome.row, outcome.wanted) == format_value(outcome.row, outcome.after))
+    if (report.snapshot.empty())
+        return "no record was applied";
+    if (outcome.wanted && is_same_value(outcome.row, outcome.wanted, outcome.after))
         return "";
     if (const std::string why = why_unwritten(report, outcome.row); !why.empty())
         return why;
@@ -188,13 +212,12 @@ static std::string why_different(const ExchangeReport &report, const SettingOutc
 
 std::vector<SettingOutcome> tell_outcomes(const ExchangeReport &report)
 {
-    g_autoptr(JsonNode) root = report.snapshot.empty() ? nullptr : parse_json(report.snapshot);
+    const Snapshot wanted = read_snapshot(report.snapshot);
     std::vector<SettingOutcome> outcomes;
-    for (const SettingRow &row : SETTINGS)
+    for (size_t i = 0; i < std::size(SETTINGS); i++)
         for (const SettingReport &setting : report.settings)
-            if (setting.member == row.member) {
-                SettingOutcome outcome{row, setting.before, read_member(get_object(root), row), setting.after,
-                                       ""};
+            if (setting.member == SETTINGS[i].member) {
+                SettingOutcome outcome{SETTINGS[i], setting.before, wanted[i], setting.after, ""};
                 outcome.why = why_different(report, outcome);
                 outcomes.push_back(outcome);
             }

@@ -7,10 +7,24 @@ inline constexpr int EXIT_DONE = 0;
 inline constexpr int EXIT_FAILED = 1;
 inline constexpr int EXIT_USAGE = 2;
 inline constexpr int EXIT_NO_PLATFORM = 3;
+inline constexpr int EXIT_NO_BACKUP = 4;
+inline constexpr int EXIT_DAMAGED = 5;
+inline constexpr int EXIT_TIMED_OUT = 124;
 inline constexpr int EXIT_INTERRUPTED = 130;
 
 /// What was asked for makes no sense.
 struct UsageError : HostError {
+    using HostError::HostError;
+};
+
+/// What has been told on standard error already.
+struct ToldError : HostError {
+    ToldError(int exit_status, const std::string &reason) : HostError(reason), status(exit_status) {}
+
+    const int status;
+};
+
+struct TimeoutError : HostError {
     using HostError::HostError;
 };
 

@@ -8,10 +8,11 @@ A device as it comes is not backed up: it has no active input method. Nothing is
   The service's log is WORK/state/service.log
   [3]
   $ ime-backupctl list
+  ime-backupctl: there is no backup yet: WORK/state/cloud is made by the first one
 
 All settings, with each way to write a value.
 
-  $ set_settings <<END
+  $ xargs ime-backupctl settings set <<END
   > default_keyboard                 0f1e2d3c-4b5a-69c8-87d6-a5b4c3d2e1f0
   > selected_lang                    en_US,ko_KR
   > downloaded_lang                  de_DE,en_US,fr_FR,ko_KR
@@ -26,16 +27,17 @@ All settings, with each way to write a value.
   > END
   $ ime-backupctl settings >before
   $ ime-backupctl backup
-  backup 1  DAY TIME  468 bytes
+  backup 1  DAY TIME
   $ ime-backupctl list
-  backup 1  DAY TIME  468 bytes
-  $ ime-backupctl show
+  id  time  age  keyboard                              languages
+  1   DAY TIME  AGE  0f1e2d3c-4b5a-69c8-87d6-a5b4c3d2e1f0  en_US,ko_KR
+  $ ime-backupctl show --json
   {"default_keyboard":"0f1e2d3c-4b5a-69c8-87d6-a5b4c3d2e1f0","selected_lang":[{"lang_id":"en_US"},{"lang_id":"ko_KR"}],"handwriting":true,"prediction":false,"auto_space":true,"auto_capitalize":false,"auto_punctuation":false,"key_tap_sound":true,"key_tap_vib":false}
 
 All of them changed. The settings outlive the daemon, and a restore brings back what was backed up.
 
-  $ set_settings <<END
-  > default_keyboard another keyboard
+  $ xargs ime-backupctl settings set <<END
+  > default_keyboard another\ keyboard
   > selected_lang    fr_FR
   > handwriting      off
   > prediction       on
@@ -46,9 +48,9 @@ All of them changed. The settings outlive the daemon, and a restore brings back 
   > key_tap_vib      on
   > END
   $ ime-backupctl backup
-  backup 2  DAY TIME  423 bytes
+  backup 2  DAY TIME
   $ stop_scim; start_scim
-  $ ime-backupctl restore 1
+  $ restore 1
   setting           before            after
   default_keyboard  another keyboard  0f1e2d3c-4b5a-69c8-87d6-a5b4c3d2e1f0
   selected_lang     fr_FR             en_US,ko_KR
@@ -61,16 +63,16 @@ All of them changed. The settings outlive the daemon, and a restore brings back 
   key_tap_vib       true              false
   backup 1  restored
   $ ime-backupctl settings | diff before -
-  $ ime-backupctl restore | grep another
+  $ restore | grep another
   default_keyboard  0f1e2d3c-4b5a-69c8-87d6-a5b4c3d2e1f0  another keyboard
-  $ ime-backupctl show 2
+  $ ime-backupctl show 2 --json
   {"default_keyboard":"another keyboard","selected_lang":[{"lang_id":"fr_FR"}],"handwriting":false,"prediction":true,"auto_space":false,"auto_capitalize":true,"auto_punctuation":true,"key_tap_sound":false,"key_tap_vib":true}
 
 What this device can't take over, each with the reason: a language and handwriting that are not there, and a
 setting that the backup does not hold. A number is a switch, too.
 
   $ put_backup 3 "$(record 0 1000000000000 '{"default_keyboard":"kbd3","selected_lang":[{"lang_id":"ja_JP"},{"lang_id":"fr_FR"}],"handwriting":true,"auto_space":true,"auto_punctuation":1,"key_tap_sound":"true"}')"
-  $ ime-backupctl restore 3
+  $ restore 3
   setting           before            after
   default_keyboard  another keyboard  kbd3
   selected_lang     fr_FR             fr_FR  ja_JP is not downloaded
@@ -84,19 +86,19 @@ setting that the backup does not hold. A number is a switch, too.
   backup 3  restored, but for selected_lang, handwriting, prediction, auto_capitalize, key_tap_sound, key_tap_vib
   $ for languages in '' '{"lang_id":"ja_JP"},{"lang_id":"zh_CN"}'; do
   >     put_backup 4 "$(record 0 1 '{"selected_lang":['"$languages"']}')"
-  >     ime-backupctl restore | grep ^selected_lang
+  >     restore | grep ^selected_lang
   > done
   selected_lang     fr_FR   fr_FR  the backup selects no language
   selected_lang     fr_FR   fr_FR  ja_JP, zh_CN are not downloaded
   $ ime-backupctl settings set downloaded_lang ja_JP
-  $ ime-backupctl restore | grep ^selected_lang
+  $ restore | grep ^selected_lang
   selected_lang     fr_FR   ja_JP  zh_CN is not downloaded
 
 Of several records, those that can be are applied, in their order.
 
   $ put_backup 6 "$(record a 1 '{"default_keyboard":"kbd6a","prediction":true}')" "$(record b 2 'no JSON')" \
   >     '{"key":"c","date":"3","value":null}' "$(record d 4 '{"default_keyboard":"kbd6d"}')"
-  $ ime-backupctl restore 2>&1 | grep -v 'does not hold'
+  $ restore 2>&1 | grep -v 'does not hold'
   record 0  applied
   record b  failed
   record c  failed
@@ -106,7 +108,7 @@ Of several records, those that can be are applied, in their order.
   ime-backupctl: not restored: record "b", "c"
   The service's log is WORK/state/service.log
   $ put_backup 7 "$(record 0 1 'no JSON')"
-  $ ime-backupctl restore
+  $ restore
   record 0  failed
   ime-backupctl: not restored: record "0"
   The service's log is WORK/state/service.log
@@ -115,18 +117,19 @@ Of several records, those that can be are applied, in their order.
   $ echo restore | try_each
   1 ime-backupctl: the service could not read the records of backup 8
   $ ime-backupctl list
-  backup 1  DAY TIME  468 bytes
-  backup 2  DAY TIME  423 bytes
-  backup 3  2001-09-09 01:46:40  367 bytes
-  backup 4  1970-01-01 00:00:00  234 bytes
-  backup 6  1970-01-01 00:00:00  360 bytes
-  backup 7  1970-01-01 00:00:00  172 bytes
-  backup 8    132 bytes
+  id  time  age  keyboard                              languages
+  1   DAY TIME  AGE  0f1e2d3c-4b5a-69c8-87d6-a5b4c3d2e1f0  en_US,ko_KR
+  2   DAY TIME  AGE  another keyboard                      fr_FR
+  3   2001-09-09 01:46:40 UTC  AGE  kbd3                                  ja_JP,fr_FR
+  4   1970-01-01 00:00:00 UTC  AGE  (not set)                             ja_JP,zh_CN
+  6   damaged: record "b" holds no snapshot
+  7   damaged: record "0" holds no snapshot
+  8   damaged: it holds no record
 
 A keyboard that the device refuses, whatever else it takes.
 
   $ put_backup 9 "$(record 0 1 '{"default_keyboard":" kbd","prediction":true}')"
-  $ ime-backupctl restore 2>&1 | grep -v 'does not hold'
+  $ restore 2>&1 | grep -v 'does not hold'
   setting           before  after
   default_keyboard  kbd6d   kbd6d  it could not be written
   prediction        false   true

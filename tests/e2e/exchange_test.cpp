@@ -79,8 +79,9 @@ protected:
     size_t count_backups() const
     {
         const std::string list = ctl({"list"}).output;
-        EXPECT_EQ(list.find("unusable"), std::string::npos) << list;
-        return static_cast<size_t>(std::count(list.begin(), list.end(), '\n'));
+        EXPECT_EQ(list.find("damaged"), std::string::npos) << list;
+        const auto lines = std::count(list.begin(), list.end(), '\n');
+        return static_cast<size_t>(std::max<std::ptrdiff_t>(lines - 1, 0)); // one is the heading
     }
 
     using Disturb = std::function<void(Process &ctl, int round)>;
@@ -169,6 +170,10 @@ void Workstation::expect_truth(const Outcome &outcome, size_t restored, const st
     }
     if (restored != 0 && outcome.status == 0) {
         EXPECT_EQ(after, device[restored]);
+    }
+    if (ctl({"status"}).output.find("was interrupted") != std::string::npos) {
+        EXPECT_EQ(ctl({"undo"}).status, 0);
+        EXPECT_EQ(settings(), before);
     }
     if (stored != 0) {
         EXPECT_EQ(ctl({"restore"}).status, 0);

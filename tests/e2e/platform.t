@@ -4,7 +4,7 @@
   $ ime-backupctl settings set default_keyboard kbd
   $ ime-backupctl settings set prediction off
   $ ime-backupctl backup
-  backup 1  DAY TIME  432 bytes
+  backup 1  DAY TIME
   $ cp -r $IME_BACKUP_HOST_DIR whole
   $ all_commands() { printf '%s\n' backup restore settings "settings set prediction on"; }
 
@@ -37,7 +37,8 @@ A daemon that does not answer: waited for no longer than SCIM says, in milliseco
   liborvanta-cloud-svc: backup failed: the SCIM daemon (at local:WORK/scim/socket) isn't running
   TIME E IME_BACKUP PID: ime_backup_service.cpp: __backup_completed_cb(LINE) > * Critical * __backup_completed_cb() failed.
   $ ime-backupctl list
-  backup 1  DAY TIME  432 bytes
+  id  time  age  keyboard  languages
+  1   DAY TIME  AGE  kbd       en_US,ko_KR
   $ start_scim
 
 A settings store that is damaged, none, or of a later version: no backup of defaults, no half restore.
@@ -79,7 +80,7 @@ A settings store that is damaged, none, or of a later version: no backup of defa
   it is no regular file
   3 3 3 3
   $ ime-backupctl list | tail -n 1
-  backup 1  DAY TIME  432 bytes
+  1   DAY TIME  AGE  kbd       en_US,ko_KR
 
 One that another program locks for too long can be backed up, and is not restored to.
 
@@ -117,9 +118,10 @@ State that can't be used, or is elsewhere.
   3 ime-backupctl: can't use WORK/state/exchange.lock: it is no regular file
   3 ime-backupctl: can't use WORK/state/cloud/.lock: it is no regular file
   $ IME_BACKUP_CLOUD_STORE='a store' ime-backupctl backup
-  backup 1  DAY TIME  432 bytes
+  backup 1  DAY TIME
   $ IME_BACKUP_CLOUD_STORE="$PWD/a store" ime-backupctl list
-  backup 1  DAY TIME  432 bytes
+  id  time  age  keyboard  languages
+  1   DAY TIME  AGE  kbd       en_US,ko_KR
   $ IME_BACKUP_HOST_DIR= XDG_STATE_HOME=$PWD/xdg ime-backupctl info
   record 0  DAY TIME
   $ IME_BACKUP_HOST_DIR= ime-backupctl info
@@ -137,8 +139,8 @@ Several at once, and a disk that is full (here, a file that may not grow). Nothi
   1 ime-backupctl: can't write WORK/state/opt/usr/apps/com.orvanta.ime-backup-service/shared/trusted/backup.dat: File too large
   $ try_each <<<backup; ime-backupctl list | cut -c 1-8 | tail -n 2
   0 
-  backup 7
-  backup 8
+  7   DAY 
+  8   DAY 
 
 A service that never finishes, and does not mind being asked to; then one that waits, whose launcher is killed.
 
@@ -147,7 +149,7 @@ A service that never finishes, and does not mind being asked to; then one that w
   $ chmod +x stubborn waiting
   $ is_gone() { for _ in {1..200}; do grep -q '^State:.[^Z]' /proc/$(cat pid)/status 2>/dev/null || return 0; sleep 0.05; done; return 1; }
   $ try_each <<<"--timeout 0.3 --service $PWD/stubborn info"; is_gone
-  1 ime-backupctl: the service did not finish in time and was stopped; nothing on the device had been changed by then
+  124 ime-backupctl: the service did not finish in time and was stopped; nothing on the device had been changed by then
   $ rm pid; command ime-backupctl --service $PWD/waiting info & disown; until [[ -s pid ]]; do sleep 0.05; done
   $ kill -KILL $!; is_gone
 
@@ -156,10 +158,10 @@ All that is made is its owner's alone. A log that has grown is put aside.
   $ umask 022; export IME_BACKUP_HOST_DIR=$PWD/new
   $ ime-backupctl settings set default_keyboard kbd
   $ ime-backupctl backup
-  backup 1  DAY TIME  431 bytes
+  backup 1  DAY TIME
   $ truncate -s 2M new/service.log
   $ ime-backupctl restore >restored
   $ $service $operation/backup 2>log
   $ find new -perm /077
   $ ls -A new new/cloud | paste -sd ' '
-  new: cloud exchange.lock last-exchange.json launch.lock opt service.log service.log.1 settings.db settings.db.lock  new/cloud: .lock backup-000001.json backup-000002.json
+  new: cloud exchange.lock last-exchange.json last-restore.json launch.lock opt service.log service.log.1 settings.db settings.db.lock  new/cloud: .lock backup-000001.json backup-000002.json

@@ -4,7 +4,7 @@ What is asked for makes no sense, or can't be used; the service is not launched.
 
   $ ime-backupctl 2>&1 >/dev/null | head -n 2
   Backs up and restores the settings of the on-screen keyboard.
-  Usage: ime-backupctl [OPTIONS] [SUBCOMMAND]
+  
   $ try_each <<'END'
   > backdown
   > backup 1
@@ -14,25 +14,57 @@ What is asked for makes no sense, or can't be used; the service is not launched.
   > settings set prediction perhaps
   > settings set predictio on
   > settings set selected_lang $'\xff'
+  > settings set selected_lang 'en_US ko_KR'
+  > settings set selected_lang en_US#
+  > settings set prediction on key_tap_vib
+  > settings unset
+  > settings gt prediction
+  > list --josn
+  > restroe
+  > RESTORE --josn
+  > remove 1
+  > prune --kep 3
+  > help restroe
+  > prune
+  > prune --keep x
+  > prune --keep 1 --keep-within 1y
+  > diff 1 2 3
+  > delete
   > settings set default_keyboard ''
   > settings set default_keyboard $'a\nb'
   > --service '' info
   > END
-  2 The following argument was not expected: backdown
-  2 The following argument was not expected: 1
-  2 The following argument was not expected: --verbos
-  2 ID: it is empty
-  2 VALUE is required
+  2 ime-backupctl: there is no command "backdown"
+  2 ime-backupctl: there is no place for the argument "1"
+  2 ime-backupctl: there is no option "--verbos"; did you mean --verbose?
+  2 ime-backupctl: ID: it is empty
+  2 ime-backupctl: prediction lacks a value
   2 ime-backupctl: "perhaps" is neither true nor false
-  2 ime-backupctl: there is no setting "predictio"; there are default_keyboard, selected_lang, handwriting, prediction, auto_space, auto_capitalize, auto_punctuation, key_tap_sound, key_tap_vib, downloaded_lang, downloaded_with_handwriting_lang
+  2 ime-backupctl: there is no setting "predictio"; did you mean prediction?
   2 ime-backupctl: the value is no UTF-8 text
-  2 ime-backupctl: no input method can have this identifier
-  2 ime-backupctl: no input method can have this identifier
-  2 --service: it is empty
+  2 ime-backupctl: "en_US ko_KR" can't be a language's identifier, such as en_US; between several there are commas
+  2 ime-backupctl: "en_US#" can't be a language's identifier, such as en_US; between several there are commas
+  2 ime-backupctl: key_tap_vib lacks a value
+  2 ime-backupctl: NAME is required
+  2 ime-backupctl: there is no command "gt"; did you mean get?
+  2 ime-backupctl: there is no option "--josn"; did you mean --json?
+  2 ime-backupctl: there is no command "restroe"; did you mean restore?
+  2 ime-backupctl: there is no command "RESTORE"; did you mean restore?
+  2 ime-backupctl: there is no command "remove"
+  2 ime-backupctl: there is no option "--kep"; did you mean --keep?
+  2 ime-backupctl: there is no command "restroe"; did you mean restore?
+  2 ime-backupctl: --keep is required
+  2 ime-backupctl: --keep: not a number of backups: x
+  2 ime-backupctl: --keep-within: not an age such as 12h or 30d (m, h, d or w): 1y
+  2 ime-backupctl: no more than two backups can be compared
+  2 ime-backupctl: ID is required
+  2 ime-backupctl: default_keyboard: no input method can have this identifier
+  2 ime-backupctl: no identifier has a control character in it
+  2 ime-backupctl: --service: it is empty
   $ for seconds in 0 0.09 -1 +5 1e3 0x10 NaN inf 86401 '' ' 5' 5s 0.0001; do
   >     echo "--timeout '$seconds' info" | try_each
   > done | sort -u | sed 's/: [^:]*$//' | uniq -c
-       13 2 --timeout: not between 0.1 and 86400 seconds
+       13 2 ime-backupctl: --timeout: not between 0.1 and 86400 seconds
   $ test -e $IME_BACKUP_HOST_DIR
   [1]
   $ ime-backupctl info --timeout 5.5
@@ -44,32 +76,65 @@ What is asked for makes no sense, or can't be used; the service is not launched.
   > END
   3 ime-backupctl: can't start the service: Failed to execute child process \xe2\x80\x9c/nonexistent\xe2\x80\x9d (No such file or directory) (esc)
   1 ime-backupctl: the service gave no result of an exchange (exit status 1); nothing on the device had been changed by then
-  1 ime-backupctl: there is no backup yet in WORK/state/cloud
+  4 ime-backupctl: there is no backup yet in WORK/state/cloud
   $ ime-backupctl settings set default_keyboard kbd
   $ ime-backupctl backup
-  backup 1  DAY TIME  431 bytes
+  backup 1  DAY TIME
   $ for id in 0 -1 x 18446744073709551617; do echo "show $id" | try_each; done
-  1 ime-backupctl: there is no backup 0
-  1 ime-backupctl: there is no backup -1
-  1 ime-backupctl: there is no backup x
-  1 ime-backupctl: there is no backup 18446744073709551617
+  4 ime-backupctl: there is no backup 0
+  4 ime-backupctl: there is no backup -1
+  4 ime-backupctl: there is no backup x
+  4 ime-backupctl: there is no backup 18446744073709551617
 
-Help and versions.
+Help and versions. Each command's help is at most 80 columns wide and has an example that a person can type.
 
-  $ ime-backupctl --help | grep -A 9 Subcommands
-  Subcommands:
-    backup                      Make a backup
-    restore                     Restore the newest backup, or the one named
-    info                        Show the keys and dates of what a backup would hold
-    list                        List the backups, newest last
-    show                        Show the snapshot in the newest backup, or in the one named
-    settings                    Show the settings as they are now, or change one
+  $ commands() { command ime-backupctl complete -- "$@" '' | grep -v '^[0-9]*$'; }
+  $ each_help() { echo --help; commands | sed 's/$/ --help/'; commands settings | sed 's/.*/settings & --help/'; }
+  $ each_help | wc -l
+  19
+  $ each_help | xargs -L 1 ime-backupctl >help; grep -E '.{81}|[A-Z]+:[A-Z]|^$' help | sort -u
   
-  Exit status: 0 done, 1 failed, 2 wrong usage, 3 the platform isn't there, 130 interrupted.
+  $ grep -c '^Example: ime-backupctl ' help
+  19
+  $ ime-backupctl help settings set
+  Change settings.
   
-  $ ime-backupctl settings set --help | head -n 2
-  Change a setting
-  Usage: ime-backupctl settings set [OPTIONS] NAME VALUE
+  Usage: ime-backupctl settings set [OPTION]... NAME VALUE...
+  
+  A value is true or false (on or off, yes or no, 1 or 0) for a switch, languages
+  with commas between them for a list, and an input method's identifier for
+  default_keyboard.
+  
+  Arguments:
+    NAME VALUE              A setting, and its new value
+  
+  Options of all commands:
+    -h, --help              Show help
+    --version               Show the version
+    --json                  Write one JSON document, for scripts
+    -q, --quiet             Write nothing but errors
+    -v, --verbose           Show the service's log as it runs
+    --timeout SECONDS       How long to wait for the service (30)
+    --service PROGRAM       The service's program
+  
+  Example: ime-backupctl settings set selected_lang en_US,ko_KR key_tap_sound off
+  $ ime-backupctl help | head -n 12
+  Backs up and restores the settings of the on-screen keyboard.
+  
+  Usage: ime-backupctl [OPTION]... COMMAND [ARGUMENT]...
+  
+  Backups:
+    backup                  Make a backup
+    restore                 Restore the newest backup, or the one named
+    undo                    Put back what the last restore changed
+    list                    List the backups, newest last
+    show                    Show the settings in the newest backup, or in the one
+                            named
+    diff                    Compare a backup with the device, or with another
+  $ for text in IME_BACKUP_CLOUD_STORE downloaded_lang '^  124'; do ime-backupctl --help | grep -c -- "$text"; done
+  1
+  1
+  1
   $ ime-backupctl --version
   0.1.0
   $ service=$BUILD/libexec/ime-backup-service
@@ -77,20 +142,73 @@ Help and versions.
   0.1.0
   $ $service --help
   Usage: ime-backup-service [OPERATION]
-  Takes part in a backup or a restore of the on-screen keyboard's settings. OPERATION is a URI such as
-  http://orvanta.com/appcontrol/operation/orvanta_cloud/backup (or .../restore, .../get_backup_info).
-  With a session bus, it goes to the instance that runs already. Without one that is known, the service
-  waits until SIGTERM. The cloud backup client starts it: on a workstation, that is ime-backupctl.
+  Takes part in a backup or a restore of the on-screen keyboard's settings.
+  OPERATION is a URI such as
+  http://orvanta.com/appcontrol/operation/orvanta_cloud/backup
+  (or .../restore, .../get_backup_info). With a session bus, it goes to the
+  instance that runs already. Without one that is known, the service waits until
+  SIGTERM. The cloud backup client starts it: on a workstation, ime-backupctl.
   $ $service --hel
   ime-backup-service: there is no option --hel; see --help
   [2]
+
+Completion offers what may stand there: commands, options, settings and their values, backups, files.
+
+  $ . "$SOURCE/ctl/ime-backupctl.bash"
+  $ completed() { COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _ime_backupctl; echo "${COMPREPLY[*]}"; }
+  $ while read -r line; do eval "completed ime-backupctl $line"; done <<'END'
+  > re
+  > restore ''
+  > restore --d
+  > restore 1 --s
+  > --timeout 5 dif
+  > diff 1 ''
+  > settings ''
+  > settings set pre
+  > settings set prediction ''
+  > settings set prediction true key_tap_s
+  > settings unset down
+  > export ''
+  > export 1 ''
+  > help pr
+  > nonsense ''
+  > END
+  restore
+  1
+  --dry-run
+  --strict --service
+  diff
+  1
+  get set unset
+  prediction
+  true false
+  key_tap_sound
+  downloaded_lang downloaded_with_handwriting_lang
+  1
+  
+  prune
+  
+
+The manuals are without fault, and tell of each member that a script gets.
+
+  $ manual=$BUILD/share/man/man1/ime-backupctl.1
+  $ for page in $manual $SOURCE/backup/ime-backup-service.8; do
+  >     mandoc -T lint -W warning $page; groff -ww -mdoc -Tutf8 -z $page; man --warnings -l $page 2>&1 >/dev/null
+  > done
+  $ for command in backup 'restore --dry-run' undo list diff info status 'prune --keep 9'; do
+  >     ime-backupctl $command --json
+  > done | sed -En 's/^ *"([a-z]+)" :.*/\1/p' | sort -u | while read -r member; do
+  >     grep -qw -- "$member" <(man -l $manual | sed -n '/^JSON/,/^[EF]/p') || echo "$member is not in the manual"
+  > done
+  $ grep -o 'http[^"]*' $SOURCE/backup/include/ime_backup_operations.h | grep -vFf - $SOURCE/backup/ime-backup-service.8 | grep http
+  [1]
 
 Standard output that is full or closed: what could not be said is not said to be done.
 
   $ ime-backupctl settings set selected_lang $(printf 'xx_%s,' {1..500})
   $ ime-backupctl backup
-  backup 2  DAY TIME  12775 bytes
-  $ for command in show list settings info --help --version backup restore; do
+  backup 3  DAY TIME
+  $ for command in show list settings info --help --version backup restore "show --json"; do
   >     command ime-backupctl $command 2>&1 >/dev/full | head -c 45; echo " $command: ${PIPESTATUS[0]}"
   > done
   ime-backupctl: can't write to standard output show: 1
@@ -101,7 +219,8 @@ Standard output that is full or closed: what could not be said is not said to be
   ime-backupctl: can't write to standard output --version: 1
   ime-backupctl: can't write to standard output backup: 1
   ime-backupctl: can't write to standard output restore: 1
-  $ command ime-backupctl list >&-
+  ime-backupctl: can't write to standard output show --json: 1
+  $ command ime-backupctl info >&-
   ime-backupctl: can't write to standard output: Bad file descriptor
   [1]
   $ $service --help >/dev/full
@@ -114,14 +233,14 @@ Nor does a closed descriptor end up in a file of the device's state.
   $ command ime-backupctl settings <&- 2>&- >&-; echo $?
   1
   $ command ime-backupctl -v backup <&- 2>&- | tidy
-  backup 4  DAY TIME  12776 bytes
+  backup 5  DAY TIME
   $ command ime-backupctl backup <&- 2>&- >&-; echo $?
   1
   $ $service http://orvanta.com/appcontrol/operation/orvanta_cloud/backup <&- 2>&- >&-; echo $?
   0
-  $ ime-backupctl list | tail -n 3
-  backup 4  DAY TIME  12776 bytes
-  backup 5  DAY TIME  12776 bytes
-  backup 6  DAY TIME  12776 bytes
+  $ ime-backupctl list | tail -n 3 | cut -c 1-25
+  5   DAY TIME  AGE  kbd   
+  6   DAY TIME  AGE  kbd   
+  7   DAY TIME  AGE  kbd   
   $ ime-backupctl settings | grep -o '^prediction *[a-z]*'
-  prediction        true
+  prediction                        true

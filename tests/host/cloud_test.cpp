@@ -2,9 +2,11 @@
 
 #include "orvanta_cloud.h"
 
+#include <csignal>
 #include <functional>
 #include <set>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -53,7 +55,8 @@ protected:
     }
     ~Cloud() override
     {
-        unsetenv(RESTORE_VARIABLE);
+        for (const char *variable : {RESTORE_VARIABLE, TRIAL_VARIABLE, IF_CHANGED_VARIABLE})
+            unsetenv(variable);
         orvanta_cloud_deinitialize();
     }
 
@@ -172,7 +175,8 @@ TEST_F(Cloud, StoreNumbersBackupsAndKeepsOthersOut)
         write_file(folder / name, "");
     CloudStore store;
     expect_in(refusal([&] { store.find(""); }), "no backup yet");
-    EXPECT_EQ(store.add("one"), 1);
+    const std::string content = encode_record_file(TWO_RECORDS);
+    EXPECT_EQ(store.add(content), 1);
     EXPECT_EQ(store.add("two"), 2);
     fs::rename(folder / "backup-000001.json", folder / "backup-000009.json");
     EXPECT_EQ(store.add("ten"), 10);
@@ -180,7 +184,9 @@ TEST_F(Cloud, StoreNumbersBackupsAndKeepsOthersOut)
     EXPECT_EQ(store.list().left_out,
               (std::vector<std::string>{"backup-77.json", "backup-9223372036854775807.json"}));
     EXPECT_EQ(store.find(""), 10);
-    EXPECT_EQ(store.read(9), "one");
+    EXPECT_EQ(store.read(9).content, content);
+    EXPECT_THROW(store.read(2), DamagedError);
+    EXPECT_THROW(store.read(1), NoBackupError);
     for (const char *unknown : {"1", "0", "-2", "two", "2/../9"})
         expect_in(refusal([&] { store.find(unknown); }), "no backup");
     EXPECT_FALSE(fs::exists(folder / "backup-000001.json.new"));
@@ -195,20 +201,52 @@ TEST_F(Cloud, StoreNumbersBackupsAndKeepsOthersOut)
     expect_in(refusal([] { CloudStore(); }), "must be a folder's path");
 }
 
+TEST_F(Cloud, NoNumberIsGivenTwice)
+{
+    CloudStore store;
+    for (int i = 0; i < 3; i++)
+        store.add("");
+    const auto remove = [&](const std::vector<BackupNumber> &numbers) {
+        store.remove([&](const auto &) { return numbers; });
+    };
+    remove({3, 1});
+    EXPECT_EQ(store.add(""), 4);
+    // A process was killed before it remembered 4, or something else wrote there.
+    for (const char *remembered : {"3\n", "", "x", "99999999999999\n", "four and more"}) {
+        write_file(root.path / "cloud/.lock", remembered);
+        const BackupNumber newest = store.find("");
+        remove({newest});
+        EXPECT_EQ(store.add(""), newest + 1) << remembered;
+    }
+    std::vector<pid_t> children;
+    for (int child = 0; child < 4; child++)
+        if (children.push_back(fork()); children.back() == 0) {
+            for (int i = 0; i < 20; i++)
+                remove({store.add("")});
+            _exit(0);
+        }
+    int status = -1;
+    for (const pid_t child : children)
+        EXPECT_EQ(waitpid(child, &status, 0) + status, child);
+    EXPECT_EQ(store.add(""), 4 + 5 + 4 * 20 + 1);
+}
+
 TEST_F(Cloud, AReportIsReadAsItWasWritten)
 {
     const Change change = {SettingPlace::configuration, "k\n", true, 7, Change::Outcome::pending};
     Change made = change;
     made.outcome = Change::Outcome::made;
-    const ExchangeReport report = {"restore",
-                                   ExchangeReport::Result::no_platform,
-                                   "why",
-                                   12,
-                                   {{"0", "1", std::nullopt, true}},
-                                   "{}",
-                                   {{"selected_lang", "a#", {}}, {"handwriting", {}, true}},
-                                   {made},
-                                   {{Trouble::Kind::refused, SettingPlace::input_method_control, "it is"}}};
+    ExchangeReport report;
+    report.operation = "restore";
+    report.result = ExchangeReport::Result::no_platform;
+    report.reason = "why";
+    report.backup = 12;
+    report.stored = true;
+    report.records = {{"0", "1", std::nullopt, true}};
+    report.snapshot = "{}";
+    report.settings = {{"selected_lang", "a#\xff", {}}, {"handwriting", {}, true}};
+    report.changes = {made};
+    report.troubles = {{Trouble::Kind::refused, SettingPlace::input_method_control, "it is"}};
     const std::string text = encode_change(0, change) + encode_change(0, made);
     EXPECT_EQ(encode_report(decode_report(text + encode_report(report))), encode_report(report));
     EXPECT_EQ(decode_report(text).changes.at(0).outcome, Change::Outcome::made);
@@ -365,8 +403,8 @@ TEST_F(Cloud, ExchangesCallInOrder)
     EXPECT_EQ(run_exchange(true).reason + service.called, "prepare path restoration completed ");
     EXPECT_EQ(CloudStore().list().numbers, std::vector<BackupNumber>{1});
 
-    for (const char *name :
-         {"cloud", "data", "cloud/backup-000001.json", "data/backup.dat", "data/restore.dat"})
+    for (const char *name : {LAST_REPORT, LAST_RESTORE, "cloud", "data", "cloud/backup-000001.json",
+                             "data/backup.dat", "data/restore.dat"})
         EXPECT_EQ(fs::status(root.path / name).permissions() & fs::perms(077), fs::perms::none) << name;
 }
 
@@ -402,11 +440,13 @@ TEST_F(Cloud, ABackupSucceedsOnlyWhole)
 
 TEST_F(Cloud, ARestoreSucceedsOnlyWhole)
 {
-    expect_in(run_exchange(true).reason, "no backup yet");
+    EXPECT_EQ(run_exchange(true).result, ExchangeReport::Result::no_backup);
     CloudStore().add(encode_record_file({{"0", "1", "a"}, {"1", "1", "b"}, {"2", "1", "c"}}));
     CloudStore().add("damaged");
 
-    expect_in(run_exchange(true).reason, "backup 2 is refused");
+    const ExchangeReport refused = run_exchange(true);
+    expect_in(refused.reason, "backup 2 is refused");
+    EXPECT_EQ(refused.result, ExchangeReport::Result::damaged);
     EXPECT_EQ(service.called, "prepare path completed ");
     setenv(RESTORE_VARIABLE, "1", 1);
     EXPECT_EQ(run_exchange(true).reason, "");
@@ -418,6 +458,30 @@ TEST_F(Cloud, ARestoreSucceedsOnlyWhole)
 
     expect_in(run_exchange(true, {.hand_back = false}).reason, "could not read the records");
     expect_in(run_exchange(true, {.hand_back_all = false}).reason, "did not hand back all");
+}
+
+TEST_F(Cloud, ABackupIsStoredUnlessItChangesNothing)
+{
+    const auto is_stored = [](const std::string &value, const CloudRecords &newest) {
+        CloudStore().add(encode_record_file({{"0", "1", value}})); // an older one
+        const BackupNumber number = CloudStore().add(encode_record_file(newest));
+        const ExchangeReport report = run_exchange(false, {.value = value});
+        EXPECT_EQ(report.backup, number + (report.stored ? 1 : 0));
+        EXPECT_EQ(report.backup, CloudStore().find(""));
+        EXPECT_EQ(report.reason + report.snapshot, value);
+        return report.stored;
+    };
+    setenv(IF_CHANGED_VARIABLE, "1", 1);
+    const std::string one = R"({"prediction":true,"selected_lang":[{"lang_id":"a"},{"lang_id":"b"}]})";
+    const std::string same = R"({"x":1,"selected_lang":[{"lang_id":"b"},{"lang_id":"a"}],"prediction":true})";
+    EXPECT_FALSE(is_stored(one, {{"0", "9", same}}));
+    EXPECT_TRUE(is_stored(one, {{"0", "1", R"({"prediction":true})"}}));
+    EXPECT_TRUE(is_stored(one, {{"1", "1", one}})) << "under another key";
+    EXPECT_TRUE(is_stored(one, {{"0", "1", one}, {"0", "1", one}}));
+    EXPECT_TRUE(is_stored("{}", {{"0", "1", std::nullopt}}));
+    EXPECT_TRUE(is_stored("[]", {{"0", "1", "[]"}})) << "no snapshots";
+    CloudStore().add("damaged");
+    EXPECT_TRUE(run_exchange(false).stored);
 }
 
 TEST_F(Cloud, AnExchangeWaitsForAnother)
@@ -477,8 +541,6 @@ TEST_F(Cloud, TheResultIsGivenOnceTheLastStepIsOver)
         EXPECT_EQ(report.result == ExchangeReport::Result::succeeded, is_stored) << iterations;
         EXPECT_EQ(report.result == ExchangeReport::Result::undecided, iterations < 4) << iterations;
     }
-    EXPECT_FALSE(fs::exists(root.path / LAST_REPORT));
-
     // A number that is another file's is none, and then the report is for whoever started the service by
     // hand.
     const Descriptor other(memfd_create("report", 0));
@@ -515,11 +577,13 @@ TEST_F(Cloud, NothingThrownPassesTheMainLoop)
 
     const auto throw_error = [] { throw std::runtime_error("thrown by the service"); };
     EXPECT_EQ(run_exchange(false, {.meanwhile = throw_error}).reason, "thrown by the service");
-    EXPECT_EQ(run_exchange(true, {.meanwhile = [] { throw 7; }}).result, ExchangeReport::Result::failed);
+    CloudStore().add(encode_record_file(TWO_RECORDS));
+    expect_in(run_exchange(true, {.meanwhile = [] { throw 7; }}).reason, "what is no exception");
 }
 
 // A device that is only a map, whose keeper has the account tell what a test wants.
 
+constexpr char KEY[] = "db/ise/hand_write";
 std::map<std::string, DeviceValue> device;
 bool device_is_readable = true;
 
@@ -528,7 +592,7 @@ class OnADevice : public Cloud
 protected:
     OnADevice()
     {
-        device = {{"db/ise/hand_write", true}};
+        device = {{KEY, true}};
         device_is_readable = true;
         register_place(SettingPlace::settings_store, {[](const SettingRow &row) {
                                                           if (!device_is_readable)
@@ -552,6 +616,15 @@ protected:
     }
 };
 
+std::string outcomes_in(const ExchangeReport &report)
+{
+    static constexpr const char *WORDS[] = {"pending ", "made ", "refused "};
+    std::string words;
+    for (const Change &change : report.changes)
+        words += WORDS[static_cast<int>(change.outcome)];
+    return words;
+}
+
 TEST_F(OnADevice, AnyTroubleFailsABackup)
 {
     const std::map<Trouble::Kind, ExchangeReport::Result> results = {
@@ -570,7 +643,6 @@ TEST_F(OnADevice, AnyTroubleFailsABackup)
 
 TEST_F(OnADevice, ARestoreIsJudgedByTheAccount)
 {
-    static constexpr char KEY[] = "db/ise/hand_write";
     CloudStore().add(encode_record_file({{"0", "1", "{\"handwriting\":false}"}}));
     using Result = ExchangeReport::Result;
     const struct {
@@ -617,8 +689,81 @@ TEST_F(OnADevice, ARestoreIsJudgedByTheAccount)
                  }});
 
     device_is_readable = false;
+    const std::string kept = read_file(root.path / LAST_RESTORE);
     EXPECT_EQ(run_exchange(true).reason, "the device can't be read");
     EXPECT_EQ(service.called, "prepare path completed ") << "the service must not begin to change it";
+    EXPECT_EQ(read_file(root.path / LAST_RESTORE), kept);
+}
+
+TEST_F(OnADevice, ATrialStoresNothing)
+{
+    CloudStore().add(encode_record_file({{"0", "1", "{}"}}));
+    setenv(TRIAL_VARIABLE, "1", 1);
+    const ExchangeReport restored = run_exchange(true, {.meanwhile = [] {
+                                                     EXPECT_TRUE(account().is_trial());
+                                                     change(KEY, false, Change::Outcome::made);
+                                                 }});
+    EXPECT_EQ(restored.reason + outcomes_in(restored), "made ");
+    EXPECT_EQ(restored.settings[1].after, DeviceValue(false));
+    const ExchangeReport backed_up = run_exchange(false, {.value = "{}"});
+    EXPECT_EQ(backed_up.reason + backed_up.snapshot, "{}");
+    EXPECT_EQ(backed_up.backup + backed_up.stored, 0);
+    expect_in(run_exchange(false, {.written_path = "/../x", .sent_path = "/../x"}).reason, "absolute path");
+    std::set<fs::path> files;
+    for (const auto &entry : fs::recursive_directory_iterator(root.path))
+        files.insert(entry.path().filename());
+    EXPECT_EQ(files, (std::set<fs::path>{"cloud", ".lock", "backup-000001.json", EXCHANGE_LOCK}));
+    setenv("IME_BACKUP_CLOUD_STORE", (root.path / EXCHANGE_LOCK).c_str(), 1);
+    expect_in(run_exchange(false).reason, "can't make the folder");
+}
+
+TEST_F(OnADevice, ARestoreKeepsWhatItChanges)
+{
+    const fs::path file = root.path / LAST_RESTORE;
+    const auto kept = [&] { return decode_report(read_file(file)); };
+    CloudStore().add(encode_record_file({{"0", "1", "{}"}}));
+    const pid_t killed = fork();
+    if (killed == 0)
+        run_exchange(true, {.meanwhile = [] {
+                         change(KEY, false, Change::Outcome::made);
+                         account().begin({SettingPlace::settings_store, "other", 7, "x"});
+                         raise(SIGKILL);
+                     }});
+    waitpid(killed, nullptr, 0);
+    EXPECT_EQ(kept().operation + std::to_string(kept().backup), "restore1");
+    EXPECT_EQ(kept().result, ExchangeReport::Result::undecided);
+    EXPECT_EQ(kept().settings.at(1).before, DeviceValue(true));
+    EXPECT_EQ(outcomes_in(kept()), "made pending ");
+    EXPECT_EQ(kept().changes.at(1).before, DeviceValue(7));
+
+    // On a disk that is full for a while. How much of a line fits does not matter.
+    signal(SIGXFSZ, SIG_IGN);
+    for (rlim_t left_over = 0; left_over < 200; left_over += 30) {
+        const auto fill_disk = [&] {
+            change("a", false, Change::Outcome::made);
+            rlimit limit = {};
+            getrlimit(RLIMIT_FSIZE, &limit);
+            const rlimit full = {fs::file_size(file) + left_over, limit.rlim_max};
+            setrlimit(RLIMIT_FSIZE, &full);
+            account().refuse({SettingPlace::settings_store, "b", {}, true});
+            EXPECT_THROW(change(KEY, std::string(200, 'x'), Change::Outcome::made), PlatformError);
+            EXPECT_TRUE(outcomes_in(kept()).starts_with("made "));
+            setrlimit(RLIMIT_FSIZE, &limit);
+            change(KEY, false, Change::Outcome::made);
+            EXPECT_EQ(outcomes_in(kept()), "made refused refused made ");
+        };
+        const ExchangeReport report = run_exchange(true, {.meanwhile = fill_disk});
+        EXPECT_EQ(device[KEY], DeviceValue(false));
+        EXPECT_EQ(encode_report(kept()), encode_report(report));
+        device[KEY] = true;
+    }
+
+    fs::remove(file);
+    fs::create_directory(file);
+    const ExchangeReport report = run_exchange(true);
+    EXPECT_EQ(report.result, ExchangeReport::Result::no_platform);
+    expect_in(report.reason, "nothing was changed");
+    EXPECT_EQ(service.called, "prepare path completed ");
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // The configuration and the active input method, with a daemon that misbehaves as a test tells it to.
 
+#include <climits>
 #include <csignal>
 #include <map>
 #include <sys/wait.h>
@@ -90,19 +91,27 @@ private:
                 return false;
             reply.put_data(values[key]);
             return true;
-        case scim::SCIM_TRANS_CMD_GET_CONFIG_INT:
         case scim::SCIM_TRANS_CMD_GET_CONFIG_BOOL:
-            if (values[key].empty() || !isdigit(values[key][0]))
+            if (values[key] != "true" && values[key] != "false")
                 return false;
-            reply.put_data(static_cast<scim::uint32>(std::stoi(values[key])));
-            return true;
+            [[fallthrough]];
+        case scim::SCIM_TRANS_CMD_GET_CONFIG_INT:
+            text = values[key];
+            if (!text.empty())
+                reply.put_data(static_cast<scim::uint32>(text == "true" ? 1 : atoi(text.c_str())));
+            return !text.empty();
         case scim::SCIM_TRANS_CMD_SET_CONFIG_STRING:
             return question.get_data(values[key]);
         case scim::SCIM_TRANS_CMD_SET_CONFIG_INT:
+            question.get_data(number);
+            values[key] = std::to_string(static_cast<int>(number));
+            return true;
         case scim::SCIM_TRANS_CMD_SET_CONFIG_BOOL:
             question.get_data(number);
-            values[key] = std::to_string(number);
+            values[key] = number != 0 ? "true" : "false";
             return true;
+        case scim::SCIM_TRANS_CMD_ERASE_CONFIG:
+            return values.erase(key) != 0;
         default:
             return true;
         }
@@ -112,7 +121,7 @@ private:
     const int faulty_question;
     const TempDir root;
     scim::SocketServer server;
-    std::map<scim::String, scim::String> values = {{"number", "5"}, {"switch", "1"}, {"word", "maybe"}};
+    std::map<scim::String, scim::String> values = {{"number", "5"}, {"switch", "true"}, {"word", "maybe"}};
     bool greeted = false;
     int asked = 0;
     pid_t process = 0;
@@ -225,10 +234,97 @@ TEST(Config, AChangeIsMadeOnceItIsFlushed)
     }
     const FakeDaemon daemon(Fault::none, 0);
     open_config()->write("switch", true);
+    open_config()->write("number", 5);
     EXPECT_EQ(outcomes(), "") << "it held that already";
     open_config()->write("switch", false);
     EXPECT_EQ(outcomes(), "switch pending ") << "it was never flushed";
     EXPECT_EQ(account().changes().at(0).before, DeviceValue(true));
+    open_config()->write("word", 0);
+    EXPECT_EQ(account().changes().at(1).before, DeviceValue("maybe")) << "which reads as 0";
+}
+
+constexpr SettingRow ROW = {"", SettingPlace::configuration, SettingForm::integer_switch, "keyloom/row", ""};
+
+TEST(Config, AValueIsReadAsItCanBePutBack)
+{
+    const FakeDaemon daemon(Fault::none, 0);
+    const DeviceAccess &access = *device_access(SettingPlace::configuration);
+    access.write(ROW, {}); // which the daemon refuses
+    const auto expect_value = [&](const scim::String &text, const DeviceValue &value) {
+        ScimDaemon::connect()->write(ROW.key, text);
+        EXPECT_EQ(access.read(ROW), value) << text;
+        ScimDaemon::connect()->write(ROW.key, scim::String("other"));
+        access.write(ROW, value);
+        EXPECT_EQ(ScimDaemon::connect()->read<scim::String>(ROW.key).value_or(""), text);
+    };
+    expect_value("-2147483648", INT_MIN);
+    expect_value("true", true);
+    expect_value("false", false);
+    expect_value("", {});
+    for (const char *text : {"007", "-0", "2147483648", "+7", "True", "7x", "abc = #", "a\tb", "\xff"})
+        expect_value(text, text);
+    for (const char *text : {"", " 7", "7\t", "a\nb"})
+        EXPECT_THROW(access.write(ROW, text), ValueError) << text;
+    for (const DeviceValue &value : {DeviceValue(7), DeviceValue(true), DeviceValue("")})
+        EXPECT_THROW(device_access(SettingPlace::input_method_control)->write(ROW, value), ValueError);
+}
+
+/// Writes to all that the daemon keeps.
+bool write_all()
+{
+    const scim::ConfigPointer config = open_config();
+    const bool written = config->write("number", 7);
+    return (isf_control_set_active_ime("kbd") == 0) == written && config->flush() && config->reload() &&
+           written;
+}
+
+std::string read_all()
+{
+    const auto ime = ScimDaemon::connect()->read<scim::String>("/DefaultIMEngineFactory/~other");
+    return std::to_string(open_config()->read("number", 42)) + " " + ime.value_or("-");
+}
+
+TEST(Config, WhatMustNotChangeDoesNotAndATrialIsNeverThere)
+{
+    const auto refuse = [](size_t, const Change &change) {
+        if (change.outcome == Change::Outcome::pending)
+            throw PlatformError("it must not");
+    };
+    const struct {
+        Account::Observer observer;
+        Account::Kind kind;
+        const char *outcomes;
+        const char *read;
+        const char *trouble;
+    } cases[] = {
+        {nullptr, Account::Kind::trial, "number made  made ", "7 kbd", ""},
+        {refuse, Account::Kind::real, "number refused  refused ", "5 -", "it must not"},
+        {nullptr, Account::Kind::real, "number made  made ", "7 kbd", ""},
+    };
+    const FakeDaemon daemon(Fault::none, 0);
+    scim::ConfigPointer held = open_config();
+    for (const auto &test : cases) {
+        EXPECT_EQ(read_all(), "5 -") << "a configuration that is held does not show a trial";
+        account().start(test.observer, test.kind);
+        EXPECT_EQ(write_all(), *test.trouble == '\0');
+        EXPECT_EQ(outcomes(), test.outcomes);
+        EXPECT_EQ(read_all(), test.read);
+        EXPECT_NE(troubles().find(test.trouble), std::string::npos);
+        account().finish();
+    }
+    held->write("/FrontEnd/Socket/ConfigReadOnly", true);
+    held->write("number", 5);
+    account().start(nullptr, Account::Kind::trial);
+    EXPECT_FALSE(write_all());
+    EXPECT_EQ(outcomes(), "number refused ") << "as the daemon would";
+
+    held.reset();
+    account().finish();
+    const FakeDaemon lost(Fault::die, 4); // after a read, and the same before a write
+    account().start(nullptr, Account::Kind::trial);
+    held = open_config();
+    EXPECT_TRUE(held->write("number", 7));
+    EXPECT_FALSE(held->write("switch", false) || held->flush() || held->reload());
 }
 
 TEST(ActiveIme, HandsOutWhatItAccepts)

@@ -251,6 +251,57 @@ TEST_F(Store, EachChangeIsOnTheAccountAndNoneThatChangesNothingIsWritten)
     });
 }
 
+TEST_F(Store, WhatMustNotChangeDoesNotAndATrialIsNeverThere)
+{
+    static constexpr SettingRow row = SETTINGS[1];
+    const DeviceAccess access = *device_access(row.place);
+    const auto contents = [this] {
+        std::map<std::string, std::string> files;
+        for (const auto &entry : std::filesystem::directory_iterator(root.path))
+            if (!entry.path().string().ends_with("-shm"))
+                files[entry.path()] = read_file(entry.path());
+        return files;
+    };
+    const auto set_half = [&] {
+        vconf_keylist_handle list = vconf_keylist_new();
+        vconf_keylist_add_str(list, row.key, "half");
+        vconf_keylist_add_str(list, "z", "");
+        EXPECT_EQ(vconf_set(list), -1);
+        EXPECT_EQ(account().changes().back().outcome, Change::Outcome::refused);
+        EXPECT_EQ(account().troubles().at(0).reason, "it must not");
+        vconf_keylist_free(list);
+    };
+    const auto refuse_z = [](size_t, const Change &change) {
+        if (change.key == "z" && change.outcome == Change::Outcome::pending)
+            throw PlatformError("it must not");
+    };
+    for (const DeviceValue &before : {DeviceValue(), DeviceValue("old")}) {
+        run([&] {
+            const auto files = contents();
+            account().start(refuse_z, Account::Kind::trial);
+            EXPECT_EQ(set_string(row.key, "first"), 0);
+            access.require_writable();
+            EXPECT_EQ(set_string(row.key, "new"), 0);
+            EXPECT_EQ(account().changes().at(1).before, DeviceValue("first"));
+            EXPECT_EQ(account().changes().at(1).outcome, Change::Outcome::made);
+            set_half();
+            EXPECT_EQ(access.read(row), DeviceValue("new"));
+            account().finish();
+            EXPECT_EQ(contents(), files);
+
+            account().start(refuse_z);
+            set_half();
+            EXPECT_EQ(access.read(row), before);
+            EXPECT_THROW(access.write(row, 7), ValueError);
+        });
+        const pid_t killed = start([&] {
+            access.write(row, "old");
+            raise(SIGKILL); // what it wrote is still beside the store
+        });
+        waitpid(killed, nullptr, 0);
+    }
+}
+
 TEST_F(Store, WhoCouldNotReadDoesNotOverwrite)
 {
     const auto expect_flag = [](int result, int expected) {

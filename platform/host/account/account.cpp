@@ -2,15 +2,19 @@
 
 #include <map>
 
-void Account::start(Observer new_observer)
+#include "errors.h"
+
+void Account::start(Observer new_observer, Kind new_kind)
 {
     finish();
     observer = std::move(new_observer);
+    kind = new_kind;
 }
 
 void Account::finish()
 {
     observer = nullptr;
+    kind = Kind::real;
     noted_changes.clear();
     noted_troubles.clear();
     kept.clear();
@@ -19,9 +23,15 @@ void Account::finish()
 size_t Account::begin(const Change &change)
 {
     noted_changes.push_back(change);
-    if (observer)
-        observer(noted_changes.size() - 1, change);
-    return noted_changes.size() - 1;
+    const size_t number = noted_changes.size() - 1;
+    try {
+        if (observer)
+            observer(number, change);
+    } catch (const PlatformError &) {
+        end(number, Change::Outcome::refused); // who was told of it before it was refused learns that it was
+        throw;
+    }
+    return number;
 }
 
 void Account::end(size_t number, Change::Outcome outcome)
@@ -30,6 +40,14 @@ void Account::end(size_t number, Change::Outcome outcome)
     change.outcome = outcome;
     if (observer)
         observer(number, change);
+}
+
+void Account::refuse(Change change)
+{
+    change.outcome = Change::Outcome::refused;
+    noted_changes.push_back(change);
+    if (observer)
+        observer(noted_changes.size() - 1, change);
 }
 
 void Account::note(const Trouble &trouble)

@@ -52,8 +52,17 @@ class Account
 public:
     using Observer = std::function<void(size_t number, const Change &change)>;
 
-    /// Begins an account. The observer is told of each change when it begins and when its outcome is known.
-    void start(Observer observer);
+    enum class Kind {
+        real,
+        trial ///< nothing is written: a library notes what it would have written, and reads it again as if it
+              ///< were
+    };
+
+    /// Begins an account. The observer is told of each change when it begins, and throws PlatformError if it
+    /// must not; and when its outcome is known.
+    void start(Observer observer, Kind kind = Kind::real);
+
+    bool is_trial() const { return kind == Kind::trial; }
 
     /// Ends it, and lets go of all that is in it.
     void finish();
@@ -61,9 +70,13 @@ public:
     /// Notes a change that is about to be made.
     ///
     /// @return its number
+    /// @throws PlatformError when it must not be made
     size_t begin(const Change &change);
 
     void end(size_t number, Change::Outcome outcome);
+
+    /// Notes a change that can't even be begun.
+    void refuse(Change change);
 
     /// Notes a trouble, once.
     void note(const Trouble &trouble);
@@ -79,10 +92,26 @@ private:
     std::vector<Trouble> noted_troubles;
     std::vector<std::shared_ptr<void>> kept;
     Observer observer;
+    Kind kind = Kind::real;
 };
 
 /// The account of this process.
 Account &account();
+
+/// The one object of its type, made when it is first needed, which all share for as long as one of them or
+/// the account keeps it.
+template <class Object>
+std::shared_ptr<Object> share_in_account()
+{
+    static std::weak_ptr<Object> shared;
+    std::shared_ptr<Object> object = shared.lock();
+    if (!object) {
+        object = std::make_shared<Object>();
+        shared = object;
+        account().keep(object);
+    }
+    return object;
+}
 
 /// How a place of the device is used other than through its C interface: by what looks at all places alike.
 /// Nothing of it goes to the account. Each throws PlatformError when the place can't be used.

@@ -20,10 +20,12 @@ static constexpr char APPLICATION_ID[] = "com.orvanta.ime-backup-service";
 
 static constexpr char HELP[] =
     "Usage: ime-backup-service [OPERATION]\n"
-    "Takes part in a backup or a restore of the on-screen keyboard's settings. OPERATION is a URI such as\n"
-    "http://orvanta.com/appcontrol/operation/orvanta_cloud/backup (or .../restore, .../get_backup_info).\n"
-    "With a session bus, it goes to the instance that runs already. Without one that is known, the service\n"
-    "waits until SIGTERM. The cloud backup client starts it: on a workstation, that is ime-backupctl.\n";
+    "Takes part in a backup or a restore of the on-screen keyboard's settings.\n"
+    "OPERATION is a URI such as\n"
+    "http://orvanta.com/appcontrol/operation/orvanta_cloud/backup\n"
+    "(or .../restore, .../get_backup_info). With a session bus, it goes to the\n"
+    "instance that runs already. Without one that is known, the service waits until\n"
+    "SIGTERM. The cloud backup client starts it: on a workstation, ime-backupctl.\n";
 
 static constexpr int EXIT_USAGE = 2;
 static constexpr guint END_RETRY_MS = 20;

@@ -1,6 +1,7 @@
 #include "cloud_store.h"
 
 #include <algorithm>
+#include <unistd.h>
 
 #include <glib.h>
 
@@ -12,7 +13,8 @@ namespace fs = std::filesystem;
 
 static constexpr char BACKUP_PREFIX[] = "backup-";
 static constexpr char BACKUP_SUFFIX[] = ".json";
-/// Locked while a backup is added: several state roots may share a store.
+/// Locked while a backup is added or deleted: several state roots may share a store. It holds the highest
+/// number given, lest one whose backup was deleted is given again.
 static constexpr char LOCK_NAME[] = ".lock";
 static constexpr BackupNumber MAX_NUMBER = 999'999'999'999;
 
@@ -45,10 +47,17 @@ static std::optional<std::string> digits_in(const std::string &name)
     return all_digits ? std::optional(digits) : std::nullopt;
 }
 
-static fs::path store_folder()
+/// The place that was chosen for the store, or nothing.
+static const char *chosen_location()
 {
     const char *location = g_getenv("IME_BACKUP_CLOUD_STORE");
-    if (location == nullptr || *location == '\0')
+    return location == nullptr || *location == '\0' ? nullptr : location;
+}
+
+static fs::path store_folder()
+{
+    const char *location = chosen_location();
+    if (location == nullptr)
         return state_root() / "cloud";
     g_autofree gchar *scheme = g_uri_parse_scheme(location);
     if (scheme != nullptr)
@@ -57,7 +66,16 @@ static fs::path store_folder()
     return absolute_path(location);
 }
 
-CloudStore::CloudStore() : folder(store_folder()) {}
+CloudStore::CloudStore() : chosen(chosen_location() != nullptr), folder(store_folder()) {}
+
+bool CloudStore::exists() const
+{
+    std::error_code error;
+    const bool is_there = fs::exists(folder, error);
+    if (error)
+        throw PlatformError("can't look for the folder " + folder.string() + ": " + error.message());
+    return is_there;
+}
 
 fs::path CloudStore::file(BackupNumber number) const
 {
@@ -99,9 +117,35 @@ BackupNumber CloudStore::find(const std::string &text) const
     return *number;
 }
 
-std::string CloudStore::read(BackupNumber number) const
+Backup CloudStore::read(BackupNumber number) const
 {
-    return read_file(file(number), MAX_RECORD_FILE_SIZE);
+    try {
+        const std::string content = read_file(file(number), MAX_RECORD_FILE_SIZE);
+        return {content, decode_record_file(content)};
+    } catch (const HostError &error) {
+        std::error_code ignored;
+        if (fs::symlink_status(file(number), ignored).type() == fs::file_type::not_found)
+            throw NoBackupError("there is no backup " + std::to_string(number));
+        throw DamagedError(error.what());
+    }
+}
+
+/// The highest number that the lock's file remembers, or 0.
+static BackupNumber remembered_number(const FileLock &lock)
+{
+    const std::string content = read_from(lock.opened(), 0);
+    return parse_number(content.substr(0, content.find('\n'))).value_or(0);
+}
+
+static bool remember_number(const FileLock &lock, BackupNumber number)
+{
+    return write_at(lock.opened(), 0, std::to_string(number) + "\n");
+}
+
+void CloudStore::require_writable() const
+{
+    if (exists())
+        make_private_folder(folder);
 }
 
 BackupNumber CloudStore::add(const std::string &content)
@@ -110,10 +154,35 @@ BackupNumber CloudStore::add(const std::string &content)
     FileLock lock(folder / LOCK_NAME);
     lock.acquire();
     const std::vector<BackupNumber> known = list().numbers;
-    const BackupNumber number = known.empty() ? 1 : known.back() + 1;
+    const BackupNumber number = std::max(remembered_number(lock), known.empty() ? 0 : known.back()) + 1;
     if (number > MAX_NUMBER)
-        throw HostError("there is no number left for another backup: take " + file(known.back()).string() +
-                        " away");
+        throw HostError("there is no number left for another backup in " + folder.string());
     create_file_durably(file(number), content);
+    // As long as the backup is there its name tells the number, too. Here it takes up its space: a backup can
+    // then be deleted when the disk is full.
+    remember_number(lock, number);
     return number;
+}
+
+void CloudStore::remove(const Choose &choose)
+{
+    FileLock lock(folder / LOCK_NAME);
+    lock.acquire();
+    const std::vector<BackupNumber> known = list().numbers;
+    const std::vector<BackupNumber> going = choose(known);
+    // Where the newest stays its name tells the number, and nothing need be written on a disk that is full.
+    const bool newest_goes =
+        !going.empty() && std::find(going.begin(), going.end(), known.back()) != going.end();
+    if (newest_goes && (!remember_number(lock, std::max(remembered_number(lock), known.back())) ||
+                        fdatasync(lock.opened().get()) != 0))
+        throw HostError("can't note in " + (folder / LOCK_NAME).string() + " which numbers were given");
+    for (const BackupNumber number : going)
+        remove_file_durably(file(number));
+}
+
+std::optional<std::uintmax_t> CloudStore::size(BackupNumber number) const
+{
+    std::error_code error;
+    const std::uintmax_t size = fs::file_size(file(number), error);
+    return error ? std::nullopt : std::optional(size);
 }

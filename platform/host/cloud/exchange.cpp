@@ -2,20 +2,24 @@
 
 #include "exchange.h"
 
+#include <algorithm>
+
 #include <glib.h>
 
 #include "account.h"
 #include "files.h"
 #include "handles.h"
 #include "paths.h"
+#include "snapshot.h"
 #include "text.h"
 
 Exchange::Exchange(Direction which, const Callbacks &registered) : direction(which), callbacks(registered)
 {
     if (direction == Direction::restore) {
         exchange_report.operation = "restore";
-        steps = {&Exchange::prepare, &Exchange::ask_for_restoration_path, &Exchange::download,
-                 &Exchange::look_at_device, &Exchange::have_records_restored};
+        steps = {&Exchange::prepare,       &Exchange::ask_for_restoration_path,
+                 &Exchange::download,      &Exchange::look_at_device,
+                 &Exchange::begin_journal, &Exchange::have_records_restored};
     } else if (callbacks.backup != nullptr) {
         exchange_report.operation = "backup";
         steps = {&Exchange::prepare, &Exchange::ask_for_keys_and_dates, &Exchange::have_records_filled,
@@ -81,10 +85,18 @@ void Exchange::require_no_trouble() const
 
 void Exchange::upload()
 {
-    const std::string content = ::read_file(host_path(*path), MAX_RECORD_FILE_SIZE);
+    const std::string content =
+        account().is_trial() ? written : ::read_file(host_path(*path), MAX_RECORD_FILE_SIZE);
     if (content != written)
         throw HostError("the backup file is not what was written into it");
+    const CloudRecords filled = check_upload(content);
+    exchange_report.snapshot = filled.back().value.value_or("");
+    store(content, filled);
+}
 
+/// The records in a backup file, once they are known to be those that were announced.
+CloudRecords Exchange::check_upload(const std::string &content) const
+{
     const CloudRecords filled = decode_record_file(content);
     if (filled.size() != records->size())
         throw HostError("the backup file holds other records than were announced");
@@ -95,7 +107,42 @@ void Exchange::upload()
         if (!filled[i].value)
             throw HostError("record \"" + key + "\" has no value: the settings could not be read");
     }
-    exchange_report.backup = CloudStore().add(content);
+    return filled;
+}
+
+static bool holds_same(const CloudRecords &one, const CloudRecords &other)
+{
+    return std::equal(
+        one.begin(), one.end(), other.begin(), other.end(), [](const CloudRecord &a, const CloudRecord &b) {
+            return a.key == b.key && is_snapshot(a.value.value_or("")) && is_snapshot(b.value.value_or("")) &&
+                   is_same_snapshot(read_snapshot(*a.value), read_snapshot(*b.value));
+        });
+}
+
+/// The number of the newest backup if it holds the same as `records`, else 0.
+static BackupNumber find_same(const CloudStore &store, const CloudRecords &records)
+{
+    const std::vector<BackupNumber> known = store.list().numbers;
+    try {
+        return !known.empty() && holds_same(store.read(known.back()).records, records) ? known.back() : 0;
+    } catch (const HostError &) { // damaged, or deleted just now
+        return 0;
+    }
+}
+
+void Exchange::store(const std::string &content, const CloudRecords &filled)
+{
+    CloudStore store;
+    if (is_asked_for(IF_CHANGED_VARIABLE))
+        exchange_report.backup = find_same(store, filled);
+    if (exchange_report.backup != 0)
+        return;
+    if (account().is_trial()) {
+        store.require_writable();
+        return;
+    }
+    exchange_report.backup = store.add(content);
+    exchange_report.stored = true;
 }
 
 // Restore.
@@ -113,15 +160,18 @@ void Exchange::download()
     const char *wanted = g_getenv(RESTORE_VARIABLE);
     const BackupNumber number = store.find(wanted == nullptr ? "" : wanted);
     exchange_report.backup = number;
-    std::string content;
+    Backup backup;
     try {
-        content = store.read(number);
-        downloaded = decode_record_file(content);
-    } catch (const HostError &error) {
-        throw HostError("backup " + std::to_string(number) + " is refused: " + error.what());
+        backup = store.read(number);
+    } catch (const DamagedError &error) {
+        throw DamagedError("backup " + std::to_string(number) + " is refused: " + error.what());
     }
+    downloaded = backup.records;
     source.file = host_path(*path);
-    replace_file(source.file, content);
+    if (account().is_trial())
+        source.content = backup.content;
+    else
+        replace_file(source.file, backup.content);
 }
 
 /// Calls `visit` with each setting, and each list that decides what is restored, that the host keeps.
@@ -151,6 +201,19 @@ void Exchange::look_at_device()
             throw;
         }
     });
+}
+
+/// From here on the restore changes the device, and each change can be undone.
+void Exchange::begin_journal()
+{
+    if (!account().is_trial())
+        journal.emplace(exchange_report);
+}
+
+void Exchange::keep(size_t number, const Change &change)
+{
+    if (journal)
+        journal->note(number, change);
 }
 
 void Exchange::have_records_restored()
@@ -233,6 +296,8 @@ void Exchange::decide(ExchangeReport::Result result, const std::string &reason)
     exchange_report.reason = reason;
     exchange_report.changes = account().changes();
     exchange_report.troubles = account().troubles();
+    if (journal)
+        journal->finish(exchange_report);
 }
 
 void Exchange::complete() const
@@ -275,7 +340,9 @@ int Exchange::write_file(orvanta_cloud_list_handle list, const char *device_path
         return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
     try {
         const std::string text = encode_record_file(*content);
-        replace_file(host_path(device_path), text);
+        const std::filesystem::path file = host_path(device_path);
+        if (!account().is_trial())
+            replace_file(file, text);
         written_path = device_path;
         written = text;
         return ORVANTA_CLOUD_ERROR_NONE;
@@ -291,7 +358,7 @@ int Exchange::read_file(orvanta_cloud_source_handle handle, orvanta_cloud_list_h
         return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
     std::string content;
     try {
-        content = ::read_file(source.file, MAX_RECORD_FILE_SIZE);
+        content = account().is_trial() ? source.content : ::read_file(source.file, MAX_RECORD_FILE_SIZE);
     } catch (const HostError &) {
         return ORVANTA_CLOUD_ERROR_IO;
     }

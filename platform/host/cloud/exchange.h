@@ -7,6 +7,7 @@
 
 #include "orvanta_cloud.h"
 #include "report.h"
+#include "restore_journal.h"
 
 /// The callbacks that the service registered.
 struct Callbacks {
@@ -20,6 +21,7 @@ struct Callbacks {
 
 struct orvanta_cloud_source {
     std::filesystem::path file;
+    std::string content; ///< in place of the file's, in a trial
 };
 
 /// What an exchange waits for while the service's callback runs.
@@ -40,6 +42,11 @@ public:
     ///
     /// @return whether it was the last
     bool run_step();
+
+    /// Keeps a change in the journal, if there is one.
+    ///
+    /// @throws PlatformError when a pending one can't be kept, and so must not be made
+    void keep(size_t number, const Change &change);
 
     /// Gives the exchange its result, with the account as it stands.
     void decide(ExchangeReport::Result result, const std::string &reason = "");
@@ -72,7 +79,11 @@ private:
     void ask_for_restoration_path();
     void download();
     void look_at_device();
+    void begin_journal();
     void have_records_restored();
+
+    CloudRecords check_upload(const std::string &content) const;
+    void store(const std::string &content, const CloudRecords &filled);
 
     void report_settings();
     void require_no_trouble() const;
@@ -93,5 +104,6 @@ private:
     std::string file_error;
     orvanta_cloud_source source;
     CloudRecords downloaded;
+    std::optional<RestoreJournal> journal;
     std::vector<std::string> unwritten; ///< settings that a restore was to change
 };

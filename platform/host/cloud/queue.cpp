@@ -17,7 +17,7 @@ static void append(int file, const std::string &line)
 }
 
 /// The report tells of a result and never changes it: a lost one is only a pity.
-static void deliver(const ExchangeReport &report, bool has_turn)
+static void deliver(const ExchangeReport &report, bool is_last)
 {
     if (report.result != ExchangeReport::Result::succeeded)
         g_printerr("liborvanta-cloud-svc: %s failed: %s\n", report.operation.c_str(),
@@ -25,7 +25,7 @@ static void deliver(const ExchangeReport &report, bool has_turn)
     try {
         if (const auto file = find_report_file(); file)
             append(*file, encode_report(report));
-        else if (has_turn) // else another's exchange is the last
+        if (is_last)
             replace_file(state_root() / LAST_REPORT, encode_report(report));
     } catch (const std::exception &error) {
         g_printerr("liborvanta-cloud-svc: %s\n", escaped(error.what()).c_str());
@@ -88,6 +88,10 @@ void ExchangeQueue::run()
             pause = LOCK_RETRY_MS;
         else if (exchanges.front().run_step())
             decide(ExchangeReport::Result::succeeded);
+    } catch (const NoBackupError &error) {
+        decide(ExchangeReport::Result::no_backup, error.what());
+    } catch (const DamagedError &error) {
+        decide(ExchangeReport::Result::damaged, error.what());
     } catch (const PlatformError &error) {
         decide(ExchangeReport::Result::no_platform, error.what());
     } catch (const std::exception &error) {
@@ -107,11 +111,17 @@ bool ExchangeQueue::take_turn()
         turn.emplace(state_root() / EXCHANGE_LOCK);
     has_turn = turn->try_acquire();
     if (has_turn)
-        account().start([](size_t number, const Change &change) {
-            if (const auto file = find_report_file(); file)
-                append(*file, encode_change(number, change));
-        });
+        account().start([this](size_t number, const Change &change) { tell(number, change); },
+                        is_asked_for(TRIAL_VARIABLE) ? Account::Kind::trial : Account::Kind::real);
     return has_turn;
+}
+
+/// Tells of a change where it has to be known whatever comes.
+void ExchangeQueue::tell(size_t number, const Change &change)
+{
+    exchanges.front().keep(number, change);
+    if (const auto file = find_report_file(); file)
+        append(*file, encode_change(number, change));
 }
 
 /// Ends the first exchange with this result, and its turn with it.
@@ -119,7 +129,8 @@ void ExchangeQueue::decide(ExchangeReport::Result result, const std::string &rea
 {
     Exchange &exchange = exchanges.front();
     exchange.decide(result, reason);
-    deliver(exchange.report(), has_turn);
+    // Without its turn, another's exchange is the last.
+    deliver(exchange.report(), has_turn && !account().is_trial());
     account().finish();
     turn.reset();
     has_turn = false;

@@ -29,6 +29,7 @@ private:
     void run();
     void schedule(guint milliseconds);
     bool take_turn();
+    void tell(size_t number, const Change &change);
     void decide(ExchangeReport::Result result, const std::string &reason = "");
     void complete();
 

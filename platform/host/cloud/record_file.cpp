@@ -49,6 +49,11 @@ static std::string frame(const std::string &records)
     return HEAD + std::to_string(VERSION) + CHECKSUM + checksum_of(records) + RECORDS + records + TAIL;
 }
 
+bool is_record_file(const std::string &content)
+{
+    return content.starts_with(HEAD);
+}
+
 std::string encode_record_file(const CloudRecords &records)
 {
     std::string content = frame(encode_records(records));
@@ -62,7 +67,7 @@ std::string encode_record_file(const CloudRecords &records)
 static std::string check(const std::string &content)
 {
     const size_t version = sizeof HEAD - 1;
-    if (!content.starts_with(HEAD))
+    if (!is_record_file(content))
         throw HostError("it is no record file");
     const size_t digits = content.find_first_not_of("0123456789", version) - version;
     if (content.compare(version, digits, std::to_string(VERSION)) != 0)

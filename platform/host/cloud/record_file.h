@@ -19,6 +19,9 @@ using CloudRecords = std::vector<CloudRecord>;
 /// this is none.
 inline constexpr size_t MAX_RECORD_FILE_SIZE = size_t{16} * 1024 * 1024;
 
+/// Whether this is meant to be a record file, be it a damaged one.
+bool is_record_file(const std::string &content);
+
 /// @throws HostError when the records are more than a file can hold
 std::string encode_record_file(const CloudRecords &records);
 

@@ -30,9 +30,15 @@ std::optional<int> find_report_file()
     return number;
 }
 
+bool is_asked_for(const char *variable)
+{
+    return g_strcmp0(g_getenv(variable), "1") == 0;
+}
+
 // Words of a report.
 
-static constexpr const char *RESULTS[] = {"undecided", "succeeded", "failed", "no platform"};
+static constexpr const char *RESULTS[] = {"undecided",   "succeeded", "failed",
+                                          "no platform", "no backup", "damaged"};
 static constexpr const char *OUTCOMES[] = {"pending", "made", "refused"};
 static constexpr const char *KINDS[] = {"unusable", "unfit", "refused"};
 static constexpr const char *PLACES[] = {"input-method control", "settings store", "configuration"};
@@ -52,6 +58,9 @@ static Enum from_word(const char *const (&words)[COUNT], JsonObject *object, con
     throw HostError(std::string("it has no ") + name + " that is known");
 }
 
+/// Member of an object that stands for a text which is no UTF-8: its bytes, in base 64.
+static constexpr char BYTES[] = "base64";
+
 // Writing.
 
 static void add_text(JsonBuilder *builder, const char *name, const std::string &text)
@@ -61,10 +70,24 @@ static void add_text(JsonBuilder *builder, const char *name, const std::string &
     json_builder_add_string_value(builder, valid);
 }
 
+/// A text of the device's, which may be no UTF-8 and has to be read back as it is.
+static void add_exact_text(JsonBuilder *builder, const char *name, const std::string &text)
+{
+    if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) != FALSE) {
+        add_text(builder, name, text);
+        return;
+    }
+    g_autofree gchar *encoded = g_base64_encode(reinterpret_cast<const guchar *>(text.data()), text.size());
+    json_builder_set_member_name(builder, name);
+    json_builder_begin_object(builder);
+    add_text(builder, BYTES, encoded);
+    json_builder_end_object(builder);
+}
+
 static void add_value(JsonBuilder *builder, const char *name, const DeviceValue &value)
 {
     if (value && std::holds_alternative<std::string>(*value)) {
-        add_text(builder, name, std::get<std::string>(*value));
+        add_exact_text(builder, name, std::get<std::string>(*value));
         return;
     }
     json_builder_set_member_name(builder, name);
@@ -119,6 +142,8 @@ std::string encode_report(const ExchangeReport &report)
         add_text(builder, "reason", report.reason);
         json_builder_set_member_name(builder, "backup");
         json_builder_add_int_value(builder, static_cast<gint64>(report.backup));
+        json_builder_set_member_name(builder, "stored");
+        json_builder_add_boolean_value(builder, report.stored ? TRUE : FALSE);
         add_array(builder, "records", report.records, [&](const CloudRecord &record) {
             add_text(builder, "key", record.key.value_or(""));
             add_text(builder, "date", record.date.value_or(""));
@@ -160,6 +185,11 @@ static DeviceValue read_value(JsonObject *object, const char *name)
         return *truth;
     if (const auto number = get_integer(object, name); number)
         return static_cast<int>(*number);
+    if (const auto encoded = get_text(get_object(get_member(object, name)), BYTES); encoded) {
+        gsize length = 0;
+        g_autofree guchar *bytes = g_base64_decode(encoded->c_str(), &length);
+        return std::string(reinterpret_cast<const char *>(bytes), length);
+    }
     return std::nullopt;
 }
 
@@ -192,6 +222,7 @@ static ExchangeReport read_report(JsonObject *object)
     report.result = from_word<ExchangeReport::Result>(RESULTS, object, "result");
     report.reason = read_text(object, "reason");
     report.backup = static_cast<BackupNumber>(get_integer(object, "backup").value_or(0));
+    report.stored = get_boolean(object, "stored").value_or(false);
     report.records = read_array(object, "records", [](JsonObject *record) {
         return CloudRecord{get_text(record, "key"), get_text(record, "date"), std::nullopt,
                            get_boolean(record, "failed").value_or(false)};

@@ -43,20 +43,24 @@ Descriptor open_file(const fs::path &file, int flags)
     return descriptor;
 }
 
-std::string read_file(const fs::path &file, size_t max_size)
+std::string read_to_end(const Descriptor &file, size_t max_size)
 {
-    const Descriptor descriptor = open_file(file, O_RDONLY);
     std::string content;
     char buffer[64 * 1024];
     ssize_t count = 0;
-    while ((count = read(descriptor.get(), buffer, sizeof buffer)) > 0) {
+    while ((count = read(file.get(), buffer, sizeof buffer)) > 0) {
         content.append(buffer, static_cast<size_t>(count));
         if (content.size() > max_size)
             throw HostError("it is larger than " + std::to_string(max_size) + " bytes");
     }
     if (count < 0)
-        throw HostError("can't read " + file.string() + why());
+        throw HostError("it can't be read" + why());
     return content;
+}
+
+std::string read_file(const fs::path &file, size_t max_size)
+{
+    return read_to_end(open_file(file, O_RDONLY), max_size);
 }
 
 std::string read_from(const Descriptor &file, off_t offset)
@@ -69,6 +73,11 @@ std::string read_from(const Descriptor &file, off_t offset)
         offset += count;
     }
     return content;
+}
+
+bool write_at(const Descriptor &file, off_t offset, const std::string &content)
+{
+    return pwrite(file.get(), content.data(), content.size(), offset) == static_cast<ssize_t>(content.size());
 }
 
 static bool write_all(int descriptor, const std::string &content)
@@ -106,6 +115,12 @@ static void write_file(const fs::path &file, const std::string &content, bool du
         unlink(in_place ? file.c_str() : partial.c_str());
         throw HostError("can't write " + file.string() + reason);
     }
+}
+
+void remove_file_durably(const fs::path &file)
+{
+    if (unlink(file.c_str()) != 0 || !sync_folder(file.parent_path()))
+        throw HostError("can't remove " + file.string() + why());
 }
 
 void replace_file(const fs::path &file, const std::string &content)

@@ -31,6 +31,11 @@ Descriptor open_file(const std::filesystem::path &file, int flags);
 /// @throws HostError when it can't be read, is no regular file or is larger than `max_size`
 std::string read_file(const std::filesystem::path &file, size_t max_size);
 
+/// What an open file, or a pipe, holds from where it stands.
+///
+/// @throws HostError when it can't be read or is larger than `max_size`
+std::string read_to_end(const Descriptor &file, size_t max_size);
+
 /// What an open file holds from `offset` on, as far as it can be read.
 std::string read_from(const Descriptor &file, off_t offset);
 
@@ -45,6 +50,14 @@ void replace_file(const std::filesystem::path &file, const std::string &content)
 ///
 /// @throws HostError when it can't be written or is there already
 void create_file_durably(const std::filesystem::path &file, const std::string &content);
+
+/// Writes into an open file from `offset` on.
+///
+/// @return false when not all of it is written
+bool write_at(const Descriptor &file, off_t offset, const std::string &content);
+
+/// @throws HostError when it can't be removed, or may come back after a power cut
+void remove_file_durably(const std::filesystem::path &file);
 
 /// Makes a folder, and those above it that are missing; only their owner can enter what is made.
 ///
@@ -70,6 +83,9 @@ public:
     ///
     /// @throws PlatformError when the file can't be locked
     void share();
+
+    /// The file, once it was locked.
+    const Descriptor &opened() const { return descriptor; }
 
 private:
     bool lock(int operation);

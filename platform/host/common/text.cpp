@@ -1,5 +1,8 @@
 #include "text.h"
 
+#include <sstream>
+#include <unistd.h>
+
 #include <glib.h>
 
 static bool is_harmless(gunichar character)
@@ -49,4 +52,32 @@ std::string join(const std::vector<std::string> &parts, const char *separator)
     for (const std::string &part : parts)
         text += (text.empty() ? "" : separator) + part;
     return text;
+}
+
+std::vector<std::string> wrap(const std::string &text, size_t width)
+{
+    std::vector<std::string> lines(1);
+    std::istringstream words(text);
+    const auto length = [](const std::string &part) {
+        return static_cast<size_t>(g_utf8_strlen(part.c_str(), -1));
+    };
+    for (std::string word; words >> word;) {
+        if (!lines.back().empty() && length(lines.back()) + 1 + length(word) > width)
+            lines.emplace_back();
+        lines.back() += (lines.back().empty() ? "" : " ") + word;
+        while (length(lines.back()) > width) { // a word alone that is too long
+            const std::string line = lines.back();
+            const auto cut = static_cast<size_t>(
+                g_utf8_offset_to_pointer(line.c_str(), static_cast<glong>(width)) - line.c_str());
+            lines.back().erase(cut);
+            lines.push_back(line.substr(cut));
+        }
+    }
+    return lines;
+}
+
+bool shows_colour(int file)
+{
+    const char *no_colour = g_getenv("NO_COLOR");
+    return isatty(file) != 0 && (no_colour == nullptr || *no_colour == '\0');
 }

@@ -9,3 +9,9 @@
 std::string escaped(std::string_view text);
 
 std::string join(const std::vector<std::string> &parts, const char *separator);
+
+/// The text's words in lines of at most this width, which is not 0.
+std::vector<std::string> wrap(const std::string &text, size_t width);
+
+/// Whether what is written to this file is shown in colours: on a terminal, unless $NO_COLOR is set.
+bool shows_colour(int file);

@@ -16,12 +16,6 @@ static char priority_letter(int priority)
     return priority < 0 || priority > 7 ? '?' : letters[priority];
 }
 
-static bool colour_is_wanted()
-{
-    const char *no_colour = g_getenv("NO_COLOR");
-    return isatty(STDERR_FILENO) != 0 && (no_colour == nullptr || *no_colour == '\0');
-}
-
 /// The first colour sequence ("\033[...m") in `text` from `begin` on, or "".
 static std::string find_colour(const std::string &text, size_t begin)
 {
@@ -62,6 +56,6 @@ int __dlog_print(int /*buffer*/, int priority, const char *tag, const char *form
                         priority_letter(priority), tag == nullptr ? "" : tag, getpid());
 
     // One write for each line: lines of several processes do not mix.
-    const std::string line = head + sanitize(format, text, colour_is_wanted()) + "\n";
+    const std::string line = head + sanitize(format, text, shows_colour(STDERR_FILENO)) + "\n";
     return static_cast<int>(write(STDERR_FILENO, line.data(), line.size()));
 }

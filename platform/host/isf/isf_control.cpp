@@ -16,9 +16,6 @@
 static constexpr int FAILED = -1;
 static constexpr SettingPlace PLACE = SettingPlace::input_method_control;
 
-/// SCIM's file has one line for each value, and its reader does not survive a longer one.
-static constexpr size_t MAX_IDENTIFIER_LENGTH = 16'000;
-
 static constexpr char NO_IDENTIFIER[] = "no input method can have this identifier";
 
 /// SCIM has a default engine for each language. A device has one for all, which is SCIM's for the languages
@@ -29,12 +26,10 @@ static const scim::String &active_engine()
     return key;
 }
 
-/// Whether SCIM can keep it: it trims what it reads.
 static bool is_identifier(const std::string &text)
 {
-    return !text.empty() && text.length() <= MAX_IDENTIFIER_LENGTH &&
+    return is_config_text(text) &&
            g_utf8_validate(text.data(), static_cast<gssize>(text.length()), nullptr) != FALSE &&
-           text.front() != ' ' && text.back() != ' ' &&
            std::none_of(text.begin(), text.end(), [](char c) { return g_ascii_iscntrl(c); });
 }
 
@@ -42,6 +37,11 @@ static bool is_identifier(const std::string &text)
 static std::string get_engine()
 {
     return ScimDaemon::connect()->read<scim::String>(active_engine()).value_or("");
+}
+
+static DeviceValue engine_value(const std::string &engine)
+{
+    return engine.empty() ? DeviceValue() : engine;
 }
 
 static void set_engine(const std::string &identifier)
@@ -78,24 +78,32 @@ int isf_control_get_active_ime(char **identifier)
     return FAILED;
 }
 
+/// What is active before a change.
+static DeviceValue read_before(const Change &change)
+{
+    try {
+        return engine_value(get_engine());
+    } catch (const DaemonError &) {
+        account().refuse(change);
+        throw;
+    }
+}
+
 /// Makes an input method the active one, on the account.
 static void change_engine(const std::string &identifier)
 {
-    std::optional<size_t> change;
-    std::shared_ptr<ScimDaemon> daemon;
+    Change change = {PLACE, "", {}, identifier};
+    change.before = read_before(change);
+    if (change.before == change.after)
+        return;
+    const std::shared_ptr<ScimDaemon> daemon = ScimDaemon::connect();
+    const size_t number = account().begin(change);
     try {
-        daemon = ScimDaemon::connect();
-        const std::string before = get_engine();
-        if (before == identifier)
-            return;
-        change = account().begin({PLACE, "", before.empty() ? DeviceValue() : before, identifier});
         set_engine(identifier);
-        account().end(*change, Change::Outcome::made);
+        account().end(number, Change::Outcome::made);
     } catch (const DaemonError &) {
-        if (!change)
-            account().end(account().begin({PLACE, "", {}, identifier}), Change::Outcome::refused);
-        else if (!daemon->is_lost()) // else it may have arrived
-            account().end(*change, Change::Outcome::refused);
+        if (!daemon->is_lost()) // else it may have arrived
+            account().end(number, Change::Outcome::refused);
         throw;
     }
 }
@@ -105,14 +113,14 @@ int isf_control_set_active_ime(const char *identifier)
     if (identifier == nullptr)
         return ISF_CONTROL_INVALID_IDENTIFIER;
     if (!is_identifier(identifier)) {
-        account().end(account().begin({PLACE, "", {}, identifier}), Change::Outcome::refused);
+        account().refuse({PLACE, "", {}, identifier});
         note(Trouble::Kind::refused, NO_IDENTIFIER);
         return ISF_CONTROL_INVALID_IDENTIFIER;
     }
     try {
         change_engine(identifier);
         return 0;
-    } catch (const DaemonError &error) {
+    } catch (const PlatformError &error) {
         note(Trouble::Kind::unusable, error.what());
         return FAILED;
     }
@@ -122,16 +130,15 @@ int isf_control_set_active_ime(const char *identifier)
 
 static DeviceValue read_row(const SettingRow &)
 {
-    const std::string engine = get_engine();
-    return engine.empty() ? DeviceValue() : engine;
+    return engine_value(get_engine());
 }
 
 static void write_row(const SettingRow &, const DeviceValue &value)
 {
-    const std::string identifier = value ? std::get<std::string>(*value) : "";
-    if (value && !is_identifier(identifier))
+    const auto *identifier = value ? std::get_if<std::string>(&*value) : nullptr;
+    if (value && (identifier == nullptr || !is_config_text(*identifier)))
         throw ValueError(NO_IDENTIFIER);
-    set_engine(identifier);
+    set_engine(identifier == nullptr ? "" : *identifier);
 }
 
 static void require_writable()

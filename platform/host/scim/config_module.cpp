@@ -24,7 +24,7 @@ bool with_account(Work work)
 {
     try {
         return work();
-    } catch (const DaemonError &error) {
+    } catch (const PlatformError &error) {
         account().note({Trouble::Kind::unusable, PLACE, error.what()});
         return false;
     }
@@ -83,21 +83,39 @@ private:
     template <class Value>
     bool set(const scim::String &key, const Value &value)
     {
-        std::optional<size_t> change;
-        const bool written = with_account([&] {
-            const std::optional<Value> stored = daemon->read<Value>(key);
-            if (stored == value)
-                return true;
-            change = account().begin({PLACE, key, stored, value});
-            daemon->write(key, value);
-            unflushed.push_back(*change);
+        const scim::String text = format_config_text(value);
+        Change change = {PLACE, key, {}, parse_config_text(text)};
+        return with_account([&] {
+            if (!read_before(change, text))
+                begin_change(change, value);
             return true;
         });
-        if (!written && change)
-            end_change(*change, false);
-        else if (!written)
-            account().end(account().begin({PLACE, key, {}, value}), Change::Outcome::refused);
-        return written;
+    }
+
+    /// @return whether the key holds the text already
+    bool read_before(Change &change, const scim::String &text)
+    {
+        try {
+            const auto stored = daemon->read<scim::String>(change.key);
+            change.before = parse_config_text(stored.value_or(""));
+            return stored == text;
+        } catch (const DaemonError &) {
+            account().refuse(change);
+            throw;
+        }
+    }
+
+    template <class Value>
+    void begin_change(const Change &change, const Value &value)
+    {
+        const size_t number = account().begin(change);
+        try {
+            daemon->write(change.key, value);
+            unflushed.push_back(number);
+        } catch (const DaemonError &) {
+            end_change(number, false);
+            throw;
+        }
     }
 
     /// What was on its way to a daemon that is lost stays pending: it may have arrived.
@@ -115,20 +133,18 @@ private:
 
 DeviceValue read_row(const SettingRow &row)
 {
-    if (row.form == SettingForm::integer_switch)
-        return ScimDaemon::connect()->read<int>(row.key);
-    return ScimDaemon::connect()->read<bool>(row.key);
+    return parse_config_text(ScimDaemon::connect()->read<scim::String>(row.key).value_or(""));
 }
 
 void write_row(const SettingRow &row, const DeviceValue &value)
 {
+    if (value && !is_config_text(format_config_text(value)))
+        throw ValueError(std::string("the configuration can't keep this text under ") + row.key);
     const std::shared_ptr<ScimDaemon> daemon = ScimDaemon::connect();
     if (!value)
         daemon->erase(row.key);
-    else if (row.form == SettingForm::integer_switch)
-        daemon->write(row.key, std::get<int>(*value));
     else
-        daemon->write(row.key, std::get<bool>(*value));
+        std::visit([&](const auto &typed) { daemon->write(row.key, typed); }, *value);
     daemon->flush();
     daemon->reload();
 }

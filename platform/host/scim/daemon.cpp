@@ -1,11 +1,46 @@
 #include "daemon.h"
 
+#include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "account.h"
+#include <glib.h>
+
+/// The file has one line for each value, and its reader does not survive a longer one.
+static constexpr size_t MAX_TEXT_LENGTH = 16'000;
+
+DeviceValue parse_config_text(const scim::String &text)
+{
+    int number = 0;
+    std::from_chars(text.data(), text.data() + text.length(), number);
+    for (const DeviceValue &value : {DeviceValue(number), DeviceValue(true), DeviceValue(false)})
+        if (format_config_text(value) == text)
+            return value;
+    return text.empty() ? DeviceValue() : text;
+}
+
+scim::String format_config_text(const DeviceValue &value)
+{
+    if (!value)
+        return "";
+    if (const bool *truth = std::get_if<bool>(&*value); truth != nullptr)
+        return *truth ? "true" : "false";
+    const int *number = std::get_if<int>(&*value);
+    return number != nullptr ? std::to_string(*number) : std::get<std::string>(*value);
+}
+
+bool is_config_text(const std::string &text)
+{
+    // The reader trims a value.
+    static constexpr std::string_view BLANKS = " \t\n\v";
+    return !text.empty() && text.length() <= MAX_TEXT_LENGTH &&
+           text.find_first_of(std::string_view("\n\0", 2)) == std::string::npos &&
+           BLANKS.find(text.front()) == std::string_view::npos &&
+           BLANKS.find(text.back()) == std::string_view::npos;
+}
 
 namespace
 {
@@ -35,6 +70,9 @@ struct Wire<bool> {
     static constexpr int SET = scim::SCIM_TRANS_CMD_SET_CONFIG_BOOL;
 };
 
+/// A daemon that only lets itself be read has this set.
+constexpr char READ_ONLY[] = "/FrontEnd/Socket/ConfigReadOnly";
+
 /// A question, with its answer in the same place afterwards.
 struct Question : scim::Transaction {
     Question(scim::uint32 magic_key, int command)
@@ -49,15 +87,8 @@ struct Question : scim::Transaction {
 
 std::shared_ptr<ScimDaemon> ScimDaemon::connect()
 {
-    static std::weak_ptr<ScimDaemon> shared;
-    std::shared_ptr<ScimDaemon> daemon = shared.lock();
-    if (!daemon) {
-        daemon = std::make_shared<ScimDaemon>();
-        shared = daemon;
-        // A daemon that is lost in an exchange stays lost to the end of it.
-        account().keep(daemon);
-    }
-    return daemon;
+    // A daemon that is lost in an exchange stays lost to the end of it.
+    return share_in_account<ScimDaemon>();
 }
 
 static constexpr useconds_t CONNECT_RETRY_US = 10'000;
@@ -87,6 +118,11 @@ ScimDaemon::ScimDaemon() : connection(connect_to(address, timeout_ms)), socket(c
 {
     if (!scim::scim_socket_open_connection(magic_key, "SocketConfig", "SocketFrontEnd", socket, timeout_ms))
         throw DaemonError(name() + "does not answer");
+}
+
+std::string ScimDaemon::default_address()
+{
+    return scim::scim_get_default_socket_config_address();
 }
 
 std::string ScimDaemon::name() const
@@ -125,9 +161,24 @@ void ScimDaemon::require(scim::Transaction &question, const std::string &what)
         throw DaemonError(name() + "refused to " + what);
 }
 
+/// A value that a trial would have written, as the daemon would tell it to who asks for its own type or for a
+/// text.
+template <class Value>
+static std::optional<Value> value_as(const DeviceValue &value)
+{
+    if (!value)
+        return std::nullopt;
+    if constexpr (std::is_same_v<Value, scim::String>)
+        return format_config_text(value);
+    const Value *typed = std::get_if<Value>(&*value);
+    return typed == nullptr ? std::nullopt : std::optional(*typed);
+}
+
 template <class Value>
 std::optional<Value> ScimDaemon::read(const scim::String &key)
 {
+    if (const auto tried = overlay.lock(); tried && tried->contains(key))
+        return value_as<Value>(tried->at(key));
     Question question(magic_key, Wire<Value>::GET);
     question.put_data(key);
     typename Wire<Value>::Type value{};
@@ -138,30 +189,63 @@ std::optional<Value> ScimDaemon::read(const scim::String &key)
     return static_cast<Value>(value);
 }
 
+/// Where a trial writes; nothing when this is none. What the daemon would refuse is refused.
+ScimDaemon::Overlay *ScimDaemon::overlay_to_write(const std::string &what)
+{
+    if (!account().is_trial())
+        return nullptr;
+    if (read<bool>(READ_ONLY).value_or(false))
+        throw DaemonError(name() + "refused to " + what);
+    std::shared_ptr<Overlay> tried = overlay.lock();
+    if (!tried) {
+        tried = std::make_shared<Overlay>();
+        overlay = tried;
+        account().keep(tried);
+    }
+    return tried.get();
+}
+
 template <class Value>
 void ScimDaemon::write(const scim::String &key, const Value &value)
 {
+    const std::string what = "store " + key;
+    if (Overlay *tried = overlay_to_write(what); tried != nullptr) {
+        tried->insert_or_assign(key, value);
+        return;
+    }
     Question question(magic_key, Wire<Value>::SET);
     question.put_data(key);
     question.put_data(static_cast<typename Wire<Value>::Type>(value));
-    require(question, "store " + key);
+    require(question, what);
 }
 
 void ScimDaemon::erase(const scim::String &key)
 {
+    if (!read<scim::String>(key)) // which the daemon would refuse
+        return;
+    const std::string what = "erase " + key;
+    if (Overlay *tried = overlay_to_write(what); tried != nullptr) {
+        tried->insert_or_assign(key, std::nullopt);
+        return;
+    }
     Question question(magic_key, scim::SCIM_TRANS_CMD_ERASE_CONFIG);
     question.put_data(key);
-    require(question, "erase " + key);
+    require(question, what);
 }
 
 void ScimDaemon::flush()
 {
+    const std::string what = "write its configuration down";
+    if (overlay_to_write(what) != nullptr)
+        return;
     Question question(magic_key, scim::SCIM_TRANS_CMD_FLUSH_CONFIG);
-    require(question, "write its configuration down");
+    require(question, what);
 }
 
 void ScimDaemon::reload()
 {
+    if (account().is_trial() && !lost)
+        return;
     Question question(magic_key, scim::SCIM_TRANS_CMD_RELOAD_CONFIG);
     require(question, "reload its configuration");
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <memory>
 #include <optional>
 
@@ -8,8 +9,19 @@
 #define Uses_SCIM_TRANS_COMMANDS
 #include <scim.h>
 
+#include "account.h"
 #include "errors.h"
 #include "files.h"
+
+/// The value that a text of SCIM's file stands for: an integer or a boolean if that is how SCIM writes one,
+/// else the text. An empty one is as good as none.
+DeviceValue parse_config_text(const scim::String &text);
+
+/// The text that SCIM's file has for a value.
+scim::String format_config_text(const DeviceValue &value);
+
+/// Whether SCIM's file can keep a text as it is.
+bool is_config_text(const std::string &text);
 
 /// A connection to the SCIM daemon, which keeps the input-method configuration.
 ///
@@ -19,11 +31,17 @@
 ///
 /// Every function throws DaemonError: when the daemon refuses, and when it is lost or doesn't answer, which
 /// makes each one throw from then on.
+///
+/// In a trial nothing that is written reaches the daemon: it is read again as if it had, until the account is
+/// finished.
 class ScimDaemon
 {
 public:
     /// The process's connection, which all share for as long as one of them or the account keeps it.
     static std::shared_ptr<ScimDaemon> connect();
+
+    /// Where the daemon is looked for.
+    static std::string default_address();
 
     ScimDaemon();
 
@@ -35,6 +53,7 @@ public:
     template <class Value>
     void write(const scim::String &key, const Value &value);
 
+    /// Erases a key, if it is set.
     void erase(const scim::String &key);
 
     void flush();
@@ -45,6 +64,10 @@ public:
     void reload();
 
 private:
+    /// What a trial would have written; none is what it would have erased.
+    using Overlay = std::map<scim::String, DeviceValue>;
+
+    Overlay *overlay_to_write(const std::string &what);
     bool ask(scim::Transaction &question);
     void require(scim::Transaction &question, const std::string &what);
     [[noreturn]] void lose(const std::string &how);
@@ -56,4 +79,5 @@ private:
     const scim::Socket socket;
     scim::uint32 magic_key = 0;
     std::optional<DaemonError> lost;
+    std::weak_ptr<Overlay> overlay; ///< the account keeps it
 };

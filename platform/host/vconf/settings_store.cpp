@@ -4,8 +4,8 @@
 #include <fcntl.h>
 #include <filesystem>
 
+#include <SQLiteCpp/Savepoint.h>
 #include <SQLiteCpp/Statement.h>
-#include <SQLiteCpp/Transaction.h>
 #include <glib.h>
 #include <sqlite3.h>
 
@@ -39,6 +39,18 @@ static auto with_clear_errors(Work work)
     }
 }
 
+static void make_tables(SQLite::Database &database)
+{
+    SQLite::Transaction transaction(database);
+    database.exec("CREATE TABLE settings ("
+                  "  key TEXT PRIMARY KEY,"
+                  "  type TEXT NOT NULL CHECK (type IN ('bool', 'string')),"
+                  "  value TEXT NOT NULL"
+                  ") STRICT, WITHOUT ROWID");
+    database.exec("PRAGMA user_version = " + std::to_string(SCHEMA_VERSION));
+    transaction.commit();
+}
+
 /// Makes the store, whole or not at all: what lies in its place is a store, or a damaged one.
 static void make_store(const fs::path &file)
 {
@@ -59,23 +71,28 @@ static void make_store(const fs::path &file)
     {
         SQLite::Database database(partial.string(), SQLite::OPEN_READWRITE);
         database.exec("PRAGMA journal_mode = WAL");
-        SQLite::Transaction transaction(database);
-        database.exec("CREATE TABLE settings ("
-                      "  key TEXT PRIMARY KEY,"
-                      "  type TEXT NOT NULL CHECK (type IN ('bool', 'string')),"
-                      "  value TEXT NOT NULL"
-                      ") STRICT, WITHOUT ROWID");
-        database.exec("PRAGMA user_version = " + std::to_string(SCHEMA_VERSION));
-        transaction.commit();
+        make_tables(database);
     }
     fs::rename(partial, file);
 }
 
-static SQLite::Database open_database()
+static SQLite::Database make_empty_database()
 {
-    const fs::path file = store_file();
-    make_private_folder(file.parent_path());
+    SQLite::Database database(":memory:", SQLite::OPEN_READWRITE);
+    make_tables(database);
+    return database;
+}
+
+/// Finds the store, or makes it.
+///
+/// @return whether there is one, as there always is but in a trial
+static bool provide_store(const fs::path &file, Account::Kind kind)
+{
+    if (kind == Account::Kind::real || fs::exists(file.parent_path()))
+        make_private_folder(file.parent_path());
     try {
+        if (!fs::exists(file) && kind == Account::Kind::trial)
+            return false;
         if (!fs::exists(file))
             make_store(file);
         if (!fs::is_regular_file(file))
@@ -83,8 +100,21 @@ static SQLite::Database open_database()
     } catch (const fs::filesystem_error &error) {
         refuse_store(error.what());
     }
+    return true;
+}
 
+static SQLite::Database open_database(Account::Kind kind)
+{
+    const fs::path file = store_file();
+    if (!provide_store(file, kind))
+        return make_empty_database();
+
+    // What a process that was killed left beside the store would go into it when a trial closes it.
+    std::error_code ignored;
+    const bool is_left_alone = kind == Account::Kind::trial && fs::exists(file.string() + "-wal", ignored);
     SQLite::Database database(file.string(), SQLite::OPEN_READWRITE, BUSY_TIMEOUT_MS);
+    if (is_left_alone)
+        sqlite3_db_config(database.getHandle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
     database.exec("PRAGMA synchronous = FULL");
     const int version = database.execAndGet("PRAGMA user_version").getInt();
     if (version > SCHEMA_VERSION)
@@ -94,7 +124,10 @@ static SQLite::Database open_database()
     return database;
 }
 
-SettingsStore::SettingsStore() : database(with_clear_errors(open_database)) {}
+SettingsStore::SettingsStore(Account::Kind the_kind)
+    : kind(the_kind), database(with_clear_errors([&] { return open_database(the_kind); }))
+{
+}
 
 /// The value in two columns, its type and its text.
 static DeviceValue column_value(const SQLite::Statement &row, int type_column)
@@ -135,6 +168,8 @@ void SettingsStore::require_writable()
 {
     if (sqlite3_db_readonly(database.getHandle(), "main") != 0)
         refuse_store("it can't be written");
+    if (trial) // nobody else writes until it is over
+        return;
     // Waits for another writer as a set does; rolled back at the end.
     with_clear_errors(
         [this] { const SQLite::Transaction probe(database, SQLite::TransactionBehavior::IMMEDIATE); });
@@ -156,6 +191,23 @@ static void store_value(SQLite::Database &database, const std::string &key, cons
     update.exec();
 }
 
+/// Does `work` whole or not at all.
+template <class Work>
+void SettingsStore::write(Work work)
+{
+    if (kind == Account::Kind::real) {
+        SQLite::Transaction transaction(database, SQLite::TransactionBehavior::IMMEDIATE);
+        work();
+        transaction.commit();
+        return;
+    }
+    if (!trial)
+        trial.emplace(database, SQLite::TransactionBehavior::IMMEDIATE);
+    SQLite::Savepoint savepoint(database, "before");
+    work();
+    savepoint.release();
+}
+
 void SettingsStore::set(const Settings &settings, const Observer &about_to_change)
 {
     const auto is_held = [this](const auto &setting) { return get(setting.first) == setting.second; };
@@ -163,14 +215,14 @@ void SettingsStore::set(const Settings &settings, const Observer &about_to_chang
         return;
 
     with_clear_errors([&] {
-        SQLite::Transaction transaction(database, SQLite::TransactionBehavior::IMMEDIATE);
-        for (const auto &[key, value] : settings) {
-            const DeviceValue before = get(key);
-            if (before == value)
-                continue;
-            about_to_change(key, before, value);
-            store_value(database, key, value);
-        }
-        transaction.commit();
+        write([&] {
+            for (const auto &[key, value] : settings) {
+                const DeviceValue before = get(key);
+                if (before == value)
+                    continue;
+                about_to_change(key, before, value);
+                store_value(database, key, value);
+            }
+        });
     });
 }

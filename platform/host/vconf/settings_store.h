@@ -2,9 +2,11 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 
 #include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Transaction.h>
 
 #include "account.h"
 
@@ -14,11 +16,13 @@ using Settings = std::map<std::string, DeviceValue>;
 /// The host's settings store, an SQLite database. Several processes may use it at once.
 /// Every function throws PlatformError when the database can't be read or written, or holds what no store
 /// does.
+///
+/// What is stored in a trial is only there for as long as the object is.
 class SettingsStore
 {
 public:
-    /// Opens the store below the state root, and makes it if there is none.
-    SettingsStore();
+    /// Opens the store below the state root. If there is none it is made; that of a trial is then empty.
+    explicit SettingsStore(Account::Kind kind = Account::Kind::real);
 
     DeviceValue get(const std::string &key) const;
 
@@ -37,5 +41,10 @@ public:
     void set(const Settings &settings, const Observer &about_to_change);
 
 private:
+    template <class Work>
+    void write(Work work);
+
+    const Account::Kind kind;
     SQLite::Database database;
+    std::optional<SQLite::Transaction> trial; ///< never committed, from a trial's first write
 };

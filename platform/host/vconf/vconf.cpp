@@ -36,29 +36,39 @@ static constexpr int FAILED = -1;
 
 static constexpr SettingPlace PLACE = SettingPlace::settings_store;
 
-/// Why this process can no longer read the store, or write it. Who could not read does not overwrite.
-static std::optional<PlatformError> unreadable;
-static std::optional<PlatformError> unwritable;
-
-/// The process's store, opened when it is first needed.
-static SettingsStore &open_store()
+namespace
 {
-    static std::unique_ptr<SettingsStore> store;
-    if (!store)
-        store = std::make_unique<SettingsStore>();
-    return *store;
+
+/// The store as one account has it: what a trial stored goes with the account.
+struct StoreOfAccount {
+    /// Opened when it is first needed.
+    std::optional<SettingsStore> store;
+
+    /// Why it can no longer be read, or written. Who could not read does not overwrite.
+    std::optional<PlatformError> unreadable;
+    std::optional<PlatformError> unwritable;
+};
+
+} // namespace
+
+static SettingsStore &open_store(StoreOfAccount &kept)
+{
+    if (!kept.store)
+        kept.store.emplace(account().is_trial() ? Account::Kind::trial : Account::Kind::real);
+    return *kept.store;
 }
 
 /// Reads the store. The first failure is the last attempt: another would wait as long.
 template <class Work>
 static auto read_store(Work work)
 {
-    if (unreadable)
-        throw PlatformError(*unreadable);
+    const std::shared_ptr<StoreOfAccount> kept = share_in_account<StoreOfAccount>();
+    if (kept->unreadable)
+        throw PlatformError(*kept->unreadable);
     try {
-        return work(static_cast<const SettingsStore &>(open_store()));
+        return work(static_cast<const SettingsStore &>(open_store(*kept)));
     } catch (const PlatformError &error) {
-        unreadable = unwritable = error;
+        kept->unreadable = kept->unwritable = error;
         throw;
     }
 }
@@ -66,12 +76,13 @@ static auto read_store(Work work)
 template <class Work>
 static void write_store(Work work)
 {
-    if (unwritable)
-        throw PlatformError(*unwritable);
+    const std::shared_ptr<StoreOfAccount> kept = share_in_account<StoreOfAccount>();
+    if (kept->unwritable)
+        throw PlatformError(*kept->unwritable);
     try {
-        work(open_store());
+        work(open_store(*kept));
     } catch (const PlatformError &error) {
-        unwritable = error;
+        kept->unwritable = error;
         throw;
     }
 }
@@ -79,6 +90,7 @@ static void write_store(Work work)
 /// Stores values, on the account.
 static void set_values(const Settings &settings)
 {
+    bool is_begun = false;
     std::vector<size_t> changes;
     const auto end_changes = [&](Change::Outcome outcome) {
         for (const size_t change : changes)
@@ -87,14 +99,15 @@ static void set_values(const Settings &settings)
     try {
         write_store([&](SettingsStore &store) {
             store.set(settings, [&](const auto &key, const auto &before, const auto &after) {
+                is_begun = true;
                 changes.push_back(account().begin({PLACE, key, before, after}));
             });
         });
         end_changes(Change::Outcome::made);
     } catch (const PlatformError &) {
-        if (changes.empty())
+        if (!is_begun)
             for (const auto &[key, value] : settings)
-                changes.push_back(account().begin({PLACE, key, {}, value}));
+                account().refuse({PLACE, key, {}, value});
         end_changes(Change::Outcome::refused);
         throw;
     }
@@ -246,6 +259,8 @@ static DeviceValue read_row(const SettingRow &row)
 
 static void write_row(const SettingRow &row, const DeviceValue &value)
 {
+    if (value && std::holds_alternative<int>(*value))
+        throw ValueError(std::string("the settings store keeps no number under ") + row.key);
     write_store([&](SettingsStore &store) { store.set({{row.key, value}}, [](const auto &...) {}); });
 }
 

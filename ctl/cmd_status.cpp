@@ -1,0 +1,203 @@
+#include <functional>
+#include <unistd.h>
+
+#include "backups.h"
+#include "daemon.h"
+#include "files.h"
+#include "last_restore.h"
+#include "paths.h"
+#include "report.h"
+#include "service_log.h"
+#include "setting.h"
+#include "text.h"
+
+namespace fs = std::filesystem;
+
+namespace
+{
+
+enum class State {
+    fine,
+    worth_knowing, ///< not fine, and no backup is kept from
+    missing        ///< what a backup needs
+};
+
+/// What was found of one thing.
+struct Finding {
+    State state;
+    std::string found;
+    std::string advice; ///< if it isn't fine
+};
+
+} // namespace
+
+static const SettingRow &keyboard()
+{
+    return SETTINGS[0];
+}
+
+static Finding look_at_scim()
+{
+    const std::string address = "SCIM_SOCKET_ADDRESS, " + ScimDaemon::default_address();
+    try {
+        ScimDaemon::connect();
+        return {State::fine, "the SCIM daemon answers (" + address + ")", ""};
+    } catch (const DaemonError &error) {
+        return {State::missing, error.what(), HINT_SCIM};
+    }
+}
+
+static Finding look_at_keyboard()
+{
+    try {
+        const DeviceValue value = access_to(keyboard()).read(keyboard());
+        return value ? Finding{State::fine, format_value(keyboard(), value), ""}
+                     : Finding{State::missing, "no input method is active", HINT_KEYBOARD};
+    } catch (const PlatformError &) {
+        return {State::missing, "not known without the SCIM daemon", "Start the SCIM daemon"};
+    }
+}
+
+/// Whether a folder can be written in, or could be made.
+static bool is_usable_folder(const fs::path &folder)
+{
+    std::error_code error;
+    fs::path existing = folder;
+    // A link to nothing is in the way of a folder.
+    while (!fs::exists(fs::symlink_status(existing, error)) && existing.has_relative_path())
+        existing = existing.parent_path();
+    return fs::is_directory(existing, error) && access(existing.c_str(), W_OK | X_OK) == 0;
+}
+
+static Finding look_at_store()
+{
+    const fs::path folder = state_root();
+    if (!is_usable_folder(folder))
+        return {State::missing, "can't write in " + folder.string(),
+                "Set IME_BACKUP_HOST_DIR to a folder that you can write in"};
+    const SettingRow &row = find_setting(MEMBER_HANDWRITING);
+    std::error_code ignored;
+    const bool exists = fs::exists(folder / "settings.db", ignored);
+    try {
+        access_to(row).require_writable();
+        for (const SettingRow &setting : all_settings())
+            if (setting.place == row.place)
+                access_to(setting).read(setting);
+        return {State::fine, "in " + folder.string() + (exists ? "" : ", made when something is set"), ""};
+    } catch (const PlatformError &error) {
+        return {State::missing, error.what(),
+                "Free space on the disk if it is full. A store that is damaged can be moved away: a new one "
+                "is made"};
+    }
+}
+
+static Finding look_at_cloud()
+{
+    static constexpr char ADVICE[] = "Set IME_BACKUP_CLOUD_STORE to a folder that you can write in";
+    try {
+        const CloudStore store;
+        const std::string place = store.location().string();
+        if (!is_usable_folder(store.location()))
+            return {State::missing, "can't write in " + place, ADVICE};
+        if (!store.exists())
+            return {State::fine, place + " isn't there yet: a backup makes it", ""};
+        const size_t count = store.list().numbers.size();
+        return {State::fine, place + ", " + std::to_string(count) + (count == 1 ? " backup" : " backups"),
+                ""};
+    } catch (const PlatformError &error) {
+        return {State::missing, error.what(), ADVICE};
+    }
+}
+
+static std::optional<ExchangeReport> read_last_exchange()
+{
+    const fs::path file = state_root() / LAST_REPORT;
+    std::error_code ignored;
+    if (!fs::exists(file, ignored))
+        return std::nullopt;
+    try {
+        return decode_report(read_file(file, MAX_RECORD_FILE_SIZE));
+    } catch (const HostError &error) {
+        throw HostError(file.string() + " can't be read: " + error.what());
+    }
+}
+
+static Finding look_at_restore()
+{
+    const std::optional<LastRestore> last = read_last_restore();
+    if (last && last->result == ExchangeReport::Result::undecided)
+        return {State::worth_knowing, "the restore of " + name_of(last->backup) + " was interrupted",
+                "Put back what it changed with: ime-backupctl undo; or restore again"};
+    return {State::fine, "none yet", ""};
+}
+
+static Finding look_at_report()
+{
+    const std::optional<ExchangeReport> last = read_last_exchange();
+    if (!last || last->operation.empty())
+        return {State::fine, "none yet", ""};
+    const std::string what = last->operation + (last->backup == 0 ? "" : " of " + name_of(last->backup));
+    if (last->result == ExchangeReport::Result::succeeded)
+        return {State::fine, what + " succeeded", ""};
+    return {State::worth_knowing, what + ": " + last->reason, "See " + (state_root() / SERVICE_LOG).string()};
+}
+
+static Finding look_at_last_exchange()
+{
+    const fs::path lock = state_root() / EXCHANGE_LOCK;
+    std::error_code ignored;
+    try {
+        FileLock turn(lock);
+        if (fs::exists(lock, ignored) && !turn.try_acquire())
+            return {State::fine, "one is under way", ""};
+    } catch (const PlatformError &error) {
+        return {State::missing, error.what(), "Move it away"};
+    }
+    try {
+        const Finding restore = look_at_restore();
+        return restore.state == State::fine ? look_at_report() : restore;
+    } catch (const HostError &error) {
+        return {State::worth_knowing, error.what(), "The next exchange makes it anew"};
+    }
+}
+
+static void status(Cli &cli)
+{
+    account().start({}, Account::Kind::trial); // nothing is made, be it an empty settings store
+    const struct {
+        const char *what;
+        const char *name;
+        Finding (*look)();
+    } things[] = {{"scim", "SCIM daemon", look_at_scim},
+                  {"keyboard", "active keyboard", look_at_keyboard},
+                  {"settings_store", "settings store", look_at_store},
+                  {"cloud_store", "cloud store", look_at_cloud},
+                  {"last_exchange", "last exchange", look_at_last_exchange}};
+
+    Table table{{{"what", ""}, {"fine", ""}, {"found", FOR_SCRIPTS}, {"do", FOR_SCRIPTS}, {FOR_PEOPLE, ""}},
+                {}};
+    table.remarks = Remarks::plain;
+    for (const auto &thing : things) {
+        const Finding finding = thing.look();
+        const bool is_fine = finding.state == State::fine;
+        table.rows.push_back({{thing.what, thing.name},
+                              {is_fine, is_fine ? "fine" : "NOT FINE"},
+                              finding.found,
+                              finding.advice,
+                              finding.found + (finding.advice.empty() ? "" : ". " + finding.advice)});
+        if (finding.state == State::missing)
+            cli.status = EXIT_NO_PLATFORM;
+    }
+    cli.document.set(table);
+}
+
+void add_status(Cli &cli)
+{
+    auto *command = add_command(
+        cli.app, {"status", GROUP_DEVICE, "Show whether all that a backup needs is there",
+                  "Looks at the SCIM daemon, the active keyboard, the settings store, the cloud store "
+                  "and the last exchange, and says what to do about each that is not fine. The exit "
+                  "status is 3 if something that a backup needs is missing.",
+                  "ime-backupctl status"});
+    command->callback([&cli] { status(cli); });
+}

@@ -1,0 +1,303 @@
+#include "document.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "text.h"
+
+// Values.
+
+Json::Json(std::nullptr_t) : shared(json_node_init_null(json_node_alloc()), json_node_unref) {}
+
+Json::Json(bool truth)
+    : shared(json_node_init_boolean(json_node_alloc(), truth ? TRUE : FALSE), json_node_unref)
+{
+}
+
+Json::Json(std::int64_t number) : shared(json_node_init_int(json_node_alloc(), number), json_node_unref) {}
+
+Json::Json(const std::string &text) : Json()
+{
+    g_autofree gchar *valid = g_utf8_make_valid(text.data(), static_cast<gssize>(text.size()));
+    json_node_init_string(node(), valid);
+}
+
+template <class Element>
+void Json::set_array(const std::vector<Element> &elements)
+{
+    JsonArray *array = json_array_new();
+    for (const Element &element : elements)
+        json_array_add_element(array, json_node_copy(Json(element).node()));
+    json_node_init_array(node(), nullptr);
+    json_node_take_array(node(), array);
+}
+
+Json::Json(const std::vector<std::string> &texts) : Json()
+{
+    set_array(texts);
+}
+
+Json::Json(const std::vector<std::uint64_t> &numbers) : Json()
+{
+    set_array(numbers);
+}
+
+void Document::set(const char *member, std::variant<Json, Table> value)
+{
+    const auto found = std::find_if(members.begin(), members.end(),
+                                    [&](const Member &known) { return known.name == member; });
+    if (found == members.end())
+        members.push_back({member, std::move(value)});
+    else
+        found->value = std::move(value);
+}
+
+static constexpr char SUCCEEDED[] = "succeeded";
+
+void Document::set_result(bool succeeded, const std::string &reason)
+{
+    set(SUCCEEDED, Json(succeeded));
+    set("reason", Json(reason));
+}
+
+bool Document::has_result() const
+{
+    return !members.empty() && members.front().name == SUCCEEDED;
+}
+
+// For scripts.
+
+static void build(JsonBuilder *builder, const Json &value)
+{
+    json_builder_add_value(builder, json_node_copy(value.node()));
+}
+
+static void build_keyed(JsonBuilder *builder, const Table &table)
+{
+    json_builder_begin_object(builder);
+    for (const std::vector<Cell> &row : table.rows) {
+        json_builder_set_member_name(builder, row[0].text.c_str());
+        build(builder, row[1].json);
+    }
+    json_builder_end_object(builder);
+}
+
+static void build(JsonBuilder *builder, const Table &table)
+{
+    if (table.is_keyed) {
+        build_keyed(builder, table);
+        return;
+    }
+    json_builder_begin_array(builder);
+    for (const std::vector<Cell> &row : table.rows) {
+        json_builder_begin_object(builder);
+        for (size_t i = 0; i < row.size(); i++) {
+            if (table.columns[i].member == FOR_PEOPLE)
+                continue;
+            json_builder_set_member_name(builder, table.columns[i].member);
+            build(builder, row[i].json);
+        }
+        json_builder_end_object(builder);
+    }
+    json_builder_end_array(builder);
+}
+
+static void print_to_script(const std::string &text)
+{
+    // In a pipe, the text is the data itself; on a terminal it must not be obeyed.
+    if (isatty(STDOUT_FILENO) == 0) {
+        printf("%s\n", text.c_str());
+        return;
+    }
+    g_auto(GStrv) lines = g_strsplit(text.c_str(), "\n", -1);
+    for (gchar **line = lines; *line != nullptr; line++)
+        printf("%s\n", escaped(*line).c_str());
+}
+
+void Document::print_json() const
+{
+    if (exact_json) {
+        print_to_script(*exact_json);
+        return;
+    }
+    g_autoptr(JsonBuilder) builder = json_builder_new();
+    const auto build_value = [&](const Member &member) {
+        std::visit([&](const auto &value) { build(builder, value); }, member.value);
+    };
+    if (members.size() == 1 && members.front().name.empty()) {
+        build_value(members.front());
+    } else {
+        json_builder_begin_object(builder);
+        for (const Member &member : members) {
+            json_builder_set_member_name(builder, member.name.c_str());
+            build_value(member);
+        }
+        json_builder_end_object(builder);
+    }
+    g_autoptr(JsonNode) root = json_builder_get_root(builder);
+    g_autofree gchar *text = json_to_string(root, TRUE);
+    print_to_script(text);
+}
+
+// For people.
+
+namespace
+{
+
+constexpr char GAP[] = "  ";
+constexpr size_t GAP_WIDTH = sizeof GAP - 1;
+constexpr size_t INDENT = 4; ///< of what stands below a row
+constexpr size_t USUAL_WIDTH = 80;
+constexpr size_t LEAST_COLUMN_WIDTH = 6;
+constexpr char BOLD[] = "1";
+constexpr char YELLOW[] = "33";
+
+size_t width_of(const std::string &text)
+{
+    size_t width = 0;
+    for (const char *c = text.c_str(); *c != '\0'; c = g_utf8_next_char(c))
+        width += g_unichar_iszerowidth(g_utf8_get_char(c)) != FALSE ? 0
+                 : g_unichar_iswide(g_utf8_get_char(c)) != FALSE    ? 2
+                                                                    : 1;
+    return width;
+}
+
+/// The text, cut so that it fits, with a mark where it was.
+std::string fit(const std::string &text, size_t width)
+{
+    if (width_of(text) <= width)
+        return text;
+    std::string cut = text;
+    while (width_of(cut) + 1 > width && !cut.empty())
+        cut.erase(static_cast<size_t>(g_utf8_prev_char(cut.c_str() + cut.size()) - cut.c_str()));
+    return cut + "\u2026";
+}
+
+/// Columns of a terminal on standard output; nothing when it is none.
+std::optional<size_t> terminal_width()
+{
+    if (isatty(STDOUT_FILENO) == 0)
+        return std::nullopt;
+    winsize size = {};
+    const bool is_known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col >= 20;
+    return is_known ? size.ws_col : USUAL_WIDTH;
+}
+
+/// Lays a table out for people.
+class Layout
+{
+public:
+    explicit Layout(const Table &table)
+        : remarks(table.remarks), screen(terminal_width()), coloured(shows_colour(STDOUT_FILENO))
+    {
+        std::vector<std::string> headings;
+        for (const Column &column : table.columns)
+            if (column.heading)
+                headings.push_back(*column.heading);
+        has_headings = std::any_of(headings.begin(), headings.end(),
+                                   [](const std::string &heading) { return !heading.empty(); });
+        if (has_headings)
+            lines.push_back(headings);
+        for (const std::vector<Cell> &row : table.rows) {
+            std::vector<std::string> line;
+            for (size_t i = 0; i < row.size(); i++)
+                if (table.columns[i].heading)
+                    line.push_back(escaped(row[i].text));
+            lines.push_back(line);
+        }
+        if (remarks == Remarks::none)
+            for (std::vector<std::string> &line : lines)
+                line.emplace_back();
+        measure();
+    }
+
+    void print() const
+    {
+        for (size_t i = 0; i < lines.size(); i++)
+            print_line(lines[i], has_headings && i == 0 ? BOLD : "");
+    }
+
+private:
+    void measure()
+    {
+        for (const auto &line : lines) {
+            widths.resize(line.size() - 1);
+            for (size_t i = 0; i < widths.size(); i++)
+                widths[i] = std::max(widths[i], width_of(line[i]));
+        }
+        // The widest give way first; the first column, the names, never does.
+        while (screen && widths.size() > 1 && width_of_columns() > *screen) {
+            const auto widest = std::max_element(widths.begin() + 1, widths.end());
+            if (*widest <= LEAST_COLUMN_WIDTH)
+                break;
+            --*widest;
+        }
+    }
+
+    size_t width_of_columns() const
+    {
+        size_t width = 0;
+        for (const size_t column : widths)
+            width += column + GAP_WIDTH;
+        return width - GAP_WIDTH;
+    }
+
+    std::string paint(const char *colour, const std::string &text) const
+    {
+        return coloured && *colour != '\0' && !text.empty()
+                   ? std::string("\033[") + colour + "m" + text + "\033[0m"
+                   : text;
+    }
+
+    void print_line(const std::vector<std::string> &line, const char *colour) const
+    {
+        const std::string &remark = line.back();
+        const char *remark_colour = remarks == Remarks::warnings && *colour == '\0' ? YELLOW : colour;
+        size_t count = line.size() - 1; // of the cells in front of the remark
+        while (count > 0 && line[count - 1].empty())
+            count--;
+        std::string text;
+        for (size_t i = 0; i < count; i++) {
+            const std::string cell = screen && i > 0 ? fit(line[i], widths[i]) : line[i];
+            text += cell;
+            if (i + 1 < count || !remark.empty())
+                text += std::string(widths[i] - std::min(widths[i], width_of(cell)), ' ') + GAP;
+        }
+        if (!screen || remark.empty() || width_of(text) + width_of(remark) <= *screen) {
+            printf("%s%s\n", paint(colour, text).c_str(), paint(remark_colour, remark).c_str());
+            return;
+        }
+        text.erase(text.find_last_not_of(' ') + 1);
+        printf("%s\n", paint(colour, text).c_str());
+        for (const std::string &part : wrap(remark, *screen - INDENT))
+            printf("%*s%s\n", static_cast<int>(INDENT), "", paint(remark_colour, part).c_str());
+    }
+
+    const Remarks remarks;
+    const std::optional<size_t> screen;
+    const bool coloured;
+    bool has_headings = false;
+    std::vector<std::vector<std::string>> lines;
+    std::vector<size_t> widths; ///< of all columns but the remarks
+};
+
+} // namespace
+
+void Document::print_text() const
+{
+    for (const Member &member : members)
+        if (const auto *table = std::get_if<Table>(&member.value);
+            table != nullptr && table->is_for_people && !table->rows.empty())
+            Layout(*table).print();
+    const std::optional<size_t> screen = terminal_width();
+    for (const std::string &sentence : sentences) {
+        const std::string line = escaped(sentence);
+        if (!screen || width_of(line) <= *screen)
+            printf("%s\n", line.c_str());
+        else
+            for (const std::string &part : wrap(line, *screen))
+                printf("%s\n", part.c_str());
+    }
+}

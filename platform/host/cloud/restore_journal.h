@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+
+#include <sys/types.h>
+
+#include "files.h"
+#include "report.h"
+
+/// The report that a restore keeps as it goes, so that it can be undone whenever its process was killed: each
+/// change is in it before it is made.
+class RestoreJournal
+{
+public:
+    /// Begins a journal in place of that of the restore before.
+    ///
+    /// @throws PlatformError when it can't be kept; the one before is then still there
+    explicit RestoreJournal(const ExchangeReport &undecided);
+
+    /// @throws PlatformError when a pending change can't be kept, and so must not be made
+    void note(size_t number, const Change &change);
+
+    void finish(const ExchangeReport &report);
+
+private:
+    bool append(const std::string &line);
+
+    Descriptor file;
+    off_t size = 0;      ///< of its whole lines
+    std::string backlog; ///< lines that did not fit yet
+};

@@ -1,0 +1,201 @@
+  $ . "$TESTDIR/helpers"
+  $ cloud=$IME_BACKUP_HOST_DIR/cloud
+
+A store that isn't there is not an empty one, and is made by a backup alone.
+
+  $ ime-backupctl list
+  ime-backupctl: there is no backup yet: WORK/state/cloud is made by the first one
+  $ IME_BACKUP_CLOUD_STORE=$PWD/store try_each <<'END'
+  > list
+  > verify
+  > prune --keep 1
+  > show
+  > delete 1
+  > import /dev/null
+  > END
+  3 ime-backupctl: there is no cloud store HERE/store; "ime-backupctl backup" makes it
+  3 ime-backupctl: there is no cloud store HERE/store; "ime-backupctl backup" makes it
+  3 ime-backupctl: there is no cloud store HERE/store; "ime-backupctl backup" makes it
+  4 ime-backupctl: there is no backup yet in HERE/store
+  4 ime-backupctl: there is no backup yet in HERE/store
+  3 ime-backupctl: there is no cloud store HERE/store; "ime-backupctl backup" makes it
+  $ ls -d store $cloud 2>/dev/null
+  [2]
+
+A backup that would hold what the newest holds already can be left out; nothing else counts as the same.
+
+  $ ime-backupctl settings set default_keyboard kbd
+  $ ime-backupctl backup --if-changed
+  backup 1  DAY TIME
+  $ ime-backupctl backup --if-changed
+  backup 1 holds the same settings; nothing was stored
+  $ ime-backupctl settings set selected_lang ko_KR,en_US
+  $ ime-backupctl diff; ime-backupctl backup --if-changed --json
+  backup 1 and the device hold the same settings
+  {
+    "succeeded" : true,
+    "reason" : "",
+    "backup" : 1,
+    "stored" : false
+  }
+  $ ime-backupctl settings set auto_space off
+  $ ime-backupctl diff
+  setting     backup 1  device
+  auto_space  true      false
+  [1]
+  $ ime-backupctl backup --if-changed
+  backup 2  DAY TIME
+  $ sed -i s/kbd/KBD/ $cloud/backup-000002.json
+  $ ime-backupctl backup --if-changed
+  backup 3  DAY TIME
+
+Two backups differ, or one and the device, or it can't be told.
+
+  $ ime-backupctl diff 1 3
+  setting     backup 1  backup 3
+  auto_space  true      false
+  [1]
+  $ ime-backupctl diff 3
+  backup 3 and the device hold the same settings
+  $ printf 'diff %s\n' '1 3' 2 '1 9' | try_each
+  1 
+  5 ime-backupctl: backup 2 is damaged: it has been changed since it was written, or is cut short
+  4 ime-backupctl: there is no backup 9
+  $ ime-backupctl settings unset default_keyboard; echo diff | try_each
+  3 ime-backupctl: no input method is active
+  $ ime-backupctl settings set default_keyboard kbd
+
+What is in the store is checked.
+
+  $ put_backup 4 "$(record a 1 '[]')"
+  $ ime-backupctl verify
+  id  time  age  keyboard  languages
+  1   DAY TIME  AGE  kbd       en_US,ko_KR
+  2   damaged: it has been changed since it was written, or is cut short
+  3   DAY TIME  AGE  kbd       en_US,ko_KR
+  4   damaged: record "a" holds no snapshot
+  4 backups, 2 damaged
+  [1]
+  $ ime-backupctl verify 1 3 | tail -n 1
+  2 backups, 0 damaged
+  $ echo verify 9 | try_each
+  4 ime-backupctl: there is no backup 9
+
+Deleted: all that were named or none. A number is never given again.
+
+  $ ime-backupctl backup
+  backup 5  DAY TIME
+  $ echo delete 1 9 | try_each
+  4 ime-backupctl: there is no backup 9
+  $ ime-backupctl delete 5 1 5
+  backup 1  deleted
+  backup 5  deleted
+  $ ime-backupctl backup
+  backup 6  DAY TIME
+  $ ime-backupctl delete 2 3 4 6
+  backup 2  deleted
+  backup 3  deleted
+  backup 4  deleted
+  backup 6  deleted
+  $ ime-backupctl list; ime-backupctl backup
+  backup 7  DAY TIME
+
+Pruned: never the newest one that is good.
+
+  $ for day in 1 30; do
+  >     put_backup $((40 - day)) "$(record 0 $(($(date +%s -d "$day days ago") * 1000)) '{"default_keyboard":"kbd"}')"
+  > done
+  $ put_backup 40 "$(record 0 1 'no JSON')"
+  $ ime-backupctl prune --keep 1 --keep-within 2d --dry-run
+  backup 10  would be deleted
+  $ ime-backupctl prune --keep 0 --dry-run --json | tr -d ' \n'
+  {"deleted":[7,10,40],"kept":[39]} (no-eol)
+  $ ime-backupctl prune --keep 1 --keep-within 12h
+  backup 10  deleted
+  $ ime-backupctl list | cut -c 1-3
+  id 
+  7  
+  39 
+  40 
+  $ ime-backupctl prune --keep 1
+  backup 7  deleted
+
+Out of the store and into it: a backup, a bare snapshot, whatever is odd about it.
+
+  $ ime-backupctl export 39 file
+  backup 39  written to file
+  $ cmp file $cloud/backup-000039.json; stat -c %a file
+  600
+  $ ime-backupctl import file
+  backup 41  imported
+  $ command ime-backupctl export 41 - | ime-backupctl import -
+  backup 42  imported
+  $ cmp file $cloud/backup-000042.json
+  $ ime-backupctl show 42 --json >snapshot; cat snapshot
+  {"default_keyboard":"kbd"}
+  $ ime-backupctl import <(cat snapshot) >/dev/null
+  ime-backupctl: it has no selected_lang
+  ime-backupctl: it has no handwriting
+  ime-backupctl: it has no prediction
+  ime-backupctl: it has no auto_space
+  ime-backupctl: it has no auto_capitalize
+  ime-backupctl: it has no auto_punctuation
+  ime-backupctl: it has no key_tap_sound
+  ime-backupctl: it has no key_tap_vib
+  $ ime-backupctl show --json | cmp - snapshot
+  $ printf '%s' ' {"handwriting":1,"selected_lang":[{"lang_id":"en_US"},7],"mood":"good"}' >odd
+  $ ime-backupctl import odd --json | tr -d ' \n'
+  ime-backupctl: it has no default_keyboard
+  ime-backupctl: selected_lang has elements that are no languages
+  ime-backupctl: handwriting is of another type than a backup's
+  ime-backupctl: it has no prediction
+  ime-backupctl: it has no auto_space
+  ime-backupctl: it has no auto_capitalize
+  ime-backupctl: it has no auto_punctuation
+  ime-backupctl: it has no key_tap_sound
+  ime-backupctl: it has no key_tap_vib
+  ime-backupctl: it has a "mood", which is no setting
+  {"succeeded":true,"reason":"","backup":44,"stored":true} (no-eol)
+  $ ime-backupctl show
+  default_keyboard  (not set)
+  selected_lang     en_US
+  handwriting       true
+  prediction        (not set)
+  auto_space        (not set)
+  auto_capitalize   (not set)
+  auto_punctuation  (not set)
+  key_tap_sound     (not set)
+  key_tap_vib       (not set)
+  $ for text in "{'mood':1}" '{}{}' $'\xef\xbb\xbf{}' '{"a":1,/**/"b":.5}'; do
+  >     echo "$text" | ime-backupctl import - >/dev/null 2>&1; ime-backupctl show --json | python3 -c 'import json, sys; print(json.load(sys.stdin))'
+  > done
+  {'mood': 1}
+  {}
+  {}
+  {'a': 1, 'b': 0.5}
+  $ head -c -9 file >cut; printf '{"a":"\xff"}' >latin; echo '[1]' >array; truncate -s 17M large
+  $ printf 'import %s\n' cut latin array large . nowhere file/file | try_each
+  5 ime-backupctl: cut can't be imported: it is cut short
+  1 ime-backupctl: latin can't be imported: it is no UTF-8 text
+  1 ime-backupctl: array can't be imported: it is neither a backup nor a snapshot: it is no JSON object
+  1 ime-backupctl: large can't be imported: it is larger than 16777216 bytes
+  1 ime-backupctl: . can't be imported: it can't be read: Is a directory
+  1 ime-backupctl: nowhere can't be imported: No such file or directory
+  1 ime-backupctl: file/file can't be imported: Not a directory
+  $ ln -s /proc/self/fd/1 pipe; command ime-backupctl -q export 39 pipe | cmp - file; ls -l pipe | grep -o -- '->.*'; ln -s nowhere link
+  -> /proc/self/fd/1
+  $ printf 'export 39 %s\n' . nowhere/file /dev/full /dev/null link $cloud/x | try_each; ls nowhere 2>/dev/null
+  1 ime-backupctl: can't write .: Is a directory
+  1 ime-backupctl: can't write nowhere/file: No such file or directory
+  1 ime-backupctl: can't write /dev/full: No space left on device
+  0 
+  1 ime-backupctl: can't write link: it is a link to nothing
+  1 ime-backupctl: can't write WORK/state/cloud/x: that is in the cloud store
+  [2]
+  $ echo export 40 file | try_each; cmp file $cloud/backup-000039.json
+  5 ime-backupctl: backup 40 is damaged: record "0" holds no snapshot
+  $ mkdir $cloud/backup-000099.json; ime-backupctl prune --keep 0 | tail -n 3
+  ime-backupctl: can't remove WORK/state/cloud/backup-000099.json: Is a directory
+  backup 45  deleted
+  backup 46  deleted
+  backup 47  deleted
