@@ -157,7 +157,7 @@ std::string help_of(const CLI::App &command)
     text += describe_options(options_of(root_of(command)), "Options of all commands");
     if (is_program)
         text += describe_surroundings();
-    if (command.get_footer() != "")
+    if (!command.get_footer().empty())
         text += "\nExample: " + command.get_footer() + "\n";
     return text;
 }

@@ -132,7 +132,7 @@ static Json json_of(const SettingRow &row, const DeviceValue &value)
     if (const bool *truth = std::get_if<bool>(&*value); truth != nullptr)
         return *truth;
     if (const int *number = std::get_if<int>(&*value); number != nullptr)
-        return Json(*number != 0);
+        return {*number != 0};
     const auto &text = std::get<std::string>(*value);
     return row.form == SettingForm::languages ? Json(split_languages(text)) : Json(text);
 }

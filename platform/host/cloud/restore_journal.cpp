@@ -38,8 +38,9 @@ void RestoreJournal::note(size_t number, const Change &change)
 
 void RestoreJournal::finish(const ExchangeReport &report)
 {
-    backlog.clear(); // the report has all of it
-    if (!append(encode_report(report)) || fdatasync(file.get()) != 0)
+    backlog.clear();                                 // the report has all of it
+    const bool is_changed = !report.changes.empty(); // else there is nothing to undo after a power cut
+    if (!append(encode_report(report)) || (is_changed && fdatasync(file.get()) != 0))
         g_printerr("liborvanta-cloud-svc: %s lacks the result\n",
                    (state_root() / LAST_RESTORE).string().c_str());
 }
