@@ -107,9 +107,8 @@ static int run_and_tell(Cli &cli, int argc, char **argv)
     }
 }
 
-int main(int argc, char **argv)
+static int run_program(int argc, char **argv)
 {
-    prepare_process();
     Cli cli;
     build_cli(cli);
     const int status = run_and_tell(cli, argc, argv);
@@ -123,4 +122,15 @@ int main(int argc, char **argv)
         return fail(cli.failure_status, std::string("can't write to standard output: ") +
                                             (errno != 0 ? strerror(errno) : "some of it is lost"));
     return status;
+}
+
+int main(int argc, char **argv)
+{
+    prepare_process();
+    try {
+        return run_program(argc, argv);
+    } catch (const std::exception &error) {
+        fprintf(stderr, "ime-backupctl: %s\n", error.what());
+        return EXIT_FAILED;
+    }
 }

@@ -1,8 +1,7 @@
 // Writes ime-backupctl's manual: a template, with what the help tells in it. So the two can't differ.
 
-#include <algorithm>
+#include <cstdio>
 #include <fstream>
-#include <iostream>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -131,12 +130,8 @@ static std::string describe_notes(const Note (&notes)[COUNT], const char *macro)
     return in_list(items);
 }
 
-int main(int argc, char **argv)
+static int make_manual(const char *template_file, const char *manual_file)
 {
-    if (argc != 3) {
-        std::cerr << "Usage: make-manual TEMPLATE MANUAL\n";
-        return EXIT_USAGE;
-    }
     Cli cli;
     build_cli(cli);
     const std::map<std::string, std::string> parts = {
@@ -147,11 +142,25 @@ int main(int argc, char **argv)
         {"@EXIT_STATUSES@", describe_notes(EXIT_STATUSES, "")},
         {"@EXAMPLES@", describe_examples(cli.app)},
     };
-    std::ifstream manual_template(argv[1]);
-    std::ofstream manual(argv[2]);
+    std::ifstream manual_template(template_file);
+    std::ofstream manual(manual_file);
     for (std::string line; std::getline(manual_template, line);) {
         const auto part = parts.find(line);
         manual << (part == parts.end() ? line + "\n" : part->second);
     }
     return manual_template.eof() && manual.flush() ? EXIT_DONE : EXIT_FAILED;
+}
+
+int main(int argc, char **argv)
+{
+    if (argc != 3) {
+        fprintf(stderr, "Usage: make-manual TEMPLATE MANUAL\n");
+        return EXIT_USAGE;
+    }
+    try {
+        return make_manual(argv[1], argv[2]);
+    } catch (const std::exception &error) {
+        fprintf(stderr, "make-manual: %s\n", error.what());
+        return EXIT_FAILED;
+    }
 }
