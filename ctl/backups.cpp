@@ -15,9 +15,6 @@ std::string name_of(BackupNumber number)
     return "backup " + std::to_string(number);
 }
 
-/// What of a snapshot is told in a list of backups: places in the table of settings.
-static constexpr size_t LISTED_SETTINGS[] = {0, 1};
-
 // Times.
 
 std::optional<std::int64_t> parse_date(const std::string &date)
@@ -97,17 +94,18 @@ Backup read_whole(const CloudStore &store, BackupNumber number)
 }
 
 /// A setting of a snapshot, in a list of backups: of languages, a script gets the count.
-static Cell describe(const SettingRow &row, const DeviceValue &value)
+static Cell describe(const Snapshot &snapshot, SettingForm form)
 {
+    const SettingRow &row = first_of(form);
+    const DeviceValue &value = snapshot[static_cast<size_t>(&row - SETTINGS)];
     const Cell cell = cell_of(row, value);
-    if (row.form != SettingForm::languages || !value)
+    if (form != SettingForm::languages || !value)
         return cell;
     return {split_languages(std::get<std::string>(*value)).size(), cell.text};
 }
 
 static std::vector<Cell> describe(BackupNumber number, const Backup &backup)
 {
-    const auto &[keyboard, languages] = LISTED_SETTINGS;
     const Snapshot snapshot = read_snapshot(snapshot_in(backup));
     const std::string date = date_of(backup.records);
     return {number,
@@ -115,8 +113,8 @@ static std::vector<Cell> describe(BackupNumber number, const Backup &backup)
             {nullptr, format_age(date)},
             backup.content.size(),
             {true, ""},
-            describe(SETTINGS[keyboard], snapshot[keyboard]),
-            describe(SETTINGS[languages], snapshot[languages]),
+            describe(snapshot, SettingForm::identifier),
+            describe(snapshot, SettingForm::languages),
             ""};
 }
 

@@ -27,7 +27,7 @@ struct Command {
     const char *name;
     const char *group;
     const char *summary;
-    const char *details; ///< paragraphs with a line feed between them
+    const char *details; ///< what the summary leaves out
     const char *example;
 };
 

@@ -1,12 +1,6 @@
 #include "cli.h"
 #include "setting.h"
 
-/// Nothing is made, be it an empty settings store, when settings are only read.
-static void begin_reading()
-{
-    account().start({}, Account::Kind::trial);
-}
-
 static void show_settings(Cli &cli, bool with_places)
 {
     begin_reading();

@@ -1,4 +1,3 @@
-#include <functional>
 #include <unistd.h>
 
 #include "backups.h"
@@ -31,11 +30,6 @@ struct Finding {
 
 } // namespace
 
-static const SettingRow &keyboard()
-{
-    return SETTINGS[0];
-}
-
 static Finding look_at_scim()
 {
     const std::string address = "SCIM_SOCKET_ADDRESS, " + ScimDaemon::default_address();
@@ -49,9 +43,10 @@ static Finding look_at_scim()
 
 static Finding look_at_keyboard()
 {
+    const SettingRow &keyboard = first_of(SettingForm::identifier);
     try {
-        const DeviceValue value = access_to(keyboard()).read(keyboard());
-        return value ? Finding{State::fine, format_value(keyboard(), value), ""}
+        const DeviceValue value = access_to(keyboard).read(keyboard);
+        return value ? Finding{State::fine, format_value(keyboard, value), ""}
                      : Finding{State::missing, "no input method is active", HINT_KEYBOARD};
     } catch (const PlatformError &) {
         return {State::missing, "not known without the SCIM daemon", "Start the SCIM daemon"};
@@ -76,14 +71,12 @@ static Finding look_at_store()
         return {State::missing, "can't write in " + folder.string(),
                 "Set IME_BACKUP_HOST_DIR to a folder that you can write in"};
     const SettingRow &row = find_setting(MEMBER_HANDWRITING);
-    std::error_code ignored;
-    const bool exists = fs::exists(folder / "settings.db", ignored);
     try {
         access_to(row).require_writable();
         for (const SettingRow &setting : all_settings())
             if (setting.place == row.place)
                 access_to(setting).read(setting);
-        return {State::fine, "in " + folder.string() + (exists ? "" : ", made when something is set"), ""};
+        return {State::fine, "in " + folder.string(), ""};
     } catch (const PlatformError &error) {
         return {State::missing, error.what(),
                 "Free space on the disk if it is full. A store that is damaged can be moved away: a new one "
@@ -163,7 +156,7 @@ static Finding look_at_last_exchange()
 
 static void status(Cli &cli)
 {
-    account().start({}, Account::Kind::trial); // nothing is made, be it an empty settings store
+    begin_reading();
     const struct {
         const char *what;
         const char *name;

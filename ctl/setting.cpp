@@ -39,6 +39,17 @@ const SettingRow &find_setting(const std::string &name)
                      (hint.empty() ? "; there are " + join(names, ", ") : hint));
 }
 
+const SettingRow &first_of(SettingForm form)
+{
+    return *std::find_if(std::begin(SETTINGS), std::end(SETTINGS),
+                         [&](const SettingRow &row) { return row.form == form; });
+}
+
+void begin_reading()
+{
+    account().start({}, Account::Kind::trial);
+}
+
 const DeviceAccess &access_to(const SettingRow &row)
 {
     const DeviceAccess *access = device_access(row.place);

@@ -15,6 +15,12 @@ std::vector<std::string> names_of_settings();
 /// @throws UsageError when there is no setting of this name
 const SettingRow &find_setting(const std::string &name);
 
+/// The first setting of a snapshot that has this form.
+const SettingRow &first_of(SettingForm form);
+
+/// From here on this program only reads: nothing is made on the way, be it an empty settings store.
+void begin_reading();
+
 /// How this program reaches a setting.
 ///
 /// @throws PlatformError when no library of the host keeps it

@@ -200,8 +200,12 @@ The manuals are without fault, and tell of each member that a script gets.
   > done | sed -En 's/^ *"([a-z]+)" :.*/\1/p' | sort -u | while read -r member; do
   >     grep -qw -- "$member" <(man -l $manual | sed -n '/^JSON/,/^[EF]/p') || echo "$member is not in the manual"
   > done
-  $ grep -o 'http[^"]*' $SOURCE/backup/include/ime_backup_operations.h | grep -vFf - $SOURCE/backup/ime-backup-service.8 | grep http
-  [1]
+  $ grep -o 'http[^"]*' $SOURCE/backup/include/ime_backup_operations.h | while read -r operation; do
+  >     grep -c -- "$operation\$" $SOURCE/backup/ime-backup-service.8
+  > done
+  1
+  1
+  1
 
 Standard output that is full or closed: what could not be said is not said to be done.
 
