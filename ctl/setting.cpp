@@ -164,20 +164,9 @@ Table table_of(const std::vector<ChangedSetting> &changes)
 
 // What a restore came to.
 
-/// The report's value of a setting before the restore.
-static std::string value_before(const ExchangeReport &report, const SettingRow &row)
-{
-    for (const SettingReport &setting : report.settings)
-        if (setting.member == row.member && setting.before &&
-            std::holds_alternative<std::string>(*setting.before))
-            return std::get<std::string>(*setting.before);
-    return "";
-}
-
 static std::string why_languages_differ(const ExchangeReport &report, const std::string &wanted)
 {
-    const auto &[downloaded_row, with_handwriting_row] = DOWNLOADED_LISTS;
-    const std::string downloaded = value_before(report, downloaded_row);
+    const std::string downloaded = list_before(report, DOWNLOADED_LISTS[0]);
     std::vector<std::string> missing;
     const std::vector<std::string> languages = split_languages(wanted);
     for (const std::string &language : languages)
@@ -190,16 +179,14 @@ static std::string why_languages_differ(const ExchangeReport &report, const std:
     return join(missing, ", ") + (missing.size() == 1 ? " is" : " are") + " not downloaded";
 }
 
-/// Why the last change to a setting was not made, or empty when it was or there was none.
-static std::string why_unwritten(const ExchangeReport &report, const SettingRow &row)
+/// The last change to a setting; null when there was none.
+static const Change *find_change(const ExchangeReport &report, const SettingRow &row)
 {
-    std::string why;
-    for (const Change &change : report.changes)
-        if (change.place == row.place && change.key == row.key)
-            why = change.outcome == Change::Outcome::made      ? ""
-                  : change.outcome == Change::Outcome::refused ? "it could not be written"
-                                                               : "it may not have been written";
-    return why;
+    const auto found =
+        std::find_if(report.changes.rbegin(), report.changes.rend(), [&](const Change &change) {
+            return change.place == row.place && change.key == row.key;
+        });
+    return found == report.changes.rend() ? nullptr : &*found;
 }
 
 static std::string why_different(const ExchangeReport &report, const SettingOutcome &outcome)
@@ -208,8 +195,10 @@ static std::string why_different(const ExchangeReport &report, const SettingOutc
         return "no record was applied";
     if (outcome.wanted && is_same_value(outcome.row, outcome.wanted, outcome.after))
         return "";
-    if (const std::string why = why_unwritten(report, outcome.row); !why.empty())
-        return why;
+    const Change *change = find_change(report, outcome.row);
+    if (change != nullptr && change->outcome != Change::Outcome::made)
+        return change->outcome == Change::Outcome::refused ? "it could not be written"
+                                                           : "it may not have been written";
     if (!outcome.wanted ||
         (outcome.row.form == SettingForm::identifier && std::get<std::string>(*outcome.wanted).empty()))
         return "the backup does not hold it";
@@ -218,7 +207,9 @@ static std::string why_different(const ExchangeReport &report, const SettingOutc
         why = why_languages_differ(report, std::get<std::string>(*outcome.wanted));
     else if (outcome.row.member == std::string(MEMBER_HANDWRITING) && outcome.after == DeviceValue(false))
         why = "no restored language can be written by hand";
-    return why.empty() ? "something else changed it meanwhile" : why;
+    if (!why.empty())
+        return why;
+    return change == nullptr ? "it was not written" : "something else changed it meanwhile";
 }
 
 std::vector<SettingOutcome> tell_outcomes(const ExchangeReport &report)

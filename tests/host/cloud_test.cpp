@@ -271,11 +271,24 @@ struct Service {
     std::set<std::string> unappliable = {}; ///< values
     bool hand_back = true;
     bool hand_back_all = true;
+    std::set<std::string> unused = {};       ///< settings that it neither reads nor writes
     std::function<void()> meanwhile = [] {}; ///< done to the device
 
     std::string called = {}; ///< the callbacks
     int result = -1;
 } service;
+
+void use_settings()
+{
+    const auto use = [](const SettingRow &row) {
+        for (const Use how : {Use::reading, Use::writing})
+            if (!service.unused.contains(row.member))
+                account().note(how, row.place, row.key);
+    };
+    std::for_each(std::begin(SETTINGS), std::end(SETTINGS), use);
+    std::for_each(std::begin(DOWNLOADED_LISTS), std::end(DOWNLOADED_LISTS), use);
+    service.meanwhile();
+}
 
 void on_prepare_backup()
 {
@@ -302,7 +315,7 @@ void on_keys_and_dates()
 void on_backup(orvanta_cloud_list_handle list)
 {
     service.called += "backup ";
-    service.meanwhile();
+    use_settings();
     orvanta_cloud_record_handle record = nullptr;
     EXPECT_EQ(orvanta_cloud_list_get_current_record(list, &record), 0);
     if (service.value)
@@ -342,12 +355,12 @@ void on_path()
 void on_restoration(orvanta_cloud_source_handle source)
 {
     service.called += "restoration ";
-    service.meanwhile();
     orvanta_cloud_list_handle list = nullptr;
     ASSERT_EQ(orvanta_cloud_file_create_record_list(source, &list), 0);
     do {
         orvanta_cloud_record_handle record = nullptr;
         char *value = nullptr;
+        use_settings();
         orvanta_cloud_list_get_current_record(list, &record);
         orvanta_cloud_record_get_value(record, &value);
         if (service.unappliable.contains(value))
@@ -638,7 +651,10 @@ TEST_F(OnADevice, AnyTroubleFailsABackup)
         EXPECT_EQ(report.troubles.size(), 1);
     }
     EXPECT_TRUE(CloudStore().list().numbers.empty());
-    EXPECT_EQ(run_exchange(false).reason, "") << "each exchange has an account of its own";
+    EXPECT_EQ(run_exchange(false, {.unused = {"handwriting"}}).reason, "the service did not read handwriting")
+        << "each exchange has an account of its own";
+    const auto overwrite = [] { EXPECT_THROW(change(KEY, false, Change::Outcome::made), PlatformError); };
+    EXPECT_EQ(run_exchange(false, {.meanwhile = overwrite}).reason, "");
 }
 
 TEST_F(OnADevice, ARestoreIsJudgedByTheAccount)
@@ -693,6 +709,27 @@ TEST_F(OnADevice, ARestoreIsJudgedByTheAccount)
     EXPECT_EQ(run_exchange(true).reason, "the device can't be read");
     EXPECT_EQ(service.called, "prepare path completed ") << "the service must not begin to change it";
     EXPECT_EQ(read_file(root.path / LAST_RESTORE), kept);
+}
+
+TEST_F(OnADevice, ARestoreTakesAllThatItShouldAskFor)
+{
+    CloudStore().add(
+        encode_record_file({{"0", "1", R"({"selected_lang":[{"lang_id":"en"},{"lang_id":"de"}]})"}}));
+    const struct {
+        const char *unused;
+        const char *downloaded;
+        const char *reason;
+    } cases[] = {
+        {"", "en#", ""},
+        {"selected_lang", "fr#e#", ""},
+        {"selected_lang", "en#", "not restored: selected_lang"},
+        {"handwriting", "en#", "not restored: handwriting"},
+        {"downloaded_lang", "en#", "the service did not read downloaded_lang"},
+    };
+    for (const auto &test : cases) {
+        device[VCONFKEY_ISE_LPM_DOWNLOADED_LANG] = test.downloaded;
+        EXPECT_EQ(run_exchange(true, {.unused = {test.unused}}).reason, test.reason);
+    }
 }
 
 TEST_F(OnADevice, ATrialStoresNothing)

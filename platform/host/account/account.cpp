@@ -1,7 +1,5 @@
 #include "account.h"
 
-#include <map>
-
 #include "errors.h"
 
 void Account::start(Observer new_observer, Kind new_kind)
@@ -17,6 +15,7 @@ void Account::finish()
     kind = Kind::real;
     noted_changes.clear();
     noted_troubles.clear();
+    uses.clear();
     kept.clear();
 }
 
@@ -56,6 +55,12 @@ void Account::note(const Trouble &trouble)
         if (noted.place == trouble.place && noted.reason == trouble.reason)
             return;
     noted_troubles.push_back(trouble);
+}
+
+size_t Account::count(Use use, const SettingRow &row) const
+{
+    const auto found = uses.find({use, row.place, row.key});
+    return found == uses.end() ? 0 : found->second;
 }
 
 Account &account()

@@ -8,9 +8,11 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <variant>
 #include <vector>
 
@@ -47,6 +49,9 @@ struct Trouble {
     std::string reason; ///< for a person, on one line
 };
 
+/// What a library was asked to do with a key.
+enum class Use { reading, writing };
+
 class Account
 {
 public:
@@ -81,6 +86,13 @@ public:
     /// Notes a trouble, once.
     void note(const Trouble &trouble);
 
+    /// Notes that a key was to be read or written, whatever comes of it. What the service asked for and is
+    /// not noted failed on its way here.
+    void note(Use use, SettingPlace place, const std::string &key) { uses[{use, place, key}]++; }
+
+    /// How often.
+    size_t count(Use use, const SettingRow &row) const;
+
     /// Keeps something, such as a connection, until the account is finished.
     void keep(std::shared_ptr<void> object) { kept.push_back(std::move(object)); }
 
@@ -90,6 +102,7 @@ public:
 private:
     std::vector<Change> noted_changes;
     std::vector<Trouble> noted_troubles;
+    std::map<std::tuple<Use, SettingPlace, std::string>, size_t> uses;
     std::vector<std::shared_ptr<void>> kept;
     Observer observer;
     Kind kind = Kind::real;

@@ -3,6 +3,7 @@
 #include "exchange.h"
 
 #include <algorithm>
+#include <span>
 
 #include <glib.h>
 
@@ -12,6 +13,8 @@
 #include "paths.h"
 #include "snapshot.h"
 #include "text.h"
+
+static constexpr char NOT_READ[] = "the service did not read ";
 
 Exchange::Exchange(Direction which, const Callbacks &registered) : direction(which), callbacks(registered)
 {
@@ -59,6 +62,9 @@ void Exchange::ask_for_keys_and_dates()
     ask(Answer::keys_and_dates, callbacks.keys_and_dates);
     if (!records || records->empty())
         throw HostError("the service announced no records");
+    for (const CloudRecord &record : *records)
+        if (!record.key || !record.date)
+            throw HostError("the service announced a record without a key or a date");
     exchange_report.records = *records;
 }
 
@@ -91,6 +97,7 @@ void Exchange::upload()
         throw HostError("the backup file is not what was written into it");
     const CloudRecords filled = check_upload(content);
     exchange_report.snapshot = filled.back().value.value_or("");
+    require_all_read();
     store(content, filled);
 }
 
@@ -108,6 +115,33 @@ CloudRecords Exchange::check_upload(const std::string &content) const
             throw HostError("record \"" + key + "\" has no value: the settings could not be read");
     }
     return filled;
+}
+
+/// Calls `visit` with each of these that the host keeps.
+template <class Visit>
+static void for_each_kept(std::span<const SettingRow> rows, Visit visit)
+{
+    for (const SettingRow &row : rows)
+        if (const DeviceAccess *access = device_access(row.place); access != nullptr)
+            visit(row, *access);
+}
+
+/// Those that the service did not read for each of so many records.
+static std::vector<std::string> find_unread(std::span<const SettingRow> rows, size_t records)
+{
+    std::vector<std::string> unread;
+    for_each_kept(rows, [&](const SettingRow &row, const DeviceAccess &) {
+        if (account().count(Use::reading, row) < records)
+            unread.emplace_back(row.member);
+    });
+    return unread;
+}
+
+/// A read that fails on its way here leaves a default in the snapshot, and nothing else in the account.
+void Exchange::require_all_read() const
+{
+    if (const auto unread = find_unread(SETTINGS, records->size()); !unread.empty())
+        throw HostError(NOT_READ + join(unread, ", "));
 }
 
 static bool holds_same(const CloudRecords &one, const CloudRecords &other)
@@ -178,14 +212,8 @@ void Exchange::download()
 template <class Visit>
 static void for_each_row(Visit visit)
 {
-    const auto visit_row = [&](const SettingRow &row) {
-        if (const DeviceAccess *access = device_access(row.place); access != nullptr)
-            visit(row, *access);
-    };
-    for (const SettingRow &row : SETTINGS)
-        visit_row(row);
-    for (const SettingRow &row : DOWNLOADED_LISTS)
-        visit_row(row);
+    for_each_kept(SETTINGS, visit);
+    for_each_kept(DOWNLOADED_LISTS, visit);
 }
 
 /// A device that can't be read or written now is one that the service must not begin to change.
@@ -212,6 +240,9 @@ void Exchange::begin_journal()
 
 void Exchange::keep(size_t number, const Change &change)
 {
+    // The service sets what it could not read to a default: be that kept from what is set.
+    if (direction == Direction::backup && change.outcome == Change::Outcome::pending && change.before)
+        throw PlatformError("a backup must not change what is set: " + change.key);
     if (journal)
         journal->note(number, change);
 }
@@ -226,9 +257,14 @@ void Exchange::have_records_restored()
     exchange_report.records = *records;
     if (records->size() != downloaded.size())
         throw HostError("the service did not hand back all records");
+    std::vector<std::string> applied;
     for (size_t i = 0; i < records->size(); i++)
         if (!(*records)[i].failed)
-            exchange_report.snapshot = downloaded[i].value.value_or("");
+            applied.push_back(downloaded[i].value.value_or(""));
+    if (!applied.empty()) {
+        exchange_report.snapshot = applied.back();
+        find_unasked(applied);
+    }
     require_all_restored();
 }
 
@@ -263,6 +299,41 @@ void Exchange::report_settings()
     });
 }
 
+/// Finds what the service did not ask for although it applied these snapshots.
+void Exchange::find_unasked(const std::vector<std::string> &snapshots)
+{
+    auto setting = exchange_report.settings.begin();
+    for_each_kept(SETTINGS, [&](const SettingRow &row, const DeviceAccess &) {
+        const SettingReport &report = *setting++;
+        if (!has_asked(row, report.after, snapshots) &&
+            std::find(unwritten.begin(), unwritten.end(), row.member) == unwritten.end())
+            unwritten.emplace_back(row.member);
+    });
+}
+
+/// Whether the service has asked for all that a restore of these snapshots takes of a setting. A call that
+/// fails on its way here is in no account.
+bool Exchange::has_asked(const SettingRow &row, const DeviceValue &after,
+                         const std::vector<std::string> &snapshots) const
+{
+    const size_t writes = account().count(Use::writing, row);
+    if (row.form == SettingForm::identifier) { // which may be active already
+        const std::vector<std::string> wanted = texts_in(snapshots.back(), row);
+        return wanted.empty() || after == DeviceValue(wanted.front());
+    }
+    if (row.form == SettingForm::languages) { // of which none may be downloaded
+        const std::string known = list_before(exchange_report, DOWNLOADED_LISTS[0]);
+        const auto is_selected = [&](const std::string &snapshot) {
+            const std::vector<std::string> languages = texts_in(snapshot, row);
+            return std::any_of(languages.begin(), languages.end(), [&](const std::string &language) {
+                return known.find(language) != std::string::npos;
+            });
+        };
+        return std::count_if(snapshots.begin(), snapshots.end(), is_selected) <= static_cast<long>(writes);
+    }
+    return writes >= snapshots.size();
+}
+
 void Exchange::require_all_restored() const
 {
     std::vector<std::string> failed;
@@ -276,6 +347,8 @@ void Exchange::require_all_restored() const
         reasons.push_back("not restored: record " + join(failed, ", "));
     if (!unwritten.empty())
         reasons.push_back("not restored: " + join(unwritten, ", "));
+    if (const auto unread = find_unread(DOWNLOADED_LISTS, records->size() - failed.size()); !unread.empty())
+        reasons.push_back(NOT_READ + join(unread, ", "));
     for (const Trouble &trouble : account().troubles()) {
         if (trouble.kind == Trouble::Kind::unfit) // a restore may well mend it
             continue;

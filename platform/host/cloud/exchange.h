@@ -45,7 +45,9 @@ public:
 
     /// Keeps a change in the journal, if there is one.
     ///
-    /// @throws PlatformError when a pending one can't be kept, and so must not be made
+    /// @throws PlatformError when a pending one can't be kept, or is a backup's to what is set: it must not
+    /// be
+    ///         made
     void keep(size_t number, const Change &change);
 
     /// Gives the exchange its result, with the account as it stands.
@@ -83,9 +85,13 @@ private:
     void have_records_restored();
 
     CloudRecords check_upload(const std::string &content) const;
+    void require_all_read() const;
     void store(const std::string &content, const CloudRecords &filled);
 
     void report_settings();
+    void find_unasked(const std::vector<std::string> &snapshots);
+    bool has_asked(const SettingRow &row, const DeviceValue &after,
+                   const std::vector<std::string> &snapshots) const;
     void require_no_trouble() const;
     void require_all_restored() const;
 

@@ -8,6 +8,15 @@
 #include "errors.h"
 #include "json.h"
 
+std::string list_before(const ExchangeReport &report, const SettingRow &row)
+{
+    for (const SettingReport &setting : report.settings)
+        if (const auto *list = setting.before ? std::get_if<std::string>(&*setting.before) : nullptr;
+            list != nullptr && setting.member == row.member)
+            return *list;
+    return "";
+}
+
 static std::string identity_of(int file)
 {
     struct stat status = {};

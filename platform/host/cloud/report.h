@@ -37,6 +37,9 @@ struct ExchangeReport {
     std::vector<Trouble> troubles;
 };
 
+/// What the device held under a list before the restore; an empty text when that was no list.
+std::string list_before(const ExchangeReport &report, const SettingRow &row);
+
 /// Names an open file that the report of an exchange goes to: the changes as they are made, then the whole.
 inline constexpr char REPORT_VARIABLE[] = "IME_BACKUP_REPORT";
 

@@ -18,23 +18,31 @@ std::vector<std::string> split_languages(const std::string &list)
     return languages;
 }
 
-static DeviceValue read_languages(JsonObject *snapshot, const char *member)
+static std::vector<std::string> read_languages(JsonObject *snapshot, const char *member)
 {
+    std::vector<std::string> languages;
     JsonArray *array = get_array(snapshot, member);
-    if (array == nullptr)
-        return std::nullopt;
-    std::string list;
-    for (guint i = 0; i < json_array_get_length(array); i++)
+    for (guint i = 0; array != nullptr && i < json_array_get_length(array); i++)
         if (const auto language = get_text(get_object(json_array_get_element(array, i)), MEMBER_LANG_ID);
             language)
-            list += *language + LANGUAGE_DELIMITER;
+            languages.push_back(*language);
+    return languages;
+}
+
+static DeviceValue read_list(JsonObject *snapshot, const char *member)
+{
+    if (get_array(snapshot, member) == nullptr)
+        return std::nullopt;
+    std::string list;
+    for (const std::string &language : read_languages(snapshot, member))
+        list += language + LANGUAGE_DELIMITER;
     return list;
 }
 
 static DeviceValue read_member(JsonObject *snapshot, const SettingRow &row)
 {
     if (row.form == SettingForm::languages)
-        return read_languages(snapshot, row.member);
+        return read_list(snapshot, row.member);
     if (row.form == SettingForm::identifier) {
         const auto text = get_text(snapshot, row.member);
         return text ? DeviceValue(*text) : std::nullopt;
@@ -58,6 +66,20 @@ Snapshot read_snapshot(const std::string &text)
     std::transform(std::begin(SETTINGS), std::end(SETTINGS), values.begin(),
                    [&](const SettingRow &row) { return read_member(get_object(root), row); });
     return values;
+}
+
+std::vector<std::string> texts_in(const std::string &text, const SettingRow &row)
+{
+    g_autoptr(JsonNode) root = nullptr;
+    try {
+        root = parse_json(text);
+    } catch (const HostError &) {
+        return {};
+    }
+    if (row.form == SettingForm::languages)
+        return read_languages(get_object(root), row.member);
+    const std::string identifier = get_text(get_object(root), row.member).value_or("");
+    return identifier.empty() ? std::vector<std::string>() : std::vector<std::string>{identifier};
 }
 
 bool is_snapshot(const std::string &text)
@@ -102,7 +124,7 @@ static std::string find_oddity(JsonObject *snapshot, const SettingRow &row)
         return std::string(row.member) + " is of another type than a backup's";
     if (row.form != SettingForm::languages)
         return "";
-    const auto read = split_languages(std::get<std::string>(*read_languages(snapshot, row.member)));
+    const auto read = split_languages(std::get<std::string>(*read_list(snapshot, row.member)));
     return read.size() == json_array_get_length(json_node_get_array(node))
                ? ""
                : std::string(row.member) + " has elements that are no languages";

@@ -12,6 +12,10 @@ using Snapshot = std::vector<DeviceValue>;
 /// Reads a snapshot as the service does. One that is no JSON object holds nothing.
 Snapshot read_snapshot(const std::string &text);
 
+/// The texts that a snapshot holds for a setting that is an identifier or languages: none for an empty
+/// identifier. A language is as it is written, be the delimiter in it.
+std::vector<std::string> texts_in(const std::string &text, const SettingRow &row);
+
 /// Whether a text is a snapshot, be it an odd one: any JSON object.
 bool is_snapshot(const std::string &text);
 

@@ -64,6 +64,7 @@ int isf_control_get_active_ime(char **identifier)
 {
     if (identifier == nullptr)
         return FAILED;
+    account().note(Use::reading, PLACE, "");
     try {
         const std::string engine = get_engine();
         if (is_identifier(engine)) {

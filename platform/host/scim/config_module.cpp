@@ -69,6 +69,7 @@ private:
     template <class Value>
     bool get(const scim::String &key, Value *value) const
     {
+        account().note(Use::reading, PLACE, key);
         return with_account([&] {
             const std::optional<Value> stored = daemon->read<Value>(key);
             if (stored)
@@ -83,6 +84,7 @@ private:
     template <class Value>
     bool set(const scim::String &key, const Value &value)
     {
+        account().note(Use::writing, PLACE, key);
         const scim::String text = format_config_text(value);
         Change change = {PLACE, key, {}, parse_config_text(text)};
         return with_account([&] {

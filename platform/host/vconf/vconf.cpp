@@ -90,6 +90,8 @@ static void write_store(Work work)
 /// Stores values, on the account.
 static void set_values(const Settings &settings)
 {
+    for (const auto &[key, value] : settings)
+        account().note(Use::writing, PLACE, key);
     bool is_begun = false;
     std::vector<size_t> changes;
     const auto end_changes = [&](Change::Outcome outcome) {
@@ -149,6 +151,7 @@ int vconf_get_bool(const char *key, int *value)
 {
     if (!is_key(key) || value == nullptr)
         return FAILED;
+    account().note(Use::reading, PLACE, key);
     return with_account([&] {
         const DeviceValue stored = read_store([&](const SettingsStore &store) { return store.get(key); });
         const bool *truth = value_as<bool>(key, stored);
@@ -171,14 +174,16 @@ int vconf_set_bool(const char *key, int value)
 
 char *vconf_get_str(const char *key)
 {
+    if (!is_key(key))
+        return nullptr;
+    account().note(Use::reading, PLACE, key);
     char *value = nullptr;
-    if (is_key(key))
-        with_account([&] {
-            const DeviceValue stored = read_store([&](const SettingsStore &store) { return store.get(key); });
-            if (const auto *text = value_as<std::string>(key, stored); text != nullptr)
-                value = strdup(text->c_str());
-            return DONE;
-        });
+    with_account([&] {
+        const DeviceValue stored = read_store([&](const SettingsStore &store) { return store.get(key); });
+        if (const auto *text = value_as<std::string>(key, stored); text != nullptr)
+            value = strdup(text->c_str());
+        return DONE;
+    });
     return value;
 }
 
@@ -195,6 +200,8 @@ int vconf_get(vconf_keylist_handle list, const char *directory, int option)
         const Settings found = read_store([&](const SettingsStore &store) { return store.below(directory); });
         for (const auto &[key, value] : found)
             list->nodes.insert_or_assign(key, vconf_keynode{key, value, false});
+        if (!found.contains(directory)) // else it is read with its node
+            account().note(Use::reading, PLACE, directory);
         return found.empty() ? FAILED : DONE;
     });
 }
@@ -214,6 +221,7 @@ char *vconf_keynode_get_str(vconf_keynode_handle node)
 {
     if (node == nullptr)
         return nullptr;
+    account().note(Use::reading, PLACE, node->key);
     const auto *text = value_as<std::string>(node->key, node->value);
     return text == nullptr ? nullptr : const_cast<char *>(text->c_str());
 }
