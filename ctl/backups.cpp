@@ -72,21 +72,11 @@ std::string date_of(const CloudRecords &records)
     return records.empty() ? "" : records.front().date.value_or("");
 }
 
-std::string snapshot_in(const Backup &backup)
-{
-    if (backup.records.empty())
-        throw DamagedError("it holds no record");
-    for (const CloudRecord &record : backup.records)
-        if (!is_snapshot(record.value.value_or("")))
-            throw DamagedError("record \"" + record.key.value_or("") + "\" holds no snapshot");
-    return *backup.records.back().value;
-}
-
 Backup read_whole(const CloudStore &store, BackupNumber number)
 {
     try {
         Backup backup = store.read(number);
-        snapshot_in(backup);
+        snapshot_in(backup.records);
         return backup;
     } catch (const DamagedError &error) {
         throw DamagedError(name_of(number) + " is damaged: " + error.what());
@@ -106,7 +96,7 @@ static Cell describe(const Snapshot &snapshot, SettingForm form)
 
 static std::vector<Cell> describe(BackupNumber number, const Backup &backup)
 {
-    const Snapshot snapshot = read_snapshot(snapshot_in(backup));
+    const Snapshot snapshot = read_snapshot(snapshot_in(backup.records));
     const std::string date = date_of(backup.records);
     return {number,
             {utc_time(date), format_date(date)},
@@ -145,7 +135,7 @@ Inspection inspect(const CloudStore &store, const std::vector<BackupNumber> &num
 static bool is_good(const CloudStore &store, BackupNumber number)
 {
     try {
-        snapshot_in(store.read(number));
+        snapshot_in(store.read(number).records);
         return true;
     } catch (const DamagedError &) {
         return false;

@@ -19,11 +19,6 @@ std::string format_date(const std::string &date);
 /// The date of a backup's first record.
 std::string date_of(const CloudRecords &records);
 
-/// The snapshot that a restore of the backup leaves in force: that of its last record.
-///
-/// @throws DamagedError when a record holds none
-std::string snapshot_in(const Backup &backup);
-
 /// Reads a backup of which each record holds a snapshot.
 ///
 /// @throws DamagedError which names the backup

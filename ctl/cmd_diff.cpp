@@ -18,7 +18,7 @@ static Side take_backup(const std::string &id)
 {
     const CloudStore store;
     const BackupNumber number = store.find(id);
-    return {number, name_of(number), read_snapshot(snapshot_in(read_whole(store, number)))};
+    return {number, name_of(number), read_snapshot(snapshot_in(read_whole(store, number).records))};
 }
 
 /// The device, as a backup would have it.

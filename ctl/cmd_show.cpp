@@ -5,7 +5,7 @@
 static void show(Cli &cli, const std::string &id)
 {
     const CloudStore store;
-    const std::string text = snapshot_in(read_whole(store, store.find(id)));
+    const std::string text = snapshot_in(read_whole(store, store.find(id)).records);
     const Snapshot snapshot = read_snapshot(text);
     Table table{{{"name", ""}, {"value", ""}}, {}};
     for (size_t i = 0; i < std::size(SETTINGS); i++)

@@ -83,7 +83,11 @@ static JsonNode *get_value(JsonObject *object, const char *name, GType type)
 std::optional<std::string> get_text(JsonObject *object, const char *name)
 {
     JsonNode *node = get_value(object, name, G_TYPE_STRING);
-    return node == nullptr ? std::nullopt : std::optional<std::string>(json_node_get_string(node));
+    const char *text = node == nullptr ? nullptr : json_node_get_string(node);
+    // JSON-GLib also reads escapes of any byte.
+    if (text == nullptr || g_utf8_validate(text, -1, nullptr) == FALSE)
+        return std::nullopt;
+    return text;
 }
 
 std::optional<gint64> get_integer(JsonObject *object, const char *name)

@@ -4,7 +4,7 @@
 
 #include <glib.h>
 
-#include "errors.h"
+#include "cloud_store.h"
 #include "json.h"
 
 std::vector<std::string> split_languages(const std::string &list)
@@ -90,6 +90,16 @@ bool is_snapshot(const std::string &text)
     } catch (const HostError &) {
         return false;
     }
+}
+
+std::string snapshot_in(const CloudRecords &records)
+{
+    if (records.empty())
+        throw DamagedError("it holds no record");
+    for (const CloudRecord &record : records)
+        if (!is_snapshot(record.value.value_or("")))
+            throw DamagedError("record \"" + record.key.value_or("") + "\" holds no snapshot");
+    return *records.back().value;
 }
 
 bool is_same_value(const SettingRow &row, const DeviceValue &one, const DeviceValue &other)

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "account.h"
+#include "record_file.h"
 
 /// What a snapshot holds for each of #SETTINGS, in their order and in the form in which the device keeps it:
 /// nothing where a member is missing or of another type.
@@ -18,6 +19,11 @@ std::vector<std::string> texts_in(const std::string &text, const SettingRow &row
 
 /// Whether a text is a snapshot, be it an odd one: any JSON object.
 bool is_snapshot(const std::string &text);
+
+/// The snapshot that a restore of these records leaves in force: that of the last one.
+///
+/// @throws DamagedError when a record holds none
+std::string snapshot_in(const CloudRecords &records);
 
 /// Whether two values of a setting are the same. A backup brings languages in an order of its own, so theirs
 /// does not matter.

@@ -1,0 +1,26 @@
+// Whatever is imported is refused, or becomes a backup that is whole, and whose snapshot scripts can read: a
+// strict one is kept as it is.
+
+#include "import.h"
+
+#include "errors.h"
+#include "fuzz.h"
+#include "snapshot.h"
+
+static std::string import_snapshot(const std::string &text)
+{
+    return snapshot_in(decode_record_file(make_importable(text).content));
+}
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    const std::string text = text_of(data, size);
+    try {
+        make_importable(text);
+    } catch (const HostError &) {
+        return 0;
+    }
+    const std::string snapshot = import_snapshot(text);
+    require(is_record_file(text) || import_snapshot(snapshot) == snapshot);
+    return 0;
+}
