@@ -67,6 +67,6 @@ void build_cli(Cli &cli)
     add_common_options(cli);
     for (const auto add :
          {add_backup, add_restore, add_undo, add_list, add_show, add_diff, add_verify, add_delete, add_prune,
-          add_export, add_import, add_settings, add_status, add_info, add_help, add_complete})
+          add_export, add_import, add_settings, add_status, add_info, add_trace, add_help, add_complete})
         add(cli);
 }

@@ -55,8 +55,21 @@ void add_restore(Cli &cli);
 void add_settings(Cli &cli);
 void add_show(Cli &cli);
 void add_status(Cli &cli);
+void add_trace(Cli &cli);
 void add_undo(Cli &cli);
 void add_verify(Cli &cli);
+
+// What trace does, too.
+
+struct RestoreOptions {
+    std::string id;
+    bool is_trial = false;
+    bool is_strict = false;
+};
+
+void make_backup(Cli &cli, bool if_changed);
+void restore(Cli &cli, const RestoreOptions &options);
+void show_info(Cli &cli);
 
 // Arguments that several commands have. Completion goes by their labels.
 
@@ -65,6 +78,7 @@ inline constexpr char LABEL_FILE[] = "FILE";
 inline constexpr char LABEL_SETTING[] = "NAME";
 inline constexpr char LABEL_PAIR[] = "PAIR"; ///< of a setting and its value
 inline constexpr char LABEL_COMMAND[] = "COMMAND";
+inline constexpr char OPTION_FAIL[] = "--fail";
 
 /// An argument that is not empty.
 CLI::Option *add_argument(CLI::App &command, const char *label, std::string &value, const char *description);

@@ -1,9 +1,12 @@
 #include "client.h"
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <optional>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -17,16 +20,28 @@
 #include "ime_backup_operations.h"
 #include "service_log.h"
 #include "text.h"
+#include "trace_options.h"
 
 namespace fs = std::filesystem;
 
 static constexpr guint GRACE_SECONDS = 2;
-/// The number of the report's file in the service.
+/// The numbers of the report's file and of the trace's in the service.
 static constexpr int REPORT_DESCRIPTOR = 3;
+static constexpr int TRACE_DESCRIPTOR = 4;
+
+static std::string find_beside(const char *path_from_bindir)
+{
+    return (fs::read_symlink("/proc/self/exe").parent_path() / path_from_bindir).lexically_normal();
+}
 
 std::string default_service_program()
 {
-    return (fs::read_symlink("/proc/self/exe").parent_path() / SERVICE_FROM_BINDIR).lexically_normal();
+    return find_beside(SERVICE_FROM_BINDIR);
+}
+
+std::string default_trace_library()
+{
+    return find_beside(TRACE_FROM_BINDIR);
 }
 
 namespace
@@ -122,8 +137,73 @@ void end_with_parent(void *)
     prctl(PR_SET_PDEATHSIG, SIGTERM);
 }
 
+/// The trace that a service writes, as it comes.
+class TraceReader
+{
+public:
+    /// Has the service that is to be launched write one.
+    TraceReader(const TraceOptions &trace, GSubprocessLauncher *launcher) : options(trace)
+    {
+        if (!fs::exists(options.library))
+            throw PlatformError("there is no " + options.library + ", which shows the calls");
+        if (options.library.find_first_of(": ") != std::string::npos)
+            throw PlatformError("can't be preloaded, since there is a space or a colon in its path: " +
+                                options.library);
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0)
+            throw PlatformError(std::string("can't make a pipe for the trace: ") + strerror(errno));
+        output = Descriptor(ends[0]);
+        // What the service started may hold the other end when the service has ended.
+        g_unix_set_fd_nonblocking(output.get(), TRUE, nullptr);
+        g_subprocess_launcher_take_fd(launcher, ends[1], TRACE_DESCRIPTOR);
+        g_subprocess_launcher_setenv(launcher, "LD_PRELOAD", options.library.c_str(), TRUE);
+        g_subprocess_launcher_setenv(launcher, TRACE_VARIABLE, std::to_string(TRACE_DESCRIPTOR).c_str(),
+                                     TRUE);
+        g_subprocess_launcher_setenv(launcher, TRACE_FORMAT_VARIABLE, options.as_json ? "json" : "", TRUE);
+        g_subprocess_launcher_setenv(launcher, TRACE_FAIL_VARIABLE, options.failures.c_str(), TRUE);
+        source = g_unix_fd_add(output.get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP), on_output, this);
+    }
+    TraceReader(const TraceReader &) = delete;
+    TraceReader &operator=(const TraceReader &) = delete;
+    ~TraceReader()
+    {
+        if (source != 0)
+            g_source_remove(source);
+    }
+
+    /// Once the service has ended, so that this ends, too.
+    void read_rest()
+    {
+        while (read_some()) {
+        }
+    }
+
+private:
+    bool read_some()
+    {
+        std::array<char, 4096> text = {};
+        const ssize_t count = read(output.get(), text.data(), text.size());
+        if (count > 0)
+            options.on_output({text.data(), static_cast<size_t>(count)});
+        return count > 0 || (count < 0 && errno == EINTR);
+    }
+
+    static gboolean on_output(int, GIOCondition, void *data)
+    {
+        auto *reader = static_cast<TraceReader *>(data);
+        if (reader->read_some())
+            return G_SOURCE_CONTINUE;
+        reader->source = 0;
+        return G_SOURCE_REMOVE;
+    }
+
+    const TraceOptions &options;
+    Descriptor output;
+    guint source = 0;
+};
+
 GSubprocess *launch(const ServiceOptions &options, const Request &request, const Descriptor &report,
-                    const ServiceLog &log)
+                    const ServiceLog &log, std::optional<TraceReader> &trace)
 {
     g_autoptr(GSubprocessLauncher) launcher = g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_NONE);
     // Without a bus, or an instance that runs with other settings could answer in the new one's place.
@@ -138,6 +218,8 @@ GSubprocess *launch(const ServiceOptions &options, const Request &request, const
     g_subprocess_launcher_take_stdout_fd(launcher, dup(output));
     g_subprocess_launcher_take_stderr_fd(launcher, dup(output));
     g_subprocess_launcher_set_child_setup(launcher, end_with_parent, nullptr, nullptr);
+    if (options.trace)
+        trace.emplace(*options.trace, launcher);
 
     g_autoptr(GError) error = nullptr;
     GSubprocess *service =
@@ -239,8 +321,11 @@ Outcome run_exchange(const ServiceOptions &options, const Request &request)
     const ServiceLog log;
     const Descriptor report_file(memfd_create("exchange-report", MFD_CLOEXEC));
     std::optional<Wait> wait(std::in_place, options.timeout_seconds);
-    g_autoptr(GSubprocess) service = launch(options, request, report_file, log);
+    std::optional<TraceReader> trace;
+    g_autoptr(GSubprocess) service = launch(options, request, report_file, log, trace);
     const Stop stopped = wait->wait_for(service);
+    if (trace)
+        trace->read_rest();
     wait.reset();
 
     // What has a result keeps it, however the service ended.
@@ -253,6 +338,12 @@ Outcome run_exchange(const ServiceOptions &options, const Request &request)
         else if (report.reason.empty())
             report.reason = describe_end(service);
         report.reason += describe_work(report, request, service);
+    }
+    // An exchange is called by the end of its operation's identifier. What the service registers decides it.
+    if (report.result == ExchangeReport::Result::succeeded &&
+        !std::string_view(request.operation).ends_with(report.operation)) {
+        report.result = ExchangeReport::Result::failed;
+        report.reason = "the service asked for another exchange: " + report.operation;
     }
 
     const int status = status_of(report, stopped);

@@ -1,15 +1,27 @@
 #pragma once
 
+#include <functional>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "report.h"
 #include "status.h"
+
+/// How to show the service's calls to the platform.
+struct TraceOptions {
+    std::string library;  ///< that is preloaded
+    std::string failures; ///< the calls that are to fail, as the library has them
+    bool as_json = false;
+    std::function<void(std::string_view)> on_output;
+};
 
 /// How to run the backup service.
 struct ServiceOptions {
     std::string program;
     double timeout_seconds = 30;
     bool verbose = false;
+    std::optional<TraceOptions> trace{};
 };
 
 /// What is asked of the service.
@@ -36,5 +48,7 @@ Outcome run_exchange(const ServiceOptions &options, const Request &request);
 /// @throws ToldError when it could not
 std::string take_snapshot(const ServiceOptions &options);
 
-/// The service that was installed beside this program.
+// What was installed beside this program.
+
 std::string default_service_program();
+std::string default_trace_library();

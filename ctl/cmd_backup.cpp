@@ -1,7 +1,7 @@
 #include "backups.h"
 #include "ime_backup_operations.h"
 
-static void backup(Cli &cli, bool if_changed)
+void make_backup(Cli &cli, bool if_changed)
 {
     cli.document.set_result(false);
     const Outcome outcome =
@@ -30,5 +30,5 @@ void add_backup(Cli &cli)
     const auto if_changed = std::make_shared<bool>(false);
     command->add_flag("--if-changed", *if_changed,
                       "Store nothing when the newest backup holds the same settings");
-    command->callback([&cli, if_changed] { backup(cli, *if_changed); });
+    command->callback([&cli, if_changed] { make_backup(cli, *if_changed); });
 }

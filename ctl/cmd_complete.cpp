@@ -5,6 +5,7 @@
 #include "backups.h"
 #include "help.h"
 #include "setting.h"
+#include "trace_options.h"
 
 /// Told to the shell where a file's name may stand.
 static constexpr char FILES[] = ":files";
@@ -102,11 +103,13 @@ static void complete(const CLI::App &program, Words words)
             arguments.push_back(words[i]);
     }
 
-    Words candidates = next_argument(*command, arguments);
+    const bool is_failure = !words.empty() && words.back() == OPTION_FAIL;
+    Words candidates = is_failure ? Words(std::begin(TRACED_FUNCTIONS), std::end(TRACED_FUNCTIONS))
+                                  : next_argument(*command, arguments);
     const auto add = [&](const Words &more) {
         candidates.insert(candidates.end(), more.begin(), more.end());
     };
-    if (arguments.empty())
+    if (arguments.empty() && !is_failure)
         add(command_names(*command));
     if (typed.starts_with("-")) {
         add(option_names(own_options_of(*command)));

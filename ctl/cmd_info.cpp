@@ -1,7 +1,7 @@
 #include "backups.h"
 #include "ime_backup_operations.h"
 
-static void info(Cli &cli)
+void show_info(Cli &cli)
 {
     cli.document.set_result(false);
     const Outcome outcome = run_exchange(cli.service, {.operation = OPERATION_GET_BACKUP_INFO});
@@ -24,5 +24,5 @@ void add_info(Cli &cli)
         add_command(cli.app, {"info", GROUP_DEVICE, "Show the keys and dates of what a backup would hold",
                               "Asks the service what it would back up now. Nothing is read or stored.",
                               "ime-backupctl info --json"});
-    command->callback([&cli] { info(cli); });
+    command->callback([&cli] { show_info(cli); });
 }

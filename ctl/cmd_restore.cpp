@@ -5,17 +5,6 @@
 #include "setting.h"
 #include "text.h"
 
-namespace
-{
-
-struct Options {
-    std::string id;
-    bool is_trial = false;
-    bool is_strict = false;
-};
-
-} // namespace
-
 static bool has_failed(const CloudRecord &record)
 {
     return record.failed;
@@ -55,7 +44,7 @@ static std::vector<std::string> find_different(const std::vector<SettingOutcome>
     return different;
 }
 
-static void restore(Cli &cli, const Options &options)
+void restore(Cli &cli, const RestoreOptions &options)
 {
     cli.document.set_result(false);
     const Outcome outcome = run_exchange(
@@ -91,7 +80,7 @@ void add_restore(Cli &cli)
          "switched on only if one of them is in downloaded_with_handwriting_lang. What a restore changed can "
          "be put back with undo.",
          "ime-backupctl restore 3 --dry-run"});
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RestoreOptions>();
     add_argument(*command, LABEL_ID, options->id, "The backup's number");
     command->add_flag("--dry-run", options->is_trial, "Show what a restore would do, and change nothing");
     command->add_flag("--strict", options->is_strict, "Exit with 1 if a setting is not as the backup has it");

@@ -175,13 +175,13 @@ std::string fit(const std::string &text, size_t width)
     return cut + "\u2026";
 }
 
-/// Columns of a terminal on standard output; nothing when it is none.
-std::optional<size_t> terminal_width()
+/// Columns of a terminal; nothing when the file is none.
+std::optional<size_t> terminal_width(int file)
 {
-    if (isatty(STDOUT_FILENO) == 0)
+    if (isatty(file) == 0)
         return std::nullopt;
     winsize size = {};
-    const bool is_known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col >= 20;
+    const bool is_known = ioctl(file, TIOCGWINSZ, &size) == 0 && size.ws_col >= 20;
     return is_known ? size.ws_col : USUAL_WIDTH;
 }
 
@@ -189,8 +189,9 @@ std::optional<size_t> terminal_width()
 class Layout
 {
 public:
-    explicit Layout(const Table &table)
-        : remarks(table.remarks), screen(terminal_width()), coloured(shows_colour(STDOUT_FILENO))
+    Layout(const Table &table, FILE *stream)
+        : output(stream), remarks(table.remarks), screen(terminal_width(fileno(stream))),
+          coloured(shows_colour(fileno(stream)))
     {
         std::vector<std::string> headings;
         for (const Column &column : table.columns)
@@ -266,15 +267,16 @@ private:
                 text += std::string(widths[i] - std::min(widths[i], width_of(cell)), ' ') + GAP;
         }
         if (!screen || remark.empty() || width_of(text) + width_of(remark) <= *screen) {
-            printf("%s%s\n", paint(colour, text).c_str(), paint(remark_colour, remark).c_str());
+            fprintf(output, "%s%s\n", paint(colour, text).c_str(), paint(remark_colour, remark).c_str());
             return;
         }
         text.erase(text.find_last_not_of(' ') + 1);
-        printf("%s\n", paint(colour, text).c_str());
+        fprintf(output, "%s\n", paint(colour, text).c_str());
         for (const std::string &part : wrap(remark, *screen - INDENT))
-            printf("%*s%s\n", static_cast<int>(INDENT), "", paint(remark_colour, part).c_str());
+            fprintf(output, "%*s%s\n", static_cast<int>(INDENT), "", paint(remark_colour, part).c_str());
     }
 
+    FILE *const output;
     const Remarks remarks;
     const std::optional<size_t> screen;
     const bool coloured;
@@ -285,19 +287,19 @@ private:
 
 } // namespace
 
-void Document::print_text() const
+void Document::print_text(FILE *stream) const
 {
     for (const Member &member : members)
         if (const auto *table = std::get_if<Table>(&member.value);
             table != nullptr && table->is_for_people && !table->rows.empty())
-            Layout(*table).print();
-    const std::optional<size_t> screen = terminal_width();
+            Layout(*table, stream).print();
+    const std::optional<size_t> screen = terminal_width(fileno(stream));
     for (const std::string &sentence : sentences) {
         const std::string line = escaped(sentence);
         if (!screen || width_of(line) <= *screen)
-            printf("%s\n", line.c_str());
+            fprintf(stream, "%s\n", line.c_str());
         else
             for (const std::string &part : wrap(line, *screen))
-                printf("%s\n", part.c_str());
+                fprintf(stream, "%s\n", part.c_str());
     }
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 #include <optional>
 #include <string>
@@ -90,7 +91,7 @@ public:
     bool is_empty() const { return members.empty(); }
 
     void print_json() const;
-    void print_text() const;
+    void print_text(FILE *stream) const;
 
 private:
     struct Member {

@@ -32,8 +32,7 @@ static const CLI::App &root_of(const CLI::App &command)
     return command.get_parent() == nullptr ? command : root_of(*command.get_parent());
 }
 
-/// The command's name with those of the commands that it belongs to.
-static std::string full_name(const CLI::App &command)
+std::string full_name(const CLI::App &command)
 {
     return (command.get_parent() == nullptr ? "" : full_name(*command.get_parent()) + " ") +
            command.get_name();

@@ -40,6 +40,9 @@ inline const Note ENVIRONMENT[] = {
 std::string summary_of(const CLI::App &command);
 std::string details_of(const CLI::App &command);
 
+/// The command's name with those of the commands that it belongs to.
+std::string full_name(const CLI::App &command);
+
 /// How a command is called, such as "ime-backupctl show [OPTION]... [ID]".
 std::string usage_of(const CLI::App &command);
 

@@ -55,8 +55,7 @@ static int fail_to_parse(const CLI::App &app, const CLI::ParseError &error)
                       ? "there is no place for the argument \"" + word + "\""
                       : std::string("there is no ") + kind + " \"" + word + "\"" + did_you_mean(word, names);
     }
-    const std::string name = command.get_parent() == nullptr ? "" : " " + command.get_name();
-    return fail(EXIT_USAGE, message, ("\"ime-backupctl" + name + " --help\" tells more.").c_str());
+    return fail(EXIT_USAGE, message, ("\"" + full_name(command) + " --help\" tells more.").c_str());
 }
 
 static int run(Cli &cli, int argc, char **argv)
@@ -112,10 +111,12 @@ static int run_program(int argc, char **argv)
     Cli cli;
     build_cli(cli);
     const int status = run_and_tell(cli, argc, argv);
-    if (cli.json && !cli.quiet && !cli.document.is_empty())
+    if (cli.service.trace && !cli.quiet)
+        cli.document.print_text(stderr); // standard output has the trace
+    else if (cli.json && !cli.quiet && !cli.document.is_empty())
         cli.document.print_json();
     else if (!cli.json && !cli.quiet)
-        cli.document.print_text();
+        cli.document.print_text(stdout);
 
     errno = 0;
     if (!std::cout.flush() || fflush(stdout) != 0 || ferror(stdout) != 0)

@@ -6,7 +6,9 @@
 #include <csignal>
 #include <fcntl.h>
 #include <functional>
+#include <map>
 #include <memory>
+#include <regex>
 #include <set>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,6 +23,8 @@
 
 namespace fs = std::filesystem;
 using Arguments = std::vector<std::string>;
+
+static constexpr int EXIT_TIMED_OUT = 124;
 
 namespace
 {
@@ -255,6 +259,71 @@ TEST_F(Workstation, WhatIsDoneIsSaidWhateverSignalComes)
     }));
     EXPECT_EQ(process.wait().status, 0);
 }
+
+/// Each call in a trace, such as "vconf_get_bool#2".
+std::vector<std::string> find_calls(const std::string &trace)
+{
+    static const std::regex call("(^|\n) *([a-z_:A-Z]+)\\(");
+    std::map<std::string, int> counts;
+    std::vector<std::string> calls;
+    for (std::sregex_iterator i(trace.begin(), trace.end(), call); i != std::sregex_iterator(); i++)
+        if ((*i)[2] != "scim::ConfigModule::ConfigModule") // which always comes to something
+            calls.push_back((*i)[2].str() + "#" + std::to_string(++counts[(*i)[2]]));
+    return calls;
+}
+
+/// Without these the service waits for another request, by contract.
+bool waits_without(const std::string &call)
+{
+    static const std::regex waiting(
+        "(orvanta_cloud_initialize|app_control_(get_operation|create)|service_app_exit)#.*");
+    return std::regex_match(call, waiting);
+}
+
+class FailingCalls : public Workstation, public testing::WithParamInterface<Arguments>
+{
+};
+
+// The sanitizers take most of the time there.
+#ifdef __SANITIZE_ADDRESS__
+constexpr size_t STRIDE = 4;
+#else
+constexpr size_t STRIDE = 1;
+#endif
+
+TEST_P(FailingCalls, WhatIsSaidIsSo)
+{
+    make_two_backups();
+    Arguments command = GetParam();
+    command.insert(command.begin(), "trace");
+    const auto restored = static_cast<size_t>(command[1] == "restore" ? 1 : 0);
+    const std::vector<std::string> calls = find_calls(ctl(command).output);
+    ASSERT_GT(calls.size(), 15U);
+    for (size_t i = 0; i < calls.size(); i += STRIDE) {
+        const std::string &call = calls[i];
+        SCOPED_TRACE(call);
+        if (settings() != device[2]) {
+            ASSERT_EQ(ctl({"restore", "2"}).status, 0);
+        }
+        const size_t count = count_backups();
+        Arguments failing = command;
+        failing.insert(failing.end(), {"--fail", call, "--timeout", waits_without(call) ? "0.3" : "20"});
+        const Outcome outcome = ctl(failing);
+        EXPECT_NE(outcome.output.find("made to fail"), std::string::npos);
+        EXPECT_TRUE(outcome.status != EXIT_TIMED_OUT || waits_without(call));
+        if (command[1] == "info") {
+            EXPECT_EQ(outcome.status == 0, outcome.errors.starts_with("record 0  20")) << outcome.errors;
+            EXPECT_EQ(count_backups(), count);
+            EXPECT_EQ(settings(), device[2]);
+        } else {
+            expect_truth(outcome, restored, device[2], count);
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(EachExchange, FailingCalls,
+                         testing::Values(Arguments{"backup"}, Arguments{"restore", "1"}, Arguments{"info"}),
+                         [](const auto &exchange) { return exchange.param.front(); });
 
 class OnABus : public Workstation
 {

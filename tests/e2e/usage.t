@@ -33,6 +33,9 @@ What is asked for makes no sense, or can't be used; the service is not launched.
   > settings set default_keyboard ''
   > settings set default_keyboard $'a\nb'
   > --service '' info
+  > trace
+  > trace backup --fail vconf_get_bol
+  > trace info --fail vconf_get#0
   > END
   2 ime-backupctl: there is no command "backdown"
   2 ime-backupctl: there is no place for the argument "1"
@@ -61,6 +64,9 @@ What is asked for makes no sense, or can't be used; the service is not launched.
   2 ime-backupctl: default_keyboard: no input method can have this identifier
   2 ime-backupctl: no identifier has a control character in it
   2 ime-backupctl: --service: it is empty
+  2 ime-backupctl: trace lacks what it is to show: backup, restore or info
+  2 ime-backupctl: --fail: there is no function "vconf_get_bol"; did you mean vconf_get_bool?
+  2 ime-backupctl: --fail: not FUNCTION, FUNCTION#N, FUNCTION=CODE or FUNCTION#N=CODE: vconf_get#0
   $ for seconds in 0 0.09 -1 +5 1e3 0x10 NaN inf 86401 '' ' 5' 5s 0.0001; do
   >     echo "--timeout '$seconds' info" | try_each
   > done | sort -u | sed 's/: [^:]*$//' | uniq -c
@@ -89,13 +95,13 @@ What is asked for makes no sense, or can't be used; the service is not launched.
 Help and versions. Each command's help is at most 80 columns wide and has an example that a person can type.
 
   $ commands() { command ime-backupctl complete -- "$@" '' | grep -v '^[0-9]*$'; }
-  $ each_help() { echo --help; commands | sed 's/$/ --help/'; commands settings | sed 's/.*/settings & --help/'; }
+  $ each_help() { echo --help; commands | sed 's/$/ --help/'; for c in settings trace; do commands $c | sed "s/.*/$c & --help/"; done; }
   $ each_help | wc -l
-  19
+  23
   $ each_help | xargs -L 1 ime-backupctl >help; grep -E '.{81}|[A-Z]+:[A-Z]|^$' help | sort -u
   
   $ grep -c '^Example: ime-backupctl ' help
-  19
+  23
   $ ime-backupctl help settings set
   Change settings.
   
@@ -164,6 +170,8 @@ Completion offers what may stand there: commands, options, settings and their va
   > --timeout 5 dif
   > diff 1 ''
   > settings ''
+  > trace ''
+  > trace restore --fail vconf_keyn
   > settings set pre
   > settings set prediction ''
   > settings set prediction true key_tap_s
@@ -180,6 +188,8 @@ Completion offers what may stand there: commands, options, settings and their va
   diff
   1
   get set unset
+  backup restore info
+  vconf_keynode_get_str
   prediction
   true false
   key_tap_sound

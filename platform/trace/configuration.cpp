@@ -1,0 +1,148 @@
+// Stands in for scim::ConfigModule, and for the configuration that it creates.
+
+#define Uses_SCIM_CONFIG_BASE
+#define Uses_SCIM_CONFIG_MODULE
+#include <scim.h>
+
+#include "crossing.h"
+
+namespace scim
+{
+
+static const char *kind_of(const ConfigModule *)
+{
+    return "module";
+}
+
+static const char *kind_of(const ConfigBase *)
+{
+    return "config";
+}
+
+} // namespace scim
+
+namespace
+{
+
+/// Shows what is asked of a configuration, and asks it.
+class TracedConfig : public scim::ConfigBase
+{
+public:
+    explicit TracedConfig(const scim::ConfigPointer &config) : traced(config) {}
+    TracedConfig(const TracedConfig &) = delete;
+    TracedConfig &operator=(const TracedConfig &) = delete;
+    ~TracedConfig() override { forget_handle(itself()); }
+
+    bool valid() const override { return traced->valid(); }
+    scim::String get_name() const override { return traced->get_name(); }
+
+    bool read(const scim::String &key, scim::String *value) const override { return get(key, value); }
+    bool read(const scim::String &key, int *value) const override { return get(key, value); }
+    bool read(const scim::String &key, double *value) const override { return get(key, value); }
+    bool read(const scim::String &key, bool *value) const override { return get(key, value); }
+    bool read(const scim::String &key, std::vector<scim::String> *value) const override
+    {
+        return get(key, value);
+    }
+    bool read(const scim::String &key, std::vector<int> *value) const override { return get(key, value); }
+
+    bool write(const scim::String &key, const scim::String &value) override { return set(key, value); }
+    bool write(const scim::String &key, int value) override { return set(key, value); }
+    bool write(const scim::String &key, double value) override { return set(key, value); }
+    bool write(const scim::String &key, bool value) override { return set(key, value); }
+    bool write(const scim::String &key, const std::vector<scim::String> &value) override
+    {
+        return set(key, value);
+    }
+    bool write(const scim::String &key, const std::vector<int> &value) override { return set(key, value); }
+
+    bool flush() override
+    {
+        const auto work = [this](auto...) { return traced->flush(); };
+        return cross<bool>({"scim::ConfigBase::flush", "(config)", Success::truth}, work, itself());
+    }
+
+    bool erase(const scim::String &key) override
+    {
+        const auto work = [&](auto...) { return traced->erase(key); };
+        return cross<bool>({"scim::ConfigBase::erase", "(config, key)", Success::truth}, work, itself(), key);
+    }
+
+    bool reload() override
+    {
+        const auto work = [this](auto...) { return traced->reload(); };
+        return cross<bool>({"scim::ConfigBase::reload", "(config)", Success::truth}, work, itself()) &&
+               scim::ConfigBase::reload();
+    }
+
+private:
+    template <class Value>
+    bool get(const scim::String &key, Value *value) const
+    {
+        const auto work = [&](auto...) { return traced->read(key, value); };
+        return cross<bool>({"scim::ConfigBase::read", "(config, key, value)", Success::truth}, work, itself(),
+                           key, value);
+    }
+
+    template <class Value>
+    bool set(const scim::String &key, const Value &value)
+    {
+        const auto work = [&](auto...) { return traced->write(key, value); };
+        return cross<bool>({"scim::ConfigBase::write", "(config, key, value)", Success::truth}, work,
+                           itself(), key, value);
+    }
+
+    const scim::ConfigBase *itself() const { return this; }
+
+    const scim::ConfigPointer traced;
+};
+
+} // namespace
+
+// The members go by the names that they are linked by: a constructor of our own would construct what the
+// module's own one constructs again. Called so, `this` is the first argument.
+
+#if _GLIBCXX_USE_CXX11_ABI
+#define STRING_LINK_NAME "NSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE"
+#else
+#define STRING_LINK_NAME "Ss"
+#endif
+#define CONSTRUCTOR_LINK_NAME "_ZN4scim12ConfigModuleC1ERK" STRING_LINK_NAME
+#define VALID_LINK_NAME "_ZNK4scim12ConfigModule5validEv"
+#define CREATE_CONFIG_LINK_NAME "_ZNK4scim12ConfigModule13create_configEv"
+
+#pragma GCC visibility push(default)
+void construct(scim::ConfigModule *module, const scim::String &name) asm(CONSTRUCTOR_LINK_NAME);
+bool is_valid(const scim::ConfigModule *module) asm(VALID_LINK_NAME);
+scim::ConfigPointer create_config(const scim::ConfigModule *module) asm(CREATE_CONFIG_LINK_NAME);
+#pragma GCC visibility pop
+
+void construct(scim::ConfigModule *module, const scim::String &name)
+{
+    static auto *const next = next_function<decltype(construct)>(CONSTRUCTOR_LINK_NAME);
+    const auto work = [&](auto...) { next(module, name); };
+    cross<void>({"scim::ConfigModule::ConfigModule", "(module, name)", Success::always}, work,
+                static_cast<const scim::ConfigModule *>(module), name);
+}
+
+bool is_valid(const scim::ConfigModule *module)
+{
+    static auto *const next = next_function<decltype(is_valid)>(VALID_LINK_NAME);
+    return cross<bool>({"scim::ConfigModule::valid", "(module)", Success::always}, next, module);
+}
+
+scim::ConfigPointer create_config(const scim::ConfigModule *module)
+{
+    static auto *const next = next_function<decltype(create_config)>(CREATE_CONFIG_LINK_NAME);
+    if (Frame::is_in_platform())
+        return next(module);
+    scim::ConfigPointer traced;
+    const auto work = [&](const scim::ConfigModule *asked) -> const scim::ConfigBase * {
+        if (const scim::ConfigPointer config = next(asked); !config.null())
+            traced = new TracedConfig(config);
+        return traced.get();
+    };
+    cross<const scim::ConfigBase *>({"scim::ConfigModule::create_config", "(module)", Success::always}, work,
+                                    module);
+    return traced;
+}

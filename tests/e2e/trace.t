@@ -1,0 +1,81 @@
+  $ . "$TESTDIR/helpers"
+  $ untimed() { sed -E 's/  [0-9]+ µs$//; s/1[0-9]{12}/DATE/; s/"us":[0-9]+/"us":N/; s/ > .u001b[^*]*/ > /; s/.u001b.*"$/"/; s/\([0-9]+\) >/(LINE) >/' | tidy; }
+  $ ime-backupctl settings set default_keyboard kbd
+
+Each call stands below the callback that made it; the outcome goes to standard error.
+
+  $ command ime-backupctl trace info 2>errors | untimed | sed "s#$BUILD#BUILD#"
+  service_app_main(["BUILD/libexec/ime-backup-service", "http://orvanta.com/appcontrol/operation/orvanta_cloud/get_backup_info"], null) {
+    callback create(null) = true
+    callback app_control(app_control#1, null) {
+      orvanta_cloud_initialize() = 0
+      app_control_get_operation(app_control#1, &"http://orvanta.com/appcontrol/operation/orvanta_cloud/get_backup_info") = 0
+      app_control_create(&app_control#2) = 0
+      orvanta_cloud_backup_record_set_preparation_cb(callback, null) = 0
+      orvanta_cloud_backup_record_set_sending_keys_and_dates_cb(callback, null) = 0
+      orvanta_cloud_backup_record_set_completed_cb(callback, null) = 0
+      app_control_reply_to_launch_request(app_control#2, app_control#1, 0) = 0
+      app_control_destroy(app_control#2) = 0
+    }
+    callback preparation() {
+      log 4 "IME_BACKUP" "ime_backup_service.cpp: __backup_prepare_cb(LINE) > * Info * ==== __backup_prepare_cb ===="
+      orvanta_cloud_backup_record_send_preparation_completed_response(1) = 0
+    }
+    callback sending_keys_and_dates() {
+      log 4 "IME_BACKUP" "ime_backup_service.cpp: __backup_get_keys_dates_cb(LINE) > * Info * ==== __backup_get_keys_dates_cb ===="
+      orvanta_cloud_list_create(&list#1) = 0
+      orvanta_cloud_record_create(&record#1) = 0
+      orvanta_cloud_record_set_key(record#1, "0") = 0
+      orvanta_cloud_record_set_date(record#1, "DATE") = 0
+      orvanta_cloud_list_add(list#1, record#1) = 0
+      orvanta_cloud_backup_record_send_keys_and_dates(list#1, 1) = 0
+      orvanta_cloud_list_destroy(list#1) = 0
+    }
+    callback completed(1) {
+      service_app_exit()
+    }
+    callback terminate(null) {
+      orvanta_cloud_deinitialize() = 0
+    }
+  } = 0
+  $ tidy <errors
+  record 0  DAY TIME
+
+A call that fails is not made. What the service makes of it is seen, and so is what the command tells.
+
+  $ command ime-backupctl trace backup --fail vconf_get_str --fail 'isf_control_get_active_ime#1=-3' 2>errors | untimed | grep -E 'made to fail|failed'
+      isf_control_get_active_ime(&) = -3  made to fail
+      log 6 "IME_BACKUP" "ime_backup_service.cpp: __backup_record_cb(LINE) > * Critical * _ime_backup_get_json_value() failed"
+      log 6 "IME_BACKUP" "ime_backup_service.cpp: __backup_completed_cb(LINE) > * Critical * __backup_completed_cb() failed."
+  $ tidy <errors | head -n 1
+  ime-backupctl: record "0" has no value: the settings could not be read
+  $ command ime-backupctl trace backup --fail scim::ConfigModule::create_config --json 2>errors | grep 'made_to_fail":true' | untimed
+  {"event":"call","depth":2,"callback":false,"function":"scim::ConfigModule::create_config","arguments":{"module":"module#1"},"result":null,"made_to_fail":true,"us":N}
+  $ tidy <errors | head -n 1
+  ime-backupctl: record "0" has no value: the settings could not be read
+  $ command ime-backupctl trace backup --fail orvanta_cloud_backup_record_set_backup_cb=0 2>&1 >/dev/null | head -n 1
+  ime-backupctl: the service asked for another exchange: info
+  $ ime-backupctl list
+  ime-backupctl: there is no backup yet: WORK/state/cloud is made by the first one
+
+A script gets an object on each line, with the members that the manual tells of, and each text as it is.
+
+  $ ime-backupctl settings set default_keyboard 'k"\é😀'
+  $ command ime-backupctl trace backup --json 2>/dev/null >lines; python3 - >members <<'END'
+  > import json
+  > lines = [json.loads(line) for line in open("lines")]
+  > print(*sorted({member for line in lines for member in line}), sep="\n")
+  > keyboards = [line["arguments"]["identifier"] for line in lines if line.get("function", "").startswith("isf_")]
+  > assert keyboards == ['k"\\é😀'], keyboards
+  > END
+  $ grep -c . members
+  11
+  $ while read -r member; do man -l $BUILD/share/man/man1/ime-backupctl.1 | grep -qw -- "$member" || echo $member; done <members
+
+Without anyone to read the trace, the exchange goes on to its end.
+
+  $ (sleep 0.2; command ime-backupctl trace backup; echo $? >status) 2>errors | head -n 0; cat status; tidy <errors
+  1
+  backup 2  DAY TIME
+  ime-backupctl: can't write to standard output: some of it is lost
+  $ ime-backupctl -q trace restore --dry-run
