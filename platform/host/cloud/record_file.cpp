@@ -10,10 +10,13 @@ static constexpr int VERSION = 1;
 // A file is this head, the checksum of the records' text, the middle, that text and the tail. So the checksum
 // is of bytes that are in the file, and nothing is parsed before they are known to be those that were
 // written.
-static constexpr char HEAD[] = R"({"format":"ime-backup-records","version":)";
+static constexpr char FORMAT[] = "ime-backup-records";
+static const std::string HEAD = R"({"format":")" + std::string(FORMAT) + R"(","version":)";
 static constexpr char CHECKSUM[] = R"(,"sha256":")";
 static constexpr char RECORDS[] = R"(","records":)";
 static constexpr char TAIL[] = "}";
+
+static constexpr char CHANGED[] = "it has been changed since it was written, or is cut short";
 
 static JsonNode *make_text(const std::optional<std::string> &text)
 {
@@ -51,7 +54,14 @@ static std::string frame(const std::string &records)
 
 bool is_record_file(const std::string &content)
 {
-    return content.starts_with(HEAD);
+    if (content.starts_with(HEAD))
+        return true;
+    try { // it may have been written anew, with spaces in between
+        g_autoptr(JsonNode) root = parse_json(content);
+        return get_text(get_object(root), "format") == FORMAT;
+    } catch (const HostError &) {
+        return false;
+    }
 }
 
 std::string encode_record_file(const CloudRecords &records)
@@ -66,9 +76,9 @@ std::string encode_record_file(const CloudRecords &records)
 /// The records' text in a file, once it is known to be what was written.
 static std::string check(const std::string &content)
 {
-    const size_t version = sizeof HEAD - 1;
-    if (!is_record_file(content))
-        throw HostError("it is no record file");
+    const size_t version = HEAD.size();
+    if (!content.starts_with(HEAD))
+        throw HostError(is_record_file(content) ? CHANGED : "it is no record file");
     const size_t digits = content.find_first_not_of("0123456789", version) - version;
     if (content.compare(version, digits, std::to_string(VERSION)) != 0)
         throw HostError("it is damaged, or was written by a later version of the backup service");
@@ -79,7 +89,7 @@ static std::string check(const std::string &content)
     const size_t begin = records + sizeof RECORDS - 1;
     std::string text = content.substr(begin, content.size() - begin - (sizeof TAIL - 1));
     if (frame(text) != content)
-        throw HostError("it has been changed since it was written, or is cut short");
+        throw HostError(CHANGED);
     return text;
 }
 
