@@ -117,6 +117,7 @@ static std::vector<Cell> describe_damaged(BackupNumber number, const std::string
 
 Inspection inspect(const CloudStore &store, const std::vector<BackupNumber> &numbers)
 {
+    store.fetch(numbers);
     Inspection inspection;
     inspection.table.remarks = Remarks::warnings;
     for (const BackupNumber number : numbers) {
@@ -137,6 +138,9 @@ static bool is_good(const CloudStore &store, BackupNumber number)
     try {
         snapshot_in(store.read(number).records);
         return true;
+    } catch (const UnreadableError &error) { // an older one must not take its place
+        throw HostError("nothing is deleted, since of " + name_of(number) +
+                        " it is not known whether it is good: " + error.what());
     } catch (const DamagedError &) {
         return false;
     } catch (const NoBackupError &) {
@@ -156,25 +160,26 @@ std::optional<BackupNumber> find_newest_good(const CloudStore &store,
 
 std::vector<BackupNumber> list_backups(const CloudStore &store)
 {
-    if (!store.exists()) {
-        const std::string place = store.location().string();
+    const CloudStore::Listing listing = store.list();
+    if (!listing.is_there) {
         if (store.is_chosen())
-            throw PlatformError("there is no cloud store " + place + "; \"ime-backupctl backup\" makes it");
+            throw PlatformError("there is no cloud store " + store.location() +
+                                "; \"ime-backupctl backup\" makes it");
         fprintf(stderr, "ime-backupctl: there is no backup yet: %s is made by the first one\n",
-                escaped(place).c_str());
+                escaped(store.location()).c_str());
         return {};
     }
-    const CloudStore::Listing listing = store.list();
     for (const std::string &name : listing.left_out)
         fprintf(stderr, "ime-backupctl: %s is left out: no backup has this number\n", escaped(name).c_str());
     return listing.numbers;
 }
 
-std::vector<BackupNumber> find_backups(const CloudStore &store, const std::vector<std::string> &ids)
+std::vector<BackupNumber> find_backups(const CloudStore &store, const std::vector<BackupNumber> &known,
+                                       const std::vector<std::string> &ids)
 {
     std::vector<BackupNumber> numbers;
     for (const std::string &id : ids)
-        numbers.push_back(store.find(id));
+        numbers.push_back(store.find(id, known));
     std::sort(numbers.begin(), numbers.end());
     numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
     return numbers;

@@ -53,7 +53,8 @@ std::vector<BackupNumber> list_backups(const CloudStore &store);
 /// The backups that a person named, each once.
 ///
 /// @throws NoBackupError
-std::vector<BackupNumber> find_backups(const CloudStore &store, const std::vector<std::string> &ids);
+std::vector<BackupNumber> find_backups(const CloudStore &store, const std::vector<BackupNumber> &known,
+                                       const std::vector<std::string> &ids);
 
 /// Deletes backups, and tells which were: also when not all that were chosen could be.
 void delete_and_tell(Document &document, CloudStore &store, const CloudStore::Choose &choose);

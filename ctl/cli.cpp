@@ -2,6 +2,8 @@
 
 #include <regex>
 
+#include <glib.h>
+
 #include "help.h"
 
 static std::string check_filled(const std::string &text)
@@ -39,6 +41,11 @@ CLI::Option *add_arguments(CLI::App &command, const char *label, std::vector<std
     return command.add_option(label, values, description)->type_name("")->check(check_filled);
 }
 
+void choose_store(const std::string &location)
+{
+    g_setenv(STORE_VARIABLE, location.c_str(), TRUE);
+}
+
 static void add_common_options(Cli &cli)
 {
     CLI::App &app = cli.app;
@@ -47,9 +54,15 @@ static void add_common_options(Cli &cli)
     app.add_flag("--json", cli.json, "Write one JSON document, for scripts");
     app.add_flag("-q,--quiet", cli.quiet, "Write nothing but errors");
     app.add_flag("-v,--verbose", cli.service.verbose, "Show the service's log as it runs");
-    app.add_option("--timeout", cli.service.timeout_seconds, "How long to wait for the service (30)")
+    app.add_option("--timeout", cli.service.timeout_seconds,
+                   "How long to wait for the service, or a remote store (30)")
         ->type_name("SECONDS")
         ->check(check_seconds);
+    app.add_option_function<std::string>("--store", choose_store,
+                                         "Where the backups are: a folder, or a remote place such as "
+                                         "rclone:s3:desk; else cloud in the folder of all state")
+        ->type_name("LOCATION")
+        ->check(check_filled);
     cli.service.program = default_service_program();
     app.add_option("--service", cli.service.program, "The service's program")
         ->type_name("PROGRAM")

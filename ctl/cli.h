@@ -22,6 +22,9 @@ struct Cli {
 /// Adds the options that all commands have, and the commands.
 void build_cli(Cli &cli);
 
+/// Names the place of the store, to this program and to the service that it starts.
+void choose_store(const std::string &location);
+
 /// What the help and the manual say of a command, and what it does.
 struct Command {
     const char *name;

@@ -9,7 +9,6 @@
 #include <fcntl.h>
 #include <optional>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 #include <vector>
 
@@ -18,6 +17,7 @@
 
 #include "files.h"
 #include "ime_backup_operations.h"
+#include "process.h"
 #include "service_log.h"
 #include "text.h"
 #include "trace_options.h"
@@ -131,12 +131,6 @@ private:
     guint timer;
 };
 
-/// Runs in the new process: should this one be killed, no service is left waiting.
-void end_with_parent(void *)
-{
-    prctl(PR_SET_PDEATHSIG, SIGTERM);
-}
-
 /// The trace that a service writes, as it comes.
 class TraceReader
 {
@@ -210,6 +204,8 @@ GSubprocess *launch(const ServiceOptions &options, const Request &request, const
     g_subprocess_launcher_setenv(launcher, "DBUS_SESSION_BUS_ADDRESS", "disabled:", TRUE);
     g_subprocess_launcher_setenv(launcher, REPORT_VARIABLE,
                                  name_report_file(report.get(), REPORT_DESCRIPTOR).c_str(), TRUE);
+    g_subprocess_launcher_setenv(launcher, STORE_TIMEOUT_VARIABLE,
+                                 std::to_string(options.timeout_seconds).c_str(), TRUE);
     g_subprocess_launcher_setenv(launcher, RESTORE_VARIABLE, request.backup.c_str(), TRUE);
     g_subprocess_launcher_setenv(launcher, TRIAL_VARIABLE, request.is_trial ? "1" : "", TRUE);
     g_subprocess_launcher_setenv(launcher, IF_CHANGED_VARIABLE, request.if_changed ? "1" : "", TRUE);
@@ -217,7 +213,7 @@ GSubprocess *launch(const ServiceOptions &options, const Request &request, const
     const int output = options.verbose ? STDERR_FILENO : log.descriptor();
     g_subprocess_launcher_take_stdout_fd(launcher, dup(output));
     g_subprocess_launcher_take_stderr_fd(launcher, dup(output));
-    g_subprocess_launcher_set_child_setup(launcher, end_with_parent, nullptr, nullptr);
+    g_subprocess_launcher_set_child_setup(launcher, end_with_parent, GINT_TO_POINTER(SIGTERM), nullptr);
     if (options.trace)
         trace.emplace(*options.trace, launcher);
 
@@ -241,10 +237,11 @@ std::string describe_end(GSubprocess *service)
 /// What is known of the work of a service that came to no result.
 std::string describe_work(const ExchangeReport &report, const Request &request, GSubprocess *service)
 {
-    // Asked to end, it gives up before it stores anything, or tells what it stored.
+    // Asked to end, it gives up before it stores anything, or tells what it stored, or that it does not know.
     const bool was_killed =
         g_subprocess_get_if_signaled(service) != FALSE && g_subprocess_get_term_sig(service) != SIGTERM;
-    if (was_killed && strcmp(request.operation, OPERATION_BACKUP) == 0 && !request.is_trial)
+    if ((was_killed || report.storing) && strcmp(request.operation, OPERATION_BACKUP) == 0 &&
+        !request.is_trial)
         return "; \"ime-backupctl list\" shows whether the backup had been stored by then";
     const std::vector<Change> &changes = report.changes;
     const auto any = [&](Change::Outcome outcome) {

@@ -13,6 +13,9 @@ static constexpr char FILES[] = ":files";
 /// As often as an argument may be repeated on a command line that someone types.
 static constexpr int MAX_REPEATED = 100;
 
+/// As long as someone who types waits for a remote store.
+static constexpr double STORE_SECONDS = 2;
+
 using Words = std::vector<std::string>;
 
 static const CLI::App *find_command(const CLI::App &parent, const std::string &name)
@@ -48,7 +51,7 @@ static Words command_names(const CLI::App &command)
 static Words backup_numbers()
 {
     Words numbers;
-    for (const BackupNumber number : CloudStore().list().numbers)
+    for (const BackupNumber number : open_store(STORE_SECONDS)->list().numbers)
         numbers.push_back(std::to_string(number));
     return numbers;
 }
@@ -85,11 +88,40 @@ static Words next_argument(const CLI::App &command, const Words &arguments)
     return names_of_settings();
 }
 
-static void complete(const CLI::App &program, Words words)
+/// The words as they were typed: bash breaks them at colons and equals signs, too.
+static Words rejoin(const Words &pieces)
 {
+    Words words;
+    bool goes_on = false;
+    for (const std::string &piece : pieces) {
+        const bool is_break = !piece.empty() && piece.find_first_not_of(":=") == std::string::npos;
+        if (!words.empty() && (is_break || goes_on))
+            words.back() += piece;
+        else
+            words.push_back(piece);
+        goes_on = is_break;
+    }
+    return words;
+}
+
+/// Has the store be that of the command line.
+static void follow_store_option(const Words &words)
+{
+    static constexpr std::string_view OPTION = "--store";
+    for (size_t i = 0; i < words.size(); i++)
+        if (words[i] == OPTION && i + 1 < words.size())
+            choose_store(words[i + 1]);
+        else if (words[i].starts_with(OPTION) && words[i][OPTION.size()] == '=')
+            choose_store(words[i].substr(OPTION.size() + 1));
+}
+
+static void complete(const CLI::App &program, const Words &pieces)
+{
+    Words words = rejoin(pieces);
     const std::string typed = words.empty() ? "" : words.back();
     if (!words.empty())
         words.pop_back();
+    follow_store_option(words);
 
     const CLI::App *command = &program;
     Words arguments;
@@ -105,7 +137,8 @@ static void complete(const CLI::App &program, Words words)
 
     const bool is_failure = !words.empty() && words.back() == OPTION_FAIL;
     Words candidates = is_failure ? Words(std::begin(TRACED_FUNCTIONS), std::end(TRACED_FUNCTIONS))
-                                  : next_argument(*command, arguments);
+                       : typed.starts_with("-") ? Words()
+                                                : next_argument(*command, arguments);
     const auto add = [&](const Words &more) {
         candidates.insert(candidates.end(), more.begin(), more.end());
     };

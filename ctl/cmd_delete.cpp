@@ -2,9 +2,10 @@
 
 static void delete_backups(Cli &cli, const std::vector<std::string> &ids)
 {
-    CloudStore store;
-    find_backups(store, ids); // a store that isn't there is none to lock
-    delete_and_tell(cli.document, store, [&](const auto &) { return find_backups(store, ids); });
+    const auto store = open_store(cli.service.timeout_seconds);
+    find_backups(*store, store->list().numbers, ids); // a store that isn't there is none to lock
+    delete_and_tell(cli.document, *store,
+                    [&](const auto &known) { return find_backups(*store, known, ids); });
 }
 
 void add_delete(Cli &cli)

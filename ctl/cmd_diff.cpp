@@ -14,9 +14,8 @@ struct Side {
 
 } // namespace
 
-static Side take_backup(const std::string &id)
+static Side take_backup(const CloudStore &store, const std::string &id)
 {
-    const CloudStore store;
     const BackupNumber number = store.find(id);
     return {number, name_of(number), read_snapshot(snapshot_in(read_whole(store, number).records))};
 }
@@ -32,8 +31,9 @@ static void diff(Cli &cli, const std::vector<std::string> &ids)
     cli.failure_status = EXIT_NO_PLATFORM; // 1 means that they differ
     if (ids.size() > 2)
         throw UsageError("no more than two backups can be compared");
-    const Side from = take_backup(ids.empty() ? "" : ids[0]);
-    const Side to = ids.size() == 2 ? take_backup(ids[1]) : take_device(cli.service);
+    const auto store = open_store(cli.service.timeout_seconds);
+    const Side from = take_backup(*store, ids.empty() ? "" : ids[0]);
+    const Side to = ids.size() == 2 ? take_backup(*store, ids[1]) : take_device(cli.service);
 
     Table table{{{"name", "setting"}, {"from", from.name}, {"to", to.name}}, {}};
     for (size_t i = 0; i < std::size(SETTINGS); i++)

@@ -44,9 +44,9 @@ static void write_out(const CloudStore &store, const fs::path &name, const std::
         write_stream(name, content);
         return;
     }
-    const fs::path file = fs::weakly_canonical(name, error);
-    if (!store.location().empty() && file.parent_path() == fs::weakly_canonical(store.location(), error))
+    if (store.contains(name))
         throw HostError("can't write " + name.string() + ": that is in the cloud store");
+    const fs::path file = fs::weakly_canonical(name, error);
     write_file(error ? name : file, content);
 }
 
@@ -54,15 +54,15 @@ static void export_backup(Cli &cli, const std::string &id, const std::string &na
 {
     cli.document.set_result(false);
     cli.document.set("backup", Json());
-    const CloudStore store;
-    const BackupNumber number = store.find(id);
-    const std::string content = read_whole(store, number).content;
+    const auto store = open_store(cli.service.timeout_seconds);
+    const BackupNumber number = store->find(id);
+    const std::string content = read_whole(*store, number).content;
     if (name == "-") {
         write_to(stdout, content);
         cli.quiet = true; // standard output is the backup's
         return;
     }
-    write_out(store, name, content);
+    write_out(*store, name, content);
     cli.document.set_result(true);
     cli.document.set("backup", Json(number));
     cli.document.say(name_of(number) + "  written to " + name);

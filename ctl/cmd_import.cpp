@@ -24,9 +24,9 @@ static void import_backup(Cli &cli, const std::string &name)
     cli.document.set_result(false);
     cli.document.set("backup", Json());
     cli.document.set("stored", Json(false));
-    CloudStore store;
-    if (!store.exists())
-        throw PlatformError("there is no cloud store " + store.location().string() +
+    const auto store = open_store(cli.service.timeout_seconds);
+    if (!store->exists())
+        throw PlatformError("there is no cloud store " + store->location() +
                             "; \"ime-backupctl backup\" makes it");
     Importable importable;
     try {
@@ -38,7 +38,7 @@ static void import_backup(Cli &cli, const std::string &name)
     }
     for (const std::string &remark : importable.remarks)
         fprintf(stderr, "ime-backupctl: %s\n", escaped(remark).c_str());
-    const BackupNumber number = store.add(importable.content);
+    const BackupNumber number = store->add(importable.content);
     cli.document.set_result(true);
     cli.document.set("backup", Json(number));
     cli.document.set("stored", Json(true));

@@ -2,8 +2,8 @@
 
 static void list(Cli &cli)
 {
-    const CloudStore store;
-    cli.document.set(inspect(store, list_backups(store)).table);
+    const auto store = open_store(cli.service.timeout_seconds);
+    cli.document.set(inspect(*store, list_backups(*store)).table);
 }
 
 void add_list(Cli &cli)

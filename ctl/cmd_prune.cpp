@@ -59,6 +59,8 @@ static bool is_kept(const CloudStore &store, BackupNumber number, const Options 
 static std::vector<BackupNumber> choose(const CloudStore &store, const std::vector<BackupNumber> &known,
                                         const Options &options)
 {
+    if (!options.keep_within.empty())
+        store.fetch(known);
     const auto newest_good = find_newest_good(store, known);
     const size_t keep = std::stoul(options.keep);
     std::vector<BackupNumber> going;
@@ -70,14 +72,14 @@ static std::vector<BackupNumber> choose(const CloudStore &store, const std::vect
 
 static void prune(Cli &cli, const Options &options)
 {
-    CloudStore store;
-    const std::vector<BackupNumber> known = list_backups(store);
+    const auto store = open_store(cli.service.timeout_seconds);
+    const std::vector<BackupNumber> known = list_backups(*store);
     if (!options.is_trial && !known.empty()) {
-        delete_and_tell(cli.document, store,
-                        [&](const std::vector<BackupNumber> &now) { return choose(store, now, options); });
+        delete_and_tell(cli.document, *store,
+                        [&](const std::vector<BackupNumber> &now) { return choose(*store, now, options); });
         return;
     }
-    const std::vector<BackupNumber> going = choose(store, known, options);
+    const std::vector<BackupNumber> going = choose(*store, known, options);
     std::vector<BackupNumber> kept;
     std::set_difference(known.begin(), known.end(), going.begin(), going.end(), std::back_inserter(kept));
     tell_deleted(cli.document, going, kept, "would be deleted");

@@ -4,8 +4,8 @@
 
 static void show(Cli &cli, const std::string &id)
 {
-    const CloudStore store;
-    const std::string text = snapshot_in(read_whole(store, store.find(id)).records);
+    const auto store = open_store(cli.service.timeout_seconds);
+    const std::string text = snapshot_in(read_whole(*store, store->find(id)).records);
     const Snapshot snapshot = read_snapshot(text);
     Table table{{{"name", ""}, {"value", ""}}, {}};
     for (size_t i = 0; i < std::size(SETTINGS); i++)

@@ -30,7 +30,7 @@ struct Finding {
 
 } // namespace
 
-static Finding look_at_scim()
+static Finding look_at_scim(const Cli &)
 {
     const std::string address = "SCIM_SOCKET_ADDRESS, " + ScimDaemon::default_address();
     try {
@@ -41,7 +41,7 @@ static Finding look_at_scim()
     }
 }
 
-static Finding look_at_keyboard()
+static Finding look_at_keyboard(const Cli &)
 {
     const SettingRow &keyboard = first_of(SettingForm::identifier);
     try {
@@ -53,18 +53,7 @@ static Finding look_at_keyboard()
     }
 }
 
-/// Whether a folder can be written in, or could be made.
-static bool is_usable_folder(const fs::path &folder)
-{
-    std::error_code error;
-    fs::path existing = folder;
-    // A link to nothing is in the way of a folder.
-    while (!fs::exists(fs::symlink_status(existing, error)) && existing.has_relative_path())
-        existing = existing.parent_path();
-    return fs::is_directory(existing, error) && access(existing.c_str(), W_OK | X_OK) == 0;
-}
-
-static Finding look_at_store()
+static Finding look_at_store(const Cli &)
 {
     const fs::path folder = state_root();
     if (!is_usable_folder(folder))
@@ -84,21 +73,21 @@ static Finding look_at_store()
     }
 }
 
-static Finding look_at_cloud()
+static Finding look_at_cloud(const Cli &cli)
 {
-    static constexpr char ADVICE[] = "Set IME_BACKUP_CLOUD_STORE to a folder that you can write in";
     try {
-        const CloudStore store;
-        const std::string place = store.location().string();
-        if (!is_usable_folder(store.location()))
-            return {State::missing, "can't write in " + place, ADVICE};
-        if (!store.exists())
-            return {State::fine, place + " isn't there yet: a backup makes it", ""};
-        const size_t count = store.list().numbers.size();
-        return {State::fine, place + ", " + std::to_string(count) + (count == 1 ? " backup" : " backups"),
-                ""};
+        const auto store = open_store(cli.service.timeout_seconds);
+        store->require_writable();
+        const CloudStore::Listing listing = store->list();
+        if (!listing.is_there)
+            return {State::fine, store->location() + " isn't there yet: a backup makes it", ""};
+        const size_t count = listing.numbers.size();
+        return {State::fine,
+                store->location() + ", " + std::to_string(count) + (count == 1 ? " backup" : " backups"), ""};
     } catch (const PlatformError &error) {
-        return {State::missing, error.what(), ADVICE};
+        return {State::missing, error.what(), "Set IME_BACKUP_CLOUD_STORE to a place that you can write in"};
+    } catch (const HostError &error) {
+        return {State::missing, error.what(), "Try again once the remote answers"};
     }
 }
 
@@ -135,7 +124,7 @@ static Finding look_at_report()
     return {State::worth_knowing, what + ": " + last->reason, "See " + (state_root() / SERVICE_LOG).string()};
 }
 
-static Finding look_at_last_exchange()
+static Finding look_at_last_exchange(const Cli &)
 {
     const fs::path lock = state_root() / EXCHANGE_LOCK;
     std::error_code ignored;
@@ -160,7 +149,7 @@ static void status(Cli &cli)
     const struct {
         const char *what;
         const char *name;
-        Finding (*look)();
+        Finding (*look)(const Cli &);
     } things[] = {{"scim", "SCIM daemon", look_at_scim},
                   {"keyboard", "active keyboard", look_at_keyboard},
                   {"settings_store", "settings store", look_at_store},
@@ -171,7 +160,7 @@ static void status(Cli &cli)
                 {}};
     table.remarks = Remarks::plain;
     for (const auto &thing : things) {
-        const Finding finding = thing.look();
+        const Finding finding = thing.look(cli);
         const bool is_fine = finding.state == State::fine;
         table.rows.push_back({{thing.what, thing.name},
                               {is_fine, is_fine ? "fine" : "NOT FINE"},

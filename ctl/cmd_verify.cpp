@@ -2,9 +2,9 @@
 
 static void verify(Cli &cli, const std::vector<std::string> &ids)
 {
-    const CloudStore store;
-    const Inspection inspection =
-        inspect(store, ids.empty() ? list_backups(store) : find_backups(store, ids));
+    const auto store = open_store(cli.service.timeout_seconds);
+    const Inspection inspection = inspect(
+        *store, ids.empty() ? list_backups(*store) : find_backups(*store, store->list().numbers, ids));
     cli.document.set(inspection.table);
     const size_t count = inspection.table.rows.size();
     cli.document.say(std::to_string(count) + (count == 1 ? " backup, " : " backups, ") +

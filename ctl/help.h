@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "cloud_store.h"
 #include "status.h"
 
 // What the help and the manual tell, each once.
@@ -22,14 +23,14 @@ inline const Note EXIT_STATUSES[] = {
      "the platform isn't there: no SCIM daemon, no active input method, or state that can't be used"},
     {std::to_string(EXIT_NO_BACKUP), "there is no such backup"},
     {std::to_string(EXIT_DAMAGED), "the backup is damaged"},
-    {std::to_string(EXIT_TIMED_OUT), "the service did not finish in time"},
+    {std::to_string(EXIT_TIMED_OUT), "the service, or a remote store, did not finish in time"},
     {std::to_string(EXIT_INTERRUPTED),
      "interrupted before there was a result; the message tells whether the device had been changed by then"},
 };
 
 inline const Note ENVIRONMENT[] = {
     {"IME_BACKUP_HOST_DIR", "folder of all state; else ime-backup in $XDG_STATE_HOME or ~/.local/state"},
-    {"IME_BACKUP_CLOUD_STORE", "folder of the backups; else cloud in the folder of all state"},
+    {STORE_VARIABLE, "where the backups are, as --store"},
     {"IME_BACKUP_SERVICE", "the service's program, as --service"},
     {"SCIM_SOCKET_ADDRESS", "where the SCIM daemon listens, such as local:/run/user/1000/scim"},
     {"SCIM_SOCKET_TIMEOUT", "milliseconds that the SCIM daemon has to answer"},

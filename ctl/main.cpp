@@ -99,6 +99,8 @@ static int run_and_tell(Cli &cli, int argc, char **argv)
         return fail_in(cli, EXIT_DAMAGED, error.what());
     } catch (const TimeoutError &error) {
         return fail_in(cli, EXIT_TIMED_OUT, error.what());
+    } catch (const InterruptedError &error) {
+        return fail_in(cli, EXIT_INTERRUPTED, error.what());
     } catch (const ToldError &error) {
         return error.status == EXIT_FAILED ? cli.failure_status : error.status;
     } catch (const std::exception &error) {

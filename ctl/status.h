@@ -24,10 +24,6 @@ struct ToldError : HostError {
     const int status;
 };
 
-struct TimeoutError : HostError {
-    using HostError::HostError;
-};
-
 // Words that go below an error.
 
 inline constexpr char HINT_SCIM[] =

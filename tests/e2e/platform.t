@@ -108,7 +108,7 @@ State that can't be used, or is elsewhere.
   $ IME_BACKUP_CLOUD_STORE=file try_each <<<list
   3 ime-backupctl: can't list the folder HERE/file: Not a directory
   $ IME_BACKUP_CLOUD_STORE=file://$PWD/store try_each <<<backup
-  3 ime-backupctl: the cloud store file://HERE/store can't be used: it must be a folder's path
+  3 ime-backupctl: the cloud store file://HERE/store can't be used: it must be a folder's path, or rclone:REMOTE:PATH
   $ for name in service.log exchange.lock cloud/.lock; do
   >     mv $IME_BACKUP_HOST_DIR/$name kept; mkfifo $IME_BACKUP_HOST_DIR/$name
   >     echo backup | try_each

@@ -120,7 +120,11 @@ Help and versions. Each command's help is at most 80 columns wide and has an exa
     --json                  Write one JSON document, for scripts
     -q, --quiet             Write nothing but errors
     -v, --verbose           Show the service's log as it runs
-    --timeout SECONDS       How long to wait for the service (30)
+    --timeout SECONDS       How long to wait for the service, or a remote store
+                            (30)
+    --store LOCATION        Where the backups are: a folder, or a remote place
+                            such as rclone:s3:desk; else cloud in the folder of
+                            all state
     --service PROGRAM       The service's program
   
   Example: ime-backupctl settings set selected_lang en_US,ko_KR key_tap_sound off
@@ -184,7 +188,7 @@ Completion offers what may stand there: commands, options, settings and their va
   restore
   1
   --dry-run
-  --strict --service
+  --strict --store --service
   diff
   1
   get set unset

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,66 +24,117 @@ struct DamagedError : HostError {
     using HostError::HostError;
 };
 
+/// It can't be read; perhaps only now.
+struct UnreadableError : DamagedError {
+    using DamagedError::DamagedError;
+};
+
 struct Backup {
     std::string content; ///< of its record file
     CloudRecords records;
 };
 
-/// The host's cloud: a folder of backups. Each is a record file that is never changed, under a number of its
-/// own, which no other backup gets once it is deleted. A folder that isn't there holds none.
-/// Every function throws PlatformError when the folder can't be used.
+/// Names the place of the store: a folder, or "rclone:REMOTE:PATH".
+inline constexpr char STORE_VARIABLE[] = "IME_BACKUP_CLOUD_STORE";
+
+/// Seconds that whoever started this process waits for it. A remote store that is silent has failed before
+/// that.
+inline constexpr char STORE_TIMEOUT_VARIABLE[] = "IME_BACKUP_STORE_TIMEOUT";
+
+/// The host's cloud: a place with backups in it. Each is a record file that is never changed, under a number
+/// of its own, which no other backup gets once it is deleted. A place that isn't there holds none.
+/// Every function throws PlatformError when a folder can't be used, and HostError when a remote store does
+/// not do what is asked of it.
 class CloudStore
 {
 public:
-    /// The folder named by $IME_BACKUP_CLOUD_STORE, else one below the state root.
-    CloudStore();
+    CloudStore(const CloudStore &) = delete;
+    CloudStore &operator=(const CloudStore &) = delete;
+    virtual ~CloudStore() = default;
 
-    const std::filesystem::path &location() const { return folder; }
-    bool exists() const;
+    /// Its place, for a person.
+    const std::string &location() const { return place; }
     /// Whether its place was chosen by $IME_BACKUP_CLOUD_STORE.
     bool is_chosen() const { return chosen; }
 
     struct Listing {
+        bool is_there = false;
         std::vector<BackupNumber> numbers; ///< newest last
         std::vector<std::string>
             left_out; ///< files that are named as backups are, but have no number that can be
     };
 
     Listing list() const;
+    bool exists() const { return list().is_there; }
 
     /// The number that a person wrote, or that of the newest backup when it is empty.
     ///
     /// @throws NoBackupError
-    BackupNumber find(const std::string &text) const;
+    BackupNumber find(const std::string &text) const { return find(text, list().numbers); }
+    /// The same, of the backups that are known already.
+    BackupNumber find(const std::string &text, const std::vector<BackupNumber> &known) const;
 
     /// @throws NoBackupError
     /// @throws DamagedError when it can't be read, is no record file or was changed since it was written
     Backup read(BackupNumber number) const;
 
-    /// Throws when there is something that no backup can be added to. Nothing is made.
-    void require_writable() const;
+    /// Says that these will be read, so that a remote store hands them over together.
+    virtual void fetch(const std::vector<BackupNumber> & /*numbers*/) const {}
 
-    /// Adds a backup, whole or not at all, and durably. Makes the folder if there is none.
+    /// Throws when it is seen already that no backup can be added. Nothing is made.
+    virtual void require_writable() const {}
+
+    /// Adds a backup, whole or not at all, and durably. Makes the place if it isn't there.
     ///
     /// @return its number
     /// @throws HostError when it can't be written
-    BackupNumber add(const std::string &content);
+    virtual BackupNumber add(const std::string &content) = 0;
 
     /// Chooses some of the backups that there are.
     using Choose = std::function<std::vector<BackupNumber>(const std::vector<BackupNumber> &known)>;
 
-    /// Deletes the backups that are chosen, in this order, and durably. Meanwhile no other process adds or
-    /// deletes one.
+    /// Deletes the backups that are chosen, and durably. From a folder they go in this order, and meanwhile
+    /// no other process adds or deletes one.
     ///
-    /// @throws HostError when one can't be deleted; those before it are
-    void remove(const Choose &choose);
+    /// @throws HostError when one can't be deleted; others may be
+    virtual void remove(const Choose &choose) = 0;
 
-    /// The size of a backup's file, if it has one.
-    std::optional<std::uintmax_t> size(BackupNumber number) const;
+    /// The size of a backup's file, if it is known.
+    virtual std::optional<std::uintmax_t> size(BackupNumber number) const = 0;
+
+    /// Whether this is the path of a file, be it to be made, that would stand among those of the store.
+    virtual bool contains(const std::filesystem::path & /*file*/) const { return false; }
+
+protected:
+    explicit CloudStore(std::string location);
+
+    static std::string file_name(BackupNumber number);
+    static std::optional<BackupNumber> parse_number(const std::string &digits);
+    /// The number in the name of a backup's file.
+    static std::optional<BackupNumber> number_in(const std::string &name);
+    /// The number that a file takes up: one that is named as a backup's is, whatever may follow.
+    static std::optional<BackupNumber> number_taken_by(const std::string &name);
+    static Listing parse_listing(const std::vector<std::string> &names);
+
+    /// The number for another backup.
+    BackupNumber number_after(BackupNumber highest) const;
 
 private:
-    std::filesystem::path file(BackupNumber number) const;
+    /// The names of the files in the place, or nothing when it isn't there.
+    virtual std::optional<std::vector<std::string>> list_names() const = 0;
+    /// The content of a backup's file.
+    ///
+    /// @throws NoBackupError
+    /// @throws DamagedError when it is there and can't be read
+    virtual std::string read_content(BackupNumber number) const = 0;
 
-    bool chosen;
-    std::filesystem::path folder;
+    const std::string place;
+    const bool chosen;
 };
+
+/// The store named by $IME_BACKUP_CLOUD_STORE, else a folder below the state root.
+///
+/// @param timeout_seconds that a remote store may take for all that it does, or nothing where something else
+///                        ends the process in time
+/// @throws PlatformError when it names what can be no store
+std::unique_ptr<CloudStore> open_store(std::optional<double> timeout_seconds = std::nullopt);

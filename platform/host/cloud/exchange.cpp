@@ -159,23 +159,26 @@ static BackupNumber find_same(const CloudStore &store, const CloudRecords &recor
     const std::vector<BackupNumber> known = store.list().numbers;
     try {
         return !known.empty() && holds_same(store.read(known.back()).records, records) ? known.back() : 0;
-    } catch (const HostError &) { // damaged, or deleted just now
+    } catch (const DamagedError &) {
+        return 0;
+    } catch (const NoBackupError &) { // deleted just now
         return 0;
     }
 }
 
 void Exchange::store(const std::string &content, const CloudRecords &filled)
 {
-    CloudStore store;
+    const auto store = open_store();
     if (is_asked_for(IF_CHANGED_VARIABLE))
-        exchange_report.backup = find_same(store, filled);
+        exchange_report.backup = find_same(*store, filled);
     if (exchange_report.backup != 0)
         return;
     if (account().is_trial()) {
-        store.require_writable();
+        store->require_writable();
         return;
     }
-    exchange_report.backup = store.add(content);
+    exchange_report.storing = true;
+    exchange_report.backup = store->add(content);
     exchange_report.stored = true;
 }
 
@@ -190,13 +193,13 @@ void Exchange::ask_for_restoration_path()
 
 void Exchange::download()
 {
-    const CloudStore store;
+    const auto store = open_store();
     const char *wanted = g_getenv(RESTORE_VARIABLE);
-    const BackupNumber number = store.find(wanted == nullptr ? "" : wanted);
+    const BackupNumber number = store->find(wanted == nullptr ? "" : wanted);
     exchange_report.backup = number;
     Backup backup;
     try {
-        backup = store.read(number);
+        backup = store->read(number);
     } catch (const DamagedError &error) {
         throw DamagedError("backup " + std::to_string(number) + " is refused: " + error.what());
     }

@@ -88,6 +88,8 @@ void ExchangeQueue::run()
             pause = LOCK_RETRY_MS;
         else if (exchanges.front().run_step())
             decide(ExchangeReport::Result::succeeded);
+    } catch (const InterruptedError &) { // the main loop ends, which closes the queue
+        return;
     } catch (const NoBackupError &error) {
         decide(ExchangeReport::Result::no_backup, error.what());
     } catch (const DamagedError &error) {

@@ -108,6 +108,12 @@ static void add_value(JsonBuilder *builder, const char *name, const DeviceValue 
         json_builder_add_int_value(builder, std::get<int>(*value));
 }
 
+static void add_truth(JsonBuilder *builder, const char *name, bool truth)
+{
+    json_builder_set_member_name(builder, name);
+    json_builder_add_boolean_value(builder, truth ? TRUE : FALSE);
+}
+
 template <class Elements, class AddMembers>
 static void add_array(JsonBuilder *builder, const char *name, const Elements &elements,
                       AddMembers add_members)
@@ -151,13 +157,12 @@ std::string encode_report(const ExchangeReport &report)
         add_text(builder, "reason", report.reason);
         json_builder_set_member_name(builder, "backup");
         json_builder_add_int_value(builder, static_cast<gint64>(report.backup));
-        json_builder_set_member_name(builder, "stored");
-        json_builder_add_boolean_value(builder, report.stored ? TRUE : FALSE);
+        add_truth(builder, "storing", report.storing);
+        add_truth(builder, "stored", report.stored);
         add_array(builder, "records", report.records, [&](const CloudRecord &record) {
             add_text(builder, "key", record.key.value_or(""));
             add_text(builder, "date", record.date.value_or(""));
-            json_builder_set_member_name(builder, "failed");
-            json_builder_add_boolean_value(builder, record.failed ? TRUE : FALSE);
+            add_truth(builder, "failed", record.failed);
         });
         add_text(builder, "snapshot", report.snapshot);
         add_array(builder, "settings", report.settings, [&](const SettingReport &setting) {
@@ -231,6 +236,7 @@ static ExchangeReport read_report(JsonObject *object)
     report.result = from_word<ExchangeReport::Result>(RESULTS, object, "result");
     report.reason = read_text(object, "reason");
     report.backup = static_cast<BackupNumber>(get_integer(object, "backup").value_or(0));
+    report.storing = get_boolean(object, "storing").value_or(false);
     report.stored = get_boolean(object, "stored").value_or(false);
     report.records = read_array(object, "records", [](JsonObject *record) {
         return CloudRecord{get_text(record, "key"), get_text(record, "date"), std::nullopt,

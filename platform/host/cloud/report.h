@@ -29,7 +29,8 @@ struct ExchangeReport {
     Result result = Result::undecided;
     std::string reason;      ///< of a failure, for a person
     BackupNumber backup = 0; ///< that was made or restored, or holds the same settings; 0 if there is none
-    bool stored = false;     ///< whether a backup was
+    bool storing = false;    ///< whether it began to store a backup
+    bool stored = false;     ///< whether it did
     CloudRecords records;    ///< without their values
     std::string snapshot;    ///< the last one that a backup took, or that a restore applied
     std::vector<SettingReport> settings; ///< of a restore

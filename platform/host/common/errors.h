@@ -21,3 +21,13 @@ struct DaemonError : PlatformError {
 struct ValueError : HostError {
     using HostError::HostError;
 };
+
+/// Something did not come to its end in the time that it had.
+struct TimeoutError : HostError {
+    using HostError::HostError;
+};
+
+/// The process was asked to end in the middle of something. It is no HostError: nothing goes on after it.
+struct InterruptedError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};

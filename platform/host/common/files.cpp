@@ -161,6 +161,16 @@ void make_private_folder(const fs::path &folder)
         throw PlatformError("can't write in the folder " + folder.string() + why());
 }
 
+bool is_usable_folder(const fs::path &folder)
+{
+    std::error_code error;
+    fs::path existing = folder;
+    // A link to nothing is in the way of a folder.
+    while (!fs::exists(fs::symlink_status(existing, error)) && existing.has_relative_path())
+        existing = existing.parent_path();
+    return fs::is_directory(existing, error) && access(existing.c_str(), W_OK | X_OK) == 0;
+}
+
 bool FileLock::lock(int operation)
 {
     if (!descriptor) {

@@ -64,6 +64,9 @@ void remove_file_durably(const std::filesystem::path &file);
 /// @throws PlatformError when it can't be made or nothing can be written in it
 void make_private_folder(const std::filesystem::path &folder);
 
+/// Whether a folder can be written in, or could be made.
+bool is_usable_folder(const std::filesystem::path &folder);
+
 /// A lock between processes. One that dies lets go of it.
 class FileLock
 {

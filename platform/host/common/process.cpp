@@ -3,8 +3,11 @@
 #include <initializer_list>
 
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <glib.h>
 
 void prepare_process()
 {
@@ -13,4 +16,9 @@ void prepare_process()
     for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
         if (fcntl(stream, F_GETFD) < 0)
             static_cast<void>(open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY));
+}
+
+void end_with_parent(void *signal)
+{
+    prctl(PR_SET_PDEATHSIG, GPOINTER_TO_INT(signal));
 }

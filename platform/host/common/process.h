@@ -3,3 +3,8 @@
 /// The first thing that a program of the host does. Nobody but its owner can read what it makes from then on,
 /// and no file that it opens takes the place of a standard stream that it was started without.
 void prepare_process();
+
+/// Runs in a new process, which then gets a signal when the one that started it is killed.
+///
+/// @param signal its number, as a pointer
+void end_with_parent(void *signal);

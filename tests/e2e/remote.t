@@ -1,0 +1,232 @@
+  $ . "$TESTDIR/helpers"
+  $ start_remote() { # PROTOCOL [PORT]
+  >     mkdir -p $WORK/remote; : >$WORK/remote.log
+  >     rclone serve $1 $WORK/remote --addr 127.0.0.1:${2-0} --user me --pass right --dir-cache-time 0s >$WORK/remote.log 2>&1 &
+  >     echo $! >$WORK/remote.pid; disown
+  >     until port=$(grep -o '127.0.0.1:[0-9]*' $WORK/remote.log | cut -d : -f 2 | grep .); do sleep 0.02; done
+  > }
+  $ start_remote webdav 2>/dev/null
+  $ touch $RCLONE_CONFIG
+  $ for remote in "dav $port right" "wrong $port wrong" "away 1 right"; do
+  >     read -r name to password <<<$remote
+  >     rclone config create --obscure $name webdav url http://127.0.0.1:$to vendor other user me pass $password
+  > done >created
+  $ rclone config create --obscure safe crypt remote dav:safe password secret >>created
+  $ export IME_BACKUP_CLOUD_STORE='rclone:dav:a "desk" * $x/--b'
+  $ folder="$WORK/remote/${IME_BACKUP_CLOUD_STORE#rclone:dav:}"
+
+A remote store is like a folder.
+
+  $ ime-backupctl settings set default_keyboard kbd downloaded_lang en_US,ko_KR
+  $ printf '%s\n' list show 'import /dev/null' | try_each
+  3 ime-backupctl: there is no cloud store rclone:dav:a "desk" * $x/--b; "ime-backupctl backup" makes it
+  4 ime-backupctl: there is no backup yet in rclone:dav:a "desk" * $x/--b
+  3 ime-backupctl: there is no cloud store rclone:dav:a "desk" * $x/--b; "ime-backupctl backup" makes it
+  $ ime-backupctl backup
+  backup 1  DAY TIME
+  $ ime-backupctl backup --if-changed
+  backup 1 holds the same settings; nothing was stored
+  $ ime-backupctl settings set auto_space off
+  $ ime-backupctl diff
+  setting     backup 1  device
+  auto_space  true      false
+  [1]
+  $ restore 1 | tail -n 1
+  backup 1  restored, but for handwriting
+  $ ime-backupctl show 1 | head -n 2
+  default_keyboard  kbd
+  selected_lang     en_US,ko_KR
+  $ ime-backupctl export 1 file; cmp file "$folder/backup-000001.json"
+  backup 1  written to file
+  $ ime-backupctl import file
+  backup 2  imported
+  $ sed s/kbd/KBD/ file >"$folder/backup-000003.json"; truncate -s 17M "$folder/backup-000004.json"
+  $ ime-backupctl verify
+  id  time  age  keyboard  languages
+  1   DAY TIME  AGE  kbd       en_US,ko_KR
+  2   DAY TIME  AGE  kbd       en_US,ko_KR
+  3   damaged: it has been changed since it was written, or is cut short
+  4   damaged: it is larger than 16777216 bytes
+  4 backups, 2 damaged
+  [1]
+  $ printf '%s\n' 'show 3' 'show 4' 'show 5' 'restore 3' | try_each
+  5 ime-backupctl: backup 3 is damaged: it has been changed since it was written, or is cut short
+  5 ime-backupctl: backup 4 is damaged: it is larger than 16777216 bytes
+  4 ime-backupctl: there is no backup 5
+  5 ime-backupctl: backup 3 is refused: it has been changed since it was written, or is cut short
+  $ ime-backupctl status | grep cloud
+  cloud store      fine      rclone:dav:a "desk" * $x/--b, 4 backups
+  $ ime-backupctl prune --keep 1
+  backup 1  deleted
+  backup 3  deleted
+
+A number is never given again. Nothing else that is there is overwritten, deleted or taken for a backup.
+
+  $ ime-backupctl delete 4 2; ls "$folder"; ime-backupctl import file
+  backup 2  deleted
+  backup 4  deleted
+  backup-000004.json.gone
+  backup 5  imported
+  $ touch "$folder"/{backup-01.json,backup-99999999999999999999.json,backup-1.json.xyz.new,other.gone}
+  $ mkdir "$folder/backup-000006.json"; touch -d '3 days ago' "$folder/backup-000007.json.0123456789abcdef.new"
+  $ ime-backupctl import file; ime-backupctl delete 8; ls "$folder"; ime-backupctl list
+  backup 8  imported
+  backup 8  deleted
+  backup-000005.json
+  backup-000006.json
+  backup-000008.json.gone
+  backup-01.json
+  backup-1.json.xyz.new
+  backup-99999999999999999999.json
+  other.gone
+  id  time  age  keyboard  languages
+  5   DAY TIME  AGE  kbd       en_US,ko_KR
+  ime-backupctl: backup-01.json is left out: no backup has this number
+  ime-backupctl: backup-99999999999999999999.json is left out: no backup has this number
+  $ rm -r "$folder"/*{01,9}.json "$folder"/backup-000006.json "$folder"/*.{new,gone}
+
+What needs no store does not run rclone, and what reads all backups does so at once.
+
+  $ for i in 6 7 8 9; do cp file "$folder/backup-00000$i.json"; done
+  $ rclone=$(which rclone); mkdir bin
+  $ rclone_does() { printf '#!/bin/bash\necho $* >>%q; %s\nexec %s "$@"' $PWD/runs "$1" $rclone >bin/rclone; chmod +x bin/rclone; : >runs; }
+  $ rclone_does
+  $ for command in settings info undo 'complete restore --' list verify 'prune --keep 3 --dry-run' status 'diff 6'; do
+  >     PATH=$PWD/bin:$PATH ime-backupctl -q $command >said; echo "$command: $(wc -l <runs)"; : >runs
+  > done
+  settings: 0
+  info: 0
+  undo: 0
+  complete restore --: 0
+  list: 2
+  verify: 2
+  prune --keep 3 --dry-run: 2
+  status: 1
+  diff 6: 2
+  $ IME_BACKUP_CLOUD_STORE= ime-backupctl complete -- --store = rclone : dav : 'a "desk" * $x/--b' show ''
+  5
+  6
+  7
+  8
+  9
+
+What rclone says to have done counts only once it is seen.
+
+  $ for lie in 'head -c 9 | $rclone rcat "${@: -1}"; exit' '$rclone "$@"; exit 1'; do
+  >     [[ $lie == head* ]] && step=rcat || step=moveto
+  >     rclone_does "rclone=$rclone; [[ \$* != *\ $step\ * ]] || { $lie; }"; PATH=$PWD/bin:$PATH ime-backupctl import file
+  > done
+  ime-backupctl: the cloud store rclone:dav:a "desk" * $x/--b does not hand back what was put into it
+  backup 10  imported
+  $ ls "$folder" | tail -n 2
+  backup-000009.json
+  backup-000010.json
+
+A remote that can't be used: rclone's reason, and nothing is lost.
+
+  $ for store in wrong:x away:x none:x none /a:b; do
+  >     printf -- "--store rclone:$store %s\n" list backup | try_each
+  > done | sed 's#127.0.0.1:[0-9]*#HOST#'
+  1 ime-backupctl: the cloud store rclone:wrong:x can't be used: Failed to create file system for "wrong:x": read metadata failed: Unauthorized: 401 Unauthorized
+  1 ime-backupctl: the cloud store rclone:wrong:x can't be used: Failed to create file system for "wrong:x": read metadata failed: Unauthorized: 401 Unauthorized
+  1 ime-backupctl: the cloud store rclone:away:x can't be used: Failed to create file system for "away:x": read metadata failed: Propfind "http://HOST/x": dial tcp 127.0.0.1:1: connect: connection refused
+  1 ime-backupctl: the cloud store rclone:away:x can't be used: Failed to create file system for "away:x": read metadata failed: Propfind "http://HOST/x": dial tcp 127.0.0.1:1: connect: connection refused
+  1 ime-backupctl: the cloud store rclone:none:x can't be used: Failed to create file system for "none:x": didn't find section in config file
+  1 ime-backupctl: the cloud store rclone:none:x can't be used: Failed to create file system for "none:x": didn't find section in config file
+  3 ime-backupctl: the cloud store rclone:none can't be used: it must be a folder's path, or rclone:REMOTE:PATH
+  3 ime-backupctl: the cloud store rclone:none can't be used: it must be a folder's path, or rclone:REMOTE:PATH
+  3 ime-backupctl: the cloud store rclone:/a:b can't be used: it must be a folder's path, or rclone:REMOTE:PATH
+  3 ime-backupctl: the cloud store rclone:/a:b can't be used: it must be a folder's path, or rclone:REMOTE:PATH
+  $ mkdir path; ln -s $(which ime-backupctl) path; PATH=$PWD/path command ime-backupctl list
+  ime-backupctl: a remote store needs the program rclone: apt-get install rclone
+  [3]
+  $ ime-backupctl --store rclone:away:x status | grep cloud | cut -c 1-80
+  cloud store      NOT FINE  the cloud store rclone:away:x can't be used: Failed t
+  last exchange    NOT FINE  backup: the cloud store rclone:/a:b can't be used: it
+
+A remote that hangs: every command ends in time, and when it is asked to.
+
+  $ signal_daemon remote STOP
+  $ printf -- '--timeout %s\n' '2 list' '3 backup' '3 restore 1' '1 status' | try_each | sed 's/:.*\(timeout\|deadline\).*/: ... timeout/'
+  1 ime-backupctl: ... timeout
+  1 ime-backupctl: ... timeout
+  1 ime-backupctl: ... timeout
+  3 
+  $ rclone_does 'trap "" TERM INT'
+  $ for command in 'import file' 'backup'; do
+  >     : >runs; PATH=$PWD/bin:$PATH command ime-backupctl $command 2>errors &
+  >     until [[ -s runs ]]; do sleep 0.01; done; kill $!; wait $!; echo "$? $(head -n 1 errors)"
+  > done
+  130 ime-backupctl: interrupted; what the remote store was asked to do may be done
+  130 ime-backupctl: interrupted; "ime-backupctl list" shows whether the backup had been stored by then
+  $ signal_daemon remote CONT
+
+Uploads that are cut off, by the remote's end or by the client's, leave no backup and take nothing away.
+
+  $ python3 -c 'print("{\"default_keyboard\":\"" + "k" * 1000000 + "\"}")' >large
+  $ upload() {
+  >     before=$(ls "$folder"); RCLONE_BWLIMIT=400k command ime-backupctl import large >said 2>errors &
+  >     while [[ $(ls "$folder") == "$before" ]] && kill -0 $!; do sleep 0.02; done
+  > }
+  $ RCLONE_BWLIMIT=100k ime-backupctl --timeout 1 import large 2>&1 | tail -n 1
+  ime-backupctl: rclone did not finish in time
+  $ upload; stop_daemon remote; wait $!; echo "$? $(tail -n 1 errors | cut -c 1-70)"; start_remote webdav $port
+  1 ime-backupctl: the cloud store rclone:dav:a "desk" * $x/--b can't be u
+  $ upload; { kill -KILL $!; wait $!; } 2>/dev/null
+  [137]
+  $ upload; kill $!; wait $!; echo "$? $(tail -n 1 errors)"
+  130 ime-backupctl: interrupted; what the remote store was asked to do may be done
+  $ ime-backupctl list | cut -c 1-3 | paste -s
+  id \t5  \t6  \t7  \t8  \t9  \t10  (esc)
+
+Two devices at one path by mistake: what was said to be stored is there, under the number that was said.
+
+  $ for device in 1 2; do
+  >     for i in 1 2; do
+  >         printf '{"default_keyboard":"%s"}\n' $device-$i >$device-$i
+  >         echo "$device-$i $(command ime-backupctl import $device-$i 2>errors.$device)" >>said.$device; grep -v 'it has no' errors.$device
+  >     done &
+  > done; wait
+  $ cat said.[12] | while read -r name backup number imported; do
+  >     ime-backupctl show $number --json | cmp - $name && echo $name $imported
+  > done
+  1-1 imported
+  1-2 imported
+  2-1 imported
+  2-2 imported
+
+Encrypted. A backup that can't be decrypted hides no other.
+
+  $ export IME_BACKUP_CLOUD_STORE=rclone:safe:desk
+  $ ime-backupctl backup; rclone copyto safe:desk/backup-000001.json safe:desk/backup-000002.json
+  backup 1  DAY TIME
+  $ grep -rl kbd $WORK/remote/safe; ls $WORK/remote/safe | grep desk
+  [1]
+  $ truncate -s 100 $WORK/remote/safe/$(rclone cryptdecode --reverse safe: desk/backup-000002.json | cut -f 2 | tr -d ' ')
+  $ ime-backupctl verify
+  id  time  age  keyboard  languages
+  1   DAY TIME  AGE  kbd       en_US,ko_KR
+  2   damaged: it can't be read: Failed to cat: unexpected EOF
+  2 backups, 1 damaged
+  [1]
+  $ ime-backupctl prune --keep 0
+  ime-backupctl: nothing is deleted, since of backup 2 it is not known whether it is good: it can't be read: Failed to cat: unexpected EOF
+  [1]
+
+By SFTP.
+
+  $ stop_daemon remote; start_remote sftp
+  $ rclone config create --obscure box sftp host 127.0.0.1 port $port user me pass right >created
+  $ export IME_BACKUP_CLOUD_STORE=rclone:box:desk
+  $ ime-backupctl backup; ime-backupctl import file; ime-backupctl delete 2; ime-backupctl list; ls $WORK/remote/desk
+  backup 1  DAY TIME
+  backup 2  imported
+  backup 2  deleted
+  id  time  age  keyboard  languages
+  1   DAY TIME  AGE  kbd       en_US,ko_KR
+  backup-000001.json
+  backup-000002.json.gone
+  $ restore 1 | tail -n 1
+  backup 1  restored, but for handwriting
+  $ ls -d $TMPDIR/{ime-backup-*,rclone-*} 2>/dev/null
+  [2]
