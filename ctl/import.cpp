@@ -28,6 +28,8 @@ static std::string make_strict(const std::string &text, std::vector<std::string>
     remarks.emplace_back("it is no strict JSON; what a device reads in it is stored");
     g_autoptr(JsonNode) root = parse_json(text);
     g_autofree gchar *strict = json_to_string(root, FALSE);
+    if (!is_strict_json(strict)) // such as a number that is infinite
+        throw HostError("it is no strict JSON, and can't be made that");
     return strict;
 }
 

@@ -173,12 +173,13 @@ Out of the store and into it: a backup, a bare snapshot, whatever is odd about i
   {}
   {}
   {'a': 1, 'b': 0.5}
-  $ python3 -m json.tool file >pretty; head -c -9 file >cut; printf '{"a":"\xff"}' >latin; echo '{"a":"\377"}' >octal; echo '[1]' >array; truncate -s 17M large
-  $ printf 'import %s\n' cut pretty latin octal array large . nowhere file/file | try_each
+  $ python3 -m json.tool file >pretty; head -c -9 file >cut; printf '{"a":"\xff"}' >latin; echo '{"a":"\377"}' >octal; echo '{"a":04444444444444444444444E4444}' >infinite; echo '[1]' >array; truncate -s 17M large
+  $ printf 'import %s\n' cut pretty latin octal infinite array large . nowhere file/file | try_each
   5 ime-backupctl: cut can't be imported: it is cut short
   5 ime-backupctl: pretty can't be imported: it has been changed since it was written, or is cut short
   1 ime-backupctl: latin can't be imported: it is no UTF-8 text
   1 ime-backupctl: octal can't be imported: it is no UTF-8 text
+  1 ime-backupctl: infinite can't be imported: it is no strict JSON, and can't be made that
   1 ime-backupctl: array can't be imported: it is neither a backup nor a snapshot: it is no JSON object
   1 ime-backupctl: large can't be imported: it is larger than 16777216 bytes
   1 ime-backupctl: . can't be imported: it can't be read: Is a directory
