@@ -158,13 +158,24 @@ std::optional<BackupNumber> find_newest_good(const CloudStore &store,
 
 // Those that there are.
 
+[[noreturn]] static void refuse_missing(const CloudStore &store)
+{
+    throw PlatformError("there is no cloud store " + store.location() +
+                        "; \"ime-backupctl backup\" makes it");
+}
+
+void require_store(const CloudStore &store)
+{
+    if (!store.exists())
+        refuse_missing(store);
+}
+
 std::vector<BackupNumber> list_backups(const CloudStore &store)
 {
     const CloudStore::Listing listing = store.list();
     if (!listing.is_there) {
         if (store.is_chosen())
-            throw PlatformError("there is no cloud store " + store.location() +
-                                "; \"ime-backupctl backup\" makes it");
+            refuse_missing(store);
         fprintf(stderr, "ime-backupctl: there is no backup yet: %s is made by the first one\n",
                 escaped(store.location()).c_str());
         return {};

@@ -50,6 +50,9 @@ std::optional<BackupNumber> find_newest_good(const CloudStore &store,
 /// @throws PlatformError when the store's place was chosen and it isn't there
 std::vector<BackupNumber> list_backups(const CloudStore &store);
 
+/// @throws PlatformError when the place of the store isn't there
+void require_store(const CloudStore &store);
+
 /// The backups that a person named, each once.
 ///
 /// @throws NoBackupError

@@ -25,9 +25,7 @@ static void import_backup(Cli &cli, const std::string &name)
     cli.document.set("backup", Json());
     cli.document.set("stored", Json(false));
     const auto store = open_store(cli.service.timeout_seconds);
-    if (!store->exists())
-        throw PlatformError("there is no cloud store " + store->location() +
-                            "; \"ime-backupctl backup\" makes it");
+    require_store(*store);
     Importable importable;
     try {
         importable = make_importable(read_in(name));

@@ -41,35 +41,41 @@ std::string quote(const std::string &text)
     return quoted + "\"";
 }
 
+/// What a person sees as a script does.
+static Shown show_alike(const std::string &text)
+{
+    return {text, text};
+}
+
 Shown show(int number)
 {
-    return {std::to_string(number), std::to_string(number)};
+    return show_alike(std::to_string(number));
 }
 
 Shown show(double number)
 {
-    return {std::to_string(number), std::to_string(number)};
+    return show_alike(std::to_string(number));
 }
 
 Shown show(bool truth)
 {
-    return truth ? Shown{"true", "true"} : Shown{"false", "false"};
+    return show_alike(truth ? "true" : "false");
 }
 
 Shown show(const char *text)
 {
-    return text == nullptr ? Shown{"null", "null"} : show(std::string(text));
+    return show_alike(text == nullptr ? "null" : quote(text));
 }
 
 Shown show(const std::string &text)
 {
-    return {quote(text), quote(text)};
+    return show_alike(quote(text));
 }
 
 Shown show(const char *kind, const void *handle, const void *owner)
 {
     if (handle == nullptr)
-        return {"null", "null"};
+        return show_alike("null");
     static std::map<std::string, int> counts;
     NamedHandle &named = handles[handle];
     if (named.name.empty())

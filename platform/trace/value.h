@@ -31,35 +31,18 @@ Shown show(const char *kind, const void *handle, const void *owner = nullptr);
 /// The name is given anew, and so are those of what belongs to the handle.
 void forget_handle(const void *handle);
 
-inline const char *kind_of(app_control_handle)
-{
-    return "app_control";
-}
-
-inline const char *kind_of(orvanta_cloud_list_handle)
-{
-    return "list";
-}
-
-inline const char *kind_of(orvanta_cloud_record_handle)
-{
-    return "record";
-}
-
-inline const char *kind_of(orvanta_cloud_source_handle)
-{
-    return "source";
-}
-
-inline const char *kind_of(vconf_keylist_handle)
-{
-    return "keylist";
-}
-
-inline const char *kind_of(vconf_keynode_handle)
-{
-    return "keynode";
-}
+#define HANDLE(type, kind)                                                                                   \
+    inline const char *kind_of(type)                                                                         \
+    {                                                                                                        \
+        return kind;                                                                                         \
+    }
+HANDLE(app_control_handle, "app_control")
+HANDLE(orvanta_cloud_list_handle, "list")
+HANDLE(orvanta_cloud_record_handle, "record")
+HANDLE(orvanta_cloud_source_handle, "source")
+HANDLE(vconf_keylist_handle, "keylist")
+HANDLE(vconf_keynode_handle, "keynode")
+#undef HANDLE
 
 template <std::same_as<void *> Data> // what is no other kind of pointer
 const char *kind_of(Data)
