@@ -50,14 +50,16 @@ namespace
 /// Why the service was stopped.
 enum class Stop { none, interrupted, timed_out };
 
-/// The first signal that comes while the result is being told leaves some time for that.
-void on_late_signal(int)
+/// Signals that come while the result is being told leave some time for that, however many there are: it is
+/// to be told that a backup was stored.
+void on_late_signal(int signal)
 {
-    static volatile std::sig_atomic_t signals = 0;
-    if (signals != 0)
+    static volatile std::sig_atomic_t is_last_moment = 0;
+    if (signal == SIGALRM)
         _exit(EXIT_INTERRUPTED);
-    signals = 1;
-    alarm(GRACE_SECONDS);
+    if (is_last_moment == 0)
+        alarm(GRACE_SECONDS);
+    is_last_moment = 1;
 }
 
 /// The wait for the service's end, with all that the main loop is given for it.
