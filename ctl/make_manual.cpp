@@ -135,6 +135,7 @@ static int make_manual(const char *template_file, const char *manual_file)
     Cli cli;
     build_cli(cli);
     const std::map<std::string, std::string> parts = {
+        {"@OS@", ".Os \"IME backup service " IME_BACKUP_VERSION "\"\n"},
         {"@COMMANDS@", describe_commands(cli.app)},
         {"@OPTIONS@", options_list(options_of(cli.app))},
         {"@SETTINGS@", describe_settings()},

@@ -205,8 +205,8 @@ Completion offers what may stand there: commands, options, settings and their va
 
 The manuals are without fault, and tell of each member that a script gets.
 
-  $ manual=$BUILD/share/man/man1/ime-backupctl.1
-  $ for page in $manual $SOURCE/backup/ime-backup-service.8; do
+  $ manual=$BUILD/share/man/man1/ime-backupctl.1 service_manual=$BUILD/share/man/man8/ime-backup-service.8
+  $ for page in $manual $service_manual; do
   >     mandoc -T lint -W warning $page; groff -ww -mdoc -Tutf8 -z $page; man --warnings -l $page 2>&1 >/dev/null
   > done
   $ for command in backup 'restore --dry-run' undo list diff info status 'prune --keep 9'; do
@@ -215,7 +215,7 @@ The manuals are without fault, and tell of each member that a script gets.
   >     grep -qw -- "$member" <(man -l $manual | sed -n '/^JSON/,/^[EF]/p') || echo "$member is not in the manual"
   > done
   $ grep -o 'http[^"]*' $SOURCE/backup/include/ime_backup_operations.h | while read -r operation; do
-  >     grep -c -- "$operation\$" $SOURCE/backup/ime-backup-service.8
+  >     grep -c -- "$operation\$" $service_manual
   > done
   1
   1
