@@ -153,6 +153,20 @@ A service that never finishes, and does not mind being asked to; then one that w
   $ rm pid; command ime-backupctl --service $PWD/waiting info & disown; until [[ -s pid ]]; do sleep 0.05; done
   $ kill -KILL $!; is_gone
 
+A request to the session bus starts the service, which makes a backup and ends. Where none follows, it ends, too.
+
+  $ export operation bus=com.orvanta.ime-backup-service
+  $ call_bus() { gdbus call --session -d org.freedesktop.DBus -o / -m org.freedesktop.DBus.$1 $bus $2; }
+  $ ends() { for _ in {1..200}; do call_bus NameHasOwner | grep -q false && return; sleep 0.05; done; return 1; }
+  $ export -f call_bus ends
+  $ on_bus() { XDG_DATA_DIRS=$BUILD/share dbus-run-session -- bash -c "$1" 2>bus.log; }
+  $ on_bus 'gapplication launch $bus $operation/backup && ends'
+  $ ime-backupctl list | tail -n 1 | cut -c 1-8
+  9   DAY 
+  $ on_bus 'call_bus StartServiceByName 0 && call_bus NameHasOwner && ends'
+  (uint32 1,)
+  (true,)
+
 All that is made is its owner's alone. A log that has grown is put aside.
 
   $ umask 022; export IME_BACKUP_HOST_DIR=$PWD/new

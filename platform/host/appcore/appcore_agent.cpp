@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <optional>
 
 #include <gio/gio.h>
@@ -26,6 +27,10 @@ static constexpr char HELP[] =
     "(or .../restore, .../get_backup_info). With a session bus, it goes to the\n"
     "instance that runs already. Without one that is known, the service waits until\n"
     "SIGTERM. The cloud backup client starts it: on a workstation, ime-backupctl.\n";
+
+/// With it the session bus starts the service, for a request that is about to come.
+static constexpr char STARTED_BY_BUS[] = "--gapplication-service";
+static constexpr guint REQUEST_SECONDS = 5;
 
 static constexpr int EXIT_USAGE = 2;
 static constexpr guint END_RETRY_MS = 20;
@@ -49,6 +54,7 @@ struct ServiceApp {
     bool created = false;
     bool ending = false;
     bool terminated = false; ///< by a signal: it ends whatever comes
+    bool asked = false;      ///< a request has come
     int end_retries = 0;
     std::optional<FileLock> launches = std::nullopt;
 };
@@ -75,6 +81,18 @@ static void on_startup(GApplication *application, ServiceApp *app)
         g_application_quit(application);
 }
 
+/// @return the answer
+static int serve(ServiceApp &app, const char *operation)
+{
+    app_control request;
+    if (operation != nullptr)
+        request.operation = operation;
+    app.asked = true;
+    app.ending = app.terminated; // else a request that came in time is served
+    app.callbacks.app_control(&request, app.user_data);
+    return request.result.value_or(EXIT_FAILURE);
+}
+
 static int on_command_line(GApplication *, GApplicationCommandLine *command_line, ServiceApp *app)
 {
     if (!app->created)
@@ -82,16 +100,26 @@ static int on_command_line(GApplication *, GApplicationCommandLine *command_line
 
     int argc = 0;
     g_auto(GStrv) argv = g_application_command_line_get_arguments(command_line, &argc);
-    app_control request;
-    if (argc > 1)
-        request.operation = argv[1];
-    app->ending = app->terminated; // else a request that came in time is served
-    app->callbacks.app_control(&request, app->user_data);
-
-    const int status = request.result.value_or(EXIT_FAILURE);
+    const int status = serve(*app, argc > 1 ? argv[1] : nullptr);
     if (g_application_command_line_get_is_remote(command_line) == FALSE)
         app->status = status;
     return status;
+}
+
+/// The bus's own way of asking: operations are URIs.
+static void on_open(GApplication *, GFile **operations, gint count, const char *, ServiceApp *app)
+{
+    for (int i = 0; app->created && i < count; i++) {
+        g_autofree char *operation = g_file_get_uri(operations[i]);
+        serve(*app, operation);
+    }
+}
+
+static gboolean on_no_request(void *)
+{
+    if (!running->asked)
+        service_app_exit();
+    return G_SOURCE_REMOVE;
 }
 
 static void on_shutdown(GApplication *, ServiceApp *app)
@@ -139,15 +167,24 @@ static int answer_option(const std::string &option)
 int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, void *user_data)
 {
     prepare_process();
-    if (argc > 1 && argv[1][0] == '-')
+    const bool is_started_by_bus = argc == 2 && strcmp(argv[1], STARTED_BY_BUS) == 0;
+    if (argc > 1 && argv[1][0] == '-' && !is_started_by_bus)
         return answer_option(argv[1]);
 
     ServiceApp app{*callbacks, user_data};
     running = &app;
+    int flags = G_APPLICATION_HANDLES_COMMAND_LINE | G_APPLICATION_HANDLES_OPEN;
+    if (is_started_by_bus) {
+        flags |= G_APPLICATION_IS_SERVICE;
+        argc = 1;
+        app.status = EXIT_SUCCESS;
+        g_timeout_add_seconds(REQUEST_SECONDS, on_no_request, nullptr);
+    }
     g_autoptr(GApplication) application =
-        g_application_new(APPLICATION_ID, G_APPLICATION_HANDLES_COMMAND_LINE);
+        g_application_new(APPLICATION_ID, static_cast<GApplicationFlags>(flags));
     g_signal_connect(application, "startup", G_CALLBACK(on_startup), &app);
     g_signal_connect(application, "command-line", G_CALLBACK(on_command_line), &app);
+    g_signal_connect(application, "open", G_CALLBACK(on_open), &app);
     g_signal_connect(application, "shutdown", G_CALLBACK(on_shutdown), &app);
 
     // Before the name on the bus tells others that the service is there.
