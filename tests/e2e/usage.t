@@ -221,6 +221,17 @@ The manuals are without fault, and tell of each member that a script gets.
   1
   1
 
+A timer's service may start it, or cron, with next to no environment: what was looked for is named.
+
+  $ XDG_RUNTIME_DIR=$PWD MANPATH=$BUILD/share/man systemd-analyze verify --user $BUILD/lib/systemd/user/*
+  $ bare() { env -i ${ASAN_OPTIONS:+ASAN_OPTIONS=$ASAN_OPTIONS LSAN_OPTIONS=$LSAN_OPTIONS} "$@"; }
+  $ bare $BUILD/bin/ime-backupctl status | grep -oE 'local:[^)]*|[^ ]*/ime-backup/cloud' |
+  >     sed "s#^$(getent passwd $(id -u) | cut -d : -f 6)/#~/#"
+  local:/tmp/scim-socket-frontend
+  ~/.local/state/ime-backup/cloud
+  $ bare HOME=$PWD SCIM_SOCKET_ADDRESS=$SCIM_SOCKET_ADDRESS $BUILD/bin/ime-backupctl backup | cut -c 1-8
+  backup 1
+
 Standard output that is full or closed: what could not be said is not said to be done.
 
   $ ime-backupctl settings set selected_lang $(printf 'xx_%s,' {1..500})
