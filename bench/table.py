@@ -1,0 +1,64 @@
+"""The bench's table, from what it measured.
+
+Usage: table.py [--check] FOLDER
+"""
+
+import json
+import pathlib
+import statistics
+import sys
+from collections import defaultdict
+
+work = pathlib.Path(sys.argv[-1])
+times = defaultdict(dict)  # of each that was measured: its median in each round, in ms
+for file in work.glob("rounds/*.json"):
+    for result in json.loads(file.read_text())["results"]:
+        times[result["command"]][file.name.split("-")[0]] = result["median"] * 1000
+weights = {}  # MB, and synced files
+for line in (work / "weights").read_text().splitlines():
+    name, memory, synced = line.split("\t")
+    weights[name] = int(memory) / 1024, int(synced)
+
+COLUMNS = "{:35}{:>5}  {:9}{:>8}  {:>15}{:>13}{:>9}"
+missed = False
+
+
+def show(title, ratios, target, *names, shares=(1, 1)):
+    """A row for the ratio of two that were measured, of which each may be a share of what was."""
+    global missed
+    ratio = statistics.median(ratios)
+    spread = "{:.2f}-{:.2f}".format(*statistics.quantiles(ratios, n=4)[::2]) if len(ratios) > 3 else ""
+    misses = target is not None and ratio > target
+    missed = missed or misses
+    clock = [statistics.median(times[name].values()) / share for name, share in zip(names, shares)]
+    pairs = [[f"{ms:.{2 if ms < 10 else 1}f}" for ms in clock]]
+    pairs += [[f"{weights[name][0]:.1f}" for name in names], [str(weights[name][1]) for name in names]]
+    print(COLUMNS.format(title, f"{ratio:.2f}", spread, "" if target is None else f"{'! ' * misses}{target:.2f}",
+                         *(" : ".join(pair) for pair in pairs)).rstrip())
+
+
+def compare(title, target, one, other, shares=(1, 1)):
+    rounds = times[one].keys() & times[other].keys()
+    show(title, [times[one][n] / shares[0] * shares[1] / times[other][n] for n in rounds], target, one, other,
+         shares=shares)
+
+
+print(COLUMNS.format("compared", "ratio", "quartiles", "at most", "ms", "peak MB", "synced"))
+for what, target in ("backup", 0.20), ("restore", 0.09):
+    compare(f"ime-backupctl {what} : script", target, f"plain {what} ime-backupctl", f"plain {what} script.sh")
+for who, target in ("service", 1.25), ("ime-backupctl", 1.9):
+    for what in "backup", "restore":
+        compare(f"{who} {what} : floor", target, f"plain {what} {who}", f"plain {what} floor")
+for what in "backup", "restore":
+    pair = f"plain {what} service", f"plain {what} floor"
+    show(f"peak memory, {what} : floor", [weights[pair[0]][0] / weights[pair[1]][0]], 1.15, *pair)
+for what in "backup", "restore":
+    for count in 10, 1000, 10000:
+        compare(f"{what}, {count:,} languages : floor", None, f"languages-{count} {what} service",
+                f"languages-{count} {what} floor")
+for count in 100, 1000, 10000:
+    compare(f"each of {count:,} records : alone", None, f"records-{count} restore service",
+            "records-1 restore service", (count, 1))
+compare("each of 100 unlike records : alone", None, "records-changing restore service", "records-1 restore service",
+        (100, 1))
+sys.exit(1 if missed and "--check" in sys.argv else 0)
