@@ -1,38 +1,42 @@
 #!/bin/sh
-# What one would do without the service: a backup and a restore in a script, with the tools that SCIM, SQLite and
-# others bring. It reads and writes the same as the floor does, with one process for each thing to do.
-# Usage: script.sh backup|restore, with IME_BACKUP_HOST_DIR and IME_BACKUP_CLOUD_STORE set.
+# What one would do without the service: a backup and a restore with the tools that SCIM, SQLite and others bring, a
+# value at a time. There is a restore at once, too, with as few processes as these tools can do it with.
+#
+# Usage: script.sh backup|restore|restore_at_once, with IME_BACKUP_HOST_DIR and IME_BACKUP_CLOUD_STORE set.
 set -eu
 
-engine=/DefaultIMEngineFactory/~other
-head='{"format":"ime-backup-records","version":1,"sha256":"'
+ENGINE=/DefaultIMEngineFactory/~other
+HEAD='{"format":"ime-backup-records","version":1,"sha256":"'
+LANGUAGES=db/ise/engine/lpm/selected_lang
+DOWNLOADED=db/ise/engine/lpm/downloaded_lang
+WITH_HANDWRITING=db/ise/engine/lpm/downloaded_with_handwriting_lang
 
 database() { sqlite3 "$IME_BACKUP_HOST_DIR/settings.db" "$1"; }
+get_stored() { database "SELECT value FROM settings WHERE key = '$1'"; }
+store() { database "INSERT OR REPLACE INTO settings VALUES ('$2', '$1', '$3')"; }
 get() { scim-config-agent -c socket -t "$1" -g "$2"; }
-set_value() { scim-config-agent -c socket -t "$1" -s "$2=$3" >/dev/null; }
+put() { scim-config-agent -c socket -t "$1" -s "$2=$3" >/dev/null; }
 checksum() { printf %s "$1" | sha256sum | cut -c 1-64; }
-# In the order of their numbers, newest last.
 find_newest() { for file in "$IME_BACKUP_CLOUD_STORE"/backup-*.json; do :; done; }
 
 backup() {
-    keyboard=$(get string $engine)
-    stored=$(database "SELECT value FROM settings WHERE key = 'db/ise/engine/lpm/selected_lang';
-        SELECT value FROM settings WHERE key = 'db/ise/hand_write';
-        SELECT value FROM settings WHERE key = 'db/ise/engine/prediction_val'")
+    keyboard=$(get string $ENGINE)
+    languages=$(get_stored $LANGUAGES)
+    handwriting=$(get_stored db/ise/hand_write)
+    prediction=$(get_stored db/ise/engine/prediction_val)
     space=$(get int keyloom/auto_spacing_val)
     capitalize=$(get int keyloom/auto_capitalization_val)
     punctuation=$(get bool keyloom/auto_punctuate_val)
     sound=$(get int keyloom/key_sounds_val)
     vib=$(get int keyloom/key_vibration_val)
-    records=$(jq -nc --arg keyboard "$keyboard" --arg stored "$stored" --arg date "$(date +%s%3N)" \
-        --argjson space "$space" --argjson capitalize "$capitalize" --argjson punctuation "$punctuation" \
-        --argjson sound "$sound" --argjson vib "$vib" '
-        ($stored / "\n") as [$languages, $handwriting, $prediction] |
-        {
+    records=$(jq -nc --arg keyboard "$keyboard" --arg languages "$languages" --arg date "$(date +%s%3N)" \
+        --argjson handwriting "$handwriting" --argjson prediction "$prediction" --argjson space "$space" \
+        --argjson capitalize "$capitalize" --argjson punctuation "$punctuation" --argjson sound "$sound" \
+        --argjson vib "$vib" '{
             default_keyboard: $keyboard,
             selected_lang: ($languages | rtrimstr("#") / "#" | sort | map({lang_id: .})),
-            handwriting: ($handwriting == "1"),
-            prediction: ($prediction == "1"),
+            handwriting: ($handwriting != 0),
+            prediction: ($prediction != 0),
             auto_space: ($space != 0),
             auto_capitalize: ($capitalize != 0),
             auto_punctuation: $punctuation,
@@ -45,43 +49,71 @@ backup() {
     number=${number#"${number%%[!0]*}"} # else it would be octal
     [ "$number" = '*' ] && number=0
     file=$(printf '%s/backup-%06d.json' "$IME_BACKUP_CLOUD_STORE" $((number + 1)))
-    printf '%s%s","records":%s}' "$head" "$(checksum "$records")" "$records" >"$file.new"
+    printf '%s%s","records":%s}' "$HEAD" "$(checksum "$records")" "$records" >"$file.new"
     sync "$file.new"
     mv "$file.new" "$file"
     sync "$IME_BACKUP_CLOUD_STORE"
 }
 
-restore() {
+read_records() {
     find_newest
     content=$(cat "$file")
-    records=${content#"$head"*'","records":'}
+    records=${content#"$HEAD"*'","records":'}
     records=${records%\}}
-    [ "$content" = "$head$(checksum "$records")\",\"records\":$records}" ]
-    downloaded=$(database "SELECT value FROM settings WHERE key = 'db/ise/engine/lpm/downloaded_lang';
-        SELECT value FROM settings WHERE key = 'db/ise/engine/lpm/downloaded_with_handwriting_lang'")
+    [ "$content" = "$HEAD$(checksum "$records")\",\"records\":$records}" ]
+}
+
+member() { printf %s "$snapshot" | jq -r "$1"; }
+number() { if [ "$(member "$1")" = true ]; then echo 1; else echo 0; fi; }
+
+restore() {
+    read_records
+    snapshot=$(printf %s "$records" | jq -r '.[-1].value')
+    downloaded=$(get_stored $DOWNLOADED)
+    with_handwriting=$(get_stored $WITH_HANDWRITING)
+    languages=
+    handwriting=0
+    for language in $(member '.selected_lang[].lang_id'); do
+        case $downloaded in
+        *"$language"*) languages=$languages$language# ;;
+        *) continue ;;
+        esac
+        case $with_handwriting in
+        *"$language"*) handwriting=$(number .handwriting) ;;
+        esac
+    done
+    put string $ENGINE "$(member .default_keyboard)"
+    store string $LANGUAGES "$languages"
+    store bool db/ise/hand_write "$handwriting"
+    store bool db/ise/engine/prediction_val "$(number .prediction)"
+    put int keyloom/auto_spacing_val "$(number .auto_space)"
+    put int keyloom/auto_capitalization_val "$(number .auto_capitalize)"
+    put bool keyloom/auto_punctuate_val "$(member .auto_punctuation)"
+    put int keyloom/key_sounds_val "$(number .key_tap_sound)"
+    put int keyloom/key_vibration_val "$(number .key_tap_vib)"
+}
+
+restore_at_once() {
+    read_records
+    downloaded=$(database "SELECT value FROM settings WHERE key IN ('$DOWNLOADED', '$WITH_HANDWRITING') ORDER BY key")
     values=$(printf %s "$records" | jq -r --arg downloaded "$downloaded" '
-        ($downloaded / "\n") as [$known, $written] |
-        .[-1].value | fromjson | . as $all |
+        ($downloaded / "\n") as [$known, $written] | .[-1].value | fromjson |
         [.selected_lang[].lang_id | . as $one | select($known | contains($one))] as $selected |
         ($selected | any(. as $one | $written | contains($one))) as $handwriting |
         .default_keyboard, ($selected | map(. + "#") | add),
-        ([(.handwriting and $handwriting), .prediction, .auto_space, .auto_capitalize, .key_tap_sound, .key_tap_vib]
-            | map(if . then 1 else 0 end) | .[]),
+        (.handwriting and $handwriting, .prediction, .auto_space, .auto_capitalize, .key_tap_sound, .key_tap_vib
+            | if . then 1 else 0 end),
         .auto_punctuation')
-    { read -r keyboard; read -r languages; read -r handwriting; read -r prediction; read -r space
-        read -r capitalize; read -r sound; read -r vib; read -r punctuation; } <<END
-$values
-END
-    set_value string $engine "$keyboard"
-    database "PRAGMA synchronous = FULL; BEGIN IMMEDIATE;
-        INSERT OR REPLACE INTO settings VALUES ('db/ise/engine/lpm/selected_lang', 'string', '$languages'),
-            ('db/ise/hand_write', 'bool', '$handwriting'), ('db/ise/engine/prediction_val', 'bool', '$prediction');
-        COMMIT"
-    set_value int keyloom/auto_spacing_val "$space"
-    set_value int keyloom/auto_capitalization_val "$capitalize"
-    set_value bool keyloom/auto_punctuate_val "$punctuation"
-    set_value int keyloom/key_sounds_val "$sound"
-    set_value int keyloom/key_vibration_val "$vib"
+    # shellcheck disable=SC2086 # one word each
+    set -- $values
+    put string $ENGINE "$1"
+    database "BEGIN; INSERT OR REPLACE INTO settings VALUES ('$LANGUAGES', 'string', '$2'),
+        ('db/ise/hand_write', 'bool', '$3'), ('db/ise/engine/prediction_val', 'bool', '$4'); COMMIT"
+    put int keyloom/auto_spacing_val "$5"
+    put int keyloom/auto_capitalization_val "$6"
+    put int keyloom/key_sounds_val "$7"
+    put int keyloom/key_vibration_val "$8"
+    put bool keyloom/auto_punctuate_val "$9"
 }
 
 "$1"

@@ -46,6 +46,7 @@ def compare(title, target, one, other, shares=(1, 1)):
 print(COLUMNS.format("compared", "ratio", "quartiles", "at most", "ms", "peak MB", "synced"))
 for what, target in ("backup", 0.20), ("restore", 0.09):
     compare(f"ime-backupctl {what} : script", target, f"plain {what} ime-backupctl", f"plain {what} script.sh")
+compare("ime-backupctl restore : all at once", None, "plain restore ime-backupctl", "plain restore at-once")
 for who, target in ("service", 1.25), ("ime-backupctl", 1.9):
     for what in "backup", "restore":
         compare(f"{who} {what} : floor", target, f"plain {what} {who}", f"plain {what} floor")
