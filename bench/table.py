@@ -33,8 +33,9 @@ def show(title, ratios, target, *names, shares=(1, 1)):
     clock = [statistics.median(times[name].values()) / share for name, share in zip(names, shares)]
     pairs = [[f"{ms:.{2 if ms < 10 else 1}f}" for ms in clock]]
     pairs += [[f"{weights[name][0]:.1f}" for name in names], [str(weights[name][1]) for name in names]]
-    print(COLUMNS.format(title, f"{ratio:.2f}", spread, "" if target is None else f"{'! ' * misses}{target:.2f}",
-                         *(" : ".join(pair) for pair in pairs)).rstrip())
+    at_most = "" if target is None else f"{'! ' * misses}{target:.2f}"
+    print(COLUMNS.format(title, f"{ratio:.{2 if ratio >= 0.1 else 3}f}", spread, at_most,
+                         *(" : ".join(pair) for pair in pairs)))
 
 
 def compare(title, target, one, other, shares=(1, 1)):
