@@ -26,7 +26,8 @@ typedef struct vconf_keynode *vconf_keynode_handle;
 int vconf_get_bool(const char *key, int *value);
 
 /**
- * Stores a boolean durably, whatever the key held before.
+ * Stores a boolean, whatever the key held before. It outlives the process at once, and a power cut at the
+ * latest when the exchange is over in which it was stored.
  *
  * @param value  any value but 0 is true
  * @return 0, or -1 when the store refuses it
@@ -72,7 +73,7 @@ char *vconf_keynode_get_str(vconf_keynode_handle node);
 int vconf_keylist_add_str(vconf_keylist_handle list, const char *key, const char *value);
 
 /**
- * Stores all values that were added to a list, durably and all together.
+ * Stores all values that were added to a list, all together, and as durably as vconf_set_bool() does.
  *
  * @return 0 when they are stored; any other value when none is
  */

@@ -602,6 +602,7 @@ TEST_F(Cloud, NothingThrownPassesTheMainLoop)
 constexpr char KEY[] = "db/ise/hand_write";
 std::map<std::string, DeviceValue> device;
 bool device_is_readable = true;
+bool device_is_durable = true;
 
 class OnADevice : public Cloud
 {
@@ -610,12 +611,25 @@ protected:
     {
         device = {{KEY, true}};
         device_is_readable = true;
-        register_place(SettingPlace::settings_store, {[](const SettingRow &row) {
-                                                          if (!device_is_readable)
-                                                              throw PlatformError("the device can't be read");
-                                                          return device[row.key];
-                                                      },
-                                                      [](const SettingRow &, const DeviceValue &) {}, [] {}});
+        device_is_durable = true;
+        register_place(SettingPlace::settings_store,
+                       {read_all, [](const SettingRow &, const DeviceValue &) {}, [] {}, make_durable});
+    }
+
+    static std::vector<DeviceValue> read_all(const std::vector<SettingRow> &rows)
+    {
+        if (!device_is_readable)
+            throw PlatformError("the device can't be read");
+        std::vector<DeviceValue> values;
+        for (const SettingRow &row : rows)
+            values.push_back(device[row.key]);
+        return values;
+    }
+
+    static void make_durable()
+    {
+        if (!device_is_durable)
+            throw PlatformError("the disk is broken");
     }
 
     static void change(const char *key, const DeviceValue &value, Change::Outcome outcome)
@@ -685,6 +699,11 @@ TEST_F(OnADevice, ARestoreIsJudgedByTheAccount)
          },
          Result::failed, "not restored: handwriting", true},
         {[] { device_is_readable = false; }, Result::no_platform, "the device can't be read", true},
+        {[] {
+             change(KEY, false, Change::Outcome::made);
+             device_is_durable = false;
+         },
+         Result::no_platform, "the disk is broken", false},
     };
     for (const auto &test : cases) {
         device[KEY] = true;
@@ -696,7 +715,7 @@ TEST_F(OnADevice, ARestoreIsJudgedByTheAccount)
         EXPECT_EQ(report.settings[1].before, DeviceValue(true));
         EXPECT_EQ(report.settings[1].after, test.after);
         EXPECT_EQ(report.snapshot, "{\"handwriting\":false}");
-        device_is_readable = true;
+        device_is_readable = device_is_durable = true;
     }
 
     // Each change is told as it is made: the report may never come.

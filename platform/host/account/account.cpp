@@ -7,12 +7,14 @@ void Account::start(Observer new_observer, Kind new_kind)
     finish();
     observer = std::move(new_observer);
     kind = new_kind;
+    started = true;
 }
 
 void Account::finish()
 {
     observer = nullptr;
     kind = Kind::real;
+    started = false;
     noted_changes.clear();
     noted_troubles.clear();
     uses.clear();

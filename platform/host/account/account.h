@@ -69,6 +69,9 @@ public:
 
     bool is_trial() const { return kind == Kind::trial; }
 
+    /// Whether it is that of an exchange, at whose end what was written is made durable.
+    bool is_started() const { return started; }
+
     /// Ends it, and lets go of all that is in it.
     void finish();
 
@@ -106,6 +109,7 @@ private:
     std::vector<std::shared_ptr<void>> kept;
     Observer observer;
     Kind kind = Kind::real;
+    bool started = false;
 };
 
 /// The account of this process.
@@ -129,10 +133,18 @@ std::shared_ptr<Object> share_in_account()
 /// How a place of the device is used other than through its C interface: by what looks at all places alike.
 /// Nothing of it goes to the account. Each throws PlatformError when the place can't be used.
 struct DeviceAccess {
-    DeviceValue (*read)(const SettingRow &row);
+    /// @param rows of this place
+    /// @return a value for each
+    std::vector<DeviceValue> (*read_all)(const std::vector<SettingRow> &rows);
     /// @throws ValueError when the place doesn't accept the value
     void (*write)(const SettingRow &row, const DeviceValue &value);
     void (*require_writable)();
+    /// Has what was written since the account was started outlive a power cut. Nothing where it does at once.
+    void (*make_durable)() = nullptr;
+    /// Where the place is looked for.
+    std::string (*where)() = nullptr;
+
+    DeviceValue read(const SettingRow &row) const { return read_all({row}).front(); }
 };
 
 /// The library that keeps a place registers it when it is loaded.

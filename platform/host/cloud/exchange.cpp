@@ -3,6 +3,7 @@
 #include "exchange.h"
 
 #include <algorithm>
+#include <map>
 #include <span>
 
 #include <glib.h>
@@ -55,6 +56,70 @@ void Exchange::prepare()
         throw HostError("the service is not ready");
 }
 
+// The device.
+
+/// Calls `visit` with each of these that the host keeps.
+template <class Visit>
+static void for_each_kept(std::span<const SettingRow> rows, Visit visit)
+{
+    for (const SettingRow &row : rows)
+        if (device_access(row.place) != nullptr)
+            visit(row);
+}
+
+/// Calls `visit` with each setting, and each list that decides what is restored, that the host keeps.
+template <class Visit>
+static void for_each_row(Visit visit)
+{
+    for_each_kept(SETTINGS, visit);
+    for_each_kept(DOWNLOADED_LISTS, visit);
+}
+
+/// Calls `visit` with each place that the host keeps, and its rows. One that can't be used is a trouble.
+template <class Visit>
+static void for_each_place(Visit visit)
+{
+    std::map<SettingPlace, std::vector<SettingRow>> rows;
+    for_each_row([&](const SettingRow &row) { rows[row.place].push_back(row); });
+    for (const auto &[place, its_rows] : rows)
+        try {
+            visit(*device_access(place), its_rows);
+        } catch (const PlatformError &error) {
+            account().note({Trouble::Kind::unusable, place, error.what()});
+        }
+}
+
+/// What can be read of the device, by the members of the rows.
+static std::map<std::string, DeviceValue> read_device()
+{
+    std::map<std::string, DeviceValue> values;
+    for_each_place([&](const DeviceAccess &access, const std::vector<SettingRow> &rows) {
+        const std::vector<DeviceValue> read = access.read_all(rows);
+        for (size_t i = 0; i < rows.size(); i++)
+            values[rows[i].member] = read[i];
+    });
+    return values;
+}
+
+/// What the service changed in one of its callbacks outlives a power cut from now on.
+static void make_changes_durable()
+{
+    if (!account().changes().empty())
+        for_each_place([](const DeviceAccess &access, const auto &) {
+            if (access.make_durable != nullptr)
+                access.make_durable();
+        });
+}
+
+void Exchange::require_no_trouble() const
+{
+    for (const Trouble &trouble : account().troubles())
+        if (trouble.kind == Trouble::Kind::refused)
+            throw HostError(trouble.reason);
+        else
+            throw PlatformError(trouble.reason);
+}
+
 // Backup.
 
 void Exchange::ask_for_keys_and_dates()
@@ -71,6 +136,7 @@ void Exchange::ask_for_keys_and_dates()
 void Exchange::have_records_filled()
 {
     ask(Answer::backup_path, callbacks.backup, make_list(*records));
+    make_changes_durable(); // the service sets languages that were not set
     // What could not be read is a default in the snapshot, which looks like any other.
     require_no_trouble();
     if (!path)
@@ -78,15 +144,6 @@ void Exchange::have_records_filled()
     // Else a file of an earlier backup would pass for this one's.
     if (written_path != *path)
         throw HostError(file_error.empty() ? "the service wrote no backup file" : file_error);
-}
-
-void Exchange::require_no_trouble() const
-{
-    for (const Trouble &trouble : account().troubles())
-        if (trouble.kind == Trouble::Kind::refused)
-            throw HostError(trouble.reason);
-        else
-            throw PlatformError(trouble.reason);
 }
 
 void Exchange::upload()
@@ -117,20 +174,11 @@ CloudRecords Exchange::check_upload(const std::string &content) const
     return filled;
 }
 
-/// Calls `visit` with each of these that the host keeps.
-template <class Visit>
-static void for_each_kept(std::span<const SettingRow> rows, Visit visit)
-{
-    for (const SettingRow &row : rows)
-        if (const DeviceAccess *access = device_access(row.place); access != nullptr)
-            visit(row, *access);
-}
-
 /// Those that the service did not read for each of so many records.
 static std::vector<std::string> find_unread(std::span<const SettingRow> rows, size_t records)
 {
     std::vector<std::string> unread;
-    for_each_kept(rows, [&](const SettingRow &row, const DeviceAccess &) {
+    for_each_kept(rows, [&](const SettingRow &row) {
         if (account().count(Use::reading, row) < records)
             unread.emplace_back(row.member);
     });
@@ -211,26 +259,14 @@ void Exchange::download()
         replace_file(source.file, backup.content);
 }
 
-/// Calls `visit` with each setting, and each list that decides what is restored, that the host keeps.
-template <class Visit>
-static void for_each_row(Visit visit)
-{
-    for_each_kept(SETTINGS, visit);
-    for_each_kept(DOWNLOADED_LISTS, visit);
-}
-
 /// A device that can't be read or written now is one that the service must not begin to change.
 void Exchange::look_at_device()
 {
-    for_each_row([this](const SettingRow &row, const DeviceAccess &access) {
-        try {
-            access.require_writable();
-            const DeviceValue value = access.read(row);
-            exchange_report.settings.push_back({row.member, value, value});
-        } catch (const PlatformError &error) {
-            account().note({Trouble::Kind::unusable, row.place, error.what()});
-            throw;
-        }
+    for_each_place([](const DeviceAccess &access, const auto &) { access.require_writable(); });
+    const std::map<std::string, DeviceValue> values = read_device();
+    require_no_trouble();
+    for_each_row([&](const SettingRow &row) {
+        exchange_report.settings.push_back({row.member, values.at(row.member), values.at(row.member)});
     });
 }
 
@@ -241,18 +277,19 @@ void Exchange::begin_journal()
         journal.emplace(exchange_report);
 }
 
-void Exchange::keep(size_t number, const Change &change)
+void Exchange::keep(const Change &change, const std::string &line)
 {
     // The service sets what it could not read to a default: be that kept from what is set.
     if (direction == Direction::backup && change.outcome == Change::Outcome::pending && change.before)
         throw PlatformError("a backup must not change what is set: " + change.key);
     if (journal)
-        journal->note(number, change);
+        journal->note(change, line);
 }
 
 void Exchange::have_records_restored()
 {
     ask(Answer::record_list, callbacks.restoration, &source);
+    make_changes_durable();
     report_settings();
     if (!records)
         throw HostError("the service could not read the records of backup " +
@@ -284,18 +321,16 @@ static std::vector<Change> find_changes(const SettingRow &row)
 /// What each setting came to: what the device holds now, or what is known of that.
 void Exchange::report_settings()
 {
+    const std::map<std::string, DeviceValue> values = read_device();
     auto setting = exchange_report.settings.begin();
-    for_each_row([&](const SettingRow &row, const DeviceAccess &access) {
+    for_each_row([&](const SettingRow &row) {
         SettingReport &report = *setting++;
         const std::vector<Change> changes = find_changes(row);
         for (const Change &change : changes)
             if (change.outcome == Change::Outcome::made)
                 report.after = change.after;
-        try {
-            report.after = access.read(row);
-        } catch (const PlatformError &error) {
-            account().note({Trouble::Kind::unusable, row.place, error.what()});
-        }
+        if (const auto value = values.find(row.member); value != values.end())
+            report.after = value->second;
         if (!changes.empty() &&
             (changes.back().outcome != Change::Outcome::made || report.after != changes.back().after))
             unwritten.emplace_back(row.member);
@@ -306,7 +341,7 @@ void Exchange::report_settings()
 void Exchange::find_unasked(const std::vector<std::string> &snapshots)
 {
     auto setting = exchange_report.settings.begin();
-    for_each_kept(SETTINGS, [&](const SettingRow &row, const DeviceAccess &) {
+    for_each_kept(SETTINGS, [&](const SettingRow &row) {
         const SettingReport &report = *setting++;
         if (!has_asked(row, report.after, snapshots) &&
             std::find(unwritten.begin(), unwritten.end(), row.member) == unwritten.end())
@@ -372,8 +407,9 @@ void Exchange::decide(ExchangeReport::Result result, const std::string &reason)
     exchange_report.reason = reason;
     exchange_report.changes = account().changes();
     exchange_report.troubles = account().troubles();
+    report_line = encode_report(exchange_report);
     if (journal)
-        journal->finish(exchange_report);
+        journal->finish(report_line, !exchange_report.changes.empty());
 }
 
 void Exchange::complete() const

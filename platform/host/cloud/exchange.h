@@ -43,17 +43,18 @@ public:
     /// @return whether it was the last
     bool run_step();
 
-    /// Keeps a change in the journal, if there is one.
+    /// Keeps a change, as its line in the report, in the journal, if there is one.
     ///
-    /// @throws PlatformError when a pending one can't be kept, or is a backup's to what is set: it must not
-    /// be
-    ///         made
-    void keep(size_t number, const Change &change);
+    /// @throws PlatformError when a pending one must not be made: it can't be kept, or is a backup's to what
+    ///         is set
+    void keep(const Change &change, const std::string &line);
 
     /// Gives the exchange its result, with the account as it stands.
     void decide(ExchangeReport::Result result, const std::string &reason = "");
 
     const ExchangeReport &report() const { return exchange_report; }
+    /// The report of an exchange that has its result.
+    const std::string &encoded_report() const { return report_line; }
 
     /// Tells the service the result.
     void complete() const;
@@ -100,6 +101,7 @@ private:
     std::vector<Step> steps;
     size_t next = 0;
     ExchangeReport exchange_report;
+    std::string report_line;
 
     Answer awaited = Answer::none;
     bool ready = false;

@@ -17,16 +17,17 @@ static void append(int file, const std::string &line)
 }
 
 /// The report tells of a result and never changes it: a lost one is only a pity.
-static void deliver(const ExchangeReport &report, bool is_last)
+static void deliver(const Exchange &exchange, bool is_last)
 {
+    const ExchangeReport &report = exchange.report();
     if (report.result != ExchangeReport::Result::succeeded)
         g_printerr("liborvanta-cloud-svc: %s failed: %s\n", report.operation.c_str(),
                    escaped(report.reason).c_str());
     try {
         if (const auto file = find_report_file(); file)
-            append(*file, encode_report(report));
+            append(*file, exchange.encoded_report());
         if (is_last)
-            replace_file(state_root() / LAST_REPORT, encode_report(report));
+            replace_file(state_root() / LAST_REPORT, exchange.encoded_report());
     } catch (const std::exception &error) {
         g_printerr("liborvanta-cloud-svc: %s\n", escaped(error.what()).c_str());
     }
@@ -121,9 +122,10 @@ bool ExchangeQueue::take_turn()
 /// Tells of a change where it has to be known whatever comes.
 void ExchangeQueue::tell(size_t number, const Change &change)
 {
-    exchanges.front().keep(number, change);
+    const std::string line = encode_change(number, change);
+    exchanges.front().keep(change, line);
     if (const auto file = find_report_file(); file)
-        append(*file, encode_change(number, change));
+        append(*file, line);
 }
 
 /// Ends the first exchange with this result, and its turn with it.
@@ -132,7 +134,7 @@ void ExchangeQueue::decide(ExchangeReport::Result result, const std::string &rea
     Exchange &exchange = exchanges.front();
     exchange.decide(result, reason);
     // Without its turn, another's exchange is the last.
-    deliver(exchange.report(), has_turn && !account().is_trial());
+    deliver(exchange, has_turn && !account().is_trial());
     account().finish();
     turn.reset();
     has_turn = false;

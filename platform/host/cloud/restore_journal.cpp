@@ -24,9 +24,8 @@ RestoreJournal::RestoreJournal(const ExchangeReport &undecided)
     size = static_cast<off_t>(line.size());
 }
 
-void RestoreJournal::note(size_t number, const Change &change)
+void RestoreJournal::note(const Change &change, const std::string &line)
 {
-    const std::string line = encode_change(number, change);
     if (append(line))
         return;
     const std::string where = (state_root() / LAST_RESTORE).string();
@@ -36,11 +35,10 @@ void RestoreJournal::note(size_t number, const Change &change)
     g_printerr("liborvanta-cloud-svc: %s does not tell what came of a change\n", where.c_str());
 }
 
-void RestoreJournal::finish(const ExchangeReport &report)
+void RestoreJournal::finish(const std::string &line, bool has_changes)
 {
-    backlog.clear();                                 // the report has all of it
-    const bool is_changed = !report.changes.empty(); // else there is nothing to undo after a power cut
-    if (!append(encode_report(report)) || (is_changed && fdatasync(file.get()) != 0))
+    backlog.clear(); // the report has all of it
+    if (!append(line) || (has_changes && fdatasync(file.get()) != 0))
         g_printerr("liborvanta-cloud-svc: %s lacks the result\n",
                    (state_root() / LAST_RESTORE).string().c_str());
 }

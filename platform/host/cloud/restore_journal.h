@@ -17,10 +17,15 @@ public:
     /// @throws PlatformError when it can't be kept; the one before is then still there
     explicit RestoreJournal(const ExchangeReport &undecided);
 
+    /// Keeps a change, as its line in a report.
+    ///
     /// @throws PlatformError when a pending change can't be kept, and so must not be made
-    void note(size_t number, const Change &change);
+    void note(const Change &change, const std::string &line);
 
-    void finish(const ExchangeReport &report);
+    /// Keeps the result, as a report's line.
+    ///
+    /// @param has_changes else there is nothing that would have to be undone after a power cut
+    void finish(const std::string &line, bool has_changes);
 
 private:
     bool append(const std::string &line);

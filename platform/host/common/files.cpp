@@ -125,7 +125,17 @@ void remove_file_durably(const fs::path &file)
 
 void replace_file(const fs::path &file, const std::string &content)
 {
-    write_file(file, content, false, [](const char *from, const char *to) { return rename(from, to) == 0; });
+    write_file(file, content, false, [](const char *from, const char *to) {
+        // A file that takes another's name has some file systems begin to write it to the disk, which takes
+        // ten times as long. One that changes names with it doesn't.
+        struct stat old = {};
+        if (lstat(to, &old) == 0 && S_ISREG(old.st_mode) &&
+            renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_EXCHANGE) == 0) {
+            unlink(from);
+            return true;
+        }
+        return rename(from, to) == 0;
+    });
 }
 
 void create_file_durably(const fs::path &file, const std::string &content)

@@ -44,6 +44,15 @@ static DeviceValue engine_value(const std::string &engine)
     return engine.empty() ? DeviceValue() : engine;
 }
 
+static void make_durable()
+{
+    const std::shared_ptr<ScimDaemon> daemon = ScimDaemon::connect();
+    if (!daemon->has_unflushed())
+        return;
+    daemon->flush();
+    daemon->reload();
+}
+
 static void set_engine(const std::string &identifier)
 {
     const std::shared_ptr<ScimDaemon> daemon = ScimDaemon::connect();
@@ -51,8 +60,8 @@ static void set_engine(const std::string &identifier)
         daemon->erase(active_engine());
     else
         daemon->write(active_engine(), scim::String(identifier));
-    daemon->flush();
-    daemon->reload();
+    if (!account().is_started())
+        make_durable();
 }
 
 static void note(Trouble::Kind kind, const std::string &reason)
@@ -129,9 +138,9 @@ int isf_control_set_active_ime(const char *identifier)
 
 // What looks at all places of the device alike.
 
-static DeviceValue read_row(const SettingRow &)
+static std::vector<DeviceValue> read_rows(const std::vector<SettingRow> &rows)
 {
-    return engine_value(get_engine());
+    return std::vector<DeviceValue>(rows.size(), engine_value(get_engine()));
 }
 
 static void write_row(const SettingRow &, const DeviceValue &value)
@@ -148,4 +157,4 @@ static void require_writable()
 }
 
 [[maybe_unused]] static const bool registered =
-    register_place(PLACE, {read_row, write_row, require_writable});
+    register_place(PLACE, {read_rows, write_row, require_writable, make_durable});

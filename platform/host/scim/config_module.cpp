@@ -133,9 +133,15 @@ private:
 
 // What looks at all places of the device alike.
 
-DeviceValue read_row(const SettingRow &row)
+std::vector<DeviceValue> read_rows(const std::vector<SettingRow> &rows)
 {
-    return parse_config_text(ScimDaemon::connect()->read<scim::String>(row.key).value_or(""));
+    std::vector<scim::String> keys;
+    for (const SettingRow &row : rows)
+        keys.emplace_back(row.key);
+    std::vector<DeviceValue> values;
+    for (const auto &text : ScimDaemon::connect()->read_texts(keys))
+        values.push_back(parse_config_text(text.value_or("")));
+    return values;
 }
 
 void write_row(const SettingRow &row, const DeviceValue &value)
@@ -156,7 +162,8 @@ void require_writable()
     ScimDaemon::connect();
 }
 
-[[maybe_unused]] const bool registered = register_place(PLACE, {read_row, write_row, require_writable});
+[[maybe_unused]] const bool registered =
+    register_place(PLACE, {read_rows, write_row, require_writable, nullptr, ScimDaemon::default_address});
 
 } // namespace
 

@@ -143,10 +143,8 @@ bool ScimDaemon::ask(scim::Transaction &question)
         throw DaemonError(*lost);
     if (!question.write_to_socket(socket))
         lose("was lost");
-    if (socket.wait_for_data(timeout_ms) == 0)
-        lose("does not answer");
     if (!question.read_from_socket(socket, timeout_ms))
-        lose("was lost");
+        lose(socket.wait_for_data(0) == 0 ? "does not answer" : "was lost");
     int reply = 0;
     if (!question.get_command(reply) || reply != scim::SCIM_TRANS_CMD_REPLY)
         lose("gave an answer that makes no sense");
@@ -189,6 +187,30 @@ std::optional<Value> ScimDaemon::read(const scim::String &key)
     return static_cast<Value>(value);
 }
 
+std::vector<std::optional<scim::String>> ScimDaemon::read_texts(const std::vector<scim::String> &keys)
+{
+    Question question(magic_key, Wire<scim::String>::GET);
+    for (size_t i = 0; i < keys.size(); i++) {
+        if (i > 0)
+            question.put_command(Wire<scim::String>::GET);
+        question.put_data(keys[i]);
+    }
+    std::vector<std::optional<scim::String>> texts;
+    if (overlay.expired() && ask(question)) {
+        scim::String text;
+        int reply = 0;
+        while (question.get_data(text) && question.get_command(reply))
+            texts.emplace_back(text);
+    }
+    if (texts.size() == keys.size())
+        return texts;
+    // The answer leaves out what isn't set, and doesn't tell which that is.
+    texts.clear();
+    for (const scim::String &key : keys)
+        texts.push_back(read<scim::String>(key));
+    return texts;
+}
+
 /// Where a trial writes; nothing when this is none. What the daemon would refuse is refused.
 ScimDaemon::Overlay *ScimDaemon::overlay_to_write(const std::string &what)
 {
@@ -217,6 +239,7 @@ void ScimDaemon::write(const scim::String &key, const Value &value)
     question.put_data(key);
     question.put_data(static_cast<typename Wire<Value>::Type>(value));
     require(question, what);
+    unflushed = true;
 }
 
 void ScimDaemon::erase(const scim::String &key)
@@ -231,6 +254,7 @@ void ScimDaemon::erase(const scim::String &key)
     Question question(magic_key, scim::SCIM_TRANS_CMD_ERASE_CONFIG);
     question.put_data(key);
     require(question, what);
+    unflushed = true;
 }
 
 void ScimDaemon::flush()
@@ -240,6 +264,7 @@ void ScimDaemon::flush()
         return;
     Question question(magic_key, scim::SCIM_TRANS_CMD_FLUSH_CONFIG);
     require(question, what);
+    unflushed = false;
 }
 
 void ScimDaemon::reload()

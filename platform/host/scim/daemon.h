@@ -3,6 +3,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #define Uses_SCIM_SOCKET
 #define Uses_SCIM_TRANSACTION
@@ -49,6 +50,9 @@ public:
     template <class Value>
     std::optional<Value> read(const scim::String &key);
 
+    /// Reads several values, as texts, with one question.
+    std::vector<std::optional<scim::String>> read_texts(const std::vector<scim::String> &keys);
+
     /// Writes a value, which outlives the daemon once it is flushed.
     template <class Value>
     void write(const scim::String &key, const Value &value);
@@ -57,6 +61,9 @@ public:
     void erase(const scim::String &key);
 
     void flush();
+
+    /// Whether something was written that isn't flushed.
+    bool has_unflushed() const { return unflushed; }
 
     bool is_lost() const { return lost.has_value(); }
 
@@ -79,5 +86,6 @@ private:
     const scim::Socket socket;
     scim::uint32 magic_key = 0;
     std::optional<DaemonError> lost;
+    bool unflushed = false;
     std::weak_ptr<Overlay> overlay; ///< the account keeps it
 };

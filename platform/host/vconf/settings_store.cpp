@@ -18,6 +18,10 @@ namespace fs = std::filesystem;
 static constexpr int BUSY_TIMEOUT_MS = 10'000;
 static constexpr int SCHEMA_VERSION = 1;
 
+/// Either way the store is never half written, whatever comes.
+static constexpr char SYNC_EACH_SET[] = "PRAGMA synchronous = FULL";
+static constexpr char SYNC_LATER[] = "PRAGMA synchronous = NORMAL";
+
 static fs::path store_file()
 {
     return state_root() / "settings.db";
@@ -39,6 +43,11 @@ static auto with_clear_errors(Work work)
     }
 }
 
+static void set_version(SQLite::Database &database)
+{
+    database.exec("PRAGMA user_version = " + std::to_string(SCHEMA_VERSION));
+}
+
 static void make_tables(SQLite::Database &database)
 {
     SQLite::Transaction transaction(database);
@@ -47,7 +56,7 @@ static void make_tables(SQLite::Database &database)
                   "  type TEXT NOT NULL CHECK (type IN ('bool', 'string')),"
                   "  value TEXT NOT NULL"
                   ") STRICT, WITHOUT ROWID");
-    database.exec("PRAGMA user_version = " + std::to_string(SCHEMA_VERSION));
+    set_version(database);
     transaction.commit();
 }
 
@@ -103,7 +112,7 @@ static bool provide_store(const fs::path &file, Account::Kind kind)
     return true;
 }
 
-static SQLite::Database open_database(Account::Kind kind)
+static SQLite::Database open_database(Account::Kind kind, SettingsStore::Durability durability)
 {
     const fs::path file = store_file();
     if (!provide_store(file, kind))
@@ -115,7 +124,7 @@ static SQLite::Database open_database(Account::Kind kind)
     SQLite::Database database(file.string(), SQLite::OPEN_READWRITE, BUSY_TIMEOUT_MS);
     if (is_left_alone)
         sqlite3_db_config(database.getHandle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-    database.exec("PRAGMA synchronous = FULL");
+    database.exec(durability == SettingsStore::Durability::at_once ? SYNC_EACH_SET : SYNC_LATER);
     const int version = database.execAndGet("PRAGMA user_version").getInt();
     if (version > SCHEMA_VERSION)
         refuse_store("it was made by a later version");
@@ -124,8 +133,8 @@ static SQLite::Database open_database(Account::Kind kind)
     return database;
 }
 
-SettingsStore::SettingsStore(Account::Kind the_kind)
-    : kind(the_kind), database(with_clear_errors([&] { return open_database(the_kind); }))
+SettingsStore::SettingsStore(Account::Kind the_kind, Durability durability)
+    : kind(the_kind), database(with_clear_errors([&] { return open_database(the_kind, durability); }))
 {
 }
 
@@ -141,12 +150,30 @@ static DeviceValue column_value(const SQLite::Statement &row, int type_column)
     refuse_store("it is damaged");
 }
 
+namespace
+{
+
+/// A run of a statement, which is prepared once. It ends with the object: else it would go on reading.
+struct Run {
+    Run(std::optional<SQLite::Statement> &prepared, const SQLite::Database &database, const char *sql)
+        : statement(prepared ? *prepared : prepared.emplace(database, sql))
+    {
+    }
+    Run(const Run &) = delete;
+    Run &operator=(const Run &) = delete;
+    ~Run() { statement.tryReset(); }
+
+    SQLite::Statement &statement;
+};
+
+} // namespace
+
 DeviceValue SettingsStore::get(const std::string &key) const
 {
     return with_clear_errors([&]() -> DeviceValue {
-        SQLite::Statement query(database, "SELECT type, value FROM settings WHERE key = ?");
-        query.bind(1, key);
-        return query.executeStep() ? column_value(query, 0) : std::nullopt;
+        const Run run(select, database, "SELECT type, value FROM settings WHERE key = ?");
+        run.statement.bind(1, key);
+        return run.statement.executeStep() ? column_value(run.statement, 0) : std::nullopt;
     });
 }
 
@@ -175,7 +202,7 @@ void SettingsStore::require_writable()
         [this] { const SQLite::Transaction probe(database, SQLite::TransactionBehavior::IMMEDIATE); });
 }
 
-static void store_value(SQLite::Database &database, const std::string &key, const DeviceValue &value)
+void SettingsStore::store(const std::string &key, const DeviceValue &value)
 {
     if (!value) {
         SQLite::Statement remove(database, "DELETE FROM settings WHERE key = ?");
@@ -183,12 +210,12 @@ static void store_value(SQLite::Database &database, const std::string &key, cons
         remove.exec();
         return;
     }
-    SQLite::Statement update(database, "INSERT OR REPLACE INTO settings VALUES (?, ?, ?)");
+    const Run run(replace, database, "INSERT OR REPLACE INTO settings VALUES (?, ?, ?)");
     const bool *truth = std::get_if<bool>(&*value);
-    update.bind(1, key);
-    update.bind(2, truth != nullptr ? "bool" : "string");
-    update.bind(3, truth == nullptr ? std::get<std::string>(*value) : *truth ? "1" : "0");
-    update.exec();
+    run.statement.bind(1, key);
+    run.statement.bind(2, truth != nullptr ? "bool" : "string");
+    run.statement.bind(3, truth == nullptr ? std::get<std::string>(*value) : *truth ? "1" : "0");
+    run.statement.exec();
 }
 
 /// Does `work` whole or not at all.
@@ -221,8 +248,26 @@ void SettingsStore::set(const Settings &settings, const Observer &about_to_chang
                 if (before == value)
                     continue;
                 about_to_change(key, before, value);
-                store_value(database, key, value);
+                store(key, value);
             }
         });
+    });
+}
+
+void SettingsStore::make_durable()
+{
+    if (kind == Account::Kind::trial)
+        return;
+    with_clear_errors([this] {
+        SQLite::Statement checkpoint(database, "PRAGMA wal_checkpoint(PASSIVE)");
+        checkpoint.executeStep();
+        if (checkpoint.getColumn(1).getInt() == checkpoint.getColumn(2).getInt())
+            return;
+        // Another process still reads what was there before: a set that is synced has all before it synced,
+        // too.
+        checkpoint.reset();
+        database.exec(SYNC_EACH_SET);
+        set_version(database);
+        database.exec(SYNC_LATER);
     });
 }

@@ -54,7 +54,9 @@ struct StoreOfAccount {
 static SettingsStore &open_store(StoreOfAccount &kept)
 {
     if (!kept.store)
-        kept.store.emplace(account().is_trial() ? Account::Kind::trial : Account::Kind::real);
+        kept.store.emplace(account().is_trial() ? Account::Kind::trial : Account::Kind::real,
+                           account().is_started() ? SettingsStore::Durability::later
+                                                  : SettingsStore::Durability::at_once);
     return *kept.store;
 }
 
@@ -260,9 +262,14 @@ int vconf_keylist_free(vconf_keylist_handle list)
 
 // What looks at all places of the device alike.
 
-static DeviceValue read_row(const SettingRow &row)
+static std::vector<DeviceValue> read_rows(const std::vector<SettingRow> &rows)
 {
-    return read_store([&](const SettingsStore &store) { return store.get(row.key); });
+    return read_store([&](const SettingsStore &store) {
+        std::vector<DeviceValue> values;
+        for (const SettingRow &row : rows)
+            values.push_back(store.get(row.key));
+        return values;
+    });
 }
 
 static void write_row(const SettingRow &row, const DeviceValue &value)
@@ -277,5 +284,11 @@ static void require_writable()
     write_store([](SettingsStore &store) { store.require_writable(); });
 }
 
+static void make_durable()
+{
+    if (share_in_account<StoreOfAccount>()->store) // else nothing was written
+        write_store([](SettingsStore &store) { store.make_durable(); });
+}
+
 [[maybe_unused]] static const bool registered =
-    register_place(PLACE, {read_row, write_row, require_writable});
+    register_place(PLACE, {read_rows, write_row, require_writable, make_durable});
