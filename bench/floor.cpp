@@ -1,7 +1,8 @@
 /** @file
  * The floor that the service is measured against: what a backup and a restore can't do without, in one
- * program on the same libraries. It reads the same values, writes the same files and values as durably, and
- * does nothing between: no log, no report, nothing that could be undone, and no failure that it survives.
+ * program on the same libraries. It reads the same values, writes the same values as durably, and does
+ * nothing between: no log, no report, and no failure that it survives. Before a restore it notes, durably,
+ * too, what was set: what can't be undone is no restore.
  *
  * Usage: floor backup | floor restore [NUMBER], with IME_BACKUP_HOST_DIR and IME_BACKUP_CLOUD_STORE set.
  */
@@ -49,7 +50,7 @@ static std::string place(const char *variable)
     return path;
 }
 
-// The SCIM daemon: one connection, and one question with all that is asked of it.
+// The SCIM daemon: one connection, and a question for each value, as SCIM's own configuration asks.
 
 namespace
 {
@@ -60,48 +61,51 @@ public:
     Daemon()
     {
         const scim::SocketAddress address(scim::scim_get_default_socket_config_address());
-        scim::uint32 magic_key = 0;
         require(socket.connect(address) && scim::scim_socket_open_connection(
                                                magic_key, "SocketConfig", "SocketFrontEnd", socket, timeout),
                 "connect to the SCIM daemon");
-        transaction.put_command(scim::SCIM_TRANS_CMD_REQUEST);
-        transaction.put_data(magic_key);
     }
 
-    /// Appends to the question.
-    void put(int command) { transaction.put_command(command); }
-    template <class... Data>
-    void put(int command, const Data &...data)
-    {
-        put(command);
-        (transaction.put_data(data), ...);
-    }
-
-    void ask()
-    {
-        int reply = 0;
-        require(transaction.write_to_socket(socket) && transaction.read_from_socket(socket, timeout) &&
-                    transaction.get_command(reply) && reply == scim::SCIM_TRANS_CMD_REPLY,
-                "ask the SCIM daemon");
-    }
-
-    /// Takes what is next of the answer.
-    void take_done()
-    {
-        int reply = 0;
-        require(transaction.get_command(reply) && reply == scim::SCIM_TRANS_CMD_OK, "use the configuration");
-    }
     template <class Data>
-    Data take()
+    Data get(int command, const scim::String &key)
     {
         Data data{};
+        ask(command, key);
         require(transaction.get_data(data), "read the configuration");
         take_done();
         return data;
     }
 
+    template <class... Data>
+    void put(int command, const Data &...data)
+    {
+        ask(command, data...);
+        take_done();
+    }
+
 private:
+    template <class... Data>
+    void ask(int command, const Data &...data)
+    {
+        int reply = 0;
+        transaction.clear();
+        transaction.put_command(scim::SCIM_TRANS_CMD_REQUEST);
+        transaction.put_data(magic_key);
+        transaction.put_command(command);
+        (transaction.put_data(data), ...);
+        require(transaction.write_to_socket(socket) && transaction.read_from_socket(socket, timeout) &&
+                    transaction.get_command(reply) && reply == scim::SCIM_TRANS_CMD_REPLY,
+                "ask the SCIM daemon");
+    }
+
+    void take_done()
+    {
+        int reply = 0;
+        require(transaction.get_command(reply) && reply == scim::SCIM_TRANS_CMD_OK, "use the configuration");
+    }
+
     const int timeout = scim::scim_get_default_socket_timeout();
+    scim::uint32 magic_key = 0;
     scim::SocketClient socket;
     scim::Transaction transaction;
 };
@@ -174,41 +178,33 @@ static scim::String key_of(const SettingRow &row)
     return row.form == SettingForm::identifier ? SCIM_CONFIG_DEFAULT_IMENGINE_FACTORY "/~other" : row.key;
 }
 
-static Values read_device()
+static Values read_device(Daemon &daemon, Store &store)
 {
-    Daemon daemon;
-    for (const SettingRow &row : SETTINGS)
-        if (row.form == SettingForm::identifier)
-            daemon.put(scim::SCIM_TRANS_CMD_GET_CONFIG_STRING, key_of(row));
-        else if (row.place == SettingPlace::configuration)
-            daemon.put(row.form == SettingForm::integer_switch ? scim::SCIM_TRANS_CMD_GET_CONFIG_INT
-                                                               : scim::SCIM_TRANS_CMD_GET_CONFIG_BOOL,
-                       key_of(row));
-    daemon.ask();
-    Store store;
     Values values;
     auto value = values.begin();
     for (const SettingRow &row : SETTINGS) {
         if (row.place == SettingPlace::settings_store)
             *value = store.get(row.key);
         else if (row.form == SettingForm::identifier)
-            *value = daemon.take<scim::String>();
+            *value = daemon.get<scim::String>(scim::SCIM_TRANS_CMD_GET_CONFIG_STRING, key_of(row));
         else
-            *value = daemon.take<scim::uint32>() != 0 ? "1" : "0";
+            *value = daemon.get<scim::uint32>(row.form == SettingForm::integer_switch
+                                                  ? scim::SCIM_TRANS_CMD_GET_CONFIG_INT
+                                                  : scim::SCIM_TRANS_CMD_GET_CONFIG_BOOL,
+                                              key_of(row)) != 0
+                         ? "1"
+                         : "0";
         value++;
     }
     return values;
 }
 
-static void write_device(const Values &values, Store &store)
+static void write_device(const Values &values, Daemon &daemon, Store &store)
 {
-    Daemon daemon;
     store.run("BEGIN IMMEDIATE");
     auto value = values.begin();
-    int questions = 1;
     for (const SettingRow &row : SETTINGS) {
         const scim::uint32 is_on = *value == "1" ? 1 : 0;
-        questions += row.place == SettingPlace::settings_store ? 0 : 1;
         if (row.place == SettingPlace::settings_store)
             store.set(row.key, row.form == SettingForm::languages ? "string" : "bool", *value);
         else if (row.form == SettingForm::identifier)
@@ -220,9 +216,6 @@ static void write_device(const Values &values, Store &store)
         value++;
     }
     daemon.put(scim::SCIM_TRANS_CMD_FLUSH_CONFIG);
-    daemon.ask();
-    for (; questions > 0; questions--)
-        daemon.take_done();
     store.run("COMMIT");
 }
 
@@ -360,41 +353,50 @@ static unsigned find_newest(const std::string &folder)
     return newest;
 }
 
-static std::string file_of(const std::string &folder, unsigned number)
+static std::string name_of(unsigned number)
 {
     char name[32];
     snprintf(name, sizeof name, "/backup-%06u.json", number);
-    return folder + name;
+    return name;
 }
 
-static void back_up()
+static void write_durably(const std::string &folder, const std::string &name, const std::string &content)
 {
-    const std::string folder = place("IME_BACKUP_CLOUD_STORE");
-    const std::string content = make_record_file(make_snapshot(read_device()));
-    const std::string file = file_of(folder, find_newest(folder) + 1);
+    const std::string file = folder + name;
     const std::string partial = file + ".new";
     const int descriptor = open(partial.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     require(descriptor >= 0 &&
                 write(descriptor, content.data(), content.size()) == static_cast<ssize_t>(content.size()) &&
                 fsync(descriptor) == 0 && rename(partial.c_str(), file.c_str()) == 0,
-            "write the backup");
+            "write a file");
     const int directory = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     require(directory >= 0 && fsync(directory) == 0, "write the folder down");
+}
+
+static void back_up()
+{
+    const std::string folder = place("IME_BACKUP_CLOUD_STORE");
+    Daemon daemon;
+    Store store;
+    const std::string content = make_record_file(make_snapshot(read_device(daemon, store)));
+    write_durably(folder, name_of(find_newest(folder) + 1), content);
 }
 
 static void restore(const char *number)
 {
     const std::string folder = place("IME_BACKUP_CLOUD_STORE");
     const std::string file =
-        file_of(folder, number == nullptr ? find_newest(folder) : static_cast<unsigned>(atoi(number)));
+        folder + name_of(number == nullptr ? find_newest(folder) : static_cast<unsigned>(atoi(number)));
     g_autofree gchar *content = nullptr;
     gsize length = 0;
     require(g_file_get_contents(file.c_str(), &content, &length, nullptr) != FALSE, "read the backup");
     const std::string snapshot = read_record_file({content, length});
     g_autoptr(JsonParser) parser = json_parser_new();
     require(json_parser_load_from_data(parser, snapshot.data(), -1, nullptr) != FALSE, "parse the snapshot");
+    Daemon daemon;
     Store store;
-    write_device(read_snapshot(json_node_get_object(json_parser_get_root(parser)), store), store);
+    write_durably(place("IME_BACKUP_HOST_DIR"), "/before.json", make_snapshot(read_device(daemon, store)));
+    write_device(read_snapshot(json_node_get_object(json_parser_get_root(parser)), store), daemon, store);
 }
 
 int main(int argc, char **argv)
