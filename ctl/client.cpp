@@ -9,16 +9,18 @@
 #include <fcntl.h>
 #include <optional>
 #include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
-#include <gio/gio.h>
 #include <glib-unix.h>
 
 #include "files.h"
 #include "ime_backup_operations.h"
 #include "process.h"
 #include "service_log.h"
+#include "signals.h"
 #include "text.h"
 #include "trace_options.h"
 
@@ -81,35 +83,34 @@ public:
         sigaddset(&both, SIGINT);
         sigaddset(&both, SIGTERM);
         sigprocmask(SIG_BLOCK, &both, &before);
-        for (const guint source : {interrupt, termination, timer})
-            g_source_remove(source);
+        signals.reset();
         for (const int signal : {SIGINT, SIGTERM, SIGALRM})
             std::signal(signal, on_late_signal);
         sigprocmask(SIG_SETMASK, &before, nullptr);
+        g_source_remove(timer);
         g_main_loop_unref(loop);
     }
 
-    Stop wait_for(GSubprocess *process)
+    Stop wait_for(pid_t process)
     {
         service = process;
-        g_subprocess_wait_async(service, nullptr, on_exit, this);
+        const Descriptor end(static_cast<int>(syscall(SYS_pidfd_open, service, 0)));
+        g_unix_fd_add(end.get(), G_IO_IN, on_end, this);
         g_main_loop_run(loop);
+        waitpid(service, &status, 0);
         return stopped;
     }
+
+    /// How the service ended, as waitpid() has it.
+    int service_status() const { return status; }
 
 private:
     /// Asks the service to end and, when that was done already, ends it.
     void stop(Stop why)
     {
-        g_subprocess_send_signal(service, stopped == Stop::none ? SIGTERM : SIGKILL);
+        kill(service, stopped == Stop::none ? SIGTERM : SIGKILL);
         if (stopped == Stop::none)
             stopped = why;
-    }
-
-    static gboolean on_interrupt(void *data)
-    {
-        static_cast<Wait *>(data)->stop(Stop::interrupted);
-        return G_SOURCE_CONTINUE;
     }
 
     static gboolean on_timeout(void *data)
@@ -120,17 +121,60 @@ private:
         return G_SOURCE_REMOVE;
     }
 
-    static void on_exit(GObject *, GAsyncResult *, void *data)
+    static gboolean on_end(int, GIOCondition, void *data)
     {
         g_main_loop_quit(static_cast<Wait *>(data)->loop);
+        return G_SOURCE_REMOVE;
     }
 
     GMainLoop *loop = g_main_loop_new(nullptr, FALSE);
-    GSubprocess *service = nullptr;
+    pid_t service = 0;
+    int status = 0;
     Stop stopped = Stop::none;
-    guint interrupt = g_unix_signal_add(SIGINT, on_interrupt, this);
-    guint termination = g_unix_signal_add(SIGTERM, on_interrupt, this);
+    std::optional<TerminationSignals> signals{std::in_place, [this] { stop(Stop::interrupted); }};
     guint timer;
+};
+
+/// What a process is started with.
+class Launch
+{
+public:
+    Launch() = default;
+    Launch(const Launch &) = delete;
+    Launch &operator=(const Launch &) = delete;
+    ~Launch() { g_strfreev(environment); }
+
+    void set_variable(const char *name, const std::string &value)
+    {
+        environment = g_environ_setenv(environment, name, value.c_str(), TRUE);
+    }
+
+    /// Has the process have an open file, which stays this one's, too, under a number of its own.
+    void give_file(int file, int number)
+    {
+        files.push_back(file);
+        numbers.push_back(number);
+    }
+
+    pid_t start(const std::string &program, const char *argument) const
+    {
+        const char *const arguments[] = {program.c_str(), argument, nullptr};
+        // As it is, it needs no copy of this process: what is open here closes itself.
+        const auto flags = static_cast<GSpawnFlags>(G_SPAWN_DO_NOT_REAP_CHILD |
+                                                    G_SPAWN_LEAVE_DESCRIPTORS_OPEN | G_SPAWN_SEARCH_PATH);
+        GPid process = 0;
+        g_autoptr(GError) error = nullptr;
+        if (g_spawn_async_with_pipes_and_fds(nullptr, arguments, environment, flags, nullptr, nullptr, -1, -1,
+                                             -1, files.data(), numbers.data(), files.size(), &process,
+                                             nullptr, nullptr, nullptr, &error) == FALSE)
+            throw PlatformError(std::string("can't start the service: ") + error->message);
+        return process;
+    }
+
+private:
+    gchar **environment = g_get_environ();
+    std::vector<int> files;
+    std::vector<int> numbers;
 };
 
 /// The trace that a service writes, as it comes.
@@ -138,7 +182,7 @@ class TraceReader
 {
 public:
     /// Has the service that is to be launched write one.
-    TraceReader(const TraceOptions &trace, GSubprocessLauncher *launcher) : options(trace)
+    TraceReader(const TraceOptions &trace, Launch &launch) : options(trace)
     {
         if (!fs::exists(options.library))
             throw PlatformError("there is no " + options.library + ", which shows the calls");
@@ -149,14 +193,14 @@ public:
         if (pipe2(ends, O_CLOEXEC) != 0)
             throw PlatformError(std::string("can't make a pipe for the trace: ") + strerror(errno));
         output = Descriptor(ends[0]);
+        input = Descriptor(ends[1]);
         // What the service started may hold the other end when the service has ended.
         g_unix_set_fd_nonblocking(output.get(), TRUE, nullptr);
-        g_subprocess_launcher_take_fd(launcher, ends[1], TRACE_DESCRIPTOR);
-        g_subprocess_launcher_setenv(launcher, "LD_PRELOAD", options.library.c_str(), TRUE);
-        g_subprocess_launcher_setenv(launcher, TRACE_VARIABLE, std::to_string(TRACE_DESCRIPTOR).c_str(),
-                                     TRUE);
-        g_subprocess_launcher_setenv(launcher, TRACE_FORMAT_VARIABLE, options.as_json ? "json" : "", TRUE);
-        g_subprocess_launcher_setenv(launcher, TRACE_FAIL_VARIABLE, options.failures.c_str(), TRUE);
+        launch.give_file(input.get(), TRACE_DESCRIPTOR);
+        launch.set_variable("LD_PRELOAD", options.library);
+        launch.set_variable(TRACE_VARIABLE, std::to_string(TRACE_DESCRIPTOR));
+        launch.set_variable(TRACE_FORMAT_VARIABLE, options.as_json ? "json" : "");
+        launch.set_variable(TRACE_FAIL_VARIABLE, options.failures);
         source = g_unix_fd_add(output.get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP), on_output, this);
     }
     TraceReader(const TraceReader &) = delete;
@@ -195,53 +239,43 @@ private:
 
     const TraceOptions &options;
     Descriptor output;
+    Descriptor input;
     guint source = 0;
 };
 
-GSubprocess *launch(const ServiceOptions &options, const Request &request, const Descriptor &report,
+pid_t start_service(const ServiceOptions &options, const Request &request, const Descriptor &report,
                     const ServiceLog &log, std::optional<TraceReader> &trace)
 {
-    g_autoptr(GSubprocessLauncher) launcher = g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_NONE);
+    Launch launch;
     // Without a bus, or an instance that runs with other settings could answer in the new one's place.
-    g_subprocess_launcher_setenv(launcher, "DBUS_SESSION_BUS_ADDRESS", "disabled:", TRUE);
-    g_subprocess_launcher_setenv(launcher, REPORT_VARIABLE,
-                                 name_report_file(report.get(), REPORT_DESCRIPTOR).c_str(), TRUE);
-    g_subprocess_launcher_setenv(launcher, STORE_TIMEOUT_VARIABLE,
-                                 std::to_string(options.timeout_seconds).c_str(), TRUE);
-    g_subprocess_launcher_setenv(launcher, RESTORE_VARIABLE, request.backup.c_str(), TRUE);
-    g_subprocess_launcher_setenv(launcher, TRIAL_VARIABLE, request.is_trial ? "1" : "", TRUE);
-    g_subprocess_launcher_setenv(launcher, IF_CHANGED_VARIABLE, request.if_changed ? "1" : "", TRUE);
-    g_subprocess_launcher_take_fd(launcher, dup(report.get()), REPORT_DESCRIPTOR);
-    const int output = options.verbose ? STDERR_FILENO : log.descriptor();
-    g_subprocess_launcher_take_stdout_fd(launcher, dup(output));
-    g_subprocess_launcher_take_stderr_fd(launcher, dup(output));
-    g_subprocess_launcher_set_child_setup(launcher, end_with_parent, GINT_TO_POINTER(SIGTERM), nullptr);
+    launch.set_variable("DBUS_SESSION_BUS_ADDRESS", "disabled:");
+    launch.set_variable(CLIENT_VARIABLE, std::to_string(getpid()));
+    launch.set_variable(REPORT_VARIABLE, name_report_file(report.get(), REPORT_DESCRIPTOR));
+    launch.set_variable(STORE_TIMEOUT_VARIABLE, std::to_string(options.timeout_seconds));
+    launch.set_variable(RESTORE_VARIABLE, request.backup);
+    launch.set_variable(TRIAL_VARIABLE, request.is_trial ? "1" : "");
+    launch.set_variable(IF_CHANGED_VARIABLE, request.if_changed ? "1" : "");
+    launch.give_file(report.get(), REPORT_DESCRIPTOR);
+    for (const int stream : {STDOUT_FILENO, STDERR_FILENO})
+        launch.give_file(options.verbose ? STDERR_FILENO : log.descriptor(), stream);
     if (options.trace)
-        trace.emplace(*options.trace, launcher);
-
-    g_autoptr(GError) error = nullptr;
-    GSubprocess *service =
-        g_subprocess_launcher_spawn(launcher, &error, options.program.c_str(), request.operation, nullptr);
-    if (service == nullptr)
-        throw PlatformError(std::string("can't start the service: ") + error->message);
-    return service;
+        trace.emplace(*options.trace, launch);
+    return launch.start(options.program, request.operation);
 }
 
-std::string describe_end(GSubprocess *service)
+std::string describe_end(int status)
 {
-    if (g_subprocess_get_if_signaled(service) != FALSE)
-        return std::string("the service was ended by a signal (") +
-               g_strsignal(g_subprocess_get_term_sig(service)) + ")";
-    return "the service gave no result of an exchange (exit status " +
-           std::to_string(g_subprocess_get_exit_status(service)) + ")";
+    if (WIFSIGNALED(status))
+        return std::string("the service was ended by a signal (") + g_strsignal(WTERMSIG(status)) + ")";
+    return "the service gave no result of an exchange (exit status " + std::to_string(WEXITSTATUS(status)) +
+           ")";
 }
 
 /// What is known of the work of a service that came to no result.
-std::string describe_work(const ExchangeReport &report, const Request &request, GSubprocess *service)
+std::string describe_work(const ExchangeReport &report, const Request &request, int status)
 {
     // Asked to end, it gives up before it stores anything, or tells what it stored, or that it does not know.
-    const bool was_killed =
-        g_subprocess_get_if_signaled(service) != FALSE && g_subprocess_get_term_sig(service) != SIGTERM;
+    const bool was_killed = WIFSIGNALED(status) && WTERMSIG(status) != SIGTERM;
     if ((was_killed || report.storing) && strcmp(request.operation, OPERATION_BACKUP) == 0 &&
         !request.is_trial)
         return "; \"ime-backupctl list\" shows whether the backup had been stored by then";
@@ -321,8 +355,8 @@ Outcome run_exchange(const ServiceOptions &options, const Request &request)
     const Descriptor report_file(memfd_create("exchange-report", MFD_CLOEXEC));
     std::optional<Wait> wait(std::in_place, options.timeout_seconds);
     std::optional<TraceReader> trace;
-    g_autoptr(GSubprocess) service = launch(options, request, report_file, log, trace);
-    const Stop stopped = wait->wait_for(service);
+    const Stop stopped = wait->wait_for(start_service(options, request, report_file, log, trace));
+    const int end = wait->service_status();
     if (trace)
         trace->read_rest();
     wait.reset();
@@ -335,8 +369,8 @@ Outcome run_exchange(const ServiceOptions &options, const Request &request)
         else if (stopped == Stop::timed_out)
             report.reason = "the service did not finish in time and was stopped";
         else if (report.reason.empty())
-            report.reason = describe_end(service);
-        report.reason += describe_work(report, request, service);
+            report.reason = describe_end(end);
+        report.reason += describe_work(report, request, end);
     }
     // An exchange is called by the end of its operation's identifier. What the service registers decides it.
     if (report.result == ExchangeReport::Result::succeeded &&

@@ -1,7 +1,6 @@
 #include <unistd.h>
 
 #include "backups.h"
-#include "daemon.h"
 #include "files.h"
 #include "last_restore.h"
 #include "paths.h"
@@ -32,10 +31,11 @@ struct Finding {
 
 static Finding look_at_scim(const Cli &)
 {
-    const std::string address = "SCIM_SOCKET_ADDRESS, " + ScimDaemon::default_address();
+    const DeviceAccess &configuration = access_to(first_of(SettingForm::integer_switch));
     try {
-        ScimDaemon::connect();
-        return {State::fine, "the SCIM daemon answers (" + address + ")", ""};
+        configuration.require_writable();
+        return {State::fine, "the SCIM daemon answers (SCIM_SOCKET_ADDRESS, " + configuration.where() + ")",
+                ""};
     } catch (const DaemonError &error) {
         return {State::missing, error.what(), HINT_SCIM};
     }

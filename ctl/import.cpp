@@ -1,8 +1,7 @@
 #include "import.h"
 
-#include <SQLiteCpp/Database.h>
-#include <SQLiteCpp/Statement.h>
 #include <glib.h>
+#include <nlohmann/json.hpp>
 
 #include "cloud_store.h"
 #include "json.h"
@@ -14,10 +13,8 @@ static constexpr char RECORD_KEY[] = "0";
 /// Whether scripts can read it. A device reads more than that, such as comments.
 static bool is_strict_json(const std::string &text)
 {
-    SQLite::Database database(":memory:");
-    SQLite::Statement query(database, "SELECT json_valid(?)");
-    query.bind(1, text);
-    return query.executeStep() && query.getColumn(0).getInt() != 0;
+    static constexpr char BYTE_ORDER_MARK[] = "\xef\xbb\xbf";
+    return nlohmann::json::accept(text) && !text.starts_with(BYTE_ORDER_MARK);
 }
 
 /// A snapshot as it is, or as a device reads it.
@@ -28,7 +25,7 @@ static std::string make_strict(const std::string &text, std::vector<std::string>
     remarks.emplace_back("it is no strict JSON; what a device reads in it is stored");
     g_autoptr(JsonNode) root = parse_json(text);
     g_autofree gchar *strict = json_to_string(root, FALSE);
-    if (!is_strict_json(strict)) // such as a number that is infinite
+    if (!is_strict_json(strict)) // such as a number that is infinite, or escapes that come to no UTF-8
         throw HostError("it is no strict JSON, and can't be made that");
     return strict;
 }
@@ -69,8 +66,6 @@ Importable make_importable(const std::string &content)
     } catch (const HostError &error) {
         throw HostError(std::string("it is neither a backup nor a snapshot: ") + error.what());
     }
-    const std::string snapshot = make_strict(text, importable.remarks);
-    require_utf8(snapshot); // what is no strict JSON may have escapes of any byte
-    importable.content = wrap_snapshot(snapshot);
+    importable.content = wrap_snapshot(make_strict(text, importable.remarks));
     return importable;
 }

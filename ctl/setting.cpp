@@ -1,6 +1,7 @@
 #include "setting.h"
 
 #include <algorithm>
+#include <dlfcn.h>
 #include <regex>
 
 #include <glib.h>
@@ -50,8 +51,19 @@ void begin_reading()
     account().start({}, Account::Kind::trial);
 }
 
+/// Loads the libraries that keep the settings; each registers what it keeps. Most commands leave the device
+/// to the service, and start sooner without them.
+static bool load_device()
+{
+    for (const char *library : {"libvconf.so", "libisf-control.so", "libscim-config-module.so"})
+        if (dlopen(library, RTLD_NOW | RTLD_GLOBAL) == nullptr)
+            throw PlatformError(std::string("can't load ") + dlerror());
+    return true;
+}
+
 const DeviceAccess &access_to(const SettingRow &row)
 {
+    [[maybe_unused]] static const bool loaded = load_device();
     const DeviceAccess *access = device_access(row.place);
     if (access == nullptr)
         throw PlatformError(std::string("no library of the host keeps ") + row.member);

@@ -178,7 +178,7 @@ Out of the store and into it: a backup, a bare snapshot, whatever is odd about i
   5 ime-backupctl: cut can't be imported: it is cut short
   5 ime-backupctl: pretty can't be imported: it has been changed since it was written, or is cut short
   1 ime-backupctl: latin can't be imported: it is no UTF-8 text
-  1 ime-backupctl: octal can't be imported: it is no UTF-8 text
+  1 ime-backupctl: octal can't be imported: it is no strict JSON, and can't be made that
   1 ime-backupctl: infinite can't be imported: it is no strict JSON, and can't be made that
   1 ime-backupctl: array can't be imported: it is neither a backup nor a snapshot: it is no JSON object
   1 ime-backupctl: large can't be imported: it is larger than 16777216 bytes

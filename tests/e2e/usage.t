@@ -80,7 +80,7 @@ What is asked for makes no sense, or can't be used; the service is not launched.
   > --service false info
   > restore
   > END
-  3 ime-backupctl: can't start the service: Failed to execute child process \xe2\x80\x9c/nonexistent\xe2\x80\x9d (No such file or directory) (esc)
+  3 ime-backupctl: can't start the service: Failed to spawn child process \xe2\x80\x9c/nonexistent\xe2\x80\x9d (No such file or directory) (esc)
   1 ime-backupctl: the service gave no result of an exchange (exit status 1); nothing on the device had been changed by then
   4 ime-backupctl: there is no backup yet in WORK/state/cloud
   $ ime-backupctl settings set default_keyboard kbd

@@ -2,20 +2,20 @@
 
 #include "appcore_agent.h"
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <optional>
 
 #include <gio/gio.h>
-#include <glib-unix.h>
 
 #include "errors.h"
 #include "files.h"
 #include "paths.h"
 #include "process.h"
 #include "request.h"
+#include "signals.h"
 
 static constexpr char APPLICATION_ID[] = "com.orvanta.ime-backup-service";
 
@@ -31,6 +31,9 @@ static constexpr char HELP[] =
 /// With it the session bus starts the service, for a request that is about to come.
 static constexpr char STARTED_BY_BUS[] = "--gapplication-service";
 static constexpr guint REQUEST_SECONDS = 5;
+
+/// Begins the address of a session bus that isn't there.
+static constexpr char NO_BUS[] = "disabled:";
 
 static constexpr int EXIT_USAGE = 2;
 static constexpr guint END_RETRY_MS = 20;
@@ -55,6 +58,9 @@ struct ServiceApp {
     bool ending = false;
     bool terminated = false; ///< by a signal: it ends whatever comes
     bool asked = false;      ///< a request has come
+    bool is_alone = false;   ///< without a bus
+    bool is_over = false;    ///< then it ends
+    std::optional<TerminationSignals> signals = std::nullopt;
     int end_retries = 0;
     std::optional<FileLock> launches = std::nullopt;
 };
@@ -63,11 +69,10 @@ ServiceApp *running;
 
 } // namespace
 
-static gboolean on_termination_signal(void *)
+static void on_termination()
 {
     running->terminated = true;
     service_app_exit();
-    return G_SOURCE_CONTINUE;
 }
 
 static void on_startup(GApplication *application, ServiceApp *app)
@@ -164,32 +169,36 @@ static int answer_option(const std::string &option)
     return !known ? EXIT_USAGE : fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
-int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, void *user_data)
+/// Whether there is a session bus: where its address says so, or where a user's stands.
+static bool has_session_bus()
 {
-    prepare_process();
-    const bool is_started_by_bus = argc == 2 && strcmp(argv[1], STARTED_BY_BUS) == 0;
-    if (argc > 1 && argv[1][0] == '-' && !is_started_by_bus)
-        return answer_option(argv[1]);
+    if (const char *address = g_getenv("DBUS_SESSION_BUS_ADDRESS"); address != nullptr)
+        return g_str_has_prefix(address, NO_BUS) == FALSE;
+    std::error_code ignored;
+    return std::filesystem::is_socket(std::filesystem::path(g_get_user_runtime_dir()) / "bus", ignored);
+}
 
-    ServiceApp app{*callbacks, user_data};
-    running = &app;
-    int flags = G_APPLICATION_HANDLES_COMMAND_LINE | G_APPLICATION_HANDLES_OPEN;
-    if (is_started_by_bus) {
-        flags |= G_APPLICATION_IS_SERVICE;
-        argc = 1;
-        app.status = EXIT_SUCCESS;
-        g_timeout_add_seconds(REQUEST_SECONDS, on_no_request, nullptr);
-    }
-    g_autoptr(GApplication) application =
-        g_application_new(APPLICATION_ID, static_cast<GApplicationFlags>(flags));
+/// Serves the one request that it is started with. Nobody else can reach this instance.
+static int run_alone(ServiceApp &app, const char *operation)
+{
+    app.is_alone = true;
+    if (!app.callbacks.create(app.user_data))
+        return EXIT_FAILURE;
+    app.status = serve(app, operation);
+    while (!app.is_over)
+        g_main_context_iteration(nullptr, TRUE);
+    app.callbacks.terminate(app.user_data);
+    return app.status;
+}
+
+static int run_on_bus(ServiceApp &app, int argc, char **argv, GApplicationFlags flags)
+{
+    g_autoptr(GApplication) application = g_application_new(APPLICATION_ID, flags);
     g_signal_connect(application, "startup", G_CALLBACK(on_startup), &app);
     g_signal_connect(application, "command-line", G_CALLBACK(on_command_line), &app);
     g_signal_connect(application, "open", G_CALLBACK(on_open), &app);
     g_signal_connect(application, "shutdown", G_CALLBACK(on_shutdown), &app);
 
-    // Before the name on the bus tells others that the service is there.
-    const guint signals[] = {g_unix_signal_add(SIGTERM, on_termination_signal, nullptr),
-                             g_unix_signal_add(SIGINT, on_termination_signal, nullptr)};
     lock_launches(app, [](FileLock &lock) {
         lock.share();
         return true;
@@ -200,8 +209,7 @@ int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, vo
         return EXIT_FAILURE;
     }
     if (!app.primary)
-        for (const guint signal : signals)
-            g_source_remove(signal);
+        app.signals.reset();
 
     g_autoptr(GDBusConnection) bus = g_application_get_dbus_connection(application);
     if (bus != nullptr)
@@ -211,8 +219,35 @@ int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, vo
 
     if (app.primary && bus != nullptr)
         release_name(bus);
-    running = nullptr;
     return app.primary ? app.status : status;
+}
+
+int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, void *user_data)
+{
+    prepare_process();
+    end_with_client();
+    const bool is_started_by_bus = argc == 2 && strcmp(argv[1], STARTED_BY_BUS) == 0;
+    if (argc > 1 && argv[1][0] == '-' && !is_started_by_bus)
+        return answer_option(argv[1]);
+
+    ServiceApp app{*callbacks, user_data};
+    running = &app;
+    app.signals.emplace(on_termination); // before the name on the bus tells others that the service is there
+    int status = EXIT_FAILURE;
+    if (!has_session_bus()) {
+        status = run_alone(app, argc > 1 ? argv[1] : nullptr);
+    } else {
+        int flags = G_APPLICATION_HANDLES_COMMAND_LINE | G_APPLICATION_HANDLES_OPEN;
+        if (is_started_by_bus) {
+            flags |= G_APPLICATION_IS_SERVICE;
+            argc = 1;
+            app.status = EXIT_SUCCESS;
+            g_timeout_add_seconds(REQUEST_SECONDS, on_no_request, nullptr);
+        }
+        status = run_on_bus(app, argc, argv, static_cast<GApplicationFlags>(flags));
+    }
+    running = nullptr;
+    return status;
 }
 
 static gboolean try_to_end(void *)
@@ -228,8 +263,14 @@ static gboolean try_to_end(void *)
 
 void service_app_exit(void)
 {
+    if (running == nullptr)
+        return;
+    if (running->is_alone) {
+        running->is_over = true;
+        return;
+    }
     GApplication *application = g_application_get_default();
-    if (application == nullptr || running == nullptr)
+    if (application == nullptr)
         return;
     if (g_application_get_dbus_connection(application) == nullptr) {
         g_application_quit(application); // nobody else can reach this instance

@@ -41,15 +41,29 @@ public:
     Wait()
     {
         g_main_context_push_thread_default(context);
-        for (const int signal : {SIGINT, SIGTERM})
-            attach(g_unix_signal_source_new(signal), on_signal);
+        for (size_t i = 0; i < std::size(SIGNALS); i++) {
+            sigaction(SIGNALS[i], nullptr, &before[i]);
+            attach(g_unix_signal_source_new(SIGNALS[i]), on_signal);
+        }
     }
     Wait(const Wait &) = delete;
     Wait &operator=(const Wait &) = delete;
     ~Wait()
     {
+        // The program's own way of taking the signals comes back, and learns of the one that came here.
+        sigset_t both;
+        sigset_t blocked;
+        sigemptyset(&both);
+        for (const int signal : SIGNALS)
+            sigaddset(&both, signal);
+        sigprocmask(SIG_BLOCK, &both, &blocked);
         g_main_context_pop_thread_default(context);
         g_main_context_unref(context);
+        for (size_t i = 0; i < std::size(SIGNALS); i++)
+            sigaction(SIGNALS[i], &before[i], nullptr);
+        if (interrupted && before[0].sa_handler != SIG_DFL)
+            raise(SIGNALS[0]);
+        sigprocmask(SIG_SETMASK, &blocked, nullptr);
     }
 
     /// @param left microseconds that it may take
@@ -95,6 +109,9 @@ private:
         static_cast<Wait *>(data)->has_ended = true;
     }
 
+    static constexpr int SIGNALS[] = {SIGINT, SIGTERM};
+
+    struct sigaction before[std::size(SIGNALS)] = {};
     GMainContext *context = g_main_context_new();
     GSubprocess *process = nullptr;
     bool interrupted = false;

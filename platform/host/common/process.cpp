@@ -1,5 +1,7 @@
 #include "process.h"
 
+#include <csignal>
+#include <cstdlib>
 #include <initializer_list>
 
 #include <fcntl.h>
@@ -16,6 +18,18 @@ void prepare_process()
     for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
         if (fcntl(stream, F_GETFD) < 0)
             static_cast<void>(open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY));
+}
+
+void end_with_client()
+{
+    const char *name = g_getenv(CLIENT_VARIABLE);
+    const pid_t client = name == nullptr ? 0 : atoi(name);
+    if (client <= 0)
+        return;
+    if (getppid() == client) // else something stands between the two
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != client && kill(client, 0) != 0)
+        raise(SIGTERM);
 }
 
 void end_with_parent(void *signal)
