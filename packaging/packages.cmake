@@ -3,8 +3,6 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_COMPONENTS_ALL host service)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS # whatever the umask
-  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/complete.cmake)
 
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
@@ -20,19 +18,19 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY
 set(CPACK_DEBIAN_SERVICE_PACKAGE_NAME ime-backup-service)
 set(CPACK_DEBIAN_SERVICE_PACKAGE_DEPENDS "ime-backup-host (= ${version})")
 set(CPACK_DEBIAN_SERVICE_DESCRIPTION "backup and restore of the on-screen keyboard's settings: service
- The service that a device's cloud backup client starts for a backup or a
- restore of the on-screen keyboard's settings: the active keyboard, the selected
- languages and a row of switches. Here it runs on the host platform.")
+The service that a device's cloud backup client starts for a backup or a restore
+of the on-screen keyboard's settings: the active keyboard, the selected
+languages and a row of switches. Here it runs on the host platform.")
 
 # Without the service, or a SCIM daemon here, backups can still be looked at and looked after.
 set(CPACK_DEBIAN_HOST_PACKAGE_NAME ime-backup-host)
 set(CPACK_DEBIAN_HOST_PACKAGE_RECOMMENDS "ime-backup-service (= ${version}), scim, scim-modules-socket")
 set(CPACK_DEBIAN_HOST_PACKAGE_SUGGESTS rclone)
 set(CPACK_DEBIAN_HOST_DESCRIPTION "backup and restore of the on-screen keyboard's settings: host platform
- The libraries that stand in for a device's platform on a workstation, on SCIM
- and SQLite, and ime-backupctl, with which a person there makes, looks at and
- restores backups. They are kept in a folder or, with rclone, at a remote place.
- .
- A user timer makes a backup each night, once it is enabled. The platform's
- headers, and a library that traces the service's calls, come along.")
+The libraries that stand in for a device's platform on a workstation, on SCIM
+and SQLite, and ime-backupctl, with which a person there makes, looks at and
+restores backups. These are in a folder or, with rclone, at a remote place.
+
+A user timer makes a backup each night, once it is enabled. The platform's
+headers, and a library that traces the service's calls, come along.")
 include(CPack)
