@@ -18,8 +18,8 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY
 set(CPACK_DEBIAN_SERVICE_PACKAGE_NAME ime-backup-service)
 set(CPACK_DEBIAN_SERVICE_PACKAGE_DEPENDS "ime-backup-host (= ${version})")
 set(CPACK_DEBIAN_SERVICE_DESCRIPTION "backup and restore of the on-screen keyboard's settings: service
-The service that a device's cloud backup client starts for a backup or a restore
-of the on-screen keyboard's settings: the active keyboard, the selected
+The service that a device's cloud backup client starts for a backup or a
+restore of the on-screen keyboard's settings: the active keyboard, the selected
 languages and a row of switches. Here it runs on the host platform.")
 
 # Without the service, or a SCIM daemon here, backups can still be looked at and looked after.
