@@ -1,4 +1,8 @@
 # Two Debian packages. The service is the program that devices have; it runs on the host package's libraries.
+get_cmake_property(components COMPONENTS)
+if("Unspecified" IN_LIST components)
+  message(FATAL_ERROR "An install() has no COMPONENT: what it installs would be in no package")
+endif()
 set(CPACK_GENERATOR DEB)
 set(CPACK_COMPONENTS_ALL host service)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
