@@ -191,9 +191,16 @@ static int run_alone(ServiceApp &app, const char *operation)
     return app.status;
 }
 
-static int run_on_bus(ServiceApp &app, int argc, char **argv, GApplicationFlags flags)
+static int run_on_bus(ServiceApp &app, int argc, char **argv, bool is_started_by_bus)
 {
-    g_autoptr(GApplication) application = g_application_new(APPLICATION_ID, flags);
+    int flags = G_APPLICATION_HANDLES_COMMAND_LINE | G_APPLICATION_HANDLES_OPEN;
+    if (is_started_by_bus) {
+        flags |= G_APPLICATION_IS_SERVICE;
+        argc = 1;
+        app.status = EXIT_SUCCESS;
+    }
+    g_autoptr(GApplication) application =
+        g_application_new(APPLICATION_ID, static_cast<GApplicationFlags>(flags));
     g_signal_connect(application, "startup", G_CALLBACK(on_startup), &app);
     g_signal_connect(application, "command-line", G_CALLBACK(on_command_line), &app);
     g_signal_connect(application, "open", G_CALLBACK(on_open), &app);
@@ -208,6 +215,8 @@ static int run_on_bus(ServiceApp &app, int argc, char **argv, GApplicationFlags 
         fprintf(stderr, "ime-backup-service: %s\n", error->message);
         return EXIT_FAILURE;
     }
+    if (is_started_by_bus) // and has its name: the request is on its way
+        g_timeout_add_seconds(REQUEST_SECONDS, on_no_request, nullptr);
     if (!app.primary)
         app.signals.reset();
 
@@ -233,19 +242,8 @@ int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, vo
     ServiceApp app{*callbacks, user_data};
     running = &app;
     app.signals.emplace(on_termination); // before the name on the bus tells others that the service is there
-    int status = EXIT_FAILURE;
-    if (!has_session_bus()) {
-        status = run_alone(app, argc > 1 ? argv[1] : nullptr);
-    } else {
-        int flags = G_APPLICATION_HANDLES_COMMAND_LINE | G_APPLICATION_HANDLES_OPEN;
-        if (is_started_by_bus) {
-            flags |= G_APPLICATION_IS_SERVICE;
-            argc = 1;
-            app.status = EXIT_SUCCESS;
-            g_timeout_add_seconds(REQUEST_SECONDS, on_no_request, nullptr);
-        }
-        status = run_on_bus(app, argc, argv, static_cast<GApplicationFlags>(flags));
-    }
+    const int status = is_started_by_bus || has_session_bus() ? run_on_bus(app, argc, argv, is_started_by_bus)
+                                                              : run_alone(app, argc > 1 ? argv[1] : nullptr);
     running = nullptr;
     return status;
 }
