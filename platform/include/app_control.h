@@ -1,5 +1,8 @@
 /** @file
  * Application control (libcapi-appfw-app-control): the requests that applications send each other.
+ *
+ * A null handle or out-parameter is refused with an error code. Which codes there are is the platform's own
+ * matter.
  */
 #pragma once
 
@@ -22,13 +25,13 @@ int app_control_get_operation(app_control_handle request, char **operation);
 /**
  * Makes an empty handle, for a reply.
  *
- * @param[out] handle  to be released with app_control_destroy()
+ * @param[out] handle  to be released with app_control_destroy(); untouched on failure
  * @return 0, or an error code
  */
 int app_control_create(app_control_handle *handle);
 
 /**
- * Answers the application that sent a request. A request is answered once.
+ * Answers the application that sent a request. A request is answered once; one that never is has failed.
  *
  * @param reply    the reply to send
  * @param request  the request that is answered

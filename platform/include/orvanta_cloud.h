@@ -42,11 +42,11 @@ typedef struct orvanta_cloud_source *orvanta_cloud_source_handle;
 
 /** Asks for something without an argument: get ready, send keys and dates, name a path. */
 typedef void (*orvanta_cloud_request_cb)(void);
-/** Hands over the records to be filled; the callback destroys the list. */
+/** Hands over the records to be filled, as their keys and dates were sent; the callback destroys the list. */
 typedef void (*orvanta_cloud_backup_cb)(orvanta_cloud_list_handle list);
 /** Hands over restored data, valid until the callback returns. */
 typedef void (*orvanta_cloud_restoration_cb)(orvanta_cloud_source_handle source);
-/** Ends an exchange; `result` is 0 when it failed. */
+/** Ends an exchange, also one that failed at any step before: then `result` is 0, else 1. */
 typedef void (*orvanta_cloud_completed_cb)(int result);
 
 /** Opens the library; may be called again. */
@@ -79,6 +79,7 @@ int orvanta_cloud_restore_record_set_completed_cb(orvanta_cloud_completed_cb cal
  * @name Answers
  * Each answers one callback and is sent before that callback returns. `flag` is #ORVANTA_CLOUD_SEND_VALID
  * with a list or path, or #ORVANTA_CLOUD_SEND_NOTHING with null. The caller keeps the list.
+ * `ready` is 1, or 0. An exchange fails without an answer, and with one that says 0 or nothing.
  * @{
  */
 int orvanta_cloud_backup_record_send_preparation_completed_response(int ready);

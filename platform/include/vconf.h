@@ -1,6 +1,7 @@
 /** @file
  * The platform's settings store (libvconf): typed values under slash-separated keys, such as
- * "db/ise/hand_write". A value is a boolean or a NUL-terminated UTF-8 string.
+ * "db/ise/hand_write". A value is a boolean or a NUL-terminated UTF-8 string. A null handle or text is
+ * refused, as a failure.
  */
 #pragma once
 
@@ -55,7 +56,7 @@ vconf_keylist_handle vconf_keylist_new(void);
 int vconf_get(vconf_keylist_handle list, const char *directory, int option);
 
 /**
- * Finds a key in a list.
+ * Finds a key in a list, by its full name.
  *
  * @param[out] node  the key's node; untouched on failure
  * @return 0 or more when found, a negative value otherwise
