@@ -31,7 +31,7 @@ static constexpr guint GRACE_SECONDS = 2;
 static constexpr int REPORT_DESCRIPTOR = 3;
 static constexpr int TRACE_DESCRIPTOR = 4;
 
-static std::string find_beside(const char *path_from_bindir)
+std::string find_beside(const char *path_from_bindir)
 {
     return (fs::read_symlink("/proc/self/exe").parent_path() / path_from_bindir).lexically_normal();
 }
@@ -43,7 +43,7 @@ std::string default_service_program()
 
 std::string default_trace_library()
 {
-    return find_beside(TRACE_FROM_BINDIR);
+    return find_beside(LIBDIR_FROM_BINDIR "/libime-backup-trace.so");
 }
 
 namespace
@@ -95,8 +95,12 @@ public:
     {
         service = process;
         const Descriptor end(static_cast<int>(syscall(SYS_pidfd_open, service, 0)));
-        g_unix_fd_add(end.get(), G_IO_IN, on_end, this);
-        g_main_loop_run(loop);
+        if (end) {
+            g_unix_fd_add(end.get(), G_IO_IN, on_end, this);
+            g_main_loop_run(loop);
+        } else { // not even that can be opened
+            stop(Stop::interrupted);
+        }
         waitpid(service, &status, 0);
         return stopped;
     }

@@ -50,5 +50,6 @@ std::string take_snapshot(const ServiceOptions &options);
 
 // What was installed beside this program.
 
+std::string find_beside(const char *path_from_bindir);
 std::string default_service_program();
 std::string default_trace_library();

@@ -6,6 +6,7 @@
 
 #include <glib.h>
 
+#include "client.h"
 #include "snapshot.h"
 #include "status.h"
 #include "suggestion.h"
@@ -55,8 +56,9 @@ void begin_reading()
 /// to the service, and start sooner without them.
 static bool load_device()
 {
-    for (const char *library : {"libvconf.so", "libisf-control.so", "libscim-config-module.so"})
-        if (dlopen(library, RTLD_NOW | RTLD_GLOBAL) == nullptr)
+    for (const char *library : {LIBDIR_FROM_BINDIR "/libvconf.so", LIBDIR_FROM_BINDIR "/libisf-control.so",
+                                LIBDIR_FROM_BINDIR "/libscim-config-module.so"})
+        if (dlopen(find_beside(library).c_str(), RTLD_NOW | RTLD_GLOBAL) == nullptr)
             throw PlatformError(std::string("can't load ") + dlerror());
     return true;
 }

@@ -200,15 +200,40 @@ TEST_F(Workstation, WhatIsSaidOfAnInterruptedExchangeIsSo)
     });
 }
 
+/// The service that ime-backupctl has started, or 0.
+static pid_t service_of(const Process &process)
+{
+    const std::string pid = std::to_string(process.pid());
+    const std::string child = read_file("/proc/" + pid + "/task/" + pid + "/children");
+    // Else it is not there yet, or a child of a sanitizer's.
+    return !child.empty() &&
+                   read_file("/proc/" + std::to_string(std::stoi(child)) + "/comm") == "ime-backup-serv\n"
+               ? std::stoi(child)
+               : 0;
+}
+
+TEST_F(Workstation, TheServiceEndsWithItsClient)
+{
+    scim->send(SIGSTOP);
+    auto impatient = environment;
+    impatient["SCIM_SOCKET_TIMEOUT"] = "300";
+    for (int i = 0; i < 10; i++) { // at the latest when it gives up the daemon
+        Process process({CTL, "backup"}, impatient);
+        pid_t service = 0;
+        ASSERT_TRUE(eventually([&] { return (service = service_of(process)) != 0; }));
+        usleep(static_cast<useconds_t>(i) * 1000);
+        process.send(SIGKILL);
+        process.wait();
+        EXPECT_TRUE(eventually([&] { return kill(service, 0) != 0; }));
+    }
+    scim->send(SIGCONT);
+}
+
 TEST_F(Workstation, WhatIsSaidOfAKilledServiceIsSo)
 {
     disturb_exchanges(42, [](Process &process, int) {
-        const std::string pid = std::to_string(process.pid());
-        const std::string child = read_file("/proc/" + pid + "/task/" + pid + "/children");
-        // Else it is not there yet, or a child of a sanitizer's.
-        if (!child.empty() &&
-            read_file("/proc/" + std::to_string(std::stoi(child)) + "/comm") == "ime-backup-serv\n")
-            kill(std::stoi(child), SIGKILL);
+        if (const pid_t service = service_of(process); service != 0)
+            kill(service, SIGKILL);
     });
     // What was being written is left behind once, not again and again.
     std::set<std::string> kinds;
