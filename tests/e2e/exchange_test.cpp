@@ -217,11 +217,11 @@ TEST_F(Workstation, TheServiceEndsWithItsClient)
     scim->send(SIGSTOP);
     auto impatient = environment;
     impatient["SCIM_SOCKET_TIMEOUT"] = "300";
-    for (int i = 0; i < 10; i++) { // at the latest when it gives up the daemon
+    for (int i = 0; i < 3; i++) { // at the latest when it gives up the daemon
         Process process({CTL, "backup"}, impatient);
         pid_t service = 0;
         ASSERT_TRUE(eventually([&] { return (service = service_of(process)) != 0; }));
-        usleep(static_cast<useconds_t>(i) * 1000);
+        usleep(static_cast<useconds_t>(i) * 4000);
         process.send(SIGKILL);
         process.wait();
         EXPECT_TRUE(eventually([&] { return kill(service, 0) != 0; }));
