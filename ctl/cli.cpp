@@ -49,8 +49,6 @@ void choose_store(const std::string &location)
 static void add_common_options(Cli &cli)
 {
     CLI::App &app = cli.app;
-    app.set_help_flag("-h,--help", "Show help");
-    app.set_version_flag("--version", IME_BACKUP_VERSION, "Show the version");
     app.add_flag("--json", cli.json, "Write one JSON document, for scripts");
     app.add_flag("-q,--quiet", cli.quiet, "Write nothing but errors");
     app.add_flag("-v,--verbose", cli.service.verbose, "Show the service's log as it runs");
@@ -72,6 +70,7 @@ static void add_common_options(Cli &cli)
 
 void build_cli(Cli &cli)
 {
+    cli.app.set_help_flag(); // until the commands are there: else each would have one of its own
     cli.app.require_subcommand(0, 1);
     cli.app.fallthrough();
     cli.app.footer("ime-backupctl restore --dry-run");
@@ -82,4 +81,6 @@ void build_cli(Cli &cli)
          {add_backup, add_restore, add_undo, add_list, add_show, add_diff, add_verify, add_delete, add_prune,
           add_export, add_import, add_settings, add_status, add_info, add_trace, add_help, add_complete})
         add(cli);
+    cli.app.set_help_flag("-h,--help", "Show help");
+    cli.app.set_version_flag("--version", IME_BACKUP_VERSION, "Show the version");
 }

@@ -115,8 +115,6 @@ Help and versions. Each command's help is at most 80 columns wide and has an exa
     NAME VALUE              A setting, and its new value
   
   Options of all commands:
-    -h, --help              Show help
-    --version               Show the version
     --json                  Write one JSON document, for scripts
     -q, --quiet             Write nothing but errors
     -v, --verbose           Show the service's log as it runs
@@ -126,6 +124,8 @@ Help and versions. Each command's help is at most 80 columns wide and has an exa
                             such as rclone:s3:desk; else cloud in the folder of
                             all state
     --service PROGRAM       The service's program
+    -h, --help              Show help
+    --version               Show the version
   
   Example: ime-backupctl settings set selected_lang en_US,ko_KR key_tap_sound off
   $ ime-backupctl help | head -n 12

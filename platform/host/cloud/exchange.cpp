@@ -245,18 +245,14 @@ void Exchange::download()
     const char *wanted = g_getenv(RESTORE_VARIABLE);
     const BackupNumber number = store->find(wanted == nullptr ? "" : wanted);
     exchange_report.backup = number;
-    Backup backup;
     try {
-        backup = store->read(number);
+        downloaded = store->read(number);
     } catch (const DamagedError &error) {
         throw DamagedError("backup " + std::to_string(number) + " is refused: " + error.what());
     }
-    downloaded = backup.records;
     source.file = host_path(*path);
-    if (account().is_trial())
-        source.content = backup.content;
-    else
-        replace_file(source.file, backup.content);
+    if (!account().is_trial())
+        replace_file(source.file, downloaded.content);
 }
 
 /// A device that can't be read or written now is one that the service must not begin to change.
@@ -295,12 +291,12 @@ void Exchange::have_records_restored()
         throw HostError("the service could not read the records of backup " +
                         std::to_string(exchange_report.backup));
     exchange_report.records = *records;
-    if (records->size() != downloaded.size())
+    if (records->size() != downloaded.records.size())
         throw HostError("the service did not hand back all records");
     std::vector<std::string> applied;
     for (size_t i = 0; i < records->size(); i++)
         if (!(*records)[i].failed)
-            applied.push_back(downloaded[i].value.value_or(""));
+            applied.push_back(downloaded.records[i].value.value_or(""));
     if (!applied.empty()) {
         exchange_report.snapshot = applied.back();
         find_unasked(applied);
@@ -470,12 +466,12 @@ int Exchange::read_file(orvanta_cloud_source_handle handle, orvanta_cloud_list_h
         return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
     std::string content;
     try {
-        content = account().is_trial() ? source.content : ::read_file(source.file, MAX_RECORD_FILE_SIZE);
+        content = account().is_trial() ? downloaded.content : ::read_file(source.file, MAX_RECORD_FILE_SIZE);
     } catch (const HostError &) {
         return ORVANTA_CLOUD_ERROR_IO;
     }
     try {
-        *list = make_list(decode_record_file(content));
+        *list = make_list(content == downloaded.content ? downloaded.records : decode_record_file(content));
         return ORVANTA_CLOUD_ERROR_NONE;
     } catch (const HostError &) {
         return ORVANTA_CLOUD_ERROR_BAD_FILE;

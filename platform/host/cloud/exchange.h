@@ -20,8 +20,7 @@ struct Callbacks {
 };
 
 struct orvanta_cloud_source {
-    std::filesystem::path file;
-    std::string content; ///< in place of the file's, in a trial
+    std::filesystem::path file; ///< none in a trial
 };
 
 /// What an exchange waits for while the service's callback runs.
@@ -111,7 +110,7 @@ private:
     std::string written;
     std::string file_error;
     orvanta_cloud_source source;
-    CloudRecords downloaded;
+    Backup downloaded;
     std::optional<RestoreJournal> journal;
     std::vector<std::string> unwritten; ///< settings that a restore was to change
 };

@@ -1,15 +1,20 @@
 #include "process.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <initializer_list>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <glib.h>
+
+#include "files.h"
 
 void prepare_process()
 {
@@ -28,7 +33,10 @@ void end_with_client()
         return;
     if (getppid() == client) // else something stands between the two
         prctl(PR_SET_PDEATHSIG, SIGTERM);
-    if (getppid() != client && kill(client, 0) != 0)
+    const Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, client, 0)));
+    const bool is_unknown = !process && errno == ESRCH;
+    pollfd end = {process.get(), POLLIN, 0};
+    if (is_unknown || (process && poll(&end, 1, 0) == 1)) // it was killed before
         raise(SIGTERM);
 }
 
