@@ -205,6 +205,37 @@ TEST_F(Store, IsItsOwnersAloneAndMadeWhole)
     EXPECT_FALSE(std::filesystem::exists(root.path / "settings.db.new"));
 }
 
+/// The value of a key in the store's file alone, without the log beside it, which a power cut may take away.
+std::string on_disk(const std::filesystem::path &root, const char *key)
+{
+    std::filesystem::copy_file(root / "settings.db", root / "copy.db",
+                               std::filesystem::copy_options::overwrite_existing);
+    const SQLite::Database copy((root / "copy.db").string());
+    SQLite::Statement query(copy, "SELECT value FROM settings WHERE key = ?");
+    query.bind(1, key);
+    return query.executeStep() ? query.getColumn(0).getString() : "";
+}
+
+TEST_F(Store, WhatAnExchangeSetIsDurableAtItsEnd)
+{
+    run([this] {
+        account().start({});
+        set_string("a", "first");
+        EXPECT_EQ(on_disk(root.path, "a"), "");
+        device_access(SettingPlace::settings_store)->make_durable();
+        EXPECT_EQ(on_disk(root.path, "a"), "first");
+
+        // While another reads what was there before, the log has to do.
+        SQLite::Database other = open_raw();
+        const SQLite::Transaction reading(other);
+        other.execAndGet("SELECT COUNT(*) FROM settings");
+        set_string("a", "second");
+        device_access(SettingPlace::settings_store)->make_durable();
+        EXPECT_EQ(on_disk(root.path, "a"), "first");
+        EXPECT_EQ(get_string("a"), "second");
+    });
+}
+
 TEST_F(Store, ASecondOneInTheProcessLeavesTheLocksOfTheFirst)
 {
     run([] { SettingsStore(); });

@@ -18,10 +18,6 @@ namespace fs = std::filesystem;
 static constexpr int BUSY_TIMEOUT_MS = 10'000;
 static constexpr int SCHEMA_VERSION = 1;
 
-/// Either way the store is never half written, whatever comes.
-static constexpr char SYNC_EACH_SET[] = "PRAGMA synchronous = FULL";
-static constexpr char SYNC_LATER[] = "PRAGMA synchronous = NORMAL";
-
 static fs::path store_file()
 {
     return state_root() / "settings.db";
@@ -43,11 +39,6 @@ static auto with_clear_errors(Work work)
     }
 }
 
-static void set_version(SQLite::Database &database)
-{
-    database.exec("PRAGMA user_version = " + std::to_string(SCHEMA_VERSION));
-}
-
 static void make_tables(SQLite::Database &database)
 {
     SQLite::Transaction transaction(database);
@@ -56,7 +47,7 @@ static void make_tables(SQLite::Database &database)
                   "  type TEXT NOT NULL CHECK (type IN ('bool', 'string')),"
                   "  value TEXT NOT NULL"
                   ") STRICT, WITHOUT ROWID");
-    set_version(database);
+    database.exec("PRAGMA user_version = " + std::to_string(SCHEMA_VERSION));
     transaction.commit();
 }
 
@@ -124,7 +115,9 @@ static SQLite::Database open_database(Account::Kind kind, SettingsStore::Durabil
     SQLite::Database database(file.string(), SQLite::OPEN_READWRITE, BUSY_TIMEOUT_MS);
     if (is_left_alone)
         sqlite3_db_config(database.getHandle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-    database.exec(durability == SettingsStore::Durability::at_once ? SYNC_EACH_SET : SYNC_LATER);
+    // Either way the store is never half written, whatever comes.
+    database.exec(durability == SettingsStore::Durability::at_once ? "PRAGMA synchronous = FULL"
+                                                                   : "PRAGMA synchronous = NORMAL");
     const int version = database.execAndGet("PRAGMA user_version").getInt();
     if (version > SCHEMA_VERSION)
         refuse_store("it was made by a later version");
@@ -258,16 +251,15 @@ void SettingsStore::make_durable()
 {
     if (kind == Account::Kind::trial)
         return;
-    with_clear_errors([this] {
-        SQLite::Statement checkpoint(database, "PRAGMA wal_checkpoint(PASSIVE)");
-        checkpoint.executeStep();
-        if (checkpoint.getColumn(1).getInt() == checkpoint.getColumn(2).getInt())
-            return;
-        // Another process still reads what was there before: a set that is synced has all before it synced,
-        // too.
-        checkpoint.reset();
-        database.exec(SYNC_EACH_SET);
-        set_version(database);
-        database.exec(SYNC_LATER);
-    });
+    int logged = 0;
+    int done = 0;
+    if (sqlite3_wal_checkpoint_v2(database.getHandle(), "main", SQLITE_CHECKPOINT_PASSIVE, &logged, &done) ==
+            SQLITE_OK &&
+        logged == done)
+        return;
+    // Another process still reads what was there before, or the disk is full: then the log has to do.
+    sqlite3_file *log = nullptr;
+    if (sqlite3_file_control(database.getHandle(), "main", SQLITE_FCNTL_JOURNAL_POINTER, &log) != SQLITE_OK ||
+        log->pMethods == nullptr || log->pMethods->xSync(log, SQLITE_SYNC_NORMAL) != SQLITE_OK)
+        refuse_store("what was stored may not outlive a power cut");
 }
