@@ -140,7 +140,8 @@ int isf_control_set_active_ime(const char *identifier)
 
 static std::vector<DeviceValue> read_rows(const std::vector<SettingRow> &rows)
 {
-    return std::vector<DeviceValue>(rows.size(), engine_value(get_engine()));
+    std::vector<DeviceValue> values(rows.size(), engine_value(get_engine()));
+    return values;
 }
 
 static void write_row(const SettingRow &, const DeviceValue &value)
