@@ -43,7 +43,7 @@ public:
         g_main_context_push_thread_default(context);
         for (size_t i = 0; i < std::size(SIGNALS); i++) {
             sigaction(SIGNALS[i], nullptr, &before[i]);
-            attach(g_unix_signal_source_new(SIGNALS[i]), on_signal);
+            sources[i] = attach(g_unix_signal_source_new(SIGNALS[i]), on_signal);
         }
     }
     Wait(const Wait &) = delete;
@@ -57,13 +57,15 @@ public:
         for (const int signal : SIGNALS)
             sigaddset(&both, signal);
         sigprocmask(SIG_BLOCK, &both, &blocked);
-        g_main_context_pop_thread_default(context);
-        g_main_context_unref(context);
-        for (size_t i = 0; i < std::size(SIGNALS); i++)
+        for (size_t i = 0; i < std::size(SIGNALS); i++) {
+            g_source_destroy(sources[i]); // not only with the context, which others may keep
             sigaction(SIGNALS[i], &before[i], nullptr);
+        }
         if (interrupted && before[0].sa_handler != SIG_DFL)
             raise(SIGNALS[0]);
         sigprocmask(SIG_SETMASK, &blocked, nullptr);
+        g_main_context_pop_thread_default(context);
+        g_main_context_unref(context);
     }
 
     /// @param left microseconds that it may take
@@ -81,11 +83,13 @@ public:
     bool is_timed_out() const { return timed_out; }
 
 private:
-    void attach(GSource *source, GSourceFunc callback)
+    /// @return the source, which is the context's
+    GSource *attach(GSource *source, GSourceFunc callback)
     {
         g_source_set_callback(source, callback, this, nullptr);
         g_source_attach(source, context);
         g_source_unref(source);
+        return source;
     }
 
     static gboolean on_signal(void *data)
@@ -112,6 +116,7 @@ private:
     static constexpr int SIGNALS[] = {SIGINT, SIGTERM};
 
     struct sigaction before[std::size(SIGNALS)] = {};
+    GSource *sources[std::size(SIGNALS)] = {};
     GMainContext *context = g_main_context_new();
     GSubprocess *process = nullptr;
     bool interrupted = false;
