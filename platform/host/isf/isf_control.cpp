@@ -44,24 +44,18 @@ static DeviceValue engine_value(const std::string &engine)
     return engine.empty() ? DeviceValue() : engine;
 }
 
-static void make_durable()
+static void write_engine(ScimDaemon &daemon, const std::string &identifier)
 {
-    const std::shared_ptr<ScimDaemon> daemon = ScimDaemon::connect();
-    if (!daemon->has_unflushed())
-        return;
-    daemon->flush();
-    daemon->reload();
+    if (identifier.empty())
+        daemon.erase(active_engine());
+    else
+        daemon.write(active_engine(), scim::String(identifier));
 }
 
-static void set_engine(const std::string &identifier)
+static void flush(ScimDaemon &daemon)
 {
-    const std::shared_ptr<ScimDaemon> daemon = ScimDaemon::connect();
-    if (identifier.empty())
-        daemon->erase(active_engine());
-    else
-        daemon->write(active_engine(), scim::String(identifier));
-    if (!account().is_started())
-        make_durable();
+    daemon.flush();
+    daemon.reload();
 }
 
 static void note(Trouble::Kind kind, const std::string &reason)
@@ -109,13 +103,15 @@ static void change_engine(const std::string &identifier)
     const std::shared_ptr<ScimDaemon> daemon = ScimDaemon::connect();
     const size_t number = account().begin(change);
     try {
-        set_engine(identifier);
-        account().end(number, Change::Outcome::made);
+        write_engine(*daemon, identifier);
+        daemon->note_unflushed(number);
     } catch (const DaemonError &) {
         if (!daemon->is_lost()) // else it may have arrived
             account().end(number, Change::Outcome::refused);
         throw;
     }
+    if (!account().is_started()) // else it is flushed with what else the exchange changes
+        flush(*daemon);
 }
 
 int isf_control_set_active_ime(const char *identifier)
@@ -149,12 +145,21 @@ static void write_row(const SettingRow &, const DeviceValue &value)
     const auto *identifier = value ? std::get_if<std::string>(&*value) : nullptr;
     if (value && (identifier == nullptr || !is_config_text(*identifier)))
         throw ValueError(NO_IDENTIFIER);
-    set_engine(identifier == nullptr ? "" : *identifier);
+    const std::shared_ptr<ScimDaemon> daemon = ScimDaemon::connect();
+    write_engine(*daemon, identifier == nullptr ? "" : *identifier);
+    flush(*daemon);
 }
 
 static void require_writable()
 {
     ScimDaemon::connect();
+}
+
+static void make_durable()
+{
+    const std::shared_ptr<ScimDaemon> daemon = ScimDaemon::connect();
+    if (daemon->has_unflushed())
+        flush(*daemon);
 }
 
 [[maybe_unused]] static const bool registered =

@@ -3,7 +3,6 @@
 // empty handle, and what could not be read or written is known. Linked before libscim-1.0, this takes the
 // place of its scim::ConfigModule.
 
-#include <utility>
 #include <vector>
 
 #define Uses_SCIM_CONFIG_BASE
@@ -47,13 +46,10 @@ public:
 
     bool flush() override
     {
-        const bool flushed = with_account([this] {
+        return with_account([this] {
             daemon->flush();
             return true;
         });
-        for (const size_t change : std::exchange(unflushed, {}))
-            end_change(change, flushed);
-        return flushed;
     }
 
     bool reload() override
@@ -113,22 +109,15 @@ private:
         const size_t number = account().begin(change);
         try {
             daemon->write(change.key, value);
-            unflushed.push_back(number);
+            daemon->note_unflushed(number);
         } catch (const DaemonError &) {
-            end_change(number, false);
+            if (!daemon->is_lost()) // else it may have arrived
+                account().end(number, Change::Outcome::refused);
             throw;
         }
     }
 
-    /// What was on its way to a daemon that is lost stays pending: it may have arrived.
-    void end_change(size_t change, bool made)
-    {
-        if (made || !daemon->is_lost())
-            account().end(change, made ? Change::Outcome::made : Change::Outcome::refused);
-    }
-
     const std::shared_ptr<ScimDaemon> daemon = ScimDaemon::connect();
-    std::vector<size_t> unflushed; ///< changes, which are pending until they are
 };
 
 // What looks at all places of the device alike.

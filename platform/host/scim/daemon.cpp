@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 #include <glib.h>
 
@@ -239,7 +240,6 @@ void ScimDaemon::write(const scim::String &key, const Value &value)
     question.put_data(key);
     question.put_data(static_cast<typename Wire<Value>::Type>(value));
     require(question, what);
-    unflushed = true;
 }
 
 void ScimDaemon::erase(const scim::String &key)
@@ -254,17 +254,26 @@ void ScimDaemon::erase(const scim::String &key)
     Question question(magic_key, scim::SCIM_TRANS_CMD_ERASE_CONFIG);
     question.put_data(key);
     require(question, what);
-    unflushed = true;
 }
 
 void ScimDaemon::flush()
 {
+    const auto end_changes = [changes = std::exchange(unflushed, {})](Change::Outcome outcome) {
+        for (const size_t change : changes)
+            account().end(change, outcome);
+    };
     const std::string what = "write its configuration down";
-    if (overlay_to_write(what) != nullptr)
-        return;
-    Question question(magic_key, scim::SCIM_TRANS_CMD_FLUSH_CONFIG);
-    require(question, what);
-    unflushed = false;
+    try {
+        if (overlay_to_write(what) == nullptr) {
+            Question question(magic_key, scim::SCIM_TRANS_CMD_FLUSH_CONFIG);
+            require(question, what);
+        }
+    } catch (const DaemonError &) {
+        if (!lost)
+            end_changes(Change::Outcome::refused);
+        throw;
+    }
+    end_changes(Change::Outcome::made);
 }
 
 void ScimDaemon::reload()

@@ -60,10 +60,12 @@ public:
     /// Erases a key, if it is set.
     void erase(const scim::String &key);
 
-    void flush();
+    /// Notes a change that was written. It is pending until it is flushed; with a daemon that is lost it
+    /// stays so, since it may have arrived.
+    void note_unflushed(size_t change) { unflushed.push_back(change); }
+    bool has_unflushed() const { return !unflushed.empty(); }
 
-    /// Whether something was written that isn't flushed.
-    bool has_unflushed() const { return unflushed; }
+    void flush();
 
     bool is_lost() const { return lost.has_value(); }
 
@@ -86,6 +88,6 @@ private:
     const scim::Socket socket;
     scim::uint32 magic_key = 0;
     std::optional<DaemonError> lost;
-    bool unflushed = false;
+    std::vector<size_t> unflushed;  ///< changes on the account
     std::weak_ptr<Overlay> overlay; ///< the account keeps it
 };
