@@ -76,17 +76,10 @@ public:
     Wait &operator=(const Wait &) = delete;
     ~Wait()
     {
-        // No signal comes between the two ways of taking it.
-        sigset_t both;
-        sigset_t before;
-        sigemptyset(&both);
-        sigaddset(&both, SIGINT);
-        sigaddset(&both, SIGTERM);
-        sigprocmask(SIG_BLOCK, &both, &before);
+        const HeldSignals held;
         signals.reset();
         for (const int signal : {SIGINT, SIGTERM, SIGALRM})
             std::signal(signal, on_late_signal);
-        sigprocmask(SIG_SETMASK, &before, nullptr);
         g_source_remove(timer);
         g_main_loop_unref(loop);
     }

@@ -269,6 +269,37 @@ TEST(Config, AValueIsReadAsItCanBePutBack)
         EXPECT_THROW(device_access(SettingPlace::input_method_control)->write(ROW, value), ValueError);
 }
 
+TEST(Config, WhatIsNotSetIsToldFromWhatIsReadWithIt)
+{
+    const FakeDaemon daemon(Fault::none, 0);
+    SettingRow unset = ROW;
+    unset.key = "nothing";
+    SettingRow set = ROW;
+    set.key = "number";
+    const DeviceAccess &access = *device_access(SettingPlace::configuration);
+    EXPECT_EQ(access.read_all({unset, set, unset}), (std::vector<DeviceValue>{{}, 5, {}}));
+}
+
+TEST(Config, TheActiveInputMethodIsPendingUntilTheExchangeFlushesIt)
+{
+    const struct {
+        Fault fault;
+        const char *outcomes;
+    } cases[] = {{Fault::none, " made "}, {Fault::refuse, " refused "}, {Fault::die, " pending "}};
+    for (const auto &test : cases) {
+        const FakeDaemon daemon(test.fault, 3); // after it was read and written
+        account().start({});
+        EXPECT_EQ(isf_control_set_active_ime("kbd"), 0);
+        EXPECT_EQ(outcomes(), " pending ");
+        const DeviceAccess &access = *device_access(SettingPlace::input_method_control);
+        if (test.fault == Fault::none)
+            access.make_durable();
+        else
+            EXPECT_THROW(access.make_durable(), DaemonError);
+        EXPECT_EQ(outcomes(), test.outcomes);
+    }
+}
+
 /// Writes to all that the daemon keeps.
 bool write_all()
 {

@@ -14,6 +14,7 @@
 #include "errors.h"
 #include "files.h"
 #include "process.h"
+#include "signals.h"
 #include "text.h"
 
 /// For all subcommands, whatever the environment says: nobody is asked for anything, what is to be done is
@@ -41,9 +42,9 @@ public:
     Wait()
     {
         g_main_context_push_thread_default(context);
-        for (size_t i = 0; i < std::size(SIGNALS); i++) {
-            sigaction(SIGNALS[i], nullptr, &before[i]);
-            sources[i] = attach(g_unix_signal_source_new(SIGNALS[i]), on_signal);
+        for (size_t i = 0; i < std::size(TERMINATION_SIGNALS); i++) {
+            sigaction(TERMINATION_SIGNALS[i], nullptr, &before[i]);
+            sources[i] = attach(g_unix_signal_source_new(TERMINATION_SIGNALS[i]), on_signal);
         }
     }
     Wait(const Wait &) = delete;
@@ -51,19 +52,13 @@ public:
     ~Wait()
     {
         // The program's own way of taking the signals comes back, and learns of the one that came here.
-        sigset_t both;
-        sigset_t blocked;
-        sigemptyset(&both);
-        for (const int signal : SIGNALS)
-            sigaddset(&both, signal);
-        sigprocmask(SIG_BLOCK, &both, &blocked);
-        for (size_t i = 0; i < std::size(SIGNALS); i++) {
+        const HeldSignals held;
+        for (size_t i = 0; i < std::size(TERMINATION_SIGNALS); i++) {
             g_source_destroy(sources[i]); // not only with the context, which others may keep
-            sigaction(SIGNALS[i], &before[i], nullptr);
+            sigaction(TERMINATION_SIGNALS[i], &before[i], nullptr);
         }
         if (interrupted && before[0].sa_handler != SIG_DFL)
-            raise(SIGNALS[0]);
-        sigprocmask(SIG_SETMASK, &blocked, nullptr);
+            raise(TERMINATION_SIGNALS[0]);
         g_main_context_pop_thread_default(context);
         g_main_context_unref(context);
     }
@@ -113,10 +108,8 @@ private:
         static_cast<Wait *>(data)->has_ended = true;
     }
 
-    static constexpr int SIGNALS[] = {SIGINT, SIGTERM};
-
-    struct sigaction before[std::size(SIGNALS)] = {};
-    GSource *sources[std::size(SIGNALS)] = {};
+    struct sigaction before[std::size(TERMINATION_SIGNALS)] = {};
+    GSource *sources[std::size(TERMINATION_SIGNALS)] = {};
     GMainContext *context = g_main_context_new();
     GSubprocess *process = nullptr;
     bool interrupted = false;

@@ -1,13 +1,24 @@
 #include "signals.h"
 
 #include <cerrno>
-#include <csignal>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <glib-unix.h>
 
-static constexpr int SIGNALS[] = {SIGINT, SIGTERM};
+HeldSignals::HeldSignals()
+{
+    sigset_t held;
+    sigemptyset(&held);
+    for (const int signal : TERMINATION_SIGNALS)
+        sigaddset(&held, signal);
+    sigprocmask(SIG_BLOCK, &held, &before);
+}
+
+HeldSignals::~HeldSignals()
+{
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+}
 
 /// Where the signals' handler leaves word for the main loop.
 static int word = -1;
@@ -34,13 +45,13 @@ TerminationSignals::TerminationSignals(std::function<void()> call) : on_signal(s
     struct sigaction action = {};
     action.sa_handler = leave_word;
     action.sa_flags = SA_RESTART;
-    for (const int signal : SIGNALS)
+    for (const int signal : TERMINATION_SIGNALS)
         sigaction(signal, &action, nullptr);
 }
 
 TerminationSignals::~TerminationSignals()
 {
-    for (const int signal : SIGNALS)
+    for (const int signal : TERMINATION_SIGNALS)
         std::signal(signal, SIG_DFL);
     g_source_remove(source);
     close(word);

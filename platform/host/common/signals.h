@@ -1,8 +1,25 @@
 #pragma once
 
+#include <csignal>
 #include <functional>
 
 #include <glib.h>
+
+/// The signals that ask a process to end.
+inline constexpr int TERMINATION_SIGNALS[] = {SIGINT, SIGTERM};
+
+/// Holds them back for as long as it is there, so that none comes between two ways of taking them.
+class HeldSignals
+{
+public:
+    HeldSignals();
+    HeldSignals(const HeldSignals &) = delete;
+    HeldSignals &operator=(const HeldSignals &) = delete;
+    ~HeldSignals();
+
+private:
+    sigset_t before = {};
+};
 
 /// Takes the signals that ask this process to end, and has its main loop call a function for each, for as
 /// long as the object is there. There is one at a time. GLib would start a thread for that.
