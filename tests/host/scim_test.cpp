@@ -277,7 +277,7 @@ TEST(Config, WhatIsNotSetIsToldFromWhatIsReadWithIt)
     SettingRow set = ROW;
     set.key = "number";
     const DeviceAccess &access = *device_access(SettingPlace::configuration);
-    EXPECT_EQ(access.read_all({unset, set, unset}), (std::vector<DeviceValue>{{}, 5, {}}));
+    EXPECT_EQ(access.read_all({set, unset, set}), (std::vector<DeviceValue>{5, {}, 5}));
 }
 
 TEST(Config, TheActiveInputMethodIsPendingUntilTheExchangeFlushesIt)
