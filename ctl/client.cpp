@@ -17,7 +17,7 @@
 #include <glib-unix.h>
 
 #include "files.h"
-#include "ime_backup_operations.h"
+#include "orvanta_cloud_operations.h"
 #include "process.h"
 #include "service_log.h"
 #include "signals.h"

@@ -1,5 +1,5 @@
 #include "backups.h"
-#include "ime_backup_operations.h"
+#include "orvanta_cloud_operations.h"
 
 void show_info(Cli &cli)
 {

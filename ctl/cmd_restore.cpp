@@ -1,7 +1,7 @@
 #include <algorithm>
 
 #include "backups.h"
-#include "ime_backup_operations.h"
+#include "orvanta_cloud_operations.h"
 #include "setting.h"
 #include "text.h"
 

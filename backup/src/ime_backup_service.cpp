@@ -6,7 +6,7 @@
 #include <glib.h>
 
 #include "appcore_agent.h"
-#include "ime_backup_operations.h"
+#include "orvanta_cloud_operations.h"
 #include "ime_backup_service_json_parser.h"
 #include "ime_backup_service_json_writer.h"
 #include "log.h"

@@ -17,7 +17,7 @@
 
 #include "files.h"
 #include "host.h"
-#include "ime_backup_operations.h"
+#include "orvanta_cloud_operations.h"
 #include "ime_backup_settings.h"
 #include "report.h"
 

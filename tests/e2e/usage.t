@@ -214,7 +214,7 @@ The manuals are without fault, and tell of each member that a script gets.
   > done | sed -En 's/^ *"([a-z]+)" :.*/\1/p' | sort -u | while read -r member; do
   >     grep -qw -- "$member" <(man -l $manual | sed -n '/^JSON/,/^[EF]/p') || echo "$member is not in the manual"
   > done
-  $ grep -o 'http[^"]*' $SOURCE/backup/include/ime_backup_operations.h | while read -r operation; do
+  $ grep -o 'http[^"]*' $SOURCE/platform/include/orvanta_cloud_operations.h | while read -r operation; do
   >     grep -c -- "$operation\$" $service_manual
   > done
   1
