@@ -8,7 +8,6 @@
  */
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,14 +25,8 @@
 #include <json-glib/json-glib.h>
 #include <sqlite3.h>
 
-#include "ime_backup_settings.h"
-
-/// The settings in the order of their table, each as a text: "1" is a switch that is on.
-using Values = std::array<std::string, std::size(SETTINGS)>;
-
-static constexpr char HEAD[] = R"({"format":"ime-backup-records","version":1,"sha256":")";
-static constexpr char MIDDLE[] = R"(","records":)";
-static constexpr char TAIL[] = "}";
+#include "plan.h"
+#include "record_file.h"
 
 static void require(bool done, const char *what)
 {
@@ -135,25 +128,26 @@ public:
         require(sqlite3_exec(database, sql, nullptr, nullptr, nullptr) == SQLITE_OK, sql);
     }
 
-    std::string get(const char *key)
+    DeviceValue get(const SettingRow &row)
     {
         if (query == nullptr)
             query = prepare("SELECT value FROM settings WHERE key = ?");
-        sqlite3_bind_text(query, 1, key, -1, SQLITE_STATIC);
-        require(sqlite3_step(query) == SQLITE_ROW, key);
-        std::string value = reinterpret_cast<const char *>(sqlite3_column_text(query, 0));
+        sqlite3_bind_text(query, 1, row.key, -1, SQLITE_STATIC);
+        require(sqlite3_step(query) == SQLITE_ROW, row.key);
+        const std::string text = reinterpret_cast<const char *>(sqlite3_column_text(query, 0));
         sqlite3_reset(query);
-        return value;
+        return is_switch(row) ? DeviceValue(text == "1") : DeviceValue(text);
     }
 
-    void set(const char *key, const char *type, const std::string &value)
+    void set(const SettingRow &row, const DeviceValue &value)
     {
         if (update == nullptr)
             update = prepare("INSERT OR REPLACE INTO settings VALUES (?, ?, ?)");
-        sqlite3_bind_text(update, 1, key, -1, SQLITE_STATIC);
-        sqlite3_bind_text(update, 2, type, -1, SQLITE_STATIC);
-        sqlite3_bind_text(update, 3, value.c_str(), -1, SQLITE_STATIC);
-        require(sqlite3_step(update) == SQLITE_DONE, key);
+        const std::string text = is_switch(row) ? (value == DeviceValue(true) ? "1" : "0") : config_text(value);
+        sqlite3_bind_text(update, 1, row.key, -1, SQLITE_STATIC);
+        sqlite3_bind_text(update, 2, is_switch(row) ? "bool" : "string", -1, SQLITE_STATIC);
+        sqlite3_bind_text(update, 3, text.c_str(), -1, SQLITE_TRANSIENT);
+        require(sqlite3_step(update) == SQLITE_DONE, row.key);
         sqlite3_reset(update);
     }
 
@@ -178,166 +172,84 @@ static scim::String key_of(const SettingRow &row)
     return row.form == SettingForm::identifier ? SCIM_CONFIG_DEFAULT_IMENGINE_FACTORY "/~other" : row.key;
 }
 
-static Values read_device(Daemon &daemon, Store &store)
+/// How a switch travels.
+static int command_of(const SettingRow &row, int integer, int boolean)
 {
-    Values values;
-    auto value = values.begin();
-    for (const SettingRow &row : SETTINGS) {
-        if (row.place == SettingPlace::settings_store)
-            *value = store.get(row.key);
-        else if (row.form == SettingForm::identifier)
-            *value = daemon.get<scim::String>(scim::SCIM_TRANS_CMD_GET_CONFIG_STRING, key_of(row));
-        else
-            *value = daemon.get<scim::uint32>(row.form == SettingForm::integer_switch
-                                                  ? scim::SCIM_TRANS_CMD_GET_CONFIG_INT
-                                                  : scim::SCIM_TRANS_CMD_GET_CONFIG_BOOL,
-                                              key_of(row)) != 0
-                         ? "1"
-                         : "0";
-        value++;
-    }
-    return values;
+    return row.form == SettingForm::integer_switch ? integer : boolean;
 }
 
-static void write_device(const Values &values, Daemon &daemon, Store &store)
+static DeviceState read_device(Daemon &daemon, Store &store, std::span<const SettingRow> rows)
+{
+    DeviceState state;
+    for (const SettingRow &row : rows) {
+        DeviceValue &value = state[index_of(row)];
+        if (row.place == SettingPlace::settings_store) {
+            value = store.get(row);
+        } else if (row.form == SettingForm::identifier) {
+            value = daemon.get<scim::String>(scim::SCIM_TRANS_CMD_GET_CONFIG_STRING, key_of(row));
+        } else {
+            const int command = command_of(row, scim::SCIM_TRANS_CMD_GET_CONFIG_INT,
+                                           scim::SCIM_TRANS_CMD_GET_CONFIG_BOOL);
+            value = device_value(row, daemon.get<scim::uint32>(command, key_of(row)) != 0);
+        }
+    }
+    return state;
+}
+
+static void write_device(const DeviceState &state, Daemon &daemon, Store &store)
 {
     store.run("BEGIN IMMEDIATE");
-    auto value = values.begin();
     for (const SettingRow &row : SETTINGS) {
-        const scim::uint32 is_on = *value == "1" ? 1 : 0;
+        const DeviceValue &value = state[index_of(row)];
         if (row.place == SettingPlace::settings_store)
-            store.set(row.key, row.form == SettingForm::languages ? "string" : "bool", *value);
+            store.set(row, value);
         else if (row.form == SettingForm::identifier)
-            daemon.put(scim::SCIM_TRANS_CMD_SET_CONFIG_STRING, key_of(row), *value);
+            daemon.put(scim::SCIM_TRANS_CMD_SET_CONFIG_STRING, key_of(row), scim::String(config_text(value)));
         else
-            daemon.put(row.form == SettingForm::integer_switch ? scim::SCIM_TRANS_CMD_SET_CONFIG_INT
-                                                               : scim::SCIM_TRANS_CMD_SET_CONFIG_BOOL,
-                       key_of(row), is_on);
-        value++;
+            daemon.put(command_of(row, scim::SCIM_TRANS_CMD_SET_CONFIG_INT,
+                                  scim::SCIM_TRANS_CMD_SET_CONFIG_BOOL),
+                       key_of(row), scim::uint32(*read_switch(row, value) ? 1 : 0));
     }
     daemon.put(scim::SCIM_TRANS_CMD_FLUSH_CONFIG);
     store.run("COMMIT");
 }
 
-// The snapshot.
+// The snapshot, with the library that the service writes it with.
 
-static std::string to_text(JsonNode *root)
+static std::string make_snapshot(const SnapshotValues &values)
 {
+    g_autoptr(JsonBuilder) builder = json_builder_new();
+    json_builder_begin_object(builder);
+    for (const SettingRow &row : SETTINGS) {
+        const SnapshotValue &value = values[index_of(row)];
+        json_builder_set_member_name(builder, row.member);
+        if (row.form == SettingForm::identifier) {
+            json_builder_add_string_value(builder, std::get<std::string>(value).c_str());
+        } else if (row.form == SettingForm::languages) {
+            json_builder_begin_array(builder);
+            for (const std::string &language : std::get<std::vector<std::string>>(value)) {
+                json_builder_begin_object(builder);
+                json_builder_set_member_name(builder, MEMBER_LANG_ID);
+                json_builder_add_string_value(builder, language.c_str());
+                json_builder_end_object(builder);
+            }
+            json_builder_end_array(builder);
+        } else {
+            json_builder_add_boolean_value(builder, std::get<bool>(value) ? TRUE : FALSE);
+        }
+    }
+    json_builder_end_object(builder);
+    g_autoptr(JsonNode) root = json_builder_get_root(builder);
     g_autofree gchar *text = json_to_string(root, FALSE);
-    json_node_unref(root);
     return text;
 }
 
-static JsonArray *make_languages(const std::string &list)
+static std::string no_refusal(const SettingRow &, const DeviceValue &)
 {
-    std::vector<std::string> languages;
-    for (size_t begin = 0, end = 0; (end = list.find(LANGUAGE_DELIMITER, begin)) != std::string::npos;
-         begin = end + 1)
-        languages.push_back(list.substr(begin, end - begin));
-    std::sort(languages.begin(), languages.end());
-    JsonArray *array = json_array_new();
-    for (const std::string &language : languages) {
-        JsonObject *element = json_object_new();
-        json_object_set_string_member(element, MEMBER_LANG_ID, language.c_str());
-        json_array_add_object_element(array, element);
-    }
-    return array;
+    return "";
 }
 
-static std::string make_snapshot(const Values &values)
-{
-    JsonObject *root = json_object_new();
-    auto value = values.begin();
-    for (const SettingRow &row : SETTINGS) {
-        if (row.form == SettingForm::identifier)
-            json_object_set_string_member(root, row.member, value->c_str());
-        else if (row.form == SettingForm::languages)
-            json_object_set_array_member(root, row.member, make_languages(*value));
-        else
-            json_object_set_boolean_member(root, row.member, *value == "1");
-        value++;
-    }
-    JsonNode *node = json_node_alloc();
-    json_node_init_object(node, root);
-    json_object_unref(root);
-    return to_text(node);
-}
-
-/// The values that a snapshot comes to on this device: only languages that are downloaded are selected, and
-/// nothing is written by hand unless one of them can be.
-static Values read_snapshot(JsonObject *snapshot, Store &store)
-{
-    const std::string downloaded = store.get(VCONFKEY_ISE_LPM_DOWNLOADED_LANG);
-    const std::string with_handwriting = store.get(VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG);
-    bool has_handwriting = false;
-    Values values;
-    auto value = values.begin();
-    for (const SettingRow &row : SETTINGS) {
-        if (row.form == SettingForm::identifier) {
-            *value = json_object_get_string_member(snapshot, row.member);
-        } else if (row.form == SettingForm::languages) {
-            JsonArray *languages = json_object_get_array_member(snapshot, row.member);
-            for (guint i = 0; i < json_array_get_length(languages); i++) {
-                const char *language = json_object_get_string_member(
-                    json_array_get_object_element(languages, i), MEMBER_LANG_ID);
-                if (strstr(downloaded.c_str(), language) == nullptr)
-                    continue;
-                value->append(language).push_back(LANGUAGE_DELIMITER);
-                has_handwriting = has_handwriting || strstr(with_handwriting.c_str(), language) != nullptr;
-            }
-        } else {
-            const bool is_on = json_object_get_boolean_member(snapshot, row.member) != FALSE &&
-                               (has_handwriting || strcmp(row.member, MEMBER_HANDWRITING) != 0);
-            *value = is_on ? "1" : "0";
-        }
-        value++;
-    }
-    return values;
-}
-
-// The record file, and the folder of backups.
-
-static std::string checksum_of(const char *text, size_t length)
-{
-    g_autofree gchar *checksum =
-        g_compute_checksum_for_string(G_CHECKSUM_SHA256, text, static_cast<gssize>(length));
-    return checksum;
-}
-
-static std::string make_record_file(const std::string &snapshot)
-{
-    JsonObject *record = json_object_new();
-    json_object_set_string_member(record, "key", "0");
-    json_object_set_string_member(record, "date",
-                                  std::to_string(g_get_real_time() / G_TIME_SPAN_MILLISECOND).c_str());
-    json_object_set_string_member(record, "value", snapshot.c_str());
-    JsonArray *array = json_array_new();
-    json_array_add_object_element(array, record);
-    JsonNode *node = json_node_alloc();
-    json_node_init_array(node, array);
-    json_array_unref(array);
-    const std::string records = to_text(node);
-    return HEAD + checksum_of(records.data(), records.size()) + MIDDLE + records + TAIL;
-}
-
-/// The snapshot in the only record of a file.
-static std::string read_record_file(const std::string &content)
-{
-    const size_t middle = content.find(MIDDLE);
-    const size_t begin = middle + strlen(MIDDLE);
-    require(content.starts_with(HEAD) && middle != std::string::npos && content.ends_with(TAIL),
-            "find the records");
-    const size_t length = content.size() - begin - strlen(TAIL);
-    require(content.substr(strlen(HEAD), middle - strlen(HEAD)) ==
-                checksum_of(content.data() + begin, length),
-            "trust the backup");
-    g_autoptr(JsonParser) parser = json_parser_new();
-    require(json_parser_load_from_data(parser, content.data() + begin, static_cast<gssize>(length),
-                                       nullptr) != FALSE,
-            "parse the records");
-    JsonArray *records = json_node_get_array(json_parser_get_root(parser));
-    return json_object_get_string_member(json_array_get_object_element(records, 0), "value");
-}
+// The folder of backups.
 
 static unsigned find_newest(const std::string &folder)
 {
@@ -373,13 +285,19 @@ static void write_durably(const std::string &folder, const std::string &name, co
     require(directory >= 0 && fsync(directory) == 0, "write the folder down");
 }
 
+static std::string snapshot_of(const DeviceState &state)
+{
+    return make_snapshot(plan_backup(state, no_refusal).snapshot);
+}
+
 static void back_up()
 {
     const std::string folder = place("IME_BACKUP_CLOUD_STORE");
+    const std::string now = std::to_string(g_get_real_time() / G_TIME_SPAN_MILLISECOND);
     Daemon daemon;
     Store store;
-    const std::string content = make_record_file(make_snapshot(read_device(daemon, store)));
-    write_durably(folder, name_of(find_newest(folder) + 1), content);
+    const std::string snapshot = snapshot_of(read_device(daemon, store, SETTINGS));
+    write_durably(folder, name_of(find_newest(folder) + 1), encode_record_file({{RECORD_KEY, now, snapshot}}));
 }
 
 static void restore(const char *number)
@@ -390,13 +308,12 @@ static void restore(const char *number)
     g_autofree gchar *content = nullptr;
     gsize length = 0;
     require(g_file_get_contents(file.c_str(), &content, &length, nullptr) != FALSE, "read the backup");
-    const std::string snapshot = read_record_file({content, length});
-    g_autoptr(JsonParser) parser = json_parser_new();
-    require(json_parser_load_from_data(parser, snapshot.data(), -1, nullptr) != FALSE, "parse the snapshot");
+    const CloudRecords records = decode_record_file({content, length});
     Daemon daemon;
     Store store;
-    write_durably(place("IME_BACKUP_HOST_DIR"), "/before.json", make_snapshot(read_device(daemon, store)));
-    write_device(read_snapshot(json_node_get_object(json_parser_get_root(parser)), store), daemon, store);
+    const DeviceState state = read_device(daemon, store, ALL_SETTINGS);
+    write_durably(place("IME_BACKUP_HOST_DIR"), "/before.json", snapshot_of(state));
+    write_device(plan_restore({records.back().value}, state, no_refusal).device, daemon, store);
 }
 
 int main(int argc, char **argv)

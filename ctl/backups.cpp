@@ -1,14 +1,9 @@
 #include "backups.h"
 
-#include <algorithm>
-#include <cstdio>
-#include <iterator>
-
 #include <glib.h>
 
 #include "setting.h"
 #include "snapshot.h"
-#include "text.h"
 
 std::string name_of(BackupNumber number)
 {
@@ -83,28 +78,26 @@ Backup read_whole(const CloudStore &store, BackupNumber number)
     }
 }
 
-/// A setting of a snapshot, in a list of backups: of languages, a script gets the count.
-static Cell describe(const Snapshot &snapshot, SettingForm form)
+static Cell cell_of(const SnapshotValues &values, const SettingRow &row)
 {
-    const SettingRow &row = first_of(form);
-    const DeviceValue &value = snapshot[static_cast<size_t>(&row - SETTINGS)];
-    const Cell cell = cell_of(row, value);
-    if (form != SettingForm::languages || !value)
-        return cell;
-    return {split_languages(std::get<std::string>(*value)).size(), cell.text};
+    return cell_of(row, device_value(row, values[index_of(row)]));
 }
 
 static std::vector<Cell> describe(BackupNumber number, const Backup &backup)
 {
-    const Snapshot snapshot = read_snapshot(snapshot_in(backup.records));
+    const SnapshotValues values = read_snapshot(snapshot_in(backup.records))->values;
     const std::string date = date_of(backup.records);
+    const SettingRow &row = first_of(SettingForm::languages);
+    Cell languages = cell_of(values, row);
+    if (const auto *texts = std::get_if<std::vector<std::string>>(&values[index_of(row)]); texts != nullptr)
+        languages.json = Json(split_languages(join_languages(*texts)).size()); // a script gets the count
     return {number,
             {utc_time(date), format_date(date)},
             {nullptr, format_age(date)},
             backup.content.size(),
             {true, ""},
-            describe(snapshot, SettingForm::identifier),
-            describe(snapshot, SettingForm::languages),
+            cell_of(values, first_of(SettingForm::identifier)),
+            languages,
             ""};
 }
 
@@ -131,102 +124,4 @@ Inspection inspect(const CloudStore &store, const std::vector<BackupNumber> &num
         }
     }
     return inspection;
-}
-
-static bool is_good(const CloudStore &store, BackupNumber number)
-{
-    try {
-        snapshot_in(store.read(number).records);
-        return true;
-    } catch (const UnreadableError &error) { // an older one must not take its place
-        throw HostError("nothing is deleted, since of " + name_of(number) +
-                        " it is not known whether it is good: " + error.what());
-    } catch (const DamagedError &) {
-        return false;
-    } catch (const NoBackupError &) {
-        return false;
-    }
-}
-
-std::optional<BackupNumber> find_newest_good(const CloudStore &store,
-                                             const std::vector<BackupNumber> &numbers)
-{
-    const auto newest = std::find_if(numbers.rbegin(), numbers.rend(),
-                                     [&](BackupNumber number) { return is_good(store, number); });
-    return newest == numbers.rend() ? std::nullopt : std::optional(*newest);
-}
-
-// Those that there are.
-
-[[noreturn]] static void refuse_missing(const CloudStore &store)
-{
-    throw PlatformError("there is no cloud store " + store.location() +
-                        "; \"ime-backupctl backup\" makes it");
-}
-
-void require_store(const CloudStore &store)
-{
-    if (!store.exists())
-        refuse_missing(store);
-}
-
-std::vector<BackupNumber> list_backups(const CloudStore &store)
-{
-    const CloudStore::Listing listing = store.list();
-    if (!listing.is_there) {
-        if (store.is_chosen())
-            refuse_missing(store);
-        fprintf(stderr, "ime-backupctl: there is no backup yet: %s is made by the first one\n",
-                escaped(store.location()).c_str());
-        return {};
-    }
-    for (const std::string &name : listing.left_out)
-        fprintf(stderr, "ime-backupctl: %s is left out: no backup has this number\n", escaped(name).c_str());
-    return listing.numbers;
-}
-
-std::vector<BackupNumber> find_backups(const CloudStore &store, const std::vector<BackupNumber> &known,
-                                       const std::vector<std::string> &ids)
-{
-    std::vector<BackupNumber> numbers;
-    for (const std::string &id : ids)
-        numbers.push_back(store.find(id, known));
-    std::sort(numbers.begin(), numbers.end());
-    numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
-    return numbers;
-}
-
-void tell_deleted(Document &document, const std::vector<BackupNumber> &deleted,
-                  const std::vector<BackupNumber> &kept, const char *what_of_them)
-{
-    document.set("deleted", Json(deleted));
-    document.set("kept", Json(kept));
-    for (const BackupNumber number : deleted)
-        document.say(name_of(number) + "  " + what_of_them);
-    if (deleted.empty())
-        document.say("there is nothing to delete");
-}
-
-void delete_and_tell(Document &document, CloudStore &store, const CloudStore::Choose &choose)
-{
-    std::vector<BackupNumber> before;
-    const auto tell = [&] {
-        const std::vector<BackupNumber> kept = store.list().numbers;
-        std::vector<BackupNumber> deleted;
-        std::set_difference(before.begin(), before.end(), kept.begin(), kept.end(),
-                            std::back_inserter(deleted));
-        tell_deleted(document, deleted, kept, "deleted");
-    };
-    try {
-        store.remove([&](const std::vector<BackupNumber> &known) {
-            const std::vector<BackupNumber> going = choose(known);
-            before = known;
-            return going;
-        });
-    } catch (const HostError &) {
-        if (!before.empty())
-            tell();
-        throw;
-    }
-    tell();
 }

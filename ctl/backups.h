@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "cli.h"
 #include "cloud_store.h"
+#include "document.h"
 
 /// "backup 4", for a person.
 std::string name_of(BackupNumber number);
@@ -39,29 +39,3 @@ struct Inspection {
 };
 
 Inspection inspect(const CloudStore &store, const std::vector<BackupNumber> &numbers);
-
-/// The newest backup that can be restored.
-std::optional<BackupNumber> find_newest_good(const CloudStore &store,
-                                             const std::vector<BackupNumber> &numbers);
-
-/// All backups of a store. What isn't one though it is named so is told on standard error, and a store that
-/// isn't there, too.
-///
-/// @throws PlatformError when the store's place was chosen and it isn't there
-std::vector<BackupNumber> list_backups(const CloudStore &store);
-
-/// @throws PlatformError when the place of the store isn't there
-void require_store(const CloudStore &store);
-
-/// The backups that a person named, each once.
-///
-/// @throws NoBackupError
-std::vector<BackupNumber> find_backups(const CloudStore &store, const std::vector<BackupNumber> &known,
-                                       const std::vector<std::string> &ids);
-
-/// Deletes backups, and tells which were: also when not all that were chosen could be.
-void delete_and_tell(Document &document, CloudStore &store, const CloudStore::Choose &choose);
-
-/// Tells what was deleted and what was kept, or would be.
-void tell_deleted(Document &document, const std::vector<BackupNumber> &deleted,
-                  const std::vector<BackupNumber> &kept, const char *what_of_them);

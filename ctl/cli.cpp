@@ -1,86 +1,188 @@
 #include "cli.h"
 
-#include <regex>
-
 #include <glib.h>
 
-#include "help.h"
+#include "contact.h"
+#include "suggestion.h"
+#include "text.h"
 
-static std::string check_filled(const std::string &text)
+const Command &find_command(const Command &parent, const std::string &name)
 {
-    return text.empty() ? "it is empty" : "";
+    for (const Command &command : parent.commands)
+        if (command.name == name)
+            return command;
+    throw UsageError("there is no command \"" + name + "\"" + did_you_mean(name, names_of_commands(parent)));
 }
 
-static std::string check_seconds(const std::string &text)
+const Argument *argument_after(const Command &command, size_t count)
 {
-    static const std::regex decimal("[0-9]{1,5}(\\.[0-9]{1,3})?");
-    if (!std::regex_match(text, decimal) || std::stod(text) < 0.1 || std::stod(text) > 86'400)
-        return "not between 0.1 and 86400 seconds: " + text;
-    return "";
+    const std::vector<Argument> &arguments = command.arguments;
+    if (count < arguments.size())
+        return &arguments[count];
+    return !arguments.empty() && is_repeatable(arguments.back().times) ? &arguments.back() : nullptr;
 }
 
-CLI::App *add_command(CLI::App &parent, const Command &command)
+bool Cli::has(std::string_view option) const
 {
-    const std::string details(command.details);
-    CLI::App *added = parent.add_subcommand(command.name, std::string(command.summary) +
-                                                              (details.empty() ? "" : "\n" + details));
-    added->group(command.group);
-    added->footer(command.example);
-    added->set_help_flag("-h,--help", "Show help");
-    return added;
+    return !values(option).empty();
 }
 
-CLI::Option *add_argument(CLI::App &command, const char *label, std::string &value, const char *description)
+std::vector<std::string> Cli::values(std::string_view option) const
 {
-    return command.add_option(label, value, description)->type_name("")->check(check_filled);
+    std::vector<std::string> found;
+    for (const auto &[known, value] : options)
+        if (known->name == option)
+            found.push_back(value);
+    return found;
 }
 
-CLI::Option *add_arguments(CLI::App &command, const char *label, std::vector<std::string> &values,
-                           const char *description)
+std::string Cli::value(std::string_view option) const
 {
-    return command.add_option(label, values, description)->type_name("")->check(check_filled);
+    const std::vector<std::string> found = values(option);
+    return found.empty() ? "" : found.back();
 }
 
-void choose_store(const std::string &location)
+// The command line.
+
+/// Whether a word is an option: a dash alone is not, nor is a number.
+static bool is_option(const std::string &word)
 {
-    g_setenv(STORE_VARIABLE, location.c_str(), TRUE);
+    return word.size() > 1 && word[0] == '-' && g_ascii_isdigit(word[1]) == FALSE;
 }
 
-static void add_common_options(Cli &cli)
+static void require_finished(const Cli &cli)
 {
-    CLI::App &app = cli.app;
-    app.add_flag("--json", cli.json, "Write one JSON document, for scripts");
-    app.add_flag("-q,--quiet", cli.quiet, "Write nothing but errors");
-    app.add_flag("-v,--verbose", cli.service.verbose, "Show the service's log as it runs");
-    app.add_option("--timeout", cli.service.timeout_seconds,
-                   "How long to wait for the service, or a remote store (30)")
-        ->type_name("SECONDS")
-        ->check(check_seconds);
-    app.add_option_function<std::string>("--store", choose_store,
-                                         "Where the backups are: a folder, or a remote place such as "
-                                         "rclone:s3:desk; else cloud in the folder of all state")
-        ->type_name("LOCATION")
-        ->check(check_filled);
-    cli.service.program = default_service_program();
-    app.add_option("--service", cli.service.program, "The service's program")
-        ->type_name("PROGRAM")
-        ->envname("IME_BACKUP_SERVICE")
-        ->check(check_filled);
+    if (cli.unfinished != nullptr)
+        throw UsageError(std::string(cli.unfinished->name) + " lacks a value");
 }
 
-void build_cli(Cli &cli)
+static void add_option(Cli &cli, const Option &option, const std::string &value)
 {
-    cli.app.set_help_flag(); // until the commands are there: else each would have one of its own
-    cli.app.require_subcommand(0, 1);
-    cli.app.fallthrough();
-    cli.app.footer("ime-backupctl restore --dry-run");
-    cli.app.formatter_fn(
-        [](const CLI::App *command, const std::string &, CLI::AppFormatMode) { return help_of(*command); });
-    add_common_options(cli);
-    for (const auto add :
-         {add_backup, add_restore, add_undo, add_list, add_show, add_diff, add_verify, add_delete, add_prune,
-          add_export, add_import, add_settings, add_status, add_info, add_trace, add_help, add_complete})
-        add(cli);
-    cli.app.set_help_flag("-h,--help", "Show help");
-    cli.app.set_version_flag("--version", IME_BACKUP_VERSION, "Show the version");
+    if (option.value != nullptr && !is_repeatable(option.times) && cli.has(option.name))
+        throw UsageError(std::string(option.name) + " is given twice");
+    const std::string fault = option.check == nullptr ? "" : option.check(value);
+    if (!fault.empty())
+        throw UsageError(std::string(option.name) + ": " + fault);
+    cli.options.emplace_back(&option, value);
+}
+
+/// @param name with one dash and a letter, or with two dashes
+static const Option &find_option(const Cli &cli, const std::string &name, const std::string &word)
+{
+    const std::vector<const Option *> options = options_of(cli.path);
+    for (const Option *option : options)
+        if (option->name == name || name == std::string{'-', option->letter})
+            return *option;
+    throw UsageError("there is no option \"" + word + "\"" + did_you_mean(word, names_of(options)));
+}
+
+static void read_option(Cli &cli, const std::string &word)
+{
+    if (!word.starts_with("--")) {
+        for (const char letter : word.substr(1))
+            add_option(cli, find_option(cli, {'-', letter}, word), "");
+        return;
+    }
+    const size_t end = word.find('=');
+    const std::string name = word.substr(0, end);
+    const Option &option = find_option(cli, name, name);
+    if (option.value == nullptr && end != std::string::npos)
+        throw UsageError(name + " takes no value");
+    if (option.value != nullptr && end == std::string::npos)
+        cli.unfinished = &option;
+    else
+        add_option(cli, option, option.value == nullptr ? "" : word.substr(end + 1));
+}
+
+static void read_argument(Cli &cli, const std::string &word)
+{
+    const Argument *argument = argument_after(cli.command(), cli.arguments.size());
+    if (argument == nullptr)
+        throw UsageError("unexpected argument \"" + word + "\"");
+    if (word.empty() && argument->kind != Kind::text && argument->kind != Kind::setting_and_value)
+        throw UsageError(std::string(argument->label) + ": it is empty");
+    cli.arguments.push_back(word);
+}
+
+void parse(Cli &cli, const std::vector<std::string> &words)
+{
+    bool options_may_follow = true;
+    for (const std::string &word : words) {
+        if (options_may_follow && is_option(word)) {
+            require_finished(cli);
+            if (word == "--")
+                options_may_follow = false;
+            else
+                read_option(cli, word);
+        } else if (cli.unfinished != nullptr) {
+            add_option(cli, *std::exchange(cli.unfinished, nullptr), word);
+        } else if (!cli.command().commands.empty()) {
+            cli.path.push_back(&find_command(cli.command(), word));
+        } else {
+            read_argument(cli, word);
+        }
+    }
+}
+
+void require_complete(const Cli &cli)
+{
+    require_finished(cli);
+    for (const Option *option : options_of(cli.path))
+        if (is_required(option->times) && !cli.has(option->name))
+            throw UsageError(std::string(option->name) + " is required");
+    const std::vector<Argument> &arguments = cli.command().arguments;
+    const size_t count = cli.arguments.size();
+    if (count < arguments.size() && is_required(arguments[count].times))
+        throw UsageError(std::string(arguments[count].label) + " is required");
+}
+
+void apply_common_options(Cli &cli)
+{
+    cli.json = cli.has("--json");
+    cli.quiet = cli.has("--quiet");
+    cli.service.verbose = cli.has("--verbose");
+    if (cli.has("--timeout"))
+        cli.service.timeout_seconds = std::stod(cli.value("--timeout"));
+    if (cli.has("--store"))
+        g_setenv(STORE_VARIABLE, cli.value("--store").c_str(), TRUE);
+    const char *service = g_getenv("IME_BACKUP_SERVICE");
+    cli.service.program = cli.has("--service")                     ? cli.value("--service")
+                          : service != nullptr && *service != '\0' ? service
+                                                                   : default_service_program();
+}
+
+// Names.
+
+std::string full_name(const std::vector<const Command *> &path)
+{
+    std::vector<std::string> names;
+    for (const Command *command : path)
+        names.emplace_back(command->name);
+    return join(names, " ");
+}
+
+std::vector<const Option *> options_of(const std::vector<const Command *> &path)
+{
+    std::vector<const Option *> options;
+    for (size_t i = path.size(); i-- > 0;)
+        for (const Option &option : path[i]->options)
+            options.push_back(&option);
+    return options;
+}
+
+std::vector<std::string> names_of(const std::vector<const Option *> &options)
+{
+    std::vector<std::string> names;
+    for (const Option *option : options)
+        names.emplace_back(option->name);
+    return names;
+}
+
+std::vector<std::string> names_of_commands(const Command &command)
+{
+    std::vector<std::string> names;
+    for (const Command &subcommand : command.commands)
+        if (subcommand.group != nullptr)
+            names.emplace_back(subcommand.name);
+    return names;
 }

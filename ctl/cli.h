@@ -1,89 +1,113 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "client.h"
-#include "cloud_store.h"
 #include "document.h"
 
-/// The command line, and what the commands share of it.
-struct Cli {
-    CLI::App app{"Backs up and restores the settings of the on-screen keyboard.", "ime-backupctl"};
-    ServiceOptions service;
-    bool json = false;
-    bool quiet = false;
+struct Cli;
 
-    // Left by the command that runs.
-    Document document;
-    int status = EXIT_DONE;
-    int failure_status = EXIT_FAILED; ///< of what went wrong for no reason that has a status of its own
+/// What an argument, or an option's value, is: completion offers words of this kind.
+enum class Kind { text, backup, file, setting, setting_and_value, command, function };
+
+/// How often something may stand on a command line.
+enum class Times { at_most_once, once, any, at_least_once };
+
+constexpr bool is_required(Times times)
+{
+    return times == Times::once || times == Times::at_least_once;
+}
+
+constexpr bool is_repeatable(Times times)
+{
+    return times == Times::any || times == Times::at_least_once;
+}
+
+struct Argument {
+    const char *label;
+    const char *description;
+    Kind kind;
+    Times times;
 };
 
-/// Adds the options that all commands have, and the commands.
-void build_cli(Cli &cli);
+struct Option {
+    const char *name; ///< with its dashes
+    char letter;      ///< that stands for it behind one dash, or 0
+    const char *description;
+    const char *value = nullptr;                              ///< label of its value, if it takes one
+    std::string (*check)(const std::string &value) = nullptr; ///< tells what is wrong with a value
+    Kind kind = Kind::text;
+    Times times = Times::at_most_once;
+};
 
-/// Names the place of the store, to this program and to the service that it starts.
-void choose_store(const std::string &location);
-
-/// What the help and the manual say of a command, and what it does.
 struct Command {
     const char *name;
-    const char *group;
+    const char *group; ///< heading in the help; null for what the help leaves out
     const char *summary;
     const char *details; ///< what the summary leaves out
     const char *example;
+    void (*run)(Cli &cli);
+    std::vector<Argument> arguments{};
+    std::vector<Option> options{};
+    std::vector<Command> commands{};
 };
 
-inline constexpr char GROUP_BACKUPS[] = "Backups";
-inline constexpr char GROUP_STORE[] = "The store of backups";
-inline constexpr char GROUP_DEVICE[] = "The device";
-inline constexpr char GROUP_HELP[] = "Help";
+/// The program, with the options that all commands have, and the table of commands.
+extern const Command PROGRAM;
 
-/// Adds a command to the program, or to another command.
-CLI::App *add_command(CLI::App &parent, const Command &command);
+/// @throws UsageError when there is no command of this name below the other
+const Command &find_command(const Command &parent, const std::string &name);
 
-// Each command adds itself: its name, its options and what it does.
+/// The place of the next argument after `count` of them; null when there is none.
+const Argument *argument_after(const Command &command, size_t count);
 
-void add_backup(Cli &cli);
-void add_complete(Cli &cli);
-void add_delete(Cli &cli);
-void add_diff(Cli &cli);
-void add_export(Cli &cli);
-void add_help(Cli &cli);
-void add_import(Cli &cli);
-void add_info(Cli &cli);
-void add_list(Cli &cli);
-void add_prune(Cli &cli);
-void add_restore(Cli &cli);
-void add_settings(Cli &cli);
-void add_show(Cli &cli);
-void add_status(Cli &cli);
-void add_trace(Cli &cli);
-void add_undo(Cli &cli);
-void add_verify(Cli &cli);
+/// A command line, and what its command leaves.
+struct Cli {
+    std::vector<const Command *> path{&PROGRAM}; ///< the last one is the command, those above it come first
+    std::vector<std::string> arguments{};
+    std::vector<std::pair<const Option *, std::string>> options{};
+    const Option *unfinished = nullptr; ///< the option whose value is missing at the end
 
-// What trace does, too.
+    ServiceOptions service{};
+    bool json = false;
+    bool quiet = false;
 
-struct RestoreOptions {
-    std::string id;
-    bool is_trial = false;
-    bool is_strict = false;
+    Document document{};
+    int status = EXIT_DONE;
+    int failure_status = EXIT_FAILED; ///< of what went wrong for no reason that has a status of its own
+    std::string log_tail{};           ///< told below a failure
+
+    const Command &command() const { return *path.back(); }
+    bool has(std::string_view option) const;
+    /// The values of an option, in their order.
+    std::vector<std::string> values(std::string_view option) const;
+    /// The last value of an option, or an empty text.
+    std::string value(std::string_view option) const;
+    /// The first argument, or an empty text.
+    std::string argument() const { return arguments.empty() ? "" : arguments.front(); }
 };
 
-void make_backup(Cli &cli, bool if_changed);
-void restore(Cli &cli, const RestoreOptions &options);
-void show_info(Cli &cli);
+/// Reads a command line, up to the first word that is wrong. What is missing is not looked for.
+///
+/// @throws UsageError
+void parse(Cli &cli, const std::vector<std::string> &words);
 
-// Arguments that several commands have. Completion goes by their labels.
+/// @throws UsageError when something that the command needs is missing
+void require_complete(const Cli &cli);
 
-inline constexpr char LABEL_ID[] = "ID";
-inline constexpr char LABEL_FILE[] = "FILE";
-inline constexpr char LABEL_SETTING[] = "NAME";
-inline constexpr char LABEL_PAIR[] = "PAIR"; ///< of a setting and its value
-inline constexpr char LABEL_COMMAND[] = "COMMAND";
-inline constexpr char OPTION_FAIL[] = "--fail";
+/// Takes over the options that all commands have.
+void apply_common_options(Cli &cli);
 
-/// An argument that is not empty.
-CLI::Option *add_argument(CLI::App &command, const char *label, std::string &value, const char *description);
-CLI::Option *add_arguments(CLI::App &command, const char *label, std::vector<std::string> &values,
-                           const char *description);
+/// Such as "ime-backupctl settings set".
+std::string full_name(const std::vector<const Command *> &path);
+
+/// The options that may stand on a command line, the command's own first.
+std::vector<const Option *> options_of(const std::vector<const Command *> &path);
+
+std::vector<std::string> names_of(const std::vector<const Option *> &options);
+
+/// The names of the commands that a person may use below another.
+std::vector<std::string> names_of_commands(const Command &command);

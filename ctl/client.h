@@ -1,19 +1,18 @@
 #pragma once
 
-#include <functional>
 #include <optional>
 #include <string>
-#include <string_view>
 
+#include "files.h"
 #include "report.h"
 #include "status.h"
 
-/// How to show the service's calls to the platform.
+/// How to show the service's calls to the platform, on standard output.
 struct TraceOptions {
     std::string library;  ///< that is preloaded
     std::string failures; ///< the calls that are to fail, as the library has them
     bool as_json = false;
-    std::function<void(std::string_view)> on_output;
+    bool is_hidden = false;
 };
 
 /// How to run the backup service.
@@ -24,29 +23,21 @@ struct ServiceOptions {
     std::optional<TraceOptions> trace{};
 };
 
-/// What is asked of the service.
-struct Request {
-    const char *operation;
-    std::string backup{};    ///< number of the one to restore, or empty for the newest
-    bool is_trial = false;   ///< nothing is to be written
-    bool if_changed = false; ///< a backup is stored only when the newest one holds other settings
-};
-
-/// What became of an exchange.
-struct Outcome {
-    ExchangeReport report;
-    int status; ///< the exit status that follows from it
-};
-
-/// Starts the service for one exchange and waits for both to end. A failure is told on standard error.
+/// Starts the service for one exchange and waits for both to end.
 ///
+/// @param[out] log_tail  the end of its log, when the service came to no result
+/// @param operation  such as #OPERATION_BACKUP
+/// @param backup     number of the one to restore, or empty for the newest
 /// @throws HostError when the service can't be started
-Outcome run_exchange(const ServiceOptions &options, const Request &request);
+ExchangeReport run_exchange(const ServiceOptions &options, std::string &log_tail, const char *operation,
+                            const std::string &backup = "");
 
-/// What the service would back up.
+/// Waits until no exchange is under way.
 ///
-/// @throws ToldError when it could not
-std::string take_snapshot(const ServiceOptions &options);
+/// @param is_only_looking when there has been none, no lock is made
+/// @return the lock: none begins while it is held
+/// @throws TimeoutError
+FileLock wait_for_turn(double timeout_seconds, bool is_only_looking);
 
 // What was installed beside this program.
 

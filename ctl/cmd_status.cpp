@@ -1,6 +1,8 @@
 #include <unistd.h>
 
 #include "backups.h"
+#include "commands.h"
+#include "contact.h"
 #include "files.h"
 #include "last_restore.h"
 #include "paths.h"
@@ -31,10 +33,10 @@ struct Finding {
 
 static Finding look_at_scim(const Cli &)
 {
-    const DeviceAccess &configuration = access_to(first_of(SettingForm::integer_switch));
+    Device &device = open_device();
     try {
-        configuration.require_writable();
-        return {State::fine, "the SCIM daemon answers (SCIM_SOCKET_ADDRESS, " + configuration.where() + ")",
+        device.require_writable(first_of(SettingForm::integer_switch));
+        return {State::fine, "the SCIM daemon answers (SCIM_SOCKET_ADDRESS, " + device.daemon_address() + ")",
                 ""};
     } catch (const DaemonError &error) {
         return {State::missing, error.what(), HINT_SCIM};
@@ -45,7 +47,7 @@ static Finding look_at_keyboard(const Cli &)
 {
     const SettingRow &keyboard = first_of(SettingForm::identifier);
     try {
-        const DeviceValue value = access_to(keyboard).read(keyboard);
+        const DeviceValue value = open_device().read_one(keyboard);
         return value ? Finding{State::fine, format_value(keyboard, value), ""}
                      : Finding{State::missing, "no input method is active", HINT_KEYBOARD};
     } catch (const PlatformError &) {
@@ -61,10 +63,10 @@ static Finding look_at_store(const Cli &)
                 "Set IME_BACKUP_HOST_DIR to a folder that you can write in"};
     const SettingRow &row = find_setting(MEMBER_HANDWRITING);
     try {
-        access_to(row).require_writable();
-        for (const SettingRow &setting : all_settings())
+        open_device().require_writable(row);
+        for (const SettingRow &setting : ALL_SETTINGS)
             if (setting.place == row.place)
-                access_to(setting).read(setting);
+                open_device().read_one(setting);
         return {State::fine, "in " + folder.string(), ""};
     } catch (const PlatformError &error) {
         return {State::missing, error.what(),
@@ -143,9 +145,8 @@ static Finding look_at_last_exchange(const Cli &)
     }
 }
 
-static void status(Cli &cli)
+void run_status(Cli &cli)
 {
-    begin_reading();
     const struct {
         const char *what;
         const char *name;
@@ -171,15 +172,4 @@ static void status(Cli &cli)
             cli.status = EXIT_NO_PLATFORM;
     }
     cli.document.set(table);
-}
-
-void add_status(Cli &cli)
-{
-    auto *command = add_command(
-        cli.app, {"status", GROUP_DEVICE, "Show whether all that a backup needs is there",
-                  "Looks at the SCIM daemon, the active keyboard, the settings store, the cloud store "
-                  "and the last exchange, and says what to do about each that is not fine. The exit "
-                  "status is 3 if something that a backup needs is missing.",
-                  "ime-backupctl status"});
-    command->callback([&cli] { status(cli); });
 }

@@ -5,44 +5,10 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <glib.h>
+#include <nlohmann/json.hpp>
+
 #include "text.h"
-
-// Values.
-
-Json::Json(std::nullptr_t) : shared(json_node_init_null(json_node_alloc()), json_node_unref) {}
-
-Json::Json(bool truth)
-    : shared(json_node_init_boolean(json_node_alloc(), truth ? TRUE : FALSE), json_node_unref)
-{
-}
-
-Json::Json(std::int64_t number) : shared(json_node_init_int(json_node_alloc(), number), json_node_unref) {}
-
-Json::Json(const std::string &text) : Json()
-{
-    g_autofree gchar *valid = g_utf8_make_valid(text.data(), static_cast<gssize>(text.size()));
-    json_node_init_string(node(), valid);
-}
-
-template <class Element>
-void Json::set_array(const std::vector<Element> &elements)
-{
-    JsonArray *array = json_array_new();
-    for (const Element &element : elements)
-        json_array_add_element(array, json_node_copy(Json(element).node()));
-    json_node_init_array(node(), nullptr);
-    json_node_take_array(node(), array);
-}
-
-Json::Json(const std::vector<std::string> &texts) : Json()
-{
-    set_array(texts);
-}
-
-Json::Json(const std::vector<std::uint64_t> &numbers) : Json()
-{
-    set_array(numbers);
-}
 
 void Document::set(const char *member, std::variant<Json, Table> value)
 {
@@ -69,39 +35,28 @@ bool Document::has_result() const
 
 // For scripts.
 
-static void build(JsonBuilder *builder, const Json &value)
+using nlohmann::ordered_json;
+
+static ordered_json json_of(const Json &value)
 {
-    json_builder_add_value(builder, json_node_copy(value.node()));
+    return std::visit([](const auto &content) { return ordered_json(content); }, value);
 }
 
-static void build_keyed(JsonBuilder *builder, const Table &table)
+static ordered_json json_of(const Table &table)
 {
-    json_builder_begin_object(builder);
+    ordered_json json = table.is_keyed ? ordered_json::object() : ordered_json::array();
     for (const std::vector<Cell> &row : table.rows) {
-        json_builder_set_member_name(builder, row[0].text.c_str());
-        build(builder, row[1].json);
-    }
-    json_builder_end_object(builder);
-}
-
-static void build(JsonBuilder *builder, const Table &table)
-{
-    if (table.is_keyed) {
-        build_keyed(builder, table);
-        return;
-    }
-    json_builder_begin_array(builder);
-    for (const std::vector<Cell> &row : table.rows) {
-        json_builder_begin_object(builder);
-        for (size_t i = 0; i < row.size(); i++) {
-            if (table.columns[i].member == FOR_PEOPLE)
-                continue;
-            json_builder_set_member_name(builder, table.columns[i].member);
-            build(builder, row[i].json);
+        if (table.is_keyed) {
+            json[row[0].text] = json_of(row[1].json);
+            continue;
         }
-        json_builder_end_object(builder);
+        ordered_json object = ordered_json::object();
+        for (size_t i = 0; i < row.size(); i++)
+            if (table.columns[i].member != FOR_PEOPLE)
+                object[table.columns[i].member] = json_of(row[i].json);
+        json.push_back(std::move(object));
     }
-    json_builder_end_array(builder);
+    return json;
 }
 
 static void print_to_script(const std::string &text)
@@ -122,23 +77,16 @@ void Document::print_json() const
         print_to_script(*exact_json);
         return;
     }
-    g_autoptr(JsonBuilder) builder = json_builder_new();
-    const auto build_value = [&](const Member &member) {
-        std::visit([&](const auto &value) { build(builder, value); }, member.value);
-    };
-    if (members.size() == 1 && members.front().name.empty()) {
-        build_value(members.front());
-    } else {
-        json_builder_begin_object(builder);
-        for (const Member &member : members) {
-            json_builder_set_member_name(builder, member.name.c_str());
-            build_value(member);
-        }
-        json_builder_end_object(builder);
+    ordered_json json;
+    for (const Member &member : members) {
+        const ordered_json value =
+            std::visit([](const auto &content) { return json_of(content); }, member.value);
+        if (member.name.empty())
+            json = value;
+        else
+            json[member.name] = value;
     }
-    g_autoptr(JsonNode) root = json_builder_get_root(builder);
-    g_autofree gchar *text = json_to_string(root, TRUE);
-    print_to_script(text);
+    print_to_script(json.dump(2, ' ', false, ordered_json::error_handler_t::replace));
 }
 
 // For people.

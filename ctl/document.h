@@ -1,36 +1,16 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <memory>
 #include <optional>
 #include <string>
 #include <variant>
 #include <vector>
 
-#include <json-glib/json-glib.h>
-
 /// A value as JSON has it.
-class Json
-{
-public:
-    Json(std::nullptr_t = nullptr);
-    Json(bool truth);
-    Json(std::int64_t number);
-    Json(std::uint64_t number) : Json(std::int64_t(number)) {}
-    Json(const std::string &text);
-    Json(const char *text) : Json(std::string(text)) {}
-    Json(const std::vector<std::string> &texts);
-    Json(const std::vector<std::uint64_t> &numbers);
-
-    JsonNode *node() const { return shared.get(); }
-
-private:
-    template <class Element>
-    void set_array(const std::vector<Element> &elements);
-
-    std::shared_ptr<JsonNode> shared;
-};
+using Json = std::variant<std::nullptr_t, bool, std::int64_t, std::uint64_t, std::string,
+                          std::vector<std::string>, std::vector<std::uint64_t>>;
 
 /// A value for a script, and the same one for a person.
 struct Cell {

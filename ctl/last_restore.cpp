@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "contact.h"
 #include "files.h"
 #include "paths.h"
 #include "report.h"
@@ -19,11 +20,11 @@ static fs::path account_file()
 /// Adds a change of a restore to those that came before it.
 static void add(std::vector<ChangedSetting> &changes, const Change &change)
 {
-    const std::vector<SettingRow> &rows = all_settings();
-    const auto row = std::find_if(rows.begin(), rows.end(), [&](const SettingRow &known) {
-        return known.place == change.place && known.key == change.key;
-    });
-    if (row == rows.end() || change.outcome == Change::Outcome::refused)
+    const auto row =
+        std::find_if(std::begin(ALL_SETTINGS), std::end(ALL_SETTINGS), [&](const SettingRow &known) {
+            return known.place == change.place && known.key == change.key;
+        });
+    if (row == std::end(ALL_SETTINGS) || change.outcome == Change::Outcome::refused)
         return;
     const auto earlier = std::find_if(changes.begin(), changes.end(), [&](const ChangedSetting &known) {
         return known.row.member == row->member;

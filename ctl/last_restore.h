@@ -3,6 +3,7 @@
 #include <optional>
 #include <vector>
 
+#include "report.h"
 #include "setting.h"
 
 /// What the last restore changed on this device, as it kept it while it went.

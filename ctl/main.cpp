@@ -1,14 +1,13 @@
 // ime-backupctl: makes, shows and restores backups of the keyboard's settings on a workstation.
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
 
 #include "cli.h"
 #include "help.h"
 #include "process.h"
-#include "suggestion.h"
 #include "text.h"
 
 static int fail(int status, const std::string &message, const char *hint = nullptr)
@@ -19,59 +18,24 @@ static int fail(int status, const std::string &message, const char *hint = nullp
     return status;
 }
 
-/// The command that was named last on the command line, or the program.
-static const CLI::App &find_parsed(const CLI::App &app)
-{
-    const std::vector<CLI::App *> parsed = app.get_subcommands();
-    return parsed.empty() ? app : find_parsed(*parsed.front());
-}
-
-static std::vector<std::string> names_like(const std::string &word, const CLI::App &command)
-{
-    std::vector<std::string> names;
-    if (word.starts_with("-")) {
-        for (const CLI::App *app = &command; app != nullptr; app = app->get_parent())
-            for (const CLI::Option *option : app->get_options())
-                for (const std::string &name : option->get_lnames())
-                    names.push_back("--" + name);
-    } else {
-        for (const CLI::App *subcommand : commands_of(command))
-            names.push_back(subcommand->get_name());
-    }
-    return names;
-}
-
-/// Tells what is wrong with the command line, and what may have been meant.
-static int fail_to_parse(const CLI::App &app, const CLI::ParseError &error)
-{
-    const CLI::App &command = find_parsed(app);
-    const std::vector<std::string> unknown = app.remaining(true);
-    std::string message = error.what();
-    if (!unknown.empty()) { // whatever else is wrong: it may be what is missing elsewhere
-        const std::string &word = unknown.front();
-        const std::vector<std::string> names = names_like(word, command);
-        const char *kind = word.starts_with("-") ? "option" : "command";
-        message = names.empty()
-                      ? "there is no place for the argument \"" + word + "\""
-                      : std::string("there is no ") + kind + " \"" + word + "\"" + did_you_mean(word, names);
-    }
-    return fail(EXIT_USAGE, message, ("\"" + full_name(command) + " --help\" tells more.").c_str());
-}
-
-static int run(Cli &cli, int argc, char **argv)
+static int run(Cli &cli, const std::vector<std::string> &words)
 {
     try {
-        cli.app.parse(argc, argv);
-    } catch (const CLI::Success &help) {
-        cli.quiet = true;
-        return cli.app.exit(help);
-    } catch (const CLI::ParseError &error) {
-        return fail_to_parse(cli.app, error);
+        parse(cli, words);
+        if (cli.has("--help") || cli.has("--version")) {
+            printf("%s", cli.has("--help") ? help_of(cli.path).c_str() : IME_BACKUP_VERSION "\n");
+            return EXIT_DONE;
+        }
+        require_complete(cli);
+    } catch (const UsageError &error) {
+        return fail(EXIT_USAGE, error.what(), ("\"" + full_name(cli.path) + " --help\" tells more.").c_str());
     }
-    if (cli.app.get_subcommands().empty()) {
-        fprintf(stderr, "%s", help_of(cli.app).c_str());
+    if (cli.command().run == nullptr) {
+        fprintf(stderr, "%s", help_of(cli.path).c_str());
         return EXIT_USAGE;
     }
+    apply_common_options(cli);
+    cli.command().run(cli);
     return cli.status;
 }
 
@@ -80,17 +44,21 @@ static int fail_in(Cli &cli, int status, const std::string &message, const char 
 {
     if (cli.document.has_result())
         cli.document.set_result(false, message);
-    return fail(status, message, hint);
+    fail(status, message, hint);
+    fprintf(stderr, "%s", cli.log_tail.c_str());
+    return status;
 }
 
-static int run_and_tell(Cli &cli, int argc, char **argv)
+static int run_and_tell(Cli &cli, const std::vector<std::string> &words)
 {
     try {
-        return run(cli, argc, argv);
+        return run(cli, words);
     } catch (const UsageError &error) {
         return fail_in(cli, EXIT_USAGE, error.what());
     } catch (const DaemonError &error) {
         return fail_in(cli, EXIT_NO_PLATFORM, error.what(), HINT_SCIM);
+    } catch (const KeyboardError &error) {
+        return fail_in(cli, EXIT_NO_PLATFORM, error.what(), HINT_KEYBOARD);
     } catch (const PlatformError &error) {
         return fail_in(cli, EXIT_NO_PLATFORM, error.what());
     } catch (const NoBackupError &error) {
@@ -101,8 +69,6 @@ static int run_and_tell(Cli &cli, int argc, char **argv)
         return fail_in(cli, EXIT_TIMED_OUT, error.what());
     } catch (const InterruptedError &error) {
         return fail_in(cli, EXIT_INTERRUPTED, error.what());
-    } catch (const ToldError &error) {
-        return error.status == EXIT_FAILED ? cli.failure_status : error.status;
     } catch (const std::exception &error) {
         return fail_in(cli, cli.failure_status, error.what());
     }
@@ -111,8 +77,7 @@ static int run_and_tell(Cli &cli, int argc, char **argv)
 static int run_program(int argc, char **argv)
 {
     Cli cli;
-    build_cli(cli);
-    const int status = run_and_tell(cli, argc, argv);
+    const int status = run_and_tell(cli, {argv + std::min(argc, 1), argv + argc});
     if (cli.service.trace && !cli.quiet)
         cli.document.print_text(stderr); // standard output has the trace
     else if (cli.json && !cli.quiet && !cli.document.is_empty())
@@ -121,7 +86,7 @@ static int run_program(int argc, char **argv)
         cli.document.print_text(stdout);
 
     errno = 0;
-    if (!std::cout.flush() || fflush(stdout) != 0 || ferror(stdout) != 0)
+    if (fflush(stdout) != 0 || ferror(stdout) != 0)
         return fail(cli.failure_status, std::string("can't write to standard output: ") +
                                             (errno != 0 ? strerror(errno) : "some of it is lost"));
     return status;

@@ -3,10 +3,8 @@
 #include <cstdio>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <sstream>
 
-#include "cli.h"
 #include "help.h"
 #include "setting.h"
 #include "text.h"
@@ -24,8 +22,11 @@ static std::string plain(const std::string &text)
 static std::string paragraph(const std::string &text)
 {
     static constexpr size_t WIDTH = 72;
-    static const std::regex sentence_end("([.?!]) ");
-    std::istringstream sentences(std::regex_replace(text, sentence_end, "$1\n"));
+    std::string lines_of_sentences = text;
+    for (size_t i = 1; i < text.size(); i++)
+        if (text[i] == ' ' && std::string_view(".?!").find(text[i - 1]) != std::string_view::npos)
+            lines_of_sentences[i] = '\n';
+    std::istringstream sentences(lines_of_sentences);
     std::string lines;
     for (std::string sentence; std::getline(sentences, sentence);)
         for (const std::string &line : wrap(sentence, WIDTH))
@@ -38,91 +39,86 @@ static std::string in_list(const std::string &items)
     return items.empty() ? "" : ".Bl -tag -width Ds\n" + items + ".El\n";
 }
 
-/// Such as "Fl q , Fl -quiet" or "Fl -timeout Ar SECONDS".
-static std::string option_macros(const CLI::Option &option)
+static std::string in_brackets(Times times, const std::string &macros)
 {
-    std::string macros;
-    for (const std::string &name : option.get_snames())
-        macros += " Fl " + name + " ,";
-    for (const std::string &name : option.get_lnames())
-        macros += " Fl -" + name;
-    const std::string type = option.get_type_name();
-    return macros.substr(1) + (type.empty() ? "" : " Ar " + type);
+    return is_required(times) ? " " + macros : " Oo " + macros + " Oc";
 }
 
-static std::string options_list(const std::vector<const CLI::Option *> &options)
+/// Such as "Fl q , Fl -quiet" or "Fl -timeout Ar SECONDS".
+static std::string option_macros(const Option &option)
+{
+    return (option.letter == '\0' ? "Fl " : std::string("Fl ") + option.letter + " , Fl ") +
+           (option.name + 1) + (option.value == nullptr ? "" : std::string(" Ar ") + option.value);
+}
+
+static std::string options_list(const std::vector<Option> &options)
 {
     std::string items;
-    for (const CLI::Option *option : options)
-        items += ".It " + option_macros(*option) + "\n" + paragraph(option->get_description() + ".");
+    for (const Option &option : options)
+        items += ".It " + option_macros(option) + "\n" + paragraph(std::string(option.description) + ".");
     return in_list(items);
 }
 
-static std::string optional(const CLI::Option &option, const std::string &macros)
+static std::string argument_macros(const Argument &argument)
 {
-    return option.get_required() ? " " + macros : " Oo " + macros + " Oc";
+    const std::string dots = is_repeatable(argument.times) ? " ..." : "";
+    return in_brackets(argument.times, std::string("Ar ") + argument.label + dots);
 }
 
-static std::string argument_macros(const CLI::Option &argument)
+static std::string describe(const Command &command, const std::string &parent)
 {
-    const std::string dots = argument.get_items_expected_max() > 1 ? " ..." : "";
-    return optional(argument, "Ar " + label_of(argument) + dots);
-}
-
-static std::string describe(const CLI::App &command)
-{
-    std::string name = command.get_name();
-    if (command.get_parent()->get_parent() != nullptr)
-        name = command.get_parent()->get_name() + " " + name;
-    std::string heading = ".It Cm " + name;
-    for (const CLI::Option *option : own_options_of(command))
-        heading += optional(*option, option_macros(*option));
-    for (const CLI::Option *argument : arguments_of(command))
-        heading += argument_macros(*argument);
-    std::string text = heading + "\n" + paragraph(summary_of(command) + ".");
-    if (!details_of(command).empty())
-        text += paragraph(details_of(command));
-    text += options_list(own_options_of(command));
-    for (const CLI::App *subcommand : commands_of(command))
-        text += describe(*subcommand);
+    const std::string name = parent + command.name;
+    std::string text = ".It Cm " + name;
+    for (const Option &option : command.options)
+        text += in_brackets(option.times, option_macros(option));
+    for (const Argument &argument : command.arguments)
+        text += argument_macros(argument);
+    text += "\n" + paragraph(std::string(command.summary) + ".");
+    if (*command.details != '\0')
+        text += paragraph(command.details);
+    text += options_list(command.options);
+    for (const Command &subcommand : command.commands)
+        text += describe(subcommand, name + " ");
     return text;
 }
 
-static std::string describe_commands(const CLI::App &program)
+static std::string describe_commands()
 {
     std::string text;
     std::string items;
     std::string group;
-    for (const CLI::App *command : commands_of(program)) {
-        if (command->get_group() != group) {
-            text += in_list(items) + ".Ss " + command->get_group() + "\n";
+    for (const Command &command : PROGRAM.commands) {
+        if (command.group == nullptr)
+            continue;
+        if (command.group != group) {
+            text += in_list(items) + ".Ss " + command.group + "\n";
             items.clear();
         }
-        group = command->get_group();
-        items += describe(*command);
+        group = command.group;
+        items += describe(command, "");
     }
     return text + in_list(items);
 }
 
-static std::string describe_examples(const CLI::App &command)
+static std::string describe_examples(const Command &command)
 {
     std::string text;
-    for (const CLI::App *subcommand : commands_of(command))
-        text += paragraph(summary_of(*subcommand) + ":") + ".Dl $ " + plain(subcommand->get_footer()) + "\n" +
-                describe_examples(*subcommand);
+    for (const Command &subcommand : command.commands)
+        if (subcommand.group != nullptr)
+            text += paragraph(std::string(subcommand.summary) + ":") + ".Dl $ " + plain(subcommand.example) +
+                    "\n" + describe_examples(subcommand);
     return text;
 }
 
 static std::string describe_settings()
 {
     std::string items;
-    for (const SettingRow &row : all_settings())
+    for (const SettingRow &row : ALL_SETTINGS)
         items += ".It Ic " + std::string(row.member) + "\n" + plain(place_of(row)) + "\n";
     return in_list(items);
 }
 
-template <size_t COUNT>
-static std::string describe_notes(const Note (&notes)[COUNT], const char *macro)
+static std::string describe_notes(const std::vector<Note> &notes, const char *macro)
 {
     std::string items;
     for (const Note &note : notes)
@@ -132,16 +128,14 @@ static std::string describe_notes(const Note (&notes)[COUNT], const char *macro)
 
 static int make_manual(const char *template_file, const char *manual_file)
 {
-    Cli cli;
-    build_cli(cli);
     const std::map<std::string, std::string> parts = {
         {"@OS@", ".Os \"IME backup service " IME_BACKUP_VERSION "\"\n"},
-        {"@COMMANDS@", describe_commands(cli.app)},
-        {"@OPTIONS@", options_list(options_of(cli.app))},
+        {"@COMMANDS@", describe_commands()},
+        {"@OPTIONS@", options_list(PROGRAM.options)},
         {"@SETTINGS@", describe_settings()},
         {"@ENVIRONMENT@", describe_notes(ENVIRONMENT, "Ev ")},
         {"@EXIT_STATUSES@", describe_notes(EXIT_STATUSES, "")},
-        {"@EXAMPLES@", describe_examples(cli.app)},
+        {"@EXAMPLES@", describe_examples(PROGRAM)},
     };
     std::ifstream manual_template(template_file);
     std::ofstream manual(manual_file);

@@ -1,6 +1,5 @@
 #include "service_log.h"
 
-#include <cstdio>
 #include <fcntl.h>
 #include <sstream>
 #include <sys/file.h>
@@ -45,14 +44,15 @@ void ServiceLog::rotate()
     log = open_file(file, FLAGS);
 }
 
-void ServiceLog::show_last_lines() const
+std::string ServiceLog::last_lines() const
 {
     std::istringstream stream(read_from(log, std::max(begin, size_of(log) - MAX_SHOWN_SIZE)));
     std::vector<std::string> lines;
     for (std::string line; std::getline(stream, line);)
         lines.push_back(line);
     const size_t first = lines.size() > SHOWN_LINES ? lines.size() - SHOWN_LINES : 0;
+    std::string text;
     for (size_t i = first; i < lines.size(); i++)
-        fprintf(stderr, "  %s\n", escaped(lines[i]).c_str());
-    fprintf(stderr, "The service's log is %s\n", escaped(file.string()).c_str());
+        text += "  " + escaped(lines[i]) + "\n";
+    return text + "The service's log is " + escaped(file.string()) + "\n";
 }

@@ -16,8 +16,8 @@ public:
 
     int descriptor() const { return log.get(); }
 
-    /// Shows the last lines of this exchange on standard error.
-    void show_last_lines() const;
+    /// The last lines of this exchange, for a person, and where there are more.
+    std::string last_lines() const;
 
 private:
     void rotate();

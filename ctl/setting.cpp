@@ -1,38 +1,27 @@
 #include "setting.h"
 
 #include <algorithm>
+#include <cstring>
 #include <dlfcn.h>
-#include <regex>
+#include <sstream>
 
 #include <glib.h>
 
-#include "client.h"
-#include "snapshot.h"
 #include "status.h"
 #include "suggestion.h"
 #include "text.h"
 
-const std::vector<SettingRow> &all_settings()
-{
-    static const std::vector<SettingRow> rows = [] {
-        std::vector<SettingRow> all(std::begin(SETTINGS), std::end(SETTINGS));
-        all.insert(all.end(), std::begin(DOWNLOADED_LISTS), std::end(DOWNLOADED_LISTS));
-        return all;
-    }();
-    return rows;
-}
-
 std::vector<std::string> names_of_settings()
 {
     std::vector<std::string> names;
-    for (const SettingRow &row : all_settings())
+    for (const SettingRow &row : ALL_SETTINGS)
         names.emplace_back(row.member);
     return names;
 }
 
 const SettingRow &find_setting(const std::string &name)
 {
-    for (const SettingRow &row : all_settings())
+    for (const SettingRow &row : ALL_SETTINGS)
         if (row.member == name)
             return row;
     const std::vector<std::string> names = names_of_settings();
@@ -41,35 +30,22 @@ const SettingRow &find_setting(const std::string &name)
                      (hint.empty() ? "; there are " + join(names, ", ") : hint));
 }
 
-const SettingRow &first_of(SettingForm form)
+Device &open_device()
 {
-    return *std::find_if(std::begin(SETTINGS), std::end(SETTINGS),
-                         [&](const SettingRow &row) { return row.form == form; });
+    static Device *const device = [] {
+        void *library = dlopen("libime-backup-device.so", RTLD_NOW);
+        if (library == nullptr)
+            throw PlatformError(std::string("can't load the device: ") + dlerror());
+        return reinterpret_cast<decltype(host_device) *>(dlsym(library, "host_device"))();
+    }();
+    return *device;
 }
 
-void begin_reading()
+BackupPlan plan_backup_of(Device &device)
 {
-    account().start({}, Account::Kind::trial);
-}
-
-/// Loads the libraries that keep the settings; each registers what it keeps. Most commands leave the device
-/// to the service, and start sooner without them.
-static bool load_device()
-{
-    for (const char *library : {LIBDIR_FROM_BINDIR "/libvconf.so", LIBDIR_FROM_BINDIR "/libisf-control.so",
-                                LIBDIR_FROM_BINDIR "/libscim-config-module.so"})
-        if (dlopen(find_beside(library).c_str(), RTLD_NOW | RTLD_GLOBAL) == nullptr)
-            throw PlatformError(std::string("can't load ") + dlerror());
-    return true;
-}
-
-const DeviceAccess &access_to(const SettingRow &row)
-{
-    [[maybe_unused]] static const bool loaded = load_device();
-    const DeviceAccess *access = device_access(row.place);
-    if (access == nullptr)
-        throw PlatformError(std::string("no library of the host keeps ") + row.member);
-    return *access;
+    return plan_backup(device.read_all(), [&device](const SettingRow &row, const DeviceValue &value) {
+        return device.refuses(row, value);
+    });
 }
 
 std::string place_of(const SettingRow &row)
@@ -87,21 +63,6 @@ std::string place_of(const SettingRow &row)
 
 // Values.
 
-std::string format_value(const SettingRow &row, const DeviceValue &value)
-{
-    if (!value)
-        return "(not set)";
-    if (const bool *truth = std::get_if<bool>(&*value); truth != nullptr)
-        return *truth ? "true" : "false";
-    if (const int *number = std::get_if<int>(&*value); number != nullptr)
-        return *number != 0 ? "true" : "false";
-    const auto &text = std::get<std::string>(*value);
-    if (row.form != SettingForm::languages)
-        return text;
-    const std::string languages = join(split_languages(text), ",");
-    return languages.empty() ? "(none)" : languages;
-}
-
 static bool parse_switch(const std::string &text)
 {
     for (const char *word : {"true", "on", "yes", "1"})
@@ -113,20 +74,26 @@ static bool parse_switch(const std::string &text)
     throw UsageError("\"" + text + "\" is neither true nor false");
 }
 
+static bool is_language(const std::string &text)
+{
+    return g_ascii_isalpha(text[0]) != FALSE && std::all_of(text.begin(), text.end(), [](char c) {
+               return g_ascii_isalnum(c) != FALSE || strchr("_@.-", c) != nullptr;
+           });
+}
+
 /// Each identifier, with the delimiter behind it.
 static std::string parse_languages(const std::string &text)
 {
-    static const std::regex identifier("[A-Za-z][A-Za-z0-9_@.-]*");
     std::string list;
-    g_auto(GStrv) pieces = g_strsplit(text.c_str(), ",", -1);
-    for (gchar **piece = pieces; *piece != nullptr; piece++) {
-        if (**piece == '\0')
+    std::istringstream pieces(text);
+    for (std::string piece; std::getline(pieces, piece, ',');) {
+        if (piece.empty())
             continue;
-        if (!std::regex_match(*piece, identifier))
+        if (!is_language(piece))
             throw UsageError(
-                "\"" + std::string(*piece) +
+                "\"" + piece +
                 "\" can't be a language's identifier, such as en_US; between several there are commas");
-        list += std::string(*piece) + LANGUAGE_DELIMITER;
+        list += piece + LANGUAGE_DELIMITER;
     }
     return list;
 }
@@ -157,7 +124,7 @@ static Json json_of(const SettingRow &row, const DeviceValue &value)
     if (const bool *truth = std::get_if<bool>(&*value); truth != nullptr)
         return *truth;
     if (const int *number = std::get_if<int>(&*value); number != nullptr)
-        return {*number != 0};
+        return *number != 0;
     const auto &text = std::get<std::string>(*value);
     return row.form == SettingForm::languages ? Json(split_languages(text)) : Json(text);
 }
@@ -174,68 +141,4 @@ Table table_of(const std::vector<ChangedSetting> &changes)
         table.rows.push_back(
             {change.row.member, cell_of(change.row, change.before), cell_of(change.row, change.after)});
     return table;
-}
-
-// What a restore came to.
-
-static std::string why_languages_differ(const ExchangeReport &report, const std::string &wanted)
-{
-    const std::string downloaded = list_before(report, DOWNLOADED_LISTS[0]);
-    std::vector<std::string> missing;
-    const std::vector<std::string> languages = split_languages(wanted);
-    for (const std::string &language : languages)
-        if (downloaded.find(language) == std::string::npos)
-            missing.push_back(language);
-    if (languages.empty())
-        return "the backup selects no language";
-    if (missing.empty())
-        return "";
-    return join(missing, ", ") + (missing.size() == 1 ? " is" : " are") + " not downloaded";
-}
-
-/// The last change to a setting; null when there was none.
-static const Change *find_change(const ExchangeReport &report, const SettingRow &row)
-{
-    const auto found =
-        std::find_if(report.changes.rbegin(), report.changes.rend(), [&](const Change &change) {
-            return change.place == row.place && change.key == row.key;
-        });
-    return found == report.changes.rend() ? nullptr : &*found;
-}
-
-static std::string why_different(const ExchangeReport &report, const SettingOutcome &outcome)
-{
-    if (report.snapshot.empty())
-        return "no record was applied";
-    if (outcome.wanted && is_same_value(outcome.row, outcome.wanted, outcome.after))
-        return "";
-    const Change *change = find_change(report, outcome.row);
-    if (change != nullptr && change->outcome != Change::Outcome::made)
-        return change->outcome == Change::Outcome::refused ? "it could not be written"
-                                                           : "it may not have been written";
-    if (!outcome.wanted ||
-        (outcome.row.form == SettingForm::identifier && std::get<std::string>(*outcome.wanted).empty()))
-        return "the backup does not hold it";
-    std::string why;
-    if (outcome.row.form == SettingForm::languages)
-        why = why_languages_differ(report, std::get<std::string>(*outcome.wanted));
-    else if (outcome.row.member == std::string(MEMBER_HANDWRITING) && outcome.after == DeviceValue(false))
-        why = "no restored language can be written by hand";
-    if (!why.empty())
-        return why;
-    return change == nullptr ? "it was not written" : "something else changed it meanwhile";
-}
-
-std::vector<SettingOutcome> tell_outcomes(const ExchangeReport &report)
-{
-    const Snapshot wanted = read_snapshot(report.snapshot);
-    std::vector<SettingOutcome> outcomes;
-    for (size_t i = 0; i < std::size(SETTINGS); i++)
-        for (const SettingReport &setting : report.settings)
-            if (setting.member == SETTINGS[i].member) {
-                SettingOutcome outcome{SETTINGS[i], setting.before, wanted[i], setting.after, ""};
-                outcome.why = why_different(report, outcome);
-                outcomes.push_back(outcome);
-            }
-    return outcomes;
 }

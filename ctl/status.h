@@ -17,13 +17,6 @@ struct UsageError : HostError {
     using HostError::HostError;
 };
 
-/// What has been told on standard error already.
-struct ToldError : HostError {
-    ToldError(int exit_status, const std::string &reason) : HostError(reason), status(exit_status) {}
-
-    const int status;
-};
-
 // Words that go below an error.
 
 inline constexpr char HINT_SCIM[] =

@@ -1,11 +1,10 @@
-// Whatever is imported is refused, or becomes a backup that is whole, and whose snapshot scripts can read: a
-// strict one is kept as it is.
+// Whatever is imported is refused, or becomes a backup that is whole and has the same snapshot.
 
 #include "import.h"
 
+#include "cloud_store.h"
 #include "errors.h"
 #include "fuzz.h"
-#include "snapshot.h"
 
 static std::string import_snapshot(const std::string &text)
 {

@@ -4,6 +4,8 @@
  */
 #pragma once
 
+#include <span>
+
 /// Where the device keeps a setting.
 enum class SettingPlace {
     input_method_control, ///< as the active input method, which has no key
@@ -39,8 +41,11 @@ inline constexpr char MEMBER_HANDWRITING[] = "handwriting";
 /// Member of each element of a snapshot's language array.
 inline constexpr char MEMBER_LANG_ID[] = "lang_id";
 
-/// In the order of a snapshot's members, which is also that in which they are read and written.
-inline constexpr SettingRow SETTINGS[] = {
+inline constexpr char DEFAULT_SELECTED_LANG[] = "en_US#ko_KR#";
+
+/// First those of a snapshot, in the order of its members, which is also that in which they are read and
+/// written; then the lists of what is downloaded.
+inline constexpr SettingRow ALL_SETTINGS[] = {
     {"default_keyboard", SettingPlace::input_method_control, SettingForm::identifier, "", ""},
     {"selected_lang", SettingPlace::settings_store, SettingForm::languages, VCONFKEY_ISE_LPM_SELECTED_LANG,
      "VCONFKEY_ISE_LPM_SELECTED_LANG"},
@@ -56,12 +61,15 @@ inline constexpr SettingRow SETTINGS[] = {
     {"key_tap_sound", SettingPlace::configuration, SettingForm::integer_switch, "keyloom/key_sounds_val", ""},
     {"key_tap_vib", SettingPlace::configuration, SettingForm::integer_switch, "keyloom/key_vibration_val",
      ""},
-};
-
-/// What is no part of a snapshot but decides what of one a restore can bring back.
-inline constexpr SettingRow DOWNLOADED_LISTS[] = {
     {"downloaded_lang", SettingPlace::settings_store, SettingForm::languages,
      VCONFKEY_ISE_LPM_DOWNLOADED_LANG, "VCONFKEY_ISE_LPM_DOWNLOADED_LANG"},
     {"downloaded_with_handwriting_lang", SettingPlace::settings_store, SettingForm::languages,
      VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG, "VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG"},
 };
+
+/// The rows that are no part of a snapshot but decide what of one a restore can bring back.
+inline constexpr auto DOWNLOADED_LISTS = std::span(ALL_SETTINGS).last<2>();
+
+/// The rows of a snapshot.
+inline constexpr auto SETTINGS =
+    std::span(ALL_SETTINGS).first<std::size(ALL_SETTINGS) - DOWNLOADED_LISTS.size()>();

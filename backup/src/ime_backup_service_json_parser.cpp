@@ -104,9 +104,8 @@ static const char *read_downloaded_list(const SettingRow &list, const char *call
 /// @return whether one of them can be written by hand
 static bool restore_languages(const char *key, JsonArray *languages, const char *caller)
 {
-    const auto &[downloaded_row, with_handwriting_row] = DOWNLOADED_LISTS;
-    const char *downloaded = read_downloaded_list(downloaded_row, caller);
-    const char *with_handwriting = read_downloaded_list(with_handwriting_row, caller);
+    const char *downloaded = read_downloaded_list(DOWNLOADED_LISTS[0], caller);
+    const char *with_handwriting = read_downloaded_list(DOWNLOADED_LISTS[1], caller);
 
     std::string selection;
     bool handwriting_supported = false;

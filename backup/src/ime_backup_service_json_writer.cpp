@@ -11,8 +11,6 @@
 #include "log.h"
 #include "vconf.h"
 
-static constexpr char DEFAULT_SELECTED_LANG[] = "en_US#ko_KR#";
-
 static void add_setting(JsonObject *root, const SettingRow &setting, char *&keyboard,
                         const scim::ConfigPointer &config, const char *caller);
 static gchar *generate_text(JsonObject *root, gsize *length);

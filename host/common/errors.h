@@ -17,6 +17,11 @@ struct DaemonError : PlatformError {
     using PlatformError::PlatformError;
 };
 
+/// No input method is active, or none that can be backed up.
+struct KeyboardError : PlatformError {
+    using PlatformError::PlatformError;
+};
+
 /// A value that can't be used for what it was meant for.
 struct ValueError : HostError {
     using HostError::HostError;

@@ -1,58 +1,53 @@
 #include "signals.h"
 
 #include <cerrno>
+#include <iterator>
+
 #include <sys/eventfd.h>
-#include <unistd.h>
 
-#include <glib-unix.h>
+static constexpr int SIGNALS[] = {SIGTERM, SIGINT};
 
-HeldSignals::HeldSignals()
+/// Never closed: a handler on another thread may be about to write to it.
+int TerminationSignals::file()
 {
-    sigset_t held;
-    sigemptyset(&held);
-    for (const int signal : TERMINATION_SIGNALS)
-        sigaddset(&held, signal);
-    sigprocmask(SIG_BLOCK, &held, &before);
+    static const int count = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    return count;
 }
 
-HeldSignals::~HeldSignals()
+static void on_signal(int)
 {
-    sigprocmask(SIG_SETMASK, &before, nullptr);
+    const int error = errno;
+    eventfd_write(TerminationSignals::file(), 1);
+    errno = error;
 }
 
-/// Where the signals' handler leaves word for the main loop.
-static int word = -1;
-
-static void leave_word(int)
+TerminationSignals::TerminationSignals(void (*later)(int))
 {
-    const int before = errno;
-    eventfd_write(word, 1);
-    errno = before;
-}
-
-gboolean TerminationSignals::on_word(int file, GIOCondition, void *signals)
-{
-    eventfd_t count = 0;
-    eventfd_read(file, &count);
-    static_cast<TerminationSignals *>(signals)->on_signal();
-    return G_SOURCE_CONTINUE;
-}
-
-TerminationSignals::TerminationSignals(std::function<void()> call) : on_signal(std::move(call))
-{
-    word = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    source = g_unix_fd_add(word, G_IO_IN, on_word, this);
+    file(); // not for the first time in the handler
     struct sigaction action = {};
-    action.sa_handler = leave_word;
+    action.sa_handler = on_signal;
     action.sa_flags = SA_RESTART;
-    for (const int signal : TERMINATION_SIGNALS)
-        sigaction(signal, &action, nullptr);
+    for (size_t i = 0; i < std::size(SIGNALS); i++) {
+        sigaction(SIGNALS[i], &action, &before[i]);
+        if (later != nullptr) {
+            before[i] = action;
+            before[i].sa_handler = later;
+        }
+    }
 }
 
 TerminationSignals::~TerminationSignals()
 {
-    for (const int signal : TERMINATION_SIGNALS)
-        std::signal(signal, SIG_DFL);
-    g_source_remove(source);
-    close(word);
+    for (size_t i = 0; i < std::size(SIGNALS); i++)
+        sigaction(SIGNALS[i], &before[i], nullptr);
+    if (take() || (has_told && before[0].sa_handler != SIG_DFL))
+        raise(SIGNALS[0]);
+}
+
+bool TerminationSignals::take()
+{
+    eventfd_t count = 0;
+    const bool has_come = eventfd_read(file(), &count) == 0;
+    has_told = has_told || has_come;
+    return has_come;
 }

@@ -1,39 +1,26 @@
 #pragma once
 
 #include <csignal>
-#include <functional>
 
-#include <glib.h>
-
-/// The signals that ask a process to end.
-inline constexpr int TERMINATION_SIGNALS[] = {SIGINT, SIGTERM};
-
-/// Holds them back for as long as it is there, so that none comes between two ways of taking them.
-class HeldSignals
-{
-public:
-    HeldSignals();
-    HeldSignals(const HeldSignals &) = delete;
-    HeldSignals &operator=(const HeldSignals &) = delete;
-    ~HeldSignals();
-
-private:
-    sigset_t before = {};
-};
-
-/// Takes the signals that ask this process to end, and has its main loop call a function for each, for as
-/// long as the object is there. There is one at a time. GLib would start a thread for that.
+/// Takes SIGTERM and SIGINT, which ask this process to end, while the object is there. Then what handled them
+/// before does so again. It also gets one that came meanwhile, but what take() has told of does not end the
+/// process.
 class TerminationSignals
 {
 public:
-    explicit TerminationSignals(std::function<void()> on_signal);
+    /// @param later handles the signals once the object is gone; else what did so before does
+    explicit TerminationSignals(void (*later)(int) = nullptr);
     TerminationSignals(const TerminationSignals &) = delete;
     TerminationSignals &operator=(const TerminationSignals &) = delete;
     ~TerminationSignals();
 
-private:
-    static gboolean on_word(int file, GIOCondition, void *signals);
+    /// Can be read from while take() has something to tell.
+    static int file();
 
-    const std::function<void()> on_signal;
-    guint source;
+    /// @return whether a signal has come since the last call
+    bool take();
+
+private:
+    struct sigaction before[2] = {};
+    bool has_told = false;
 };

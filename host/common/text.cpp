@@ -46,14 +46,6 @@ std::string escaped(std::string_view text)
     return line;
 }
 
-std::string join(const std::vector<std::string> &parts, const char *separator)
-{
-    std::string text;
-    for (const std::string &part : parts)
-        text += (text.empty() ? "" : separator) + part;
-    return text;
-}
-
 std::vector<std::string> wrap(const std::string &text, size_t width)
 {
     std::vector<std::string> lines(1);

@@ -1,24 +1,15 @@
 #include "account.h"
 
-#include "errors.h"
-
-void Account::start(Observer new_observer, Kind new_kind)
+void Account::start(Observer new_observer)
 {
     finish();
     observer = std::move(new_observer);
-    kind = new_kind;
     started = true;
 }
 
 void Account::finish()
 {
-    observer = nullptr;
-    kind = Kind::real;
-    started = false;
-    noted_changes.clear();
-    noted_troubles.clear();
-    uses.clear();
-    kept.clear();
+    *this = Account();
 }
 
 size_t Account::begin(const Change &change)
@@ -43,48 +34,16 @@ void Account::end(size_t number, Change::Outcome outcome)
         observer(number, change);
 }
 
-void Account::refuse(Change change)
+void Account::note(const Problem &problem)
 {
-    change.outcome = Change::Outcome::refused;
-    noted_changes.push_back(change);
-    if (observer)
-        observer(noted_changes.size() - 1, change);
-}
-
-void Account::note(const Trouble &trouble)
-{
-    for (const Trouble &noted : noted_troubles)
-        if (noted.place == trouble.place && noted.reason == trouble.reason)
+    for (const Problem &noted : noted_problems)
+        if (noted.place == problem.place && noted.reason == problem.reason)
             return;
-    noted_troubles.push_back(trouble);
-}
-
-size_t Account::count(Use use, const SettingRow &row) const
-{
-    const auto found = uses.find({use, row.place, row.key});
-    return found == uses.end() ? 0 : found->second;
+    noted_problems.push_back(problem);
 }
 
 Account &account()
 {
     static Account account_of_this_process;
     return account_of_this_process;
-}
-
-static std::map<SettingPlace, DeviceAccess> &places()
-{
-    static std::map<SettingPlace, DeviceAccess> registered;
-    return registered;
-}
-
-bool register_place(SettingPlace place, DeviceAccess access)
-{
-    places()[place] = access;
-    return true;
-}
-
-const DeviceAccess *device_access(SettingPlace place)
-{
-    const auto found = places().find(place);
-    return found == places().end() ? nullptr : &found->second;
 }

@@ -10,6 +10,9 @@
 
 #include <glib.h>
 
+#define Uses_SCIM_CONFIG_PATH
+#include <scim.h>
+
 /// The file has one line for each value, and its reader does not survive a longer one.
 static constexpr size_t MAX_TEXT_LENGTH = 16'000;
 
@@ -18,19 +21,9 @@ DeviceValue parse_config_text(const scim::String &text)
     int number = 0;
     std::from_chars(text.data(), text.data() + text.length(), number);
     for (const DeviceValue &value : {DeviceValue(number), DeviceValue(true), DeviceValue(false)})
-        if (format_config_text(value) == text)
+        if (config_text(value) == text)
             return value;
     return text.empty() ? DeviceValue() : text;
-}
-
-scim::String format_config_text(const DeviceValue &value)
-{
-    if (!value)
-        return "";
-    if (const bool *truth = std::get_if<bool>(&*value); truth != nullptr)
-        return *truth ? "true" : "false";
-    const int *number = std::get_if<int>(&*value);
-    return number != nullptr ? std::to_string(*number) : std::get<std::string>(*value);
 }
 
 bool is_config_text(const std::string &text)
@@ -41,6 +34,19 @@ bool is_config_text(const std::string &text)
            text.find_first_of(std::string_view("\n\0", 2)) == std::string::npos &&
            BLANKS.find(text.front()) == std::string_view::npos &&
            BLANKS.find(text.back()) == std::string_view::npos;
+}
+
+bool is_identifier(const std::string &text)
+{
+    return is_config_text(text) &&
+           g_utf8_validate(text.data(), static_cast<gssize>(text.length()), nullptr) != FALSE &&
+           std::none_of(text.begin(), text.end(), [](char c) { return g_ascii_iscntrl(c); });
+}
+
+const scim::String &active_engine()
+{
+    static const scim::String key(SCIM_CONFIG_DEFAULT_IMENGINE_FACTORY "/~other");
+    return key;
 }
 
 namespace
@@ -160,24 +166,9 @@ void ScimDaemon::require(scim::Transaction &question, const std::string &what)
         throw DaemonError(name() + "refused to " + what);
 }
 
-/// A value that a trial would have written, as the daemon would tell it to who asks for its own type or for a
-/// text.
-template <class Value>
-static std::optional<Value> value_as(const DeviceValue &value)
-{
-    if (!value)
-        return std::nullopt;
-    if constexpr (std::is_same_v<Value, scim::String>)
-        return format_config_text(value);
-    const Value *typed = std::get_if<Value>(&*value);
-    return typed == nullptr ? std::nullopt : std::optional(*typed);
-}
-
 template <class Value>
 std::optional<Value> ScimDaemon::read(const scim::String &key)
 {
-    if (const auto tried = overlay.lock(); tried && tried->contains(key))
-        return value_as<Value>(tried->at(key));
     Question question(magic_key, Wire<Value>::GET);
     question.put_data(key);
     typename Wire<Value>::Type value{};
@@ -188,7 +179,7 @@ std::optional<Value> ScimDaemon::read(const scim::String &key)
     return static_cast<Value>(value);
 }
 
-std::vector<std::optional<scim::String>> ScimDaemon::read_texts(const std::vector<scim::String> &keys)
+std::vector<DeviceValue> ScimDaemon::read_values(const std::vector<scim::String> &keys)
 {
     Question question(magic_key, Wire<scim::String>::GET);
     for (size_t i = 0; i < keys.size(); i++) {
@@ -196,64 +187,62 @@ std::vector<std::optional<scim::String>> ScimDaemon::read_texts(const std::vecto
             question.put_command(Wire<scim::String>::GET);
         question.put_data(keys[i]);
     }
-    std::vector<std::optional<scim::String>> texts;
-    if (overlay.expired() && ask(question)) {
+    std::vector<DeviceValue> values;
+    if (ask(question)) {
         scim::String text;
         int reply = 0;
         while (question.get_data(text) && question.get_command(reply))
-            texts.emplace_back(text);
+            values.push_back(parse_config_text(text));
     }
-    if (texts.size() == keys.size())
-        return texts;
+    if (values.size() == keys.size())
+        return values;
     // The answer leaves out what isn't set, and doesn't tell which that is.
-    texts.clear();
+    values.clear();
     for (const scim::String &key : keys)
-        texts.push_back(read<scim::String>(key));
-    return texts;
+        values.push_back(parse_config_text(read<scim::String>(key).value_or("")));
+    return values;
 }
 
-/// Where a trial writes; nothing when this is none. What the daemon would refuse is refused.
-ScimDaemon::Overlay *ScimDaemon::overlay_to_write(const std::string &what)
+void ScimDaemon::require_writable()
 {
-    if (!account().is_trial())
-        return nullptr;
     if (read<bool>(READ_ONLY).value_or(false))
-        throw DaemonError(name() + "refused to " + what);
-    std::shared_ptr<Overlay> tried = overlay.lock();
-    if (!tried) {
-        tried = std::make_shared<Overlay>();
-        overlay = tried;
-        account().keep(tried);
-    }
-    return tried.get();
+        throw DaemonError(name() + "can only be read");
 }
 
 template <class Value>
 void ScimDaemon::write(const scim::String &key, const Value &value)
 {
-    const std::string what = "store " + key;
-    if (Overlay *tried = overlay_to_write(what); tried != nullptr) {
-        tried->insert_or_assign(key, value);
-        return;
-    }
     Question question(magic_key, Wire<Value>::SET);
     question.put_data(key);
     question.put_data(static_cast<typename Wire<Value>::Type>(value));
-    require(question, what);
+    require(question, "store " + key);
+}
+
+template <class Value>
+void ScimDaemon::write_on_account(Change change, const scim::String &key, const Value &value)
+{
+    const auto stored = read<scim::String>(key);
+    if (stored == config_text(change.after))
+        return;
+    change.before = parse_config_text(stored.value_or(""));
+    const size_t number = account().begin(change);
+    try {
+        write(key, value);
+        unflushed.push_back(number);
+    } catch (const DaemonError &) {
+        if (!lost) // else it may have arrived
+            account().end(number, Change::Outcome::refused);
+        throw;
+    }
 }
 
 void ScimDaemon::erase(const scim::String &key)
 {
     if (!read<scim::String>(key)) // which the daemon would refuse
         return;
-    const std::string what = "erase " + key;
-    if (Overlay *tried = overlay_to_write(what); tried != nullptr) {
-        tried->insert_or_assign(key, std::nullopt);
-        return;
-    }
     Question question(magic_key, scim::SCIM_TRANS_CMD_ERASE_CONFIG);
     question.put_data(key);
-    require(question, what);
+    require(question, "erase " + key);
 }
 
 void ScimDaemon::flush()
@@ -262,12 +251,9 @@ void ScimDaemon::flush()
         for (const size_t change : changes)
             account().end(change, outcome);
     };
-    const std::string what = "write its configuration down";
     try {
-        if (overlay_to_write(what) == nullptr) {
-            Question question(magic_key, scim::SCIM_TRANS_CMD_FLUSH_CONFIG);
-            require(question, what);
-        }
+        Question question(magic_key, scim::SCIM_TRANS_CMD_FLUSH_CONFIG);
+        require(question, "write its configuration down");
     } catch (const DaemonError &) {
         if (!lost)
             end_changes(Change::Outcome::refused);
@@ -278,8 +264,6 @@ void ScimDaemon::flush()
 
 void ScimDaemon::reload()
 {
-    if (account().is_trial() && !lost)
-        return;
     Question question(magic_key, scim::SCIM_TRANS_CMD_RELOAD_CONFIG);
     require(question, "reload its configuration");
 }
@@ -290,3 +274,6 @@ template std::optional<bool> ScimDaemon::read(const scim::String &);
 template void ScimDaemon::write(const scim::String &, const scim::String &);
 template void ScimDaemon::write(const scim::String &, const int &);
 template void ScimDaemon::write(const scim::String &, const bool &);
+template void ScimDaemon::write_on_account(Change, const scim::String &, const scim::String &);
+template void ScimDaemon::write_on_account(Change, const scim::String &, const int &);
+template void ScimDaemon::write_on_account(Change, const scim::String &, const bool &);

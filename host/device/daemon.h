@@ -1,6 +1,5 @@
 #pragma once
 
-#include <map>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -18,11 +17,15 @@
 /// else the text. An empty one is as good as none.
 DeviceValue parse_config_text(const scim::String &text);
 
-/// The text that SCIM's file has for a value.
-scim::String format_config_text(const DeviceValue &value);
-
 /// Whether SCIM's file can keep a text as it is.
 bool is_config_text(const std::string &text);
+
+/// Whether an input method can have this identifier.
+bool is_identifier(const std::string &text);
+
+/// The key of the active input method. SCIM has a default engine for each language. A device has one for all,
+/// which is SCIM's for the languages that have none of their own.
+const scim::String &active_engine();
 
 /// A connection to the SCIM daemon, which keeps the input-method configuration.
 ///
@@ -32,9 +35,6 @@ bool is_config_text(const std::string &text);
 ///
 /// Every function throws DaemonError: when the daemon refuses, and when it is lost or doesn't answer, which
 /// makes each one throw from then on.
-///
-/// In a trial nothing that is written reaches the daemon: it is read again as if it had, until the account is
-/// finished.
 class ScimDaemon
 {
 public:
@@ -50,8 +50,11 @@ public:
     template <class Value>
     std::optional<Value> read(const scim::String &key);
 
-    /// Reads several values, as texts, with one question.
-    std::vector<std::optional<scim::String>> read_texts(const std::vector<scim::String> &keys);
+    /// Reads several values with one question.
+    std::vector<DeviceValue> read_values(const std::vector<scim::String> &keys);
+
+    /// Throws when it only lets itself be read.
+    void require_writable();
 
     /// Writes a value, which outlives the daemon once it is flushed.
     template <class Value>
@@ -60,23 +63,21 @@ public:
     /// Erases a key, if it is set.
     void erase(const scim::String &key);
 
-    /// Notes a change that was written. It is pending until it is flushed; with a daemon that is lost it
-    /// stays so, since it may have arrived.
-    void note_unflushed(size_t change) { unflushed.push_back(change); }
+    /// The same on the account, unless the key holds the value already. The change is pending until it is
+    /// flushed; with a daemon that is lost it stays so, since it may have arrived.
+    ///
+    /// @param change with the place, and the key by which the account knows it
+    template <class Value>
+    void write_on_account(Change change, const scim::String &key, const Value &value);
+
     bool has_unflushed() const { return !unflushed.empty(); }
 
     void flush();
-
-    bool is_lost() const { return lost.has_value(); }
 
     /// Has the daemon take over what has changed in its files.
     void reload();
 
 private:
-    /// What a trial would have written; none is what it would have erased.
-    using Overlay = std::map<scim::String, DeviceValue>;
-
-    Overlay *overlay_to_write(const std::string &what);
     bool ask(scim::Transaction &question);
     void require(scim::Transaction &question, const std::string &what);
     [[noreturn]] void lose(const std::string &how);
@@ -88,6 +89,5 @@ private:
     const scim::Socket socket;
     scim::uint32 magic_key = 0;
     std::optional<DaemonError> lost;
-    std::vector<size_t> unflushed;  ///< changes on the account
-    std::weak_ptr<Overlay> overlay; ///< the account keeps it
+    std::vector<size_t> unflushed; ///< changes on the account
 };

@@ -4,8 +4,7 @@
 #include <fcntl.h>
 #include <filesystem>
 
-#include <SQLiteCpp/Savepoint.h>
-#include <SQLiteCpp/Statement.h>
+#include <SQLiteCpp/Transaction.h>
 #include <glib.h>
 #include <sqlite3.h>
 
@@ -36,6 +35,8 @@ static auto with_clear_errors(Work work)
         return work();
     } catch (const SQLite::Exception &error) {
         refuse_store(error.what());
+    } catch (const fs::filesystem_error &error) {
+        refuse_store(error.what());
     }
 }
 
@@ -54,6 +55,7 @@ static void make_tables(SQLite::Database &database)
 /// Makes the store, whole or not at all: what lies in its place is a store, or a damaged one.
 static void make_store(const fs::path &file)
 {
+    make_private_folder(file.parent_path());
     FileLock lock(file.string() + ".lock");
     lock.acquire();
     if (fs::exists(file))
@@ -76,59 +78,67 @@ static void make_store(const fs::path &file)
     fs::rename(partial, file);
 }
 
-static SQLite::Database make_empty_database()
+std::shared_ptr<SettingsStore> SettingsStore::open()
 {
-    SQLite::Database database(":memory:", SQLite::OPEN_READWRITE);
-    make_tables(database);
-    return database;
+    return share_in_account<SettingsStore>();
 }
 
-/// Finds the store, or makes it.
-///
-/// @return whether there is one, as there always is but in a trial
-static bool provide_store(const fs::path &file, Account::Kind kind)
+/// Opens the store if there is one.
+bool SettingsStore::find_database()
 {
-    if (kind == Account::Kind::real || fs::exists(file.parent_path()))
-        make_private_folder(file.parent_path());
-    try {
-        if (!fs::exists(file) && kind == Account::Kind::trial)
-            return false;
-        if (!fs::exists(file))
-            make_store(file);
-        if (!fs::is_regular_file(file))
-            refuse_store("it is no regular file");
-    } catch (const fs::filesystem_error &error) {
-        refuse_store(error.what());
-    }
+    if (database)
+        return true;
+    if (!fs::exists(fs::symlink_status(store_file())))
+        return false;
+    if (!fs::is_regular_file(store_file()))
+        refuse_store("it is no regular file");
+    open_database();
     return true;
 }
 
-static SQLite::Database open_database(Account::Kind kind, SettingsStore::Durability durability)
+void SettingsStore::open_database()
 {
     const fs::path file = store_file();
-    if (!provide_store(file, kind))
-        return make_empty_database();
-
-    // What a process that was killed left beside the store would go into it when a trial closes it.
+    // What a process that was killed left beside the store goes into it when the store is written, not when
+    // it is only looked at.
     std::error_code ignored;
-    const bool is_left_alone = kind == Account::Kind::trial && fs::exists(file.string() + "-wal", ignored);
-    SQLite::Database database(file.string(), SQLite::OPEN_READWRITE, BUSY_TIMEOUT_MS);
-    if (is_left_alone)
-        sqlite3_db_config(database.getHandle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    const bool is_left_alone = fs::exists(file.string() + "-wal", ignored);
+    database.emplace(file.string(), SQLite::OPEN_READWRITE, BUSY_TIMEOUT_MS);
+    sqlite3_db_config(database->getHandle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, is_left_alone ? 1 : 0, nullptr);
     // Either way the store is never half written, whatever comes.
-    database.exec(durability == SettingsStore::Durability::at_once ? "PRAGMA synchronous = FULL"
-                                                                   : "PRAGMA synchronous = NORMAL");
-    const int version = database.execAndGet("PRAGMA user_version").getInt();
+    database->exec(account().is_started() ? "PRAGMA synchronous = NORMAL" : "PRAGMA synchronous = FULL");
+    const int version = database->execAndGet("PRAGMA user_version").getInt();
     if (version > SCHEMA_VERSION)
         refuse_store("it was made by a later version");
     if (version != SCHEMA_VERSION)
         refuse_store("it is no settings store");
-    return database;
 }
 
-SettingsStore::SettingsStore(Account::Kind the_kind, Durability durability)
-    : kind(the_kind), database(with_clear_errors([&] { return open_database(the_kind, durability); }))
+/// Does what reads the store.
+template <class Work>
+auto SettingsStore::read(Work work)
 {
+    if (unreadable)
+        throw PlatformError(*unreadable);
+    try {
+        return with_clear_errors(work);
+    } catch (const PlatformError &error) {
+        unreadable = unwritable = error;
+        throw;
+    }
+}
+
+template <class Work>
+void SettingsStore::write(Work work)
+{
+    if (unwritable)
+        throw PlatformError(*unwritable);
+    try {
+        with_clear_errors(work);
+    } catch (const PlatformError &error) {
+        unwritable = error;
+        throw;
+    }
 }
 
 /// The value in two columns, its type and its text.
@@ -138,7 +148,7 @@ static DeviceValue column_value(const SQLite::Statement &row, int type_column)
     const std::string text = row.getColumn(type_column + 1).getString();
     if (type == "bool" && (text == "0" || text == "1"))
         return text == "1";
-    if (type == "string" && g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) != FALSE)
+    if (type == "string" && text.find('\0') == std::string::npos && g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) != FALSE)
         return text;
     refuse_store("it is damaged");
 }
@@ -161,21 +171,25 @@ struct Run {
 
 } // namespace
 
-DeviceValue SettingsStore::get(const std::string &key) const
+DeviceValue SettingsStore::get(const std::string &key)
 {
-    return with_clear_errors([&]() -> DeviceValue {
-        const Run run(select, database, "SELECT type, value FROM settings WHERE key = ?");
+    return read([&]() -> DeviceValue {
+        if (!find_database())
+            return std::nullopt;
+        const Run run(select, *database, "SELECT type, value FROM settings WHERE key = ?");
         run.statement.bind(1, key);
         return run.statement.executeStep() ? column_value(run.statement, 0) : std::nullopt;
     });
 }
 
-Settings SettingsStore::below(const std::string &key) const
+Settings SettingsStore::below(const std::string &key)
 {
-    return with_clear_errors([&] {
+    return read([&]() -> Settings {
+        if (!find_database())
+            return {};
         // '0' is the character behind '/'.
-        SQLite::Statement query(database, "SELECT key, type, value FROM settings"
-                                          " WHERE key = ?1 OR (key > ?1 || '/' AND key < ?1 || '0')");
+        SQLite::Statement query(*database, "SELECT key, type, value FROM settings"
+                                           " WHERE key = ?1 OR (key > ?1 || '/' AND key < ?1 || '0')");
         query.bind(1, key);
         Settings settings;
         while (query.executeStep())
@@ -186,24 +200,27 @@ Settings SettingsStore::below(const std::string &key) const
 
 void SettingsStore::require_writable()
 {
-    if (sqlite3_db_readonly(database.getHandle(), "main") != 0)
-        refuse_store("it can't be written");
-    if (trial) // nobody else writes until it is over
-        return;
-    // Waits for another writer as a set does; rolled back at the end.
-    with_clear_errors(
-        [this] { const SQLite::Transaction probe(database, SQLite::TransactionBehavior::IMMEDIATE); });
+    write([this] {
+        if (!is_usable_folder(state_root()))
+            throw PlatformError("can't write in " + state_root().string());
+        if (!find_database())
+            return;
+        if (sqlite3_db_readonly(database->getHandle(), "main") != 0)
+            refuse_store("it can't be written");
+        // Waits for another writer as a set does; rolled back at the end.
+        const SQLite::Transaction probe(*database, SQLite::TransactionBehavior::IMMEDIATE);
+    });
 }
 
 void SettingsStore::store(const std::string &key, const DeviceValue &value)
 {
     if (!value) {
-        SQLite::Statement remove(database, "DELETE FROM settings WHERE key = ?");
+        SQLite::Statement remove(*database, "DELETE FROM settings WHERE key = ?");
         remove.bind(1, key);
         remove.exec();
         return;
     }
-    const Run run(replace, database, "INSERT OR REPLACE INTO settings VALUES (?, ?, ?)");
+    const Run run(replace, *database, "INSERT OR REPLACE INTO settings VALUES (?, ?, ?)");
     const bool *truth = std::get_if<bool>(&*value);
     run.statement.bind(1, key);
     run.statement.bind(2, truth != nullptr ? "bool" : "string");
@@ -211,55 +228,57 @@ void SettingsStore::store(const std::string &key, const DeviceValue &value)
     run.statement.exec();
 }
 
-/// Does `work` whole or not at all.
-template <class Work>
-void SettingsStore::write(Work work)
-{
-    if (kind == Account::Kind::real) {
-        SQLite::Transaction transaction(database, SQLite::TransactionBehavior::IMMEDIATE);
-        work();
-        transaction.commit();
-        return;
-    }
-    if (!trial)
-        trial.emplace(database, SQLite::TransactionBehavior::IMMEDIATE);
-    SQLite::Savepoint savepoint(database, "before");
-    work();
-    savepoint.release();
-}
-
-void SettingsStore::set(const Settings &settings, const Observer &about_to_change)
+void SettingsStore::set(const Settings &settings)
 {
     const auto is_held = [this](const auto &setting) { return get(setting.first) == setting.second; };
     if (std::all_of(settings.begin(), settings.end(), is_held))
         return;
+    write([&] { set_all(settings); });
+}
 
-    with_clear_errors([&] {
-        write([&] {
-            for (const auto &[key, value] : settings) {
-                const DeviceValue before = get(key);
-                if (before == value)
-                    continue;
-                about_to_change(key, before, value);
+void SettingsStore::set_all(const Settings &settings)
+{
+    if (!find_database()) {
+        make_store(store_file());
+        open_database();
+    }
+    sqlite3_db_config(database->getHandle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
+    std::vector<size_t> changes;
+    const auto end_changes = [&](Change::Outcome outcome) {
+        for (const size_t change : changes)
+            account().end(change, outcome);
+    };
+    try {
+        SQLite::Transaction transaction(*database, SQLite::TransactionBehavior::IMMEDIATE);
+        for (const auto &[key, value] : settings)
+            if (const DeviceValue before = get(key); before != value) {
+                changes.push_back(account().begin({SettingPlace::settings_store, key, before, value}));
                 store(key, value);
             }
-        });
-    });
+        transaction.commit();
+    } catch (...) {
+        end_changes(Change::Outcome::refused);
+        throw;
+    }
+    end_changes(Change::Outcome::made);
 }
 
 void SettingsStore::make_durable()
 {
-    if (kind == Account::Kind::trial)
+    if (!database) // nothing was written
         return;
-    int logged = 0;
-    int done = 0;
-    if (sqlite3_wal_checkpoint_v2(database.getHandle(), "main", SQLITE_CHECKPOINT_PASSIVE, &logged, &done) ==
-            SQLITE_OK &&
-        logged == done)
-        return;
-    // Another process still reads what was there before, or the disk is full: then the log has to do.
-    sqlite3_file *log = nullptr;
-    if (sqlite3_file_control(database.getHandle(), "main", SQLITE_FCNTL_JOURNAL_POINTER, &log) != SQLITE_OK ||
-        log->pMethods == nullptr || log->pMethods->xSync(log, SQLITE_SYNC_NORMAL) != SQLITE_OK)
-        refuse_store("what was stored may not outlive a power cut");
+    write([this] {
+        int logged = 0;
+        int done = 0;
+        if (sqlite3_wal_checkpoint_v2(database->getHandle(), "main", SQLITE_CHECKPOINT_PASSIVE, &logged,
+                                      &done) == SQLITE_OK &&
+            logged == done)
+            return;
+        // Another process still reads what was there before, or the disk is full: then the log has to do.
+        sqlite3_file *log = nullptr;
+        if (sqlite3_file_control(database->getHandle(), "main", SQLITE_FCNTL_JOURNAL_POINTER, &log) !=
+                SQLITE_OK ||
+            log->pMethods == nullptr || log->pMethods->xSync(log, SQLITE_SYNC_NORMAL) != SQLITE_OK)
+            refuse_store("what was stored may not outlive a power cut");
+    });
 }

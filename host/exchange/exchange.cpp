@@ -3,31 +3,27 @@
 #include "exchange.h"
 
 #include <algorithm>
-#include <map>
-#include <span>
-
-#include <glib.h>
+#include <cstdlib>
 
 #include "account.h"
+#include "contact.h"
 #include "files.h"
 #include "handles.h"
 #include "paths.h"
-#include "snapshot.h"
-#include "text.h"
 
-static constexpr char NOT_READ[] = "the service did not read ";
+/// Why a setting is not known to be restored.
+static constexpr char NOT_CHECKED[] = "not checked";
 
 Exchange::Exchange(Direction which, const Callbacks &registered) : direction(which), callbacks(registered)
 {
     if (direction == Direction::restore) {
         exchange_report.operation = "restore";
-        steps = {&Exchange::prepare,       &Exchange::ask_for_restoration_path,
-                 &Exchange::download,      &Exchange::look_at_device,
-                 &Exchange::begin_journal, &Exchange::have_records_restored};
+        steps = {&Exchange::prepare, &Exchange::ask_for_restoration_path, &Exchange::download,
+                 &Exchange::plan_restore, &Exchange::have_records_restored};
     } else if (callbacks.backup != nullptr) {
         exchange_report.operation = "backup";
-        steps = {&Exchange::prepare, &Exchange::ask_for_keys_and_dates, &Exchange::have_records_filled,
-                 &Exchange::upload};
+        steps = {&Exchange::prepare, &Exchange::ask_for_keys_and_dates, &Exchange::plan_backup,
+                 &Exchange::have_records_filled, &Exchange::upload};
     } else {
         exchange_report.operation = "info";
         steps = {&Exchange::prepare, &Exchange::ask_for_keys_and_dates};
@@ -58,66 +54,86 @@ void Exchange::prepare()
 
 // The device.
 
-/// Calls `visit` with each of these that the host keeps.
-template <class Visit>
-static void for_each_kept(std::span<const SettingRow> rows, Visit visit)
+/// Those of the settings store, or those of SCIM's daemon: each answers one question.
+static std::vector<SettingRow> rows_in(bool settings_store)
 {
-    for (const SettingRow &row : rows)
-        if (device_access(row.place) != nullptr)
-            visit(row);
+    std::vector<SettingRow> rows;
+    std::copy_if(std::begin(ALL_SETTINGS), std::end(ALL_SETTINGS), std::back_inserter(rows),
+                 [&](const SettingRow &row) {
+                     return (row.place == SettingPlace::settings_store) == settings_store;
+                 });
+    return rows;
 }
 
-/// Calls `visit` with each setting, and each list that decides what is restored, that the host keeps.
-template <class Visit>
-static void for_each_row(Visit visit)
+/// What can be read of the device. A place that can't be is a problem if the service uses it.
+DeviceState Exchange::read_device(std::set<SettingPlace> &unread)
 {
-    for_each_kept(SETTINGS, visit);
-    for_each_kept(DOWNLOADED_LISTS, visit);
-}
-
-/// Calls `visit` with each place that the host keeps, and its rows. One that can't be used is a trouble.
-template <class Visit>
-static void for_each_place(Visit visit)
-{
-    std::map<SettingPlace, std::vector<SettingRow>> rows;
-    for_each_row([&](const SettingRow &row) { rows[row.place].push_back(row); });
-    for (const auto &[place, its_rows] : rows)
+    DeviceState state;
+    for (const bool settings_store : {true, false}) {
+        const std::vector<SettingRow> rows = rows_in(settings_store);
         try {
-            visit(*device_access(place), its_rows);
+            const std::vector<DeviceValue> values = device.read(rows);
+            for (size_t i = 0; i < rows.size(); i++)
+                state[index_of(rows[i])] = values[i];
         } catch (const PlatformError &error) {
-            account().note({Trouble::Kind::unusable, place, error.what()});
+            for (const SettingRow &row : rows) {
+                unread.insert(row.place);
+                if (device.serves(row))
+                    account().note({row.place, error.what()});
+            }
         }
+    }
+    return state;
 }
 
-/// What can be read of the device, by the members of the rows.
-static std::map<std::string, DeviceValue> read_device()
+/// Throws what the account tells of places that could not be used, with these reasons in front.
+static void require_no_problem(std::vector<std::string> reasons = {})
 {
-    std::map<std::string, DeviceValue> values;
-    for_each_place([&](const DeviceAccess &access, const std::vector<SettingRow> &rows) {
-        const std::vector<DeviceValue> read = access.read_all(rows);
-        for (size_t i = 0; i < rows.size(); i++)
-            values[rows[i].member] = read[i];
-    });
-    return values;
+    bool is_daemon = false;
+    for (const Problem &problem : account().problems()) {
+        if (std::find(reasons.begin(), reasons.end(), problem.reason) == reasons.end())
+            reasons.push_back(problem.reason);
+        is_daemon = is_daemon || problem.place != SettingPlace::settings_store;
+    }
+    if (is_daemon)
+        throw DaemonError(join(reasons, "; "));
+    if (!account().problems().empty())
+        throw PlatformError(join(reasons, "; "));
+    if (!reasons.empty())
+        throw HostError(join(reasons, "; "));
+}
+
+DeviceState Exchange::look_at_device()
+{
+    std::set<SettingPlace> unread;
+    DeviceState state = read_device(unread);
+    require_no_problem();
+    return state;
 }
 
 /// What the service changed in one of its callbacks outlives a power cut from now on.
-static void make_changes_durable()
+void Exchange::make_changes_durable()
 {
     if (!account().changes().empty())
-        for_each_place([](const DeviceAccess &access, const auto &) {
-            if (access.make_durable != nullptr)
-                access.make_durable();
-        });
+        device.make_durable();
 }
 
-void Exchange::require_no_trouble() const
+/// Tells of the settings that another library keeps in the service's process.
+void Exchange::report_unserved()
 {
-    for (const Trouble &trouble : account().troubles())
-        if (trouble.kind == Trouble::Kind::refused)
-            throw HostError(trouble.reason);
-        else
-            throw PlatformError(trouble.reason);
+    std::vector<std::string> unserved;
+    for (const SettingRow &row : SETTINGS)
+        if (!device.serves(row))
+            unserved.emplace_back(row.member);
+    if (!unserved.empty())
+        exchange_report.reason = "not checked, since another library keeps it: " + join(unserved, ", ");
+}
+
+/// The change from one value to another, for a person.
+static std::string instead(const SettingRow &row, const DeviceValue &held, const DeviceValue &planned)
+{
+    return std::string(row.member) + " (" + format_value(row, held) + " instead of " +
+           format_value(row, planned) + ")";
 }
 
 // Backup.
@@ -133,12 +149,24 @@ void Exchange::ask_for_keys_and_dates()
     exchange_report.records = *records;
 }
 
+static auto refusal_of(Device &device)
+{
+    return [&device](const SettingRow &row, const DeviceValue &value) { return device.refuses(row, value); };
+}
+
+void Exchange::plan_backup()
+{
+    backup_plan = ::plan_backup(look_at_device(), refusal_of(device));
+}
+
 void Exchange::have_records_filled()
 {
     ask(Answer::backup_path, callbacks.backup, make_list(*records));
     make_changes_durable(); // the service sets languages that were not set
-    // What could not be read is a default in the snapshot, which looks like any other.
-    require_no_trouble();
+    require_no_problem();
+    for (const Obstacle &obstacle : backup_plan->obstacles)
+        if (device.serves(obstacle.row))
+            throw_obstacle(obstacle);
     if (!path)
         throw HostError("the service had nothing to back up");
     // Else a file of an earlier backup would pass for this one's.
@@ -148,14 +176,15 @@ void Exchange::have_records_filled()
 
 void Exchange::upload()
 {
-    const std::string content =
-        account().is_trial() ? written : ::read_file(host_path(*path), MAX_RECORD_FILE_SIZE);
+    const std::string content = ::read_file(host_path(*path), MAX_RECORD_FILE_SIZE);
     if (content != written)
         throw HostError("the backup file is not what was written into it");
-    const CloudRecords filled = check_upload(content);
-    exchange_report.snapshot = filled.back().value.value_or("");
-    require_all_read();
-    store(content, filled);
+    require_planned_backup(check_upload(content));
+    report_unserved();
+    const auto store = open_store();
+    exchange_report.storing = true;
+    exchange_report.backup = store->add(content);
+    exchange_report.stored = true;
 }
 
 /// The records in a backup file, once they are known to be those that were announced.
@@ -166,7 +195,7 @@ CloudRecords Exchange::check_upload(const std::string &content) const
         throw HostError("the backup file holds other records than were announced");
     for (size_t i = 0; i < filled.size(); i++) {
         const std::string key = filled[i].key.value_or("");
-        if (filled[i].key != (*records)[i].key)
+        if (filled[i].key != (*records)[i].key || filled[i].date != (*records)[i].date)
             throw HostError("the backup file holds a record \"" + key + "\" that was not announced");
         if (!filled[i].value)
             throw HostError("record \"" + key + "\" has no value: the settings could not be read");
@@ -174,60 +203,40 @@ CloudRecords Exchange::check_upload(const std::string &content) const
     return filled;
 }
 
-/// Those that the service did not read for each of so many records.
-static std::vector<std::string> find_unread(std::span<const SettingRow> rows, size_t records)
+/// The settings in which a record is not the plan's.
+static std::vector<size_t> find_differences(const std::string &value, const BackupPlan &plan)
 {
-    std::vector<std::string> unread;
-    for_each_kept(rows, [&](const SettingRow &row) {
-        if (account().count(Use::reading, row) < records)
-            unread.emplace_back(row.member);
-    });
-    return unread;
+    const std::optional<Snapshot> snapshot = read_snapshot(value);
+    if (!snapshot || !snapshot->is_object)
+        throw HostError("the service made a snapshot that can't be read");
+    std::vector<size_t> differences;
+    for (size_t i = 0; i < SETTINGS.size(); i++)
+        if (snapshot->values[i] != plan.snapshot[i])
+            differences.push_back(i);
+    if (differences.empty() && !snapshot->oddities.empty())
+        throw HostError("the service made an odd snapshot: " + join(snapshot->oddities, "; "));
+    return differences;
 }
 
-/// A read that fails on its way here leaves a default in the snapshot, and nothing else in the account.
-void Exchange::require_all_read() const
+/// Each record holds what the device does. A setting that was changed meanwhile may stand with either value.
+void Exchange::require_planned_backup(const CloudRecords &filled)
 {
-    if (const auto unread = find_unread(SETTINGS, records->size()); !unread.empty())
-        throw HostError(NOT_READ + join(unread, ", "));
-}
-
-static bool holds_same(const CloudRecords &one, const CloudRecords &other)
-{
-    return std::equal(
-        one.begin(), one.end(), other.begin(), other.end(), [](const CloudRecord &a, const CloudRecord &b) {
-            return a.key == b.key && is_snapshot(a.value.value_or("")) && is_snapshot(b.value.value_or("")) &&
-                   is_same_snapshot(read_snapshot(*a.value), read_snapshot(*b.value));
-        });
-}
-
-/// The number of the newest backup if it holds the same as `records`, else 0.
-static BackupNumber find_same(const CloudStore &store, const CloudRecords &records)
-{
-    const std::vector<BackupNumber> known = store.list().numbers;
-    try {
-        return !known.empty() && holds_same(store.read(known.back()).records, records) ? known.back() : 0;
-    } catch (const DamagedError &) {
-        return 0;
-    } catch (const NoBackupError &) { // deleted just now
-        return 0;
-    }
-}
-
-void Exchange::store(const std::string &content, const CloudRecords &filled)
-{
-    const auto store = open_store();
-    if (is_asked_for(IF_CHANGED_VARIABLE))
-        exchange_report.backup = find_same(*store, filled);
-    if (exchange_report.backup != 0)
-        return;
-    if (account().is_trial()) {
-        store->require_writable();
-        return;
-    }
-    exchange_report.storing = true;
-    exchange_report.backup = store->add(content);
-    exchange_report.stored = true;
+    std::optional<BackupPlan> now;
+    std::vector<std::string> wrong;
+    for (const CloudRecord &record : filled)
+        for (const size_t i : find_differences(*record.value, *backup_plan)) {
+            const SettingRow &row = SETTINGS[i];
+            if (!device.serves(row))
+                continue;
+            if (!now)
+                now = ::plan_backup(look_at_device(), refusal_of(device));
+            const SnapshotValue held = read_snapshot(*record.value)->values[i];
+            if (held != now->snapshot[i])
+                wrong.push_back(
+                    instead(row, device_value(row, held), device_value(row, backup_plan->snapshot[i])));
+        }
+    if (!wrong.empty())
+        throw HostError("the service did not back up what the device holds: " + join(wrong, ", "));
 }
 
 // Restore.
@@ -242,42 +251,51 @@ void Exchange::ask_for_restoration_path()
 void Exchange::download()
 {
     const auto store = open_store();
-    const char *wanted = g_getenv(RESTORE_VARIABLE);
+    const char *wanted = getenv(RESTORE_VARIABLE);
     const BackupNumber number = store->find(wanted == nullptr ? "" : wanted);
     exchange_report.backup = number;
-    try {
-        downloaded = store->read(number);
-    } catch (const DamagedError &error) {
-        throw DamagedError("backup " + std::to_string(number) + " is refused: " + error.what());
-    }
+    downloaded = read_for_restore(*store, number);
     source.file = host_path(*path);
-    if (!account().is_trial())
-        replace_file(source.file, downloaded.content);
+    replace_file(source.file, downloaded.content);
 }
 
-/// A device that can't be read or written now is one that the service must not begin to change.
-void Exchange::look_at_device()
+/// A device that can't be read or written now is one that the service must not begin to change. From here on
+/// each change can be undone.
+void Exchange::plan_restore()
 {
-    for_each_place([](const DeviceAccess &access, const auto &) { access.require_writable(); });
-    const std::map<std::string, DeviceValue> values = read_device();
-    require_no_trouble();
-    for_each_row([&](const SettingRow &row) {
-        exchange_report.settings.push_back({row.member, values.at(row.member), values.at(row.member)});
-    });
-}
-
-/// From here on the restore changes the device, and each change can be undone.
-void Exchange::begin_journal()
-{
-    if (!account().is_trial())
-        journal.emplace(exchange_report);
+    for (const SettingRow &row : SETTINGS)
+        try {
+            device.require_writable(row);
+        } catch (const PlatformError &) {
+            if (device.serves(row))
+                throw;
+        }
+    std::vector<std::optional<std::string>> values;
+    for (const CloudRecord &record : downloaded.records)
+        values.push_back(record.value);
+    restore_plan = ::plan_restore(values, look_at_device(), refusal_of(device));
+    exchange_report = report_planned(*restore_plan, exchange_report.backup, downloaded.records);
+    exchange_report.result = ExchangeReport::Result::undecided;
+    for (SettingReport &setting : exchange_report.settings) {
+        setting.after = setting.before;
+        setting.why = NOT_CHECKED;
+    }
+    journal.emplace(exchange_report);
 }
 
 void Exchange::keep(const Change &change, const std::string &line)
 {
-    // The service sets what it could not read to a default: be that kept from what is set.
-    if (direction == Direction::backup && change.outcome == Change::Outcome::pending && change.before)
-        throw PlatformError("a backup must not change what is set: " + change.key);
+    if (change.outcome == Change::Outcome::pending) {
+        const auto row = std::find_if(std::begin(ALL_SETTINGS), std::end(ALL_SETTINGS), [&](const auto &known) {
+            return known.place == change.place && known.key == change.key;
+        });
+        const auto index = static_cast<size_t>(row - std::begin(ALL_SETTINGS));
+        const bool is_planned = index < SETTINGS.size() &&
+                                (!backup_plan || change.after == backup_plan->device[index]);
+        if (!is_planned)
+            throw PlatformError("the service must not change " + change.key + " in a " +
+                                exchange_report.operation);
+    }
     if (journal)
         journal->note(change, line);
 }
@@ -285,114 +303,68 @@ void Exchange::keep(const Change &change, const std::string &line)
 void Exchange::have_records_restored()
 {
     ask(Answer::record_list, callbacks.restoration, &source);
-    make_changes_durable();
-    report_settings();
-    if (!records)
-        throw HostError("the service could not read the records of backup " +
-                        std::to_string(exchange_report.backup));
-    exchange_report.records = *records;
-    if (records->size() != downloaded.records.size())
-        throw HostError("the service did not hand back all records");
-    std::vector<std::string> applied;
-    for (size_t i = 0; i < records->size(); i++)
-        if (!(*records)[i].failed)
-            applied.push_back(downloaded.records[i].value.value_or(""));
-    if (!applied.empty()) {
-        exchange_report.snapshot = applied.back();
-        find_unasked(applied);
-    }
-    require_all_restored();
-}
-
-/// The changes to a setting, in their order.
-static std::vector<Change> find_changes(const SettingRow &row)
-{
-    std::vector<Change> found;
-    for (const Change &change : account().changes())
-        if (change.place == row.place && change.key == row.key)
-            found.push_back(change);
-    return found;
-}
-
-/// What each setting came to: what the device holds now, or what is known of that.
-void Exchange::report_settings()
-{
-    const std::map<std::string, DeviceValue> values = read_device();
-    auto setting = exchange_report.settings.begin();
-    for_each_row([&](const SettingRow &row) {
-        SettingReport &report = *setting++;
-        const std::vector<Change> changes = find_changes(row);
-        for (const Change &change : changes)
-            if (change.outcome == Change::Outcome::made)
-                report.after = change.after;
-        if (const auto value = values.find(row.member); value != values.end())
-            report.after = value->second;
-        if (!changes.empty() &&
-            (changes.back().outcome != Change::Outcome::made || report.after != changes.back().after))
-            unwritten.emplace_back(row.member);
-    });
-}
-
-/// Finds what the service did not ask for although it applied these snapshots.
-void Exchange::find_unasked(const std::vector<std::string> &snapshots)
-{
-    auto setting = exchange_report.settings.begin();
-    for_each_kept(SETTINGS, [&](const SettingRow &row) {
-        const SettingReport &report = *setting++;
-        if (!has_asked(row, report.after, snapshots) &&
-            std::find(unwritten.begin(), unwritten.end(), row.member) == unwritten.end())
-            unwritten.emplace_back(row.member);
-    });
-}
-
-/// Whether the service has asked for all that a restore of these snapshots takes of a setting. A call that
-/// fails on its way here is in no account.
-bool Exchange::has_asked(const SettingRow &row, const DeviceValue &after,
-                         const std::vector<std::string> &snapshots) const
-{
-    const size_t writes = account().count(Use::writing, row);
-    if (row.form == SettingForm::identifier) { // which may be active already
-        const std::vector<std::string> wanted = texts_in(snapshots.back(), row);
-        return wanted.empty() || after == DeviceValue(wanted.front());
-    }
-    if (row.form == SettingForm::languages) { // of which none may be downloaded
-        const std::string known = list_before(exchange_report, DOWNLOADED_LISTS[0]);
-        const auto is_selected = [&](const std::string &snapshot) {
-            const std::vector<std::string> languages = texts_in(snapshot, row);
-            return std::any_of(languages.begin(), languages.end(), [&](const std::string &language) {
-                return known.find(language) != std::string::npos;
-            });
-        };
-        return std::count_if(snapshots.begin(), snapshots.end(), is_selected) <= static_cast<long>(writes);
-    }
-    return writes >= snapshots.size();
-}
-
-void Exchange::require_all_restored() const
-{
-    std::vector<std::string> failed;
-    for (const CloudRecord &record : *records)
-        if (record.failed)
-            failed.push_back("\"" + record.key.value_or("") + "\"");
-
-    bool no_platform = false;
     std::vector<std::string> reasons;
-    if (!failed.empty())
-        reasons.push_back("not restored: record " + join(failed, ", "));
-    if (!unwritten.empty())
-        reasons.push_back("not restored: " + join(unwritten, ", "));
-    if (const auto unread = find_unread(DOWNLOADED_LISTS, records->size() - failed.size()); !unread.empty())
-        reasons.push_back(NOT_READ + join(unread, ", "));
-    for (const Trouble &trouble : account().troubles()) {
-        if (trouble.kind == Trouble::Kind::unfit) // a restore may well mend it
-            continue;
-        reasons.push_back(trouble.reason);
-        no_platform = no_platform || trouble.kind == Trouble::Kind::unusable;
+    if (!exchange_report.reason.empty())
+        reasons.push_back(exchange_report.reason);
+    const auto add = [&](const std::string &reason) {
+        if (!reason.empty())
+            reasons.push_back(reason);
+    };
+    try {
+        make_changes_durable();
+    } catch (const DaemonError &error) {
+        account().note({SettingPlace::configuration, error.what()});
+    } catch (const PlatformError &error) {
+        account().note({SettingPlace::settings_store, error.what()});
     }
-    if (no_platform)
-        throw PlatformError(join(reasons, "; "));
-    if (!reasons.empty())
-        throw HostError(join(reasons, "; "));
+    std::set<SettingPlace> unread;
+    const DeviceState state = read_device(unread);
+    if (!downloaded.records.empty()) // else there is none to hand back
+        add(compare_records());
+    add(compare_settings(state, unread));
+    require_no_problem(reasons);
+    report_unserved();
+}
+
+/// @return how the records that the service handed back are not those of the plan
+std::string Exchange::compare_records() const
+{
+    if (!records)
+        return "the service handed back no records";
+    if (records->size() != exchange_report.records.size())
+        return "the service did not hand back all records";
+    for (size_t i = 0; i < records->size(); i++) {
+        const CloudRecord &planned = exchange_report.records[i];
+        const std::string name = "record \"" + planned.key.value_or("") + "\"";
+        if ((*records)[i].failed != planned.failed)
+            return "the service " + std::string(planned.failed ? "restored " : "did not restore ") + name;
+        if ((*records)[i].key.value_or("") != planned.key)
+            return "the service handed back " + name + " under another key";
+    }
+    return "";
+}
+
+/// Reports what each setting came to.
+///
+/// @return where the device does not hold what it should
+std::string Exchange::compare_settings(const DeviceState &state, const std::set<SettingPlace> &unread)
+{
+    std::vector<std::string> wrong;
+    for (size_t i = 0; i < state.size(); i++) {
+        const SettingRow &row = ALL_SETTINGS[i];
+        if (unread.contains(row.place) || !device.serves(row))
+            continue;
+        const DeviceValue &planned = restore_plan->device[i];
+        const bool is_right = state[i] == planned;
+        if (!is_right)
+            wrong.push_back(instead(row, state[i], planned));
+        if (i < SETTINGS.size()) {
+            SettingReport &report = exchange_report.settings[i];
+            report.after = state[i];
+            report.why = is_right ? restore_plan->settings[i].why : "it should be " + format_value(row, planned);
+        }
+    }
+    return wrong.empty() ? "" : "not restored: " + join(wrong, ", ");
 }
 
 // The result.
@@ -400,9 +372,9 @@ void Exchange::require_all_restored() const
 void Exchange::decide(ExchangeReport::Result result, const std::string &reason)
 {
     exchange_report.result = result;
-    exchange_report.reason = reason;
+    if (result != ExchangeReport::Result::succeeded)
+        exchange_report.reason = reason;
     exchange_report.changes = account().changes();
-    exchange_report.troubles = account().troubles();
     report_line = encode_report(exchange_report);
     if (journal)
         journal->finish(report_line, !exchange_report.changes.empty());
@@ -449,8 +421,7 @@ int Exchange::write_file(orvanta_cloud_list_handle list, const char *device_path
     try {
         const std::string text = encode_record_file(*content);
         const std::filesystem::path file = host_path(device_path);
-        if (!account().is_trial())
-            replace_file(file, text);
+        replace_file(file, text);
         written_path = device_path;
         written = text;
         return ORVANTA_CLOUD_ERROR_NONE;
@@ -466,7 +437,7 @@ int Exchange::read_file(orvanta_cloud_source_handle handle, orvanta_cloud_list_h
         return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
     std::string content;
     try {
-        content = account().is_trial() ? downloaded.content : ::read_file(source.file, MAX_RECORD_FILE_SIZE);
+        content = ::read_file(source.file, MAX_RECORD_FILE_SIZE);
     } catch (const HostError &) {
         return ORVANTA_CLOUD_ERROR_IO;
     }

@@ -2,9 +2,11 @@
 
 #include <filesystem>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "device.h"
 #include "orvanta_cloud.h"
 #include "report.h"
 #include "restore_journal.h"
@@ -20,7 +22,7 @@ struct Callbacks {
 };
 
 struct orvanta_cloud_source {
-    std::filesystem::path file; ///< none in a trial
+    std::filesystem::path file;
 };
 
 /// What an exchange waits for while the service's callback runs.
@@ -44,8 +46,8 @@ public:
 
     /// Keeps a change, as its line in the report, in the journal, if there is one.
     ///
-    /// @throws PlatformError when a pending one must not be made: it can't be kept, or is a backup's to what
-    ///         is set
+    /// @throws PlatformError when a pending one must not be made: it can't be kept, or is none that such an
+    ///         exchange makes
     void keep(const Change &change, const std::string &line);
 
     /// Gives the exchange its result, with the account as it stands.
@@ -76,24 +78,23 @@ private:
 
     void prepare();
     void ask_for_keys_and_dates();
+    void plan_backup();
     void have_records_filled();
     void upload();
     void ask_for_restoration_path();
     void download();
-    void look_at_device();
-    void begin_journal();
+    void plan_restore();
     void have_records_restored();
 
-    CloudRecords check_upload(const std::string &content) const;
-    void require_all_read() const;
-    void store(const std::string &content, const CloudRecords &filled);
+    DeviceState read_device(std::set<SettingPlace> &unread);
+    DeviceState look_at_device();
+    void make_changes_durable();
 
-    void report_settings();
-    void find_unasked(const std::vector<std::string> &snapshots);
-    bool has_asked(const SettingRow &row, const DeviceValue &after,
-                   const std::vector<std::string> &snapshots) const;
-    void require_no_trouble() const;
-    void require_all_restored() const;
+    CloudRecords check_upload(const std::string &content) const;
+    void require_planned_backup(const CloudRecords &filled);
+    std::string compare_records() const;
+    std::string compare_settings(const DeviceState &device, const std::set<SettingPlace> &unread);
+    void report_unserved();
 
     const Direction direction;
     const Callbacks callbacks;
@@ -112,5 +113,8 @@ private:
     orvanta_cloud_source source;
     Backup downloaded;
     std::optional<RestoreJournal> journal;
-    std::vector<std::string> unwritten; ///< settings that a restore was to change
+
+    Device &device = *host_device();
+    std::optional<BackupPlan> backup_plan;
+    std::optional<RestorePlan> restore_plan;
 };

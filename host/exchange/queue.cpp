@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "account.h"
+#include "contact.h"
 #include "paths.h"
 #include "text.h"
 
@@ -16,7 +17,7 @@ static void append(int file, const std::string &line)
         g_printerr("liborvanta-cloud-svc: the exchange's report is incomplete\n");
 }
 
-/// The report tells of a result and never changes it: a lost one is only a pity.
+/// Losing the report is harmless: it informs of a result, and never changes it.
 static void deliver(const Exchange &exchange, bool is_last)
 {
     const ExchangeReport &report = exchange.report();
@@ -95,6 +96,10 @@ void ExchangeQueue::run()
         decide(ExchangeReport::Result::no_backup, error.what());
     } catch (const DamagedError &error) {
         decide(ExchangeReport::Result::damaged, error.what());
+    } catch (const DaemonError &error) {
+        decide(ExchangeReport::Result::no_daemon, error.what());
+    } catch (const KeyboardError &error) {
+        decide(ExchangeReport::Result::no_keyboard, error.what());
     } catch (const PlatformError &error) {
         decide(ExchangeReport::Result::no_platform, error.what());
     } catch (const std::exception &error) {
@@ -114,8 +119,7 @@ bool ExchangeQueue::take_turn()
         turn.emplace(state_root() / EXCHANGE_LOCK);
     has_turn = turn->try_acquire();
     if (has_turn)
-        account().start([this](size_t number, const Change &change) { tell(number, change); },
-                        is_asked_for(TRIAL_VARIABLE) ? Account::Kind::trial : Account::Kind::real);
+        account().start([this](size_t number, const Change &change) { tell(number, change); });
     return has_turn;
 }
 
@@ -134,7 +138,7 @@ void ExchangeQueue::decide(ExchangeReport::Result result, const std::string &rea
     Exchange &exchange = exchanges.front();
     exchange.decide(result, reason);
     // Without its turn, another's exchange is the last.
-    deliver(exchange, has_turn && !account().is_trial());
+    deliver(exchange, has_turn);
     account().finish();
     turn.reset();
     has_turn = false;

@@ -5,16 +5,87 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "errors.h"
-#include "json.h"
+#include <glib.h>
+#include <nlohmann/json.hpp>
 
-std::string list_before(const ExchangeReport &report, const SettingRow &row)
+#include "contact.h"
+#include "errors.h"
+
+using Json = nlohmann::ordered_json;
+using Result = ExchangeReport::Result;
+
+ExchangeReport report_planned(const RestorePlan &plan, BackupNumber number, const CloudRecords &records)
 {
-    for (const SettingReport &setting : report.settings)
-        if (const auto *list = setting.before ? std::get_if<std::string>(&*setting.before) : nullptr;
-            list != nullptr && setting.member == row.member)
-            return *list;
-    return "";
+    ExchangeReport report;
+    report.operation = "restore";
+    report.backup = number;
+    std::vector<std::string> failed;
+    for (size_t i = 0; i < records.size(); i++) {
+        const std::string key = plan.failed[i] ? records[i].key.value_or("") : std::to_string(i);
+        report.records.push_back({key, records[i].date, std::nullopt, plan.failed[i]});
+        if (plan.failed[i])
+            failed.push_back("\"" + key + "\"");
+    }
+    std::vector<std::string> refused;
+    for (size_t i = 0; i < SETTINGS.size(); i++) {
+        const RestoredSetting &setting = plan.settings[i];
+        report.settings.push_back(
+            {SETTINGS[i].member, setting.before, setting.wanted, setting.after, setting.why});
+        if (!setting.refusal.empty())
+            refused.emplace_back(SETTINGS[i].member);
+    }
+    std::vector<std::string> reasons;
+    if (records.empty())
+        reasons.push_back("backup " + std::to_string(number) + " holds no record");
+    if (!failed.empty())
+        reasons.push_back("not restored: record " + join(failed, ", "));
+    if (!refused.empty())
+        reasons.push_back("not restored: " + join(refused, ", "));
+    reasons.insert(reasons.end(), plan.refusals.begin(), plan.refusals.end());
+    report.reason = join(reasons, "; ");
+    report.result = reasons.empty() ? Result::succeeded : Result::failed;
+    return report;
+}
+
+void throw_failure(const ExchangeReport &report)
+{
+    switch (report.result) {
+    case Result::succeeded:
+        return;
+    case Result::no_platform:
+        throw PlatformError(report.reason);
+    case Result::no_daemon:
+        throw DaemonError(report.reason);
+    case Result::no_keyboard:
+        throw KeyboardError(report.reason);
+    case Result::no_backup:
+        throw NoBackupError(report.reason);
+    case Result::damaged:
+        throw DamagedError(report.reason);
+    case Result::interrupted:
+        throw InterruptedError(report.reason);
+    case Result::timed_out:
+        throw TimeoutError(report.reason);
+    case Result::undecided:
+    case Result::failed:
+        throw HostError(report.reason);
+    }
+}
+
+void throw_obstacle(const Obstacle &obstacle)
+{
+    if (obstacle.row.form == SettingForm::identifier)
+        throw KeyboardError(obstacle.reason);
+    throw PlatformError(obstacle.reason);
+}
+
+Backup read_for_restore(const CloudStore &store, BackupNumber number)
+{
+    try {
+        return store.read(number);
+    } catch (const DamagedError &error) {
+        throw DamagedError("backup " + std::to_string(number) + " is refused: " + error.what());
+    }
 }
 
 static std::string identity_of(int file)
@@ -32,24 +103,18 @@ std::string name_report_file(int file, int number_in_process)
 
 std::optional<int> find_report_file()
 {
-    const char *name = g_getenv(REPORT_VARIABLE);
+    const char *name = getenv(REPORT_VARIABLE);
     const int number = name == nullptr ? -1 : atoi(name);
     if (number <= STDERR_FILENO || name != name_report_file(number, number))
         return std::nullopt;
     return number;
 }
 
-bool is_asked_for(const char *variable)
-{
-    return g_strcmp0(g_getenv(variable), "1") == 0;
-}
-
 // Words of a report.
 
-static constexpr const char *RESULTS[] = {"undecided",   "succeeded", "failed",
-                                          "no platform", "no backup", "damaged"};
+static constexpr const char *RESULTS[] = {"undecided", "succeeded",   "failed",    "no platform",
+                                          "no daemon", "no keyboard", "no backup", "damaged"};
 static constexpr const char *OUTCOMES[] = {"pending", "made", "refused"};
-static constexpr const char *KINDS[] = {"unusable", "unfit", "refused"};
 static constexpr const char *PLACES[] = {"input-method control", "settings store", "configuration"};
 
 template <class Enum, size_t COUNT>
@@ -59,10 +124,10 @@ static const char *to_word(const char *const (&words)[COUNT], Enum value)
 }
 
 template <class Enum, size_t COUNT>
-static Enum from_word(const char *const (&words)[COUNT], JsonObject *object, const char *name)
+static Enum from_word(const char *const (&words)[COUNT], const Json &object, const char *name)
 {
     for (size_t i = 0; i < COUNT; i++)
-        if (get_text(object, name) == words[i])
+        if (object.value(name, "") == words[i])
             return static_cast<Enum>(i);
     throw HostError(std::string("it has no ") + name + " that is known");
 }
@@ -72,187 +137,144 @@ static constexpr char BYTES[] = "base64";
 
 // Writing.
 
-static void add_text(JsonBuilder *builder, const char *name, const std::string &text)
+/// A text of the device's may be no UTF-8, and has to be read back as it is.
+static Json to_json(const std::string &text)
 {
-    g_autofree gchar *valid = g_utf8_make_valid(text.data(), static_cast<gssize>(text.size()));
-    json_builder_set_member_name(builder, name);
-    json_builder_add_string_value(builder, valid);
-}
-
-/// A text of the device's, which may be no UTF-8 and has to be read back as it is.
-static void add_exact_text(JsonBuilder *builder, const char *name, const std::string &text)
-{
-    if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) != FALSE) {
-        add_text(builder, name, text);
-        return;
-    }
+    if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) != FALSE)
+        return text;
     g_autofree gchar *encoded = g_base64_encode(reinterpret_cast<const guchar *>(text.data()), text.size());
-    json_builder_set_member_name(builder, name);
-    json_builder_begin_object(builder);
-    add_text(builder, BYTES, encoded);
-    json_builder_end_object(builder);
+    return {{BYTES, encoded}};
 }
 
-static void add_value(JsonBuilder *builder, const char *name, const DeviceValue &value)
+static Json to_json(const DeviceValue &value)
 {
-    if (value && std::holds_alternative<std::string>(*value)) {
-        add_exact_text(builder, name, std::get<std::string>(*value));
-        return;
-    }
-    json_builder_set_member_name(builder, name);
     if (!value)
-        json_builder_add_null_value(builder);
-    else if (const bool *truth = std::get_if<bool>(&*value); truth != nullptr)
-        json_builder_add_boolean_value(builder, *truth ? TRUE : FALSE);
-    else
-        json_builder_add_int_value(builder, std::get<int>(*value));
+        return nullptr;
+    const auto *text = std::get_if<std::string>(&*value);
+    if (text != nullptr)
+        return to_json(*text);
+    const bool *truth = std::get_if<bool>(&*value);
+    return truth != nullptr ? Json(*truth) : Json(std::get<int>(*value));
 }
 
-static void add_truth(JsonBuilder *builder, const char *name, bool truth)
+static Json to_json(const SnapshotValue &value)
 {
-    json_builder_set_member_name(builder, name);
-    json_builder_add_boolean_value(builder, truth ? TRUE : FALSE);
+    if (const bool *truth = std::get_if<bool>(&value); truth != nullptr)
+        return *truth;
+    if (const auto *text = std::get_if<std::string>(&value); text != nullptr)
+        return *text;
+    const auto *languages = std::get_if<std::vector<std::string>>(&value);
+    return languages != nullptr ? Json(*languages) : Json();
 }
 
-template <class Elements, class AddMembers>
-static void add_array(JsonBuilder *builder, const char *name, const Elements &elements,
-                      AddMembers add_members)
+static Json to_json(const Change &change)
 {
-    json_builder_set_member_name(builder, name);
-    json_builder_begin_array(builder);
-    for (const auto &element : elements) {
-        json_builder_begin_object(builder);
-        add_members(element);
-        json_builder_end_object(builder);
-    }
-    json_builder_end_array(builder);
+    return {{"place", to_word(PLACES, change.place)},
+            {"key", change.key},
+            {"before", to_json(change.before)},
+            {"after", to_json(change.after)},
+            {"outcome", to_word(OUTCOMES, change.outcome)}};
 }
 
-static void add_change(JsonBuilder *builder, const Change &change)
+static std::string to_line(const Json &object)
 {
-    add_text(builder, "place", to_word(PLACES, change.place));
-    add_text(builder, "key", change.key);
-    add_value(builder, "before", change.before);
-    add_value(builder, "after", change.after);
-    add_text(builder, "outcome", to_word(OUTCOMES, change.outcome));
-}
-
-template <class AddMembers>
-static std::string make_line(AddMembers add_members)
-{
-    g_autoptr(JsonBuilder) builder = json_builder_new();
-    json_builder_begin_object(builder);
-    add_members(builder);
-    json_builder_end_object(builder);
-    g_autoptr(JsonNode) root = json_builder_get_root(builder);
-    g_autofree gchar *text = json_to_string(root, FALSE);
-    return std::string(text) + "\n";
+    return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
 std::string encode_report(const ExchangeReport &report)
 {
-    return make_line([&](JsonBuilder *builder) {
-        add_text(builder, "operation", report.operation);
-        add_text(builder, "result", to_word(RESULTS, report.result));
-        add_text(builder, "reason", report.reason);
-        json_builder_set_member_name(builder, "backup");
-        json_builder_add_int_value(builder, static_cast<gint64>(report.backup));
-        add_truth(builder, "storing", report.storing);
-        add_truth(builder, "stored", report.stored);
-        add_array(builder, "records", report.records, [&](const CloudRecord &record) {
-            add_text(builder, "key", record.key.value_or(""));
-            add_text(builder, "date", record.date.value_or(""));
-            add_truth(builder, "failed", record.failed);
-        });
-        add_text(builder, "snapshot", report.snapshot);
-        add_array(builder, "settings", report.settings, [&](const SettingReport &setting) {
-            add_text(builder, "member", setting.member);
-            add_value(builder, "before", setting.before);
-            add_value(builder, "after", setting.after);
-        });
-        add_array(builder, "changes", report.changes,
-                  [&](const Change &change) { add_change(builder, change); });
-        add_array(builder, "troubles", report.troubles, [&](const Trouble &trouble) {
-            add_text(builder, "kind", to_word(KINDS, trouble.kind));
-            add_text(builder, "place", to_word(PLACES, trouble.place));
-            add_text(builder, "reason", trouble.reason);
-        });
-    });
+    Json object = {{"operation", report.operation}, {"result", to_word(RESULTS, report.result)},
+                   {"reason", report.reason},       {"backup", report.backup},
+                   {"storing", report.storing},     {"stored", report.stored},
+                   {"records", Json::array()},      {"settings", Json::array()},
+                   {"changes", Json::array()}};
+    for (const CloudRecord &record : report.records)
+        object["records"].push_back({{"key", record.key.value_or("")},
+                                     {"date", record.date.value_or("")},
+                                     {"failed", record.failed}});
+    for (const SettingReport &setting : report.settings)
+        object["settings"].push_back({{"member", setting.member},
+                                      {"before", to_json(setting.before)},
+                                      {"wanted", to_json(setting.wanted)},
+                                      {"after", to_json(setting.after)},
+                                      {"why", setting.why}});
+    for (const Change &change : report.changes)
+        object["changes"].push_back(to_json(change));
+    return to_line(object);
 }
 
 std::string encode_change(size_t number, const Change &change)
 {
-    return make_line([&](JsonBuilder *builder) {
-        json_builder_set_member_name(builder, "change");
-        json_builder_add_int_value(builder, static_cast<gint64>(number));
-        add_change(builder, change);
-    });
+    Json object = {{"change", number}};
+    object.update(to_json(change));
+    return to_line(object);
 }
 
 // Reading.
 
-static DeviceValue read_value(JsonObject *object, const char *name)
+static DeviceValue read_value(const Json &value)
 {
-    if (const auto text = get_text(object, name); text)
-        return *text;
-    if (const auto truth = get_boolean(object, name); truth)
-        return *truth;
-    if (const auto number = get_integer(object, name); number)
-        return static_cast<int>(*number);
-    if (const auto encoded = get_text(get_object(get_member(object, name)), BYTES); encoded) {
-        gsize length = 0;
-        g_autofree guchar *bytes = g_base64_decode(encoded->c_str(), &length);
-        return std::string(reinterpret_cast<const char *>(bytes), length);
-    }
-    return std::nullopt;
+    if (value.is_boolean())
+        return value.get<bool>();
+    if (value.is_number_integer())
+        return value.get<int>();
+    if (value.is_string())
+        return value.get<std::string>();
+    if (!value.is_object())
+        return std::nullopt;
+    gsize length = 0;
+    g_autofree guchar *bytes = g_base64_decode(value.value(BYTES, "").c_str(), &length);
+    return std::string(reinterpret_cast<const char *>(bytes), length);
 }
 
-static std::string read_text(JsonObject *object, const char *name)
+static SnapshotValue read_wanted(const Json &value)
 {
-    return get_text(object, name).value_or("");
+    if (value.is_boolean())
+        return value.get<bool>();
+    if (value.is_string())
+        return value.get<std::string>();
+    return value.is_array() ? SnapshotValue(value.get<std::vector<std::string>>()) : SnapshotValue();
 }
 
-template <class Read>
-static auto read_array(JsonObject *object, const char *name, Read read)
+static Change read_change(const Json &object)
 {
-    std::vector<decltype(read(object))> elements;
-    JsonArray *array = get_array(object, name);
-    for (guint i = 0; array != nullptr && i < json_array_get_length(array); i++)
-        elements.push_back(read(get_object(json_array_get_element(array, i))));
-    return elements;
-}
-
-static Change read_change(JsonObject *object)
-{
-    return {from_word<SettingPlace>(PLACES, object, "place"), read_text(object, "key"),
-            read_value(object, "before"), read_value(object, "after"),
+    return {from_word<SettingPlace>(PLACES, object, "place"), object.value("key", ""),
+            read_value(object.value("before", Json())), read_value(object.value("after", Json())),
             from_word<Change::Outcome>(OUTCOMES, object, "outcome")};
 }
 
-static ExchangeReport read_report(JsonObject *object)
+static ExchangeReport read_report(const Json &object)
 {
     ExchangeReport report;
-    report.operation = read_text(object, "operation");
-    report.result = from_word<ExchangeReport::Result>(RESULTS, object, "result");
-    report.reason = read_text(object, "reason");
-    report.backup = static_cast<BackupNumber>(get_integer(object, "backup").value_or(0));
-    report.storing = get_boolean(object, "storing").value_or(false);
-    report.stored = get_boolean(object, "stored").value_or(false);
-    report.records = read_array(object, "records", [](JsonObject *record) {
-        return CloudRecord{get_text(record, "key"), get_text(record, "date"), std::nullopt,
-                           get_boolean(record, "failed").value_or(false)};
-    });
-    report.snapshot = read_text(object, "snapshot");
-    report.settings = read_array(object, "settings", [](JsonObject *setting) {
-        return SettingReport{read_text(setting, "member"), read_value(setting, "before"),
-                             read_value(setting, "after")};
-    });
-    report.changes = read_array(object, "changes", read_change);
-    report.troubles = read_array(object, "troubles", [](JsonObject *trouble) {
-        return Trouble{from_word<Trouble::Kind>(KINDS, trouble, "kind"),
-                       from_word<SettingPlace>(PLACES, trouble, "place"), read_text(trouble, "reason")};
-    });
+    report.operation = object.value("operation", "");
+    report.result = from_word<Result>(RESULTS, object, "result");
+    report.reason = object.value("reason", "");
+    report.backup = object.value("backup", BackupNumber{0});
+    report.storing = object.value("storing", false);
+    report.stored = object.value("stored", false);
+    for (const Json &record : object.value("records", Json::array()))
+        report.records.push_back(
+            {record.value("key", ""), record.value("date", ""), std::nullopt, record.value("failed", false)});
+    for (const Json &setting : object.value("settings", Json::array()))
+        report.settings.push_back({setting.value("member", ""), read_value(setting.value("before", Json())),
+                                   read_wanted(setting.value("wanted", Json())),
+                                   read_value(setting.value("after", Json())), setting.value("why", "")});
+    for (const Json &change : object.value("changes", Json::array()))
+        report.changes.push_back(read_change(change));
     return report;
+}
+
+static void read_line(const Json &object, ExchangeReport &report)
+{
+    if (!object.contains("change")) {
+        report = read_report(object);
+        return;
+    }
+    const auto index = object["change"].get<size_t>();
+    if (index > report.changes.size())
+        throw HostError("it lacks a change");
+    report.changes.resize(std::max(report.changes.size(), index + 1));
+    report.changes[index] = read_change(object);
 }
 
 ExchangeReport decode_report(const std::string &text)
@@ -260,18 +282,11 @@ ExchangeReport decode_report(const std::string &text)
     ExchangeReport report;
     std::istringstream lines(text);
     // A line that does not end was being written when its process was killed.
-    for (std::string line; std::getline(lines, line) && !lines.eof();) {
-        g_autoptr(JsonNode) root = parse_json(line);
-        JsonObject *object = get_object(root);
-        if (const auto number = get_integer(object, "change"); number) {
-            const auto index = static_cast<size_t>(*number);
-            if (index > report.changes.size())
-                throw HostError("it lacks a change");
-            report.changes.resize(std::max(report.changes.size(), index + 1));
-            report.changes[index] = read_change(object);
-        } else {
-            report = read_report(object);
+    for (std::string line; std::getline(lines, line) && !lines.eof();)
+        try {
+            read_line(Json::parse(line), report);
+        } catch (const Json::exception &) {
+            throw HostError("it is no report, or damaged");
         }
-    }
     return report;
 }

@@ -5,13 +5,15 @@
 
 #include "account.h"
 #include "cloud_store.h"
-#include "record_file.h"
+#include "plan.h"
 
 /// What a restore came to for one setting.
 struct SettingReport {
-    std::string member; ///< of the snapshot, or the name of a list that decides what is restored
+    std::string member; ///< of the snapshot
     DeviceValue before;
+    SnapshotValue wanted; ///< by the last record that was applied
     DeviceValue after;
+    std::string why; ///< it is not as wanted, or not known to be; empty if it is
 };
 
 /// How an exchange went, for the cloud backup client that started it.
@@ -21,41 +23,39 @@ struct ExchangeReport {
         succeeded,
         failed,
         no_platform, ///< failed, since the device's platform isn't there
+        no_daemon,   ///< the same, for want of the SCIM daemon
+        no_keyboard, ///< the same, for want of an active input method
         no_backup,   ///< failed, since there is no such backup
-        damaged      ///< failed, since the backup is damaged
+        damaged,     ///< failed, since the backup is damaged
+        // The client's own:
+        interrupted,
+        timed_out
     };
 
     std::string operation; ///< "backup", "restore" or "info"
     Result result = Result::undecided;
-    std::string reason;      ///< of a failure, for a person
-    BackupNumber backup = 0; ///< that was made or restored, or holds the same settings; 0 if there is none
+    std::string reason;      ///< of a failure, for a person; or what is not known of a success
+    BackupNumber backup = 0; ///< that was made or restored; 0 if there is none
     bool storing = false;    ///< whether it began to store a backup
     bool stored = false;     ///< whether it did
     CloudRecords records;    ///< without their values
-    std::string snapshot;    ///< the last one that a backup took, or that a restore applied
     std::vector<SettingReport> settings; ///< of a restore
     std::vector<Change> changes;
-    std::vector<Trouble> troubles;
 };
 
-/// What the device held under a list before the restore; an empty text when that was no list.
-std::string list_before(const ExchangeReport &report, const SettingRow &row);
+/// The report of a restore that goes by this plan.
+ExchangeReport report_planned(const RestorePlan &plan, BackupNumber number, const CloudRecords &records);
 
-/// Names an open file that the report of an exchange goes to: the changes as they are made, then the whole.
-inline constexpr char REPORT_VARIABLE[] = "IME_BACKUP_REPORT";
+/// Throws the failure that a report tells of, as it was thrown in the exchange; nothing when it succeeded.
+void throw_failure(const ExchangeReport &report);
 
-/// Below the state root: the report of the last exchange that was not a trial.
-inline constexpr char LAST_REPORT[] = "last-exchange.json";
+/// Throws the reason why a device can't be backed up.
+[[noreturn]] void throw_obstacle(const Obstacle &obstacle);
 
-/// Below the state root: a report that a restore keeps as it goes, from when it begins to change the device.
-/// It begins undecided, with the settings as they were.
-inline constexpr char LAST_RESTORE[] = "last-restore.json";
-
-/// Below the state root: exchanges share their files, so one process at a time holds this lock.
-inline constexpr char EXCHANGE_LOCK[] = "exchange.lock";
-
-/// Names the backup that a restore takes, else it takes the newest.
-inline constexpr char RESTORE_VARIABLE[] = "IME_BACKUP_RESTORE";
+/// Reads a backup that is to be restored.
+///
+/// @throws DamagedError
+Backup read_for_restore(const CloudStore &store, BackupNumber number);
 
 /// The variable's value for an open file that a new process has under this number. It tells the file, too: a
 /// number alone could be that of a file which the process opened itself.
@@ -63,15 +63,6 @@ std::string name_report_file(int file, int number_in_process);
 
 /// The number of the file that the variable names, if this process was given one.
 std::optional<int> find_report_file();
-
-/// When it is "1", exchanges are trials: they tell what they would do, and neither store nor change anything.
-inline constexpr char TRIAL_VARIABLE[] = "IME_BACKUP_TRIAL";
-
-/// When it is "1", a backup is stored only if the newest one does not hold the same settings.
-inline constexpr char IF_CHANGED_VARIABLE[] = "IME_BACKUP_IF_CHANGED";
-
-/// Whether a variable that asks for something is "1".
-bool is_asked_for(const char *variable);
 
 /// A report as one line of JSON.
 std::string encode_report(const ExchangeReport &report);

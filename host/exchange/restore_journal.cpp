@@ -5,6 +5,7 @@
 
 #include <glib.h>
 
+#include "contact.h"
 #include "errors.h"
 #include "paths.h"
 

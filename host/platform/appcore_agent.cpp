@@ -9,6 +9,7 @@
 #include <optional>
 
 #include <gio/gio.h>
+#include <glib-unix.h>
 
 #include "errors.h"
 #include "files.h"
@@ -69,10 +70,12 @@ ServiceApp *running;
 
 } // namespace
 
-static void on_termination()
+static gboolean on_termination(int, GIOCondition, void *)
 {
+    running->signals->take();
     running->terminated = true;
     service_app_exit();
+    return G_SOURCE_CONTINUE;
 }
 
 static void on_startup(GApplication *application, ServiceApp *app)
@@ -234,14 +237,14 @@ static int run_on_bus(ServiceApp &app, int argc, char **argv, bool is_started_by
 int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, void *user_data)
 {
     prepare_process();
-    end_with_client();
     const bool is_started_by_bus = argc == 2 && strcmp(argv[1], STARTED_BY_BUS) == 0;
     if (argc > 1 && argv[1][0] == '-' && !is_started_by_bus)
         return answer_option(argv[1]);
 
     ServiceApp app{*callbacks, user_data};
     running = &app;
-    app.signals.emplace(on_termination); // before the name on the bus tells others that the service is there
+    app.signals.emplace(); // before the name on the bus tells others that the service is there
+    g_unix_fd_add(TerminationSignals::file(), G_IO_IN, on_termination, nullptr);
     const int status = is_started_by_bus || has_session_bus() ? run_on_bus(app, argc, argv, is_started_by_bus)
                                                               : run_alone(app, argc > 1 ? argv[1] : nullptr);
     running = nullptr;

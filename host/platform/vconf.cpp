@@ -4,9 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <set>
-#include <vector>
 
 #include <glib.h>
 
@@ -15,7 +13,6 @@
 #include "settings_store.h"
 
 struct vconf_keynode {
-    std::string key;
     DeviceValue value;
     bool added; ///< rather than fetched from the store
 };
@@ -36,102 +33,11 @@ static constexpr int FAILED = -1;
 
 static constexpr SettingPlace PLACE = SettingPlace::settings_store;
 
-namespace
-{
-
-/// The store as one account has it: what a trial stored goes with the account.
-struct StoreOfAccount {
-    /// Opened when it is first needed.
-    std::optional<SettingsStore> store;
-
-    /// Why it can no longer be read, or written. Who could not read does not overwrite.
-    std::optional<PlatformError> unreadable;
-    std::optional<PlatformError> unwritable;
-};
-
-} // namespace
-
-static SettingsStore &open_store(StoreOfAccount &kept)
-{
-    if (!kept.store)
-        kept.store.emplace(account().is_trial() ? Account::Kind::trial : Account::Kind::real,
-                           account().is_started() ? SettingsStore::Durability::later
-                                                  : SettingsStore::Durability::at_once);
-    return *kept.store;
-}
-
-/// Reads the store. The first failure is the last attempt: another would wait as long.
+/// Does what the C interface asks for; a store that can't be used goes to the account.
 template <class Work>
-static auto read_store(Work work)
+static int with_store(Work work)
 {
-    const std::shared_ptr<StoreOfAccount> kept = share_in_account<StoreOfAccount>();
-    if (kept->unreadable)
-        throw PlatformError(*kept->unreadable);
-    try {
-        return work(static_cast<const SettingsStore &>(open_store(*kept)));
-    } catch (const PlatformError &error) {
-        kept->unreadable = kept->unwritable = error;
-        throw;
-    }
-}
-
-template <class Work>
-static void write_store(Work work)
-{
-    const std::shared_ptr<StoreOfAccount> kept = share_in_account<StoreOfAccount>();
-    if (kept->unwritable)
-        throw PlatformError(*kept->unwritable);
-    try {
-        work(open_store(*kept));
-    } catch (const PlatformError &error) {
-        kept->unwritable = error;
-        throw;
-    }
-}
-
-/// Stores values, on the account.
-static void set_values(const Settings &settings)
-{
-    for (const auto &[key, value] : settings)
-        account().note(Use::writing, PLACE, key);
-    bool is_begun = false;
-    std::vector<size_t> changes;
-    const auto end_changes = [&](Change::Outcome outcome) {
-        for (const size_t change : changes)
-            account().end(change, outcome);
-    };
-    try {
-        write_store([&](SettingsStore &store) {
-            store.set(settings, [&](const auto &key, const auto &before, const auto &after) {
-                is_begun = true;
-                changes.push_back(account().begin({PLACE, key, before, after}));
-            });
-        });
-        end_changes(Change::Outcome::made);
-    } catch (const PlatformError &) {
-        if (!is_begun)
-            for (const auto &[key, value] : settings)
-                account().refuse({PLACE, key, {}, value});
-        end_changes(Change::Outcome::refused);
-        throw;
-    }
-}
-
-static void note(Trouble::Kind kind, const std::string &reason)
-{
-    account().note({kind, PLACE, reason});
-}
-
-/// Does what the C interface asks for; a failure goes to the account.
-template <class Work>
-static int with_account(Work work)
-{
-    try {
-        return work();
-    } catch (const PlatformError &error) {
-        note(Trouble::Kind::unusable, error.what());
-        return FAILED;
-    }
+    return with_account(PLACE, FAILED, [&] { return work(*SettingsStore::open()); });
 }
 
 static bool is_key(const char *key)
@@ -139,24 +45,20 @@ static bool is_key(const char *key)
     return key != nullptr && *key != '\0' && g_utf8_validate(key, -1, nullptr) != FALSE;
 }
 
-/// The value of a key, if it has this type.
+/// The value, if it has this type.
 template <class Type>
-static const Type *value_as(const std::string &key, const DeviceValue &value)
+static const Type *value_as(const DeviceValue &value)
 {
-    const Type *typed = value ? std::get_if<Type>(&*value) : nullptr;
-    if (value && typed == nullptr)
-        note(Trouble::Kind::unfit, "the settings store holds a value of another type under " + key);
-    return typed;
+    return value ? std::get_if<Type>(&*value) : nullptr;
 }
 
 int vconf_get_bool(const char *key, int *value)
 {
     if (!is_key(key) || value == nullptr)
         return FAILED;
-    account().note(Use::reading, PLACE, key);
-    return with_account([&] {
-        const DeviceValue stored = read_store([&](const SettingsStore &store) { return store.get(key); });
-        const bool *truth = value_as<bool>(key, stored);
+    return with_store([&](SettingsStore &store) {
+        const DeviceValue stored = store.get(key);
+        const bool *truth = value_as<bool>(stored);
         if (truth == nullptr)
             return FAILED;
         *value = *truth ? 1 : 0;
@@ -164,25 +66,27 @@ int vconf_get_bool(const char *key, int *value)
     });
 }
 
-int vconf_set_bool(const char *key, int value)
+static int set_values(const Settings &settings)
 {
-    if (!is_key(key))
-        return FAILED;
-    return with_account([&] {
-        set_values({{key, value != 0}});
+    return with_store([&](SettingsStore &store) {
+        store.set(settings);
         return DONE;
     });
+}
+
+int vconf_set_bool(const char *key, int value)
+{
+    return is_key(key) ? set_values({{key, value != 0}}) : FAILED;
 }
 
 char *vconf_get_str(const char *key)
 {
     if (!is_key(key))
         return nullptr;
-    account().note(Use::reading, PLACE, key);
     char *value = nullptr;
-    with_account([&] {
-        const DeviceValue stored = read_store([&](const SettingsStore &store) { return store.get(key); });
-        if (const auto *text = value_as<std::string>(key, stored); text != nullptr)
+    with_store([&](SettingsStore &store) {
+        const DeviceValue stored = store.get(key);
+        if (const auto *text = value_as<std::string>(stored); text != nullptr)
             value = strdup(text->c_str());
         return DONE;
     });
@@ -191,6 +95,7 @@ char *vconf_get_str(const char *key)
 
 vconf_keylist_handle vconf_keylist_new(void)
 {
+    account().note_call(PLACE);
     return *lists().insert(new vconf_keylist).first;
 }
 
@@ -198,12 +103,10 @@ int vconf_get(vconf_keylist_handle list, const char *directory, int option)
 {
     if (!lists().contains(list) || !is_key(directory) || option != VCONF_GET_KEYS)
         return FAILED;
-    return with_account([&] {
-        const Settings found = read_store([&](const SettingsStore &store) { return store.below(directory); });
+    return with_store([&](SettingsStore &store) {
+        const Settings found = store.below(directory);
         for (const auto &[key, value] : found)
-            list->nodes.insert_or_assign(key, vconf_keynode{key, value, false});
-        if (!found.contains(directory)) // else it is read with its node
-            account().note(Use::reading, PLACE, directory);
+            list->nodes.insert_or_assign(key, vconf_keynode{value, false});
         return found.empty() ? FAILED : DONE;
     });
 }
@@ -223,8 +126,7 @@ char *vconf_keynode_get_str(vconf_keynode_handle node)
 {
     if (node == nullptr)
         return nullptr;
-    account().note(Use::reading, PLACE, node->key);
-    const auto *text = value_as<std::string>(node->key, node->value);
+    const auto *text = value_as<std::string>(node->value);
     return text == nullptr ? nullptr : const_cast<char *>(text->c_str());
 }
 
@@ -233,7 +135,7 @@ int vconf_keylist_add_str(vconf_keylist_handle list, const char *key, const char
     if (!lists().contains(list) || !is_key(key) || value == nullptr ||
         g_utf8_validate(value, -1, nullptr) == FALSE)
         return FAILED;
-    list->nodes.insert_or_assign(key, vconf_keynode{key, value, true});
+    list->nodes.insert_or_assign(key, vconf_keynode{value, true});
     return DONE;
 }
 
@@ -246,10 +148,7 @@ int vconf_set(vconf_keylist_handle list)
     for (const auto &[key, node] : list->nodes)
         if (node.added)
             added.emplace(key, node.value);
-    return with_account([&] {
-        set_values(added);
-        return DONE;
-    });
+    return set_values(added);
 }
 
 int vconf_keylist_free(vconf_keylist_handle list)
@@ -259,36 +158,3 @@ int vconf_keylist_free(vconf_keylist_handle list)
     delete list;
     return DONE;
 }
-
-// What looks at all places of the device alike.
-
-static std::vector<DeviceValue> read_rows(const std::vector<SettingRow> &rows)
-{
-    return read_store([&](const SettingsStore &store) {
-        std::vector<DeviceValue> values;
-        for (const SettingRow &row : rows)
-            values.push_back(store.get(row.key));
-        return values;
-    });
-}
-
-static void write_row(const SettingRow &row, const DeviceValue &value)
-{
-    if (value && std::holds_alternative<int>(*value))
-        throw ValueError(std::string("the settings store keeps no number under ") + row.key);
-    write_store([&](SettingsStore &store) { store.set({{row.key, value}}, [](const auto &...) {}); });
-}
-
-static void require_writable()
-{
-    write_store([](SettingsStore &store) { store.require_writable(); });
-}
-
-static void make_durable()
-{
-    if (share_in_account<StoreOfAccount>()->store) // else nothing was written
-        write_store([](SettingsStore &store) { store.make_durable(); });
-}
-
-[[maybe_unused]] static const bool registered =
-    register_place(PLACE, {read_rows, write_row, require_writable, make_durable});

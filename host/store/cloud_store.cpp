@@ -4,9 +4,21 @@
 
 #include <glib.h>
 
+#include "contact.h"
 #include "folder_store.h"
 #include "paths.h"
 #include "rclone_store.h"
+#include "snapshot.h"
+
+std::string snapshot_in(const CloudRecords &records)
+{
+    if (records.empty())
+        throw DamagedError("it holds no record");
+    for (const CloudRecord &record : records)
+        if (const auto snapshot = read_snapshot(record.value.value_or("")); !snapshot || !snapshot->is_object)
+            throw DamagedError("record \"" + record.key.value_or("") + "\" holds no snapshot");
+    return *records.back().value;
+}
 
 static constexpr char BACKUP_PREFIX[] = "backup-";
 static constexpr char BACKUP_SUFFIX[] = ".json";

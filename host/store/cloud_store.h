@@ -34,12 +34,10 @@ struct Backup {
     CloudRecords records;
 };
 
-/// Names the place of the store: a folder, or "rclone:REMOTE:PATH".
-inline constexpr char STORE_VARIABLE[] = "IME_BACKUP_CLOUD_STORE";
-
-/// Seconds that whoever started this process waits for it. A remote store that is silent has failed before
-/// that.
-inline constexpr char STORE_TIMEOUT_VARIABLE[] = "IME_BACKUP_STORE_TIMEOUT";
+/// The snapshot that a restore of these records leaves in force: that of the last one.
+///
+/// @throws DamagedError when a record holds none
+std::string snapshot_in(const CloudRecords &records);
 
 /// The host's cloud: a place with backups in it. Each is a record file that is never changed, under a number
 /// of its own, which no other backup gets once it is deleted. A place that isn't there holds none.

@@ -1,9 +1,15 @@
 #include "record_file.h"
 
+#include <dlfcn.h>
+
 #include <glib.h>
+#include <nlohmann/json.hpp>
 
 #include "errors.h"
-#include "json.h"
+#include "service_parser.h"
+#include "snapshot.h"
+
+using Json = nlohmann::json;
 
 static constexpr int VERSION = 1;
 
@@ -18,26 +24,18 @@ static constexpr char TAIL[] = "}";
 
 static constexpr char CHANGED[] = "it has been changed since it was written, or is cut short";
 
-static JsonNode *make_text(const std::optional<std::string> &text)
+static std::string encode_text(const std::optional<std::string> &text)
 {
-    return text ? json_node_init_string(json_node_alloc(), text->c_str())
-                : json_node_init_null(json_node_alloc());
+    return text ? Json(*text).dump(-1, ' ', false, Json::error_handler_t::replace) : "null";
 }
 
 static std::string encode_records(const CloudRecords &records)
 {
-    JsonArray *array = json_array_new();
-    for (const CloudRecord &record : records) {
-        JsonObject *element = json_object_new();
-        json_object_set_member(element, "key", make_text(record.key));
-        json_object_set_member(element, "date", make_text(record.date));
-        json_object_set_member(element, "value", make_text(record.value));
-        json_array_add_object_element(array, element);
-    }
-    g_autoptr(JsonNode) node = json_node_init_array(json_node_alloc(), nullptr);
-    json_node_take_array(node, array);
-    g_autofree gchar *text = json_to_string(node, FALSE);
-    return text;
+    std::string text;
+    for (const CloudRecord &record : records)
+        text += (text.empty() ? "" : ",") + ("{\"key\":" + encode_text(record.key)) +
+                ",\"date\":" + encode_text(record.date) + ",\"value\":" + encode_text(record.value) + "}";
+    return "[" + text + "]";
 }
 
 static std::string checksum_of(const std::string &text)
@@ -56,12 +54,8 @@ bool is_record_file(const std::string &content)
 {
     if (content.starts_with(HEAD))
         return true;
-    try { // it may have been written anew, with spaces in between
-        g_autoptr(JsonNode) root = parse_json(content);
-        return get_text(get_object(root), "format") == FORMAT;
-    } catch (const HostError &) {
-        return false;
-    }
+    const Json root = Json::parse(content, nullptr, false); // it may have been written anew, with spaces between
+    return root.is_object() && root.value("format", Json()) == FORMAT;
 }
 
 std::string encode_record_file(const CloudRecords &records)
@@ -93,18 +87,40 @@ static std::string check(const std::string &content)
     return text;
 }
 
+static std::optional<std::string> read_text(const Json &element, const char *name)
+{
+    const auto found = element.is_object() ? element.find(name) : element.end();
+    return found != element.end() && found->is_string() ? std::optional(found->get<std::string>())
+                                                        : std::nullopt;
+}
+
+bool is_read_alike(const std::string &value)
+{
+    if (read_snapshot(value))
+        return true;
+    static auto *const parser = [] {
+        void *library = dlopen("libime-backup-service-parser.so", RTLD_NOW);
+        auto *found = library == nullptr ? nullptr : dlsym(library, "service_reads");
+        return reinterpret_cast<decltype(service_reads) *>(found);
+    }();
+    return value.find('\0') == std::string::npos && parser != nullptr && !parser(value.c_str());
+}
+
 CloudRecords decode_record_file(const std::string &content)
 {
-    g_autoptr(JsonNode) root = parse_json(check(content));
-    if (!JSON_NODE_HOLDS_ARRAY(root))
+    const Json elements = Json::parse(check(content), nullptr, false);
+    if (!elements.is_array())
         throw HostError("it holds no records");
     CloudRecords records;
-    for (guint i = 0; i < json_array_get_length(json_node_get_array(root)); i++) {
-        JsonObject *element = get_object(json_array_get_element(json_node_get_array(root), i));
-        records.push_back({get_text(element, "key"), get_text(element, "date"), get_text(element, "value")});
-        // The service will parse it in its turn.
-        if (is_nested_too_deeply(records.back().value.value_or("")))
-            throw HostError("it holds a record that is nested too deeply");
+    for (const Json &element : elements) {
+        records.push_back(
+            {read_text(element, "key"), read_text(element, "date"), read_text(element, "value")});
+        const CloudRecord &record = records.back();
+        if (record.value && !is_read_alike(*record.value))
+            throw HostError("it holds a record that parsers read in different ways");
+        for (const auto &text : {record.key, record.date})
+            if (text && text->find('\0') != std::string::npos)
+                throw HostError("it holds a key or a date with NUL in it");
     }
     return records;
 }

@@ -5,7 +5,6 @@ A device as it comes is not backed up: it has no active input method. Nothing is
   $ ime-backupctl backup
   ime-backupctl: no input method is active
   One is chosen with: ime-backupctl settings set default_keyboard IDENTIFIER
-  The service's log is WORK/state/service.log
   [3]
   $ ime-backupctl list
   ime-backupctl: there is no backup yet: WORK/state/cloud is made by the first one
@@ -106,16 +105,14 @@ Of several records, those that can be are applied, in their order.
   setting           before  after
   default_keyboard  kbd3    kbd6d
   ime-backupctl: not restored: record "b", "c"
-  The service's log is WORK/state/service.log
   $ put_backup 7 "$(record 0 1 'no JSON')"
   $ restore
   record 0  failed
   ime-backupctl: not restored: record "0"
-  The service's log is WORK/state/service.log
   [1]
   $ put_backup 8
   $ echo restore | try_each
-  1 ime-backupctl: the service could not read the records of backup 8
+  1 ime-backupctl: backup 8 holds no record
   $ ime-backupctl list
   id  time  age  keyboard                              languages
   1   DAY TIME  AGE  0f1e2d3c-4b5a-69c8-87d6-a5b4c3d2e1f0  en_US,ko_KR
@@ -134,4 +131,3 @@ A keyboard that the device refuses, whatever else it takes.
   default_keyboard  kbd6d   kbd6d  it could not be written
   prediction        false   true
   ime-backupctl: not restored: default_keyboard; no input method can have this identifier
-  The service's log is WORK/state/service.log

@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "contact.h"
 #include "files.h"
 #include "host.h"
 #include "orvanta_cloud_operations.h"

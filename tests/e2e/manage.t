@@ -33,10 +33,10 @@ A backup that would hold what the newest holds already can be left out; nothing 
   $ ime-backupctl diff; ime-backupctl backup --if-changed --json
   backup 1 and the device hold the same settings
   {
-    "succeeded" : true,
-    "reason" : "",
-    "backup" : 1,
-    "stored" : false
+    "succeeded": true,
+    "reason": "",
+    "backup": 1,
+    "stored": false
   }
   $ ime-backupctl settings set auto_space off
   $ ime-backupctl diff
@@ -166,20 +166,14 @@ Out of the store and into it: a backup, a bare snapshot, whatever is odd about i
   auto_punctuation  (not set)
   key_tap_sound     (not set)
   key_tap_vib       (not set)
-  $ for text in "{'mood':1}" '{}{}' $'\xef\xbb\xbf{}' '{"a":1,/**/"b":.5}'; do
-  >     echo "$text" | ime-backupctl import - >/dev/null 2>&1; ime-backupctl show --json | python3 -c 'import json, sys; print(json.load(sys.stdin))'
-  > done
-  {'mood': 1}
-  {}
-  {}
-  {'a': 1, 'b': 0.5}
-  $ python3 -m json.tool file >pretty; head -c -9 file >cut; printf '{"a":"\xff"}' >latin; echo '{"a":"\377"}' >octal; echo '{"a":04444444444444444444444E4444}' >infinite; echo '[1]' >array; truncate -s 17M large
-  $ printf 'import %s\n' cut pretty latin octal infinite array large . nowhere file/file | try_each
+  $ python3 -m json.tool file >pretty; head -c -9 file >cut; printf '{"a":"\xff"}' >latin; echo '{"a":"\377"}' >octal; echo '{"a":1,/**/"b":.5}' >comment; echo '{}{}' >two; echo '[1]' >array; truncate -s 17M large
+  $ printf 'import %s\n' cut pretty latin octal comment two array large . nowhere file/file | try_each
   5 ime-backupctl: cut can't be imported: it is cut short
   5 ime-backupctl: pretty can't be imported: it has been changed since it was written, or is cut short
   1 ime-backupctl: latin can't be imported: it is no UTF-8 text
-  1 ime-backupctl: octal can't be imported: it is no strict JSON, and can't be made that
-  1 ime-backupctl: infinite can't be imported: it is no strict JSON, and can't be made that
+  5 ime-backupctl: octal can't be imported: parsers read it in different ways: it is no strict JSON
+  5 ime-backupctl: comment can't be imported: parsers read it in different ways: it is no strict JSON
+  5 ime-backupctl: two can't be imported: parsers read it in different ways: it is no strict JSON
   1 ime-backupctl: array can't be imported: it is neither a backup nor a snapshot: it is no JSON object
   1 ime-backupctl: large can't be imported: it is larger than 16777216 bytes
   1 ime-backupctl: . can't be imported: it can't be read: Is a directory
@@ -199,6 +193,6 @@ Out of the store and into it: a backup, a bare snapshot, whatever is odd about i
   5 ime-backupctl: backup 40 is damaged: record "0" holds no snapshot
   $ mkdir $cloud/backup-000099.json; ime-backupctl prune --keep 0 | tail -n 3
   ime-backupctl: can't remove WORK/state/cloud/backup-000099.json: Is a directory
-  backup 45  deleted
-  backup 46  deleted
-  backup 47  deleted
+  backup 41  deleted
+  backup 42  deleted
+  backup 43  deleted

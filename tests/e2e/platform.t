@@ -15,7 +15,6 @@ A daemon that does not answer: waited for no longer than SCIM says, in milliseco
   $ ime-backupctl backup
   ime-backupctl: the SCIM daemon (at local:WORK/scim/socket) does not answer
   A SCIM daemon is started with: SCIM_LAUNCHER -d -c simple -e none -f socket
-  The service's log is WORK/state/service.log
   [3]
   $ all_commands | try_each
   3 ime-backupctl: the SCIM daemon (at local:WORK/scim/socket) does not answer
@@ -32,8 +31,8 @@ A daemon that does not answer: waited for no longer than SCIM says, in milliseco
   $ echo info | try_each
   0 
   $ $service $operation/backup 2>&1 | tidy | tail -n 4
-  TIME E IME_BACKUP PID: ime_backup_service_json_writer.cpp: _ime_backup_get_json_value(LINE) > * Critical * Failed to create Config instance from socket Config module.
-  TIME E IME_BACKUP PID: ime_backup_service.cpp: __backup_record_cb(LINE) > * Critical * _ime_backup_get_json_value() failed
+  TIME I IME_BACKUP PID: ime_backup_service.cpp: __backup_prepare_cb(LINE) > * Info * ==== __backup_prepare_cb ====
+  TIME I IME_BACKUP PID: ime_backup_service.cpp: __backup_get_keys_dates_cb(LINE) > * Info * ==== __backup_get_keys_dates_cb ====
   liborvanta-cloud-svc: backup failed: the SCIM daemon (at local:WORK/scim/socket) isn't running
   TIME E IME_BACKUP PID: ime_backup_service.cpp: __backup_completed_cb(LINE) > * Critical * __backup_completed_cb() failed.
   $ ime-backupctl list
@@ -61,7 +60,7 @@ A settings store that is damaged, none, or of a later version: no backup of defa
   ime-backupctl: the settings store holds a value of another type under db/ise/hand_write
   3 0 0 0
   $ change 'DROP TABLE settings; CREATE TABLE settings (name, text)'
-  no such column: key
+  no such column: type
   3 3 3 3
   $ change 'PRAGMA user_version = 2'
   it was made by a later version

@@ -167,4 +167,4 @@ What only looks makes nothing, and tells what is in the way.
   cloud store      NOT FINE  can't write in HERE/fresh/cloud. Set IME_BACKUP_CLOUD_STORE to a place that you can write in
   last exchange    NOT FINE  can't open HERE/fresh/exchange.lock: Is a directory. Move it away
   $ rmdir fresh/exchange.lock; ime-backupctl status | tail -n 1
-  last exchange    NOT FINE  HERE/fresh/last-exchange.json can't be read: it is empty. The next exchange makes it anew
+  last exchange    NOT FINE  HERE/fresh/last-exchange.json can't be read: it is no report, or damaged. The next exchange makes it anew

@@ -78,4 +78,4 @@ Without anyone to read the trace, the exchange goes on to its end.
   1
   backup 2  DAY TIME
   ime-backupctl: can't write to standard output: some of it is lost
-  $ ime-backupctl -q trace restore --dry-run
+  $ ime-backupctl -q trace info

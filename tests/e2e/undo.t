@@ -92,7 +92,7 @@ An account that can't be read, and a place that can't be written: nothing is cha
 
   $ sed 's/"key"/"kay"/; s/:/;/g' kept >$IME_BACKUP_HOST_DIR/last-restore.json
   $ echo undo | try_each
-  1 ime-backupctl: what the last restore changed can't be read from WORK/state/last-restore.json: <data>:1:12: Parse error: unexpected string constant "operation", expected character `:'; move it away once you have looked at it
+  1 ime-backupctl: what the last restore changed can't be read from WORK/state/last-restore.json: it is no report, or damaged; move it away once you have looked at it
   $ cp kept $IME_BACKUP_HOST_DIR/last-restore.json
   $ stop_scim
   $ echo undo | try_each

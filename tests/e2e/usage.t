@@ -36,9 +36,19 @@ What is asked for makes no sense, or can't be used; the service is not launched.
   > trace
   > trace backup --fail vconf_get_bol
   > trace info --fail vconf_get#0
+  > trace info --fail vconf_get=0x1
+  > settings set
+  > export 1
+  > info --timeout
+  > list --store --json
+  > list --json=1
+  > prune --keep 1 --keep=2
+  > list --timeot=5
+  > list -qx
+  > list -- --json
   > END
   2 ime-backupctl: there is no command "backdown"
-  2 ime-backupctl: there is no place for the argument "1"
+  2 ime-backupctl: unexpected argument "1"
   2 ime-backupctl: there is no option "--verbos"; did you mean --verbose?
   2 ime-backupctl: ID: it is empty
   2 ime-backupctl: prediction lacks a value
@@ -67,12 +77,23 @@ What is asked for makes no sense, or can't be used; the service is not launched.
   2 ime-backupctl: trace lacks what it is to show: backup, restore or info
   2 ime-backupctl: --fail: there is no function "vconf_get_bol"; did you mean vconf_get_bool?
   2 ime-backupctl: --fail: not FUNCTION, FUNCTION#N, FUNCTION=CODE or FUNCTION#N=CODE: vconf_get#0
+  2 ime-backupctl: --fail: not FUNCTION, FUNCTION#N, FUNCTION=CODE or FUNCTION#N=CODE: vconf_get=0x1
+  2 ime-backupctl: NAME VALUE is required
+  2 ime-backupctl: FILE is required
+  2 ime-backupctl: --timeout lacks a value
+  2 ime-backupctl: --store lacks a value
+  2 ime-backupctl: --json takes no value
+  2 ime-backupctl: --keep is given twice
+  2 ime-backupctl: there is no option "--timeot"; did you mean --timeout?
+  2 ime-backupctl: there is no option "-qx"
+  2 ime-backupctl: unexpected argument "--json"
   $ for seconds in 0 0.09 -1 +5 1e3 0x10 NaN inf 86401 '' ' 5' 5s 0.0001; do
   >     echo "--timeout '$seconds' info" | try_each
   > done | sort -u | sed 's/: [^:]*$//' | uniq -c
        13 2 ime-backupctl: --timeout: not between 0.1 and 86400 seconds
   $ test -e $IME_BACKUP_HOST_DIR
   [1]
+  $ ime-backupctl -qv info --timeout=5.5 2>/dev/null
   $ ime-backupctl info --timeout 5.5
   record 0  DAY TIME
   $ try_each <<'END'
@@ -80,16 +101,17 @@ What is asked for makes no sense, or can't be used; the service is not launched.
   > --service false info
   > restore
   > END
-  3 ime-backupctl: can't start the service: Failed to spawn child process \xe2\x80\x9c/nonexistent\xe2\x80\x9d (No such file or directory) (esc)
+  3 ime-backupctl: can't start the service /nonexistent: No such file or directory
   1 ime-backupctl: the service gave no result of an exchange (exit status 1); nothing on the device had been changed by then
   4 ime-backupctl: there is no backup yet in WORK/state/cloud
   $ ime-backupctl settings set default_keyboard kbd
   $ ime-backupctl backup
   backup 1  DAY TIME
-  $ for id in 0 -1 x 18446744073709551617; do echo "show $id" | try_each; done
+  $ for id in 0 -1 x '[1,2]' 18446744073709551617; do echo "show $id" | try_each; done
   4 ime-backupctl: there is no backup 0
   4 ime-backupctl: there is no backup -1
   4 ime-backupctl: there is no backup x
+  4 ime-backupctl: there is no backup [1,2]
   4 ime-backupctl: there is no backup 18446744073709551617
 
 Help and versions. Each command's help is at most 80 columns wide and has an example that a person can type.
@@ -176,6 +198,8 @@ Completion offers what may stand there: commands, options, settings and their va
   > settings ''
   > trace ''
   > trace restore --fail vconf_keyn
+  > list --store ''
+  > prune --keep ''
   > settings set pre
   > settings set prediction ''
   > settings set prediction true key_tap_s
@@ -194,6 +218,8 @@ Completion offers what may stand there: commands, options, settings and their va
   get set unset
   backup restore info
   vconf_keynode_get_str
+  
+  
   prediction
   true false
   key_tap_sound
@@ -211,7 +237,7 @@ The manuals are without fault, and tell of each member that a script gets.
   > done
   $ for command in backup 'restore --dry-run' undo list diff info status 'prune --keep 9'; do
   >     ime-backupctl $command --json
-  > done | sed -En 's/^ *"([a-z]+)" :.*/\1/p' | sort -u | while read -r member; do
+  > done | sed -En 's/^ *"([a-z]+)":.*/\1/p' | sort -u | while read -r member; do
   >     grep -qw -- "$member" <(man -l $manual | sed -n '/^JSON/,/^[EF]/p') || echo "$member is not in the manual"
   > done
   $ grep -o 'http[^"]*' $SOURCE/platform/include/orvanta_cloud_operations.h | while read -r operation; do

@@ -2,10 +2,13 @@
 
 #include <fcntl.h>
 #include <regex>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <gtest/gtest.h>
 
+#include "child.h"
 #include "dlog.h"
 #include "errors.h"
 #include "files.h"
@@ -69,6 +72,82 @@ TEST(Log, OneMessageIsOneLine)
         EXPECT_EQ(match[1], std::string(1, test.letter));
         EXPECT_EQ(match.suffix(), std::string(test.written) + "\n");
     }
+}
+
+Child shell(const std::string &script)
+{
+    return {.program = "sh", .arguments = {"-c", script}};
+}
+
+volatile std::sig_atomic_t signals_learnt_of;
+
+void learn_of_signal(int)
+{
+    signals_learnt_of = signals_learnt_of + 1;
+}
+
+TEST(Child, IsStoppedAndWaitedFor)
+{
+    static constexpr gint64 LONG_US = 20'000'000;
+    const struct {
+        const char *script;
+        gint64 microseconds;
+        int exit_status;
+        int signal; ///< that ended it
+        Stop stopped;
+        int learnt_of; ///< signals that reach their handler afterwards
+    } cases[] = {
+        {"exit 7", LONG_US, 7, 0, Stop::none, 0},
+        {"kill -HUP $$", LONG_US, 0, SIGHUP, Stop::none, 0},
+        {"kill -PIPE $$", LONG_US, 0, SIGPIPE, Stop::none, 0},
+        {"exec sleep 20", 100'000, 0, SIGTERM, Stop::timed_out, 0},
+        {"trap 'exit 3' TERM; while :; do sleep 0.01; done", 100'000, 3, 0, Stop::timed_out, 0},
+        {"trap '' TERM; exec sleep 20", 100'000, 0, SIGKILL, Stop::timed_out, 0},
+        {"kill -TERM $PPID; exec sleep 20", LONG_US, 0, SIGTERM, Stop::interrupted, 1},
+        {"kill -INT $PPID; exec sleep 20", LONG_US, 0, SIGTERM, Stop::interrupted, 1},
+        {"trap '' TERM; kill -INT $PPID; sleep 0.2; kill -INT $PPID; exec sleep 20", LONG_US, 0, SIGKILL,
+         Stop::interrupted, 1},
+    };
+    const auto ignored = std::signal(SIGPIPE, SIG_IGN);
+    const auto before = std::signal(SIGTERM, learn_of_signal);
+    for (const auto &test : cases) {
+        SCOPED_TRACE(test.script);
+        signals_learnt_of = 0;
+        Child child = shell(test.script);
+        child.microseconds = test.microseconds;
+        const ChildEnd end = run_child(child);
+        EXPECT_EQ(end.error, 0);
+        EXPECT_EQ(WIFSIGNALED(end.status) ? WTERMSIG(end.status) : 0, test.signal);
+        EXPECT_EQ(WIFEXITED(end.status) ? WEXITSTATUS(end.status) : 0, test.exit_status);
+        EXPECT_EQ(end.stopped, test.stopped);
+        EXPECT_EQ(signals_learnt_of, test.learnt_of);
+    }
+    EXPECT_EQ(std::signal(SIGTERM, before), learn_of_signal);
+    std::signal(SIGPIPE, ignored);
+
+    EXPECT_EQ(run_child({.program = "/dev/null/none"}).error, ENOTDIR);
+    EXPECT_EQ(run_child({.program = "there-is-no-such-program"}).error, ENOENT);
+}
+
+TEST(Child, HasWhatItIsGivenAndNothingElse)
+{
+    const Descriptor one(memfd_create("one", 0));
+    const Descriptor two(memfd_create("two", 0));
+    ASSERT_TRUE(write_at(one, 0, "1") && write_at(two, 0, "2"));
+    const std::string file = "/proc/self/fd/";
+    Child child =
+        shell("cat " + file + std::to_string(one.get()) + " " + file + "9; echo \"${HOME-none}$A\"; " +
+              "test ! -e " + file + std::to_string(two.get()) + " && head -c 100000 /dev/zero");
+    child.files = {{one.get(), two.get()}, {9, one.get()}};
+    child.environment.erase("HOME");
+    child.environment["A"] = "=b";
+    std::string output;
+    child.output = STDOUT_FILENO;
+    child.on_output = [&output](std::string_view text) { output += text; };
+    EXPECT_EQ(run_child(child).status, 0);
+    const size_t zeros = output.find('\0');
+    EXPECT_EQ(output.size() - zeros, 100'000U);
+    EXPECT_EQ(output.substr(0, zeros), "21none=b\n");
 }
 
 TEST(Files, AreReplacedWhole)

@@ -1,0 +1,307 @@
+// The commands that look at the store of backups, or change it.
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <iterator>
+#include <unistd.h>
+
+#include <glib.h>
+
+#include "backups.h"
+#include "commands.h"
+#include "files.h"
+#include "import.h"
+#include "setting.h"
+#include "snapshot.h"
+#include "text.h"
+
+namespace fs = std::filesystem;
+
+[[noreturn]] static void refuse_missing(const CloudStore &store)
+{
+    throw PlatformError("there is no cloud store " + store.location() +
+                        "; \"ime-backupctl backup\" makes it");
+}
+
+/// All backups of a store. What isn't one though it is named so is told on standard error, and a store that
+/// isn't there, too.
+static std::vector<BackupNumber> list_backups(const CloudStore &store)
+{
+    const CloudStore::Listing listing = store.list();
+    if (!listing.is_there) {
+        if (store.is_chosen())
+            refuse_missing(store);
+        fprintf(stderr, "ime-backupctl: there is no backup yet: %s is made by the first one\n",
+                escaped(store.location()).c_str());
+        return {};
+    }
+    for (const std::string &name : listing.left_out)
+        fprintf(stderr, "ime-backupctl: %s is left out: no backup has this number\n", escaped(name).c_str());
+    return listing.numbers;
+}
+
+/// The backups that a person named, each once.
+static std::vector<BackupNumber> find_backups(const CloudStore &store, const std::vector<BackupNumber> &known,
+                                              const std::vector<std::string> &ids)
+{
+    std::vector<BackupNumber> numbers;
+    for (const std::string &id : ids)
+        numbers.push_back(store.find(id, known));
+    std::sort(numbers.begin(), numbers.end());
+    numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
+    return numbers;
+}
+
+void run_list(Cli &cli)
+{
+    const auto store = open_store(cli.service.timeout_seconds);
+    cli.document.set(inspect(*store, list_backups(*store)).table);
+}
+
+void run_show(Cli &cli)
+{
+    const auto store = open_store(cli.service.timeout_seconds);
+    const std::string text = snapshot_in(read_whole(*store, store->find(cli.argument())).records);
+    const SnapshotValues values = read_snapshot(text)->values;
+    Table table{{{"name", ""}, {"value", ""}}, {}};
+    for (const SettingRow &row : SETTINGS)
+        table.rows.push_back({row.member, cell_of(row, device_value(row, values[index_of(row)]))});
+    cli.document.set(table);
+    cli.document.set_json(text);
+}
+
+void run_verify(Cli &cli)
+{
+    const auto store = open_store(cli.service.timeout_seconds);
+    const Inspection inspection =
+        inspect(*store, cli.arguments.empty() ? list_backups(*store)
+                                              : find_backups(*store, store->list().numbers, cli.arguments));
+    cli.document.set(inspection.table);
+    const size_t count = inspection.table.rows.size();
+    cli.document.say(std::to_string(count) + (count == 1 ? " backup, " : " backups, ") +
+                     std::to_string(inspection.damaged) + " damaged");
+    cli.status = inspection.damaged == 0 ? EXIT_DONE : EXIT_FAILED;
+}
+
+// What deletes.
+
+static void tell_deleted(Document &document, const std::vector<BackupNumber> &deleted,
+                         const std::vector<BackupNumber> &kept, const char *what_of_them)
+{
+    document.set("deleted", Json(deleted));
+    document.set("kept", Json(kept));
+    for (const BackupNumber number : deleted)
+        document.say(name_of(number) + "  " + what_of_them);
+    if (deleted.empty())
+        document.say("there is nothing to delete");
+}
+
+/// Deletes backups, and tells which were: also when not all that were chosen could be.
+static void delete_and_tell(Document &document, CloudStore &store, const CloudStore::Choose &choose)
+{
+    std::vector<BackupNumber> before;
+    const auto tell = [&] {
+        const std::vector<BackupNumber> kept = store.list().numbers;
+        std::vector<BackupNumber> deleted;
+        std::set_difference(before.begin(), before.end(), kept.begin(), kept.end(),
+                            std::back_inserter(deleted));
+        tell_deleted(document, deleted, kept, "deleted");
+    };
+    try {
+        store.remove([&](const std::vector<BackupNumber> &known) {
+            const std::vector<BackupNumber> going = choose(known);
+            before = known;
+            return going;
+        });
+    } catch (const HostError &) {
+        if (!before.empty())
+            tell();
+        throw;
+    }
+    tell();
+}
+
+void run_delete(Cli &cli)
+{
+    const auto store = open_store(cli.service.timeout_seconds);
+    find_backups(*store, store->list().numbers, cli.arguments); // a store that isn't there is none to lock
+    delete_and_tell(cli.document, *store,
+                    [&](const auto &known) { return find_backups(*store, known, cli.arguments); });
+}
+
+static bool is_good(const CloudStore &store, BackupNumber number)
+{
+    try {
+        snapshot_in(store.read(number).records);
+        return true;
+    } catch (const UnreadableError &error) { // an older one must not take its place
+        throw HostError("nothing is deleted, since of " + name_of(number) +
+                        " it is not known whether it is good: " + error.what());
+    } catch (const DamagedError &) {
+        return false;
+    } catch (const NoBackupError &) {
+        return false;
+    }
+}
+
+/// The newest backup that can be restored.
+static std::optional<BackupNumber> find_newest_good(const CloudStore &store,
+                                                    const std::vector<BackupNumber> &numbers)
+{
+    const auto newest = std::find_if(numbers.rbegin(), numbers.rend(),
+                                     [&](BackupNumber number) { return is_good(store, number); });
+    return newest == numbers.rend() ? std::nullopt : std::optional(*newest);
+}
+
+/// An age in milliseconds.
+static std::int64_t parse_age(const std::string &text)
+{
+    const char unit = text.back();
+    const std::int64_t seconds = unit == 'm' ? 60 : unit == 'h' ? 3600 : unit == 'd' ? 86'400 : 7 * 86'400;
+    return std::stoll(text) * seconds * 1000;
+}
+
+/// Whether a backup is younger than this. One that can't be read has no age.
+static bool is_younger(const CloudStore &store, BackupNumber number, std::int64_t age)
+{
+    try {
+        const auto date = parse_date(date_of(store.read(number).records));
+        return date && g_get_real_time() / 1000 - *date < age;
+    } catch (const DamagedError &) {
+        return false;
+    } catch (const NoBackupError &) {
+        return false;
+    }
+}
+
+/// The backups that go.
+static std::vector<BackupNumber> choose(const CloudStore &store, const std::vector<BackupNumber> &known,
+                                        const Cli &cli)
+{
+    const std::string age = cli.value("--keep-within");
+    if (!age.empty())
+        store.fetch(known);
+    const auto newest_good = find_newest_good(store, known);
+    const size_t keep = std::stoul(cli.value("--keep"));
+    std::vector<BackupNumber> going;
+    for (size_t i = 0; i + keep < known.size(); i++)
+        if (known[i] != newest_good && (age.empty() || !is_younger(store, known[i], parse_age(age))))
+            going.push_back(known[i]);
+    return going;
+}
+
+void run_prune(Cli &cli)
+{
+    const auto store = open_store(cli.service.timeout_seconds);
+    const std::vector<BackupNumber> known = list_backups(*store);
+    if (!cli.has("--dry-run") && !known.empty()) {
+        delete_and_tell(cli.document, *store,
+                        [&](const std::vector<BackupNumber> &now) { return choose(*store, now, cli); });
+        return;
+    }
+    const std::vector<BackupNumber> going = choose(*store, known, cli);
+    std::vector<BackupNumber> kept;
+    std::set_difference(known.begin(), known.end(), going.begin(), going.end(), std::back_inserter(kept));
+    tell_deleted(cli.document, going, kept, "would be deleted");
+}
+
+// Files of the user's.
+
+static void write_to(FILE *stream, const std::string &content)
+{
+    fwrite(content.data(), 1, content.size(), stream); // its failure shows when the stream is flushed
+}
+
+/// Writes to a pipe or a device.
+static void write_stream(const fs::path &name, const std::string &content)
+{
+    FILE *stream = fopen(name.c_str(), "we");
+    if (stream != nullptr)
+        write_to(stream, content);
+    if (stream == nullptr || fclose(stream) != 0)
+        throw HostError("can't write " + name.string() + ": " + g_strerror(errno));
+}
+
+/// Writes a file of the user's, whole or not at all.
+static void write_file(const fs::path &file, const std::string &content)
+{
+    g_autoptr(GError) failure = nullptr;
+    const auto flags =
+        static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE);
+    if (g_file_set_contents_full(file.c_str(), content.data(), static_cast<gssize>(content.size()), flags,
+                                 0600, &failure) == FALSE)
+        throw HostError("can't write " + file.string() + ": " + (g_strrstr(failure->message, ": ") + 2));
+}
+
+/// Writes to where a name leads: a link may lead to a pipe, whose own name is none that can be opened.
+static void write_out(const CloudStore &store, const fs::path &name, const std::string &content)
+{
+    std::error_code error;
+    const fs::file_status status = fs::status(name, error);
+    if (!fs::exists(status) && fs::is_symlink(fs::symlink_status(name, error)))
+        throw HostError("can't write " + name.string() + ": it is a link to nothing");
+    if (fs::exists(status) && !fs::is_regular_file(status)) {
+        write_stream(name, content);
+        return;
+    }
+    if (store.contains(name))
+        throw HostError("can't write " + name.string() + ": that is in the cloud store");
+    const fs::path file = fs::weakly_canonical(name, error);
+    write_file(error ? name : file, content);
+}
+
+void run_export(Cli &cli)
+{
+    const std::string &name = cli.arguments[1];
+    cli.document.set_result(false);
+    cli.document.set("backup", Json());
+    const auto store = open_store(cli.service.timeout_seconds);
+    const BackupNumber number = store->find(cli.argument());
+    const std::string content = read_whole(*store, number).content;
+    if (name == "-") {
+        write_to(stdout, content);
+        cli.quiet = true; // standard output is the backup's
+        return;
+    }
+    write_out(*store, name, content);
+    cli.document.set_result(true);
+    cli.document.set("backup", Json(number));
+    cli.document.say(name_of(number) + "  written to " + name);
+}
+
+/// Reads a file of the user's, or standard input.
+static std::string read_in(const std::string &name)
+{
+    const Descriptor file(name == "-" ? dup(STDIN_FILENO) : open(name.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file)
+        throw HostError(g_strerror(errno));
+    return read_to_end(file, MAX_RECORD_FILE_SIZE);
+}
+
+void run_import(Cli &cli)
+{
+    const std::string name = cli.argument();
+    cli.document.set_result(false);
+    cli.document.set("backup", Json());
+    cli.document.set("stored", Json(false));
+    const auto store = open_store(cli.service.timeout_seconds);
+    if (!store->exists())
+        refuse_missing(*store);
+    Importable importable;
+    try {
+        importable = make_importable(read_in(name));
+    } catch (const DamagedError &error) {
+        throw DamagedError(name + " can't be imported: " + error.what());
+    } catch (const HostError &error) {
+        throw HostError(name + " can't be imported: " + error.what());
+    }
+    for (const std::string &remark : importable.remarks)
+        fprintf(stderr, "ime-backupctl: %s\n", escaped(remark).c_str());
+    const BackupNumber number = store->add(importable.content);
+    cli.document.set_result(true);
+    cli.document.set("backup", Json(number));
+    cli.document.set("stored", Json(true));
+    cli.document.say(name_of(number) + "  imported");
+}

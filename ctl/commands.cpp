@@ -1,0 +1,211 @@
+#include "commands.h"
+
+#include <algorithm>
+#include <charconv>
+#include <optional>
+
+#include "suggestion.h"
+#include "trace_options.h"
+
+static std::string check_filled(const std::string &text)
+{
+    return text.empty() ? "it is empty" : "";
+}
+
+static std::string check_seconds(const std::string &text)
+{
+    const char *end = text.data() + text.size();
+    double seconds = 0;
+    const auto [rest, error] = std::from_chars(text.data(), end, seconds, std::chars_format::fixed);
+    const bool is_in_range = seconds >= 0.1 && seconds <= 86'400;
+    return rest == end && error == std::errc() && is_in_range ? ""
+                                                              : "not between 0.1 and 86400 seconds: " + text;
+}
+
+static bool is_number(std::string_view text, size_t max_digits)
+{
+    return !text.empty() && text.size() <= max_digits &&
+           text.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+static std::string check_count(const std::string &text)
+{
+    return is_number(text, 9) ? "" : "not a number of backups: " + text;
+}
+
+static std::string check_age(const std::string &text)
+{
+    const size_t unit = text.find_first_of("mhdw");
+    return unit + 1 == text.size() && is_number(text.substr(0, unit), 6)
+               ? ""
+               : "not an age such as 12h or 30d (m, h, d or w): " + text;
+}
+
+/// Cuts a text in two at a mark.
+static std::pair<std::string, std::optional<std::string>> cut(const std::string &text, char mark)
+{
+    const size_t end = text.find(mark);
+    if (end == std::string::npos)
+        return {text, std::nullopt};
+    return {text.substr(0, end), text.substr(end + 1)};
+}
+
+static std::string check_failure(const std::string &text)
+{
+    const auto [call, code] = cut(text, '=');
+    const auto [function, count] = cut(call, '#');
+    if (function.empty() || (count && (!is_number(*count, 6) || count->starts_with('0'))) ||
+        (code && !is_number(code->substr(code->starts_with('-') ? 1 : 0), 9)))
+        return "not FUNCTION, FUNCTION#N, FUNCTION=CODE or FUNCTION#N=CODE: " + text;
+    const std::vector<std::string> known(std::begin(TRACED_FUNCTIONS), std::end(TRACED_FUNCTIONS));
+    if (std::find(known.begin(), known.end(), function) == known.end())
+        return "there is no function \"" + function + "\"" + did_you_mean(function, known);
+    return "";
+}
+
+using enum Kind;
+using enum Times;
+
+static constexpr char BACKUPS[] = "Backups";
+static constexpr char STORE[] = "The store of backups";
+static constexpr char DEVICE[] = "The device";
+
+static constexpr Argument NEWEST_OR_ONE = {"ID", "The backup's number", backup, at_most_once};
+static constexpr Argument ONE_FILE = {"FILE", "The file", file, once};
+// A row of the tables stands on few lines.
+// clang-format off
+
+static constexpr Option FAIL = {
+    "--fail", 0,
+    "Have a call fail with a code (-1) instead of being made: the N-th call of the function, or the first. May "
+    "be repeated",
+    "FUNCTION[#N][=CODE]", check_failure, function, any};
+
+static const std::vector<Option> COMMON_OPTIONS = {
+    {"--json", 0, "Write one JSON document, for scripts"},
+    {"--quiet", 'q', "Write nothing but errors"},
+    {"--verbose", 'v', "Show the service's log as it runs"},
+    {"--timeout", 0, "How long to wait for the service, or a remote store (30)", "SECONDS", check_seconds},
+    {"--store", 0,
+     "Where the backups are: a folder, or a remote place such as rclone:s3:desk; else cloud in the folder of "
+     "all state",
+     "LOCATION", check_filled, file},
+    {"--service", 0, "The service's program", "PROGRAM", check_filled, file},
+    {"--help", 'h', "Show help"},
+    {"--version", 0, "Show the version"},
+};
+
+static const std::vector<Command> SETTINGS_COMMANDS = {
+    {"get", "Commands", "Show one setting",
+     "Its value alone is shown, or \"(not set)\".",
+     "ime-backupctl settings get selected_lang", run_settings_get, {{"NAME", "The setting", setting, once}}},
+    {"set", "Commands", "Change settings",
+     "A value is true or false (on or off, yes or no, 1 or 0) for a switch, languages with commas between "
+     "them for a list, and an input method's identifier for default_keyboard.",
+     "ime-backupctl settings set selected_lang en_US,ko_KR key_tap_sound off", run_settings_set,
+     {{"NAME VALUE", "A setting, and its new value", setting_and_value, at_least_once}}},
+    {"unset", "Commands", "Take settings' values away",
+     "A keyboard that was never changed has none: a setting that is not set is at its default.",
+     "ime-backupctl settings unset prediction", run_settings_unset,
+     {{"NAME", "The settings", setting, at_least_once}}},
+};
+
+static const std::vector<Command> TRACE_COMMANDS = {
+    {"backup", "Commands", "Show the calls of a backup",
+     "The backup is stored.",
+     "ime-backupctl trace backup --fail vconf_get_bool#2=-1", run_trace, {}, {FAIL}},
+    {"restore", "Commands", "Show the calls of a restore",
+     "The newest backup is restored, or the one named. What is changed can be put back with undo.",
+     "ime-backupctl trace restore 3 --fail scim::ConfigBase::flush", run_trace,
+     {NEWEST_OR_ONE}, {FAIL}},
+    {"info", "Commands", "Show the calls that tell the keys and dates of a backup",
+     "Nothing is read or stored.",
+     "ime-backupctl trace info --json", run_trace, {}, {FAIL}},
+};
+
+static const std::vector<Command> COMMANDS = {
+    {"backup", BACKUPS, "Make a backup",
+     "Has the service read the keyboard's settings, and stores them as a new backup. A switch that is not "
+     "set is backed up as true, and a device without selected languages as one that selects English and "
+     "Korean.",
+     "ime-backupctl backup --if-changed", run_backup,
+     {}, {{"--if-changed", 0, "Store nothing when the newest backup holds the same settings"}}},
+    {"restore", BACKUPS, "Restore the newest backup, or the one named",
+     "Has the service apply a backup, and shows what each setting was and has become, and why it is not as "
+     "the backup has it. Only languages that are in downloaded_lang are selected, and handwriting is "
+     "switched on only if one of them is in downloaded_with_handwriting_lang. What a restore changed can be "
+     "put back with undo.",
+     "ime-backupctl restore 3 --dry-run", run_restore,
+     {NEWEST_OR_ONE}, {{"--dry-run", 0, "Show what a restore would do, and change nothing"},
+                       {"--strict", 0, "Exit with 1 if a setting is not as the backup has it"}}},
+    {"undo", BACKUPS, "Put back what the last restore changed",
+     "Each setting that the last restore changed gets the value that it had before, or none if it had none. "
+     "This goes for a restore that was interrupted, too, and it can be done once.",
+     "ime-backupctl undo", run_undo},
+    {"list", BACKUPS, "List the backups, newest last",
+     "Each is read and checked: of one that is damaged, it says why.",
+     "ime-backupctl list", run_list},
+    {"show", BACKUPS, "Show the settings in the newest backup, or in the one named",
+     "With --json it is the snapshot itself, byte for byte. Of a backup with several records, it is that of "
+     "the last one, which is in force after a restore.",
+     "ime-backupctl show 3", run_show, {NEWEST_OR_ONE}},
+    {"diff", BACKUPS, "Compare a backup with the device, or with another backup",
+     "Without a number, the newest backup is compared with the device; with one, that backup. The device is "
+     "taken as a backup of it would be, with what is not set at its default; the order of languages does not "
+     "matter. The exit status is 0 if the settings are the same, 1 if they differ, and another one if that "
+     "can't be told.",
+     "ime-backupctl diff 3 4", run_diff, {{"ID", "The backups' numbers, at most two", backup, any}}},
+    {"verify", STORE, "Check all backups, or those named",
+     "Reads each backup and checks that it is what was written, and that its records hold snapshots. The "
+     "exit status is 1 if one is damaged.",
+     "ime-backupctl verify", run_verify, {{"ID", "The backups' numbers", backup, any}}},
+    {"delete", STORE, "Delete backups",
+     "If one of them isn't there, none is deleted. A backup's number is never given to another.",
+     "ime-backupctl delete 1 2", run_delete, {{"ID", "The backups' numbers", backup, at_least_once}}},
+    {"prune", STORE, "Delete all backups but the newest ones",
+     "The newest backup that isn't damaged is always kept.",
+     "ime-backupctl prune --keep 5 --keep-within 30d --dry-run", run_prune,
+     {}, {{"--keep", 0, "How many of the newest backups to keep", "N", check_count, text, once},
+          {"--keep-within", 0, "Keep those that are younger, too: 12h, 30d, 8w", "AGE", check_age},
+          {"--dry-run", 0, "Show what would be deleted, and delete nothing"}}},
+    {"export", STORE, "Write a backup to a file",
+     "The file can be taken in with import, here or elsewhere. A file of this name is replaced. \"-\" is "
+     "standard output.",
+     "ime-backupctl export 3 keyboard.json", run_export,
+     {{"ID", "The backup's number", backup, once}, ONE_FILE}},
+    {"import", STORE, "Take a backup from a file into the store",
+     "The file is one that export wrote, or a bare snapshot: any JSON object, such as one that was taken "
+     "from a device. What is odd about a snapshot is told, and does not keep it out. \"-\" is standard "
+     "input.",
+     "ime-backupctl import keyboard.json", run_import, {ONE_FILE}},
+    {"settings", DEVICE, "Show the settings as they are now, or change them",
+     "The two downloaded lists are no part of a backup: they decide what of one a restore can bring back.",
+     "ime-backupctl settings --long", run_settings,
+     {}, {{"--long", 0, "Show where the device keeps each setting, and under which key"}}, SETTINGS_COMMANDS},
+    {"status", DEVICE, "Show whether all that a backup needs is there",
+     "Looks at the SCIM daemon, the active keyboard, the settings store, the cloud store and the last "
+     "exchange, and says what to do about each that is not fine. The exit status is 3 if something that a "
+     "backup needs is missing.",
+     "ime-backupctl status", run_status},
+    {"info", DEVICE, "Show the keys and dates of what a backup would hold",
+     "Asks the service what it would back up now. Nothing is read or stored.",
+     "ime-backupctl info --json", run_info},
+    {"trace", DEVICE, "Show what the service asks of the platform in an exchange",
+     "Each call that the service makes, with its arguments, its result and the time that it took, stands "
+     "below the callback that made it. What is set by the call has an & in front. The trace goes to standard "
+     "output as the exchange runs; what the command without trace would tell goes to standard error. With "
+     "--json, each line is an object.",
+     "ime-backupctl trace backup", run_trace,
+     {}, {}, TRACE_COMMANDS},
+    {"help", "Help", "Explain a command",
+     "",
+     "ime-backupctl help restore", run_help, {{"COMMAND", "The command", command, any}}},
+    {"complete", nullptr, "List what the last of these words may become",
+     "",
+     "ime-backupctl complete -- restore ''", run_complete,
+     {{"WORD", "The words of a command line", text, any}}},
+};
+
+const Command PROGRAM = {
+    "ime-backupctl", "", "Backs up and restores the settings of the on-screen keyboard", "",
+    "ime-backupctl restore --dry-run", nullptr, {}, COMMON_OPTIONS, COMMANDS};
