@@ -127,9 +127,9 @@ void run_restore(Cli &cli)
 
     std::vector<std::string> different; // from what the backup has
     for (const SettingReport &setting : report.settings)
-        if (!setting.why.empty())
+        if (!setting.why.empty() && setting.why != NOT_CHECKED)
             different.push_back(setting.member);
-    if (cli.has("--strict") && !different.empty())
+    if (cli.has("--strict") && !(different.empty() && report.reason.empty()))
         cli.status = EXIT_FAILED;
     cli.document.set_result(true, report.reason);
     cli.document.say(name_of(report.backup) + (cli.has("--dry-run") ? "  would be restored" : "  restored") +

@@ -11,9 +11,6 @@
 #include "handles.h"
 #include "paths.h"
 
-/// Why a setting is not known to be restored.
-static constexpr char NOT_CHECKED[] = "not checked";
-
 Exchange::Exchange(Direction which, const Callbacks &registered) : direction(which), callbacks(registered)
 {
     if (direction == Direction::restore) {

@@ -1,5 +1,6 @@
 #include "report.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <sstream>
 #include <sys/stat.h>
@@ -11,7 +12,7 @@
 #include "contact.h"
 #include "errors.h"
 
-using Json = nlohmann::ordered_json;
+using Json = nlohmann::json;
 using Result = ExchangeReport::Result;
 
 ExchangeReport report_planned(const RestorePlan &plan, BackupNumber number, const CloudRecords &records)
@@ -110,71 +111,109 @@ std::optional<int> find_report_file()
     return number;
 }
 
-// Words of a report.
-
-static constexpr const char *RESULTS[] = {"undecided", "succeeded",   "failed",    "no platform",
-                                          "no daemon", "no keyboard", "no backup", "damaged"};
-static constexpr const char *OUTCOMES[] = {"pending", "made", "refused"};
-static constexpr const char *PLACES[] = {"input-method control", "settings store", "configuration"};
+// As JSON. A word that is not known is an error: what is read may have been written by a later version.
 
 template <class Enum, size_t COUNT>
-static const char *to_word(const char *const (&words)[COUNT], Enum value)
+static void read_word(const Json &json, Enum &value, const char *const (&words)[COUNT])
 {
-    return words[static_cast<size_t>(value)];
+    const auto found = std::find(std::begin(words), std::end(words), json.get_ref<const std::string &>());
+    if (found == std::end(words))
+        throw HostError("it has a word that is not known: " + json.get<std::string>());
+    value = static_cast<Enum>(found - std::begin(words));
 }
 
-template <class Enum, size_t COUNT>
-static Enum from_word(const char *const (&words)[COUNT], const Json &object, const char *name)
-{
-    for (size_t i = 0; i < COUNT; i++)
-        if (object.value(name, "") == words[i])
-            return static_cast<Enum>(i);
-    throw HostError(std::string("it has no ") + name + " that is known");
-}
+#define WORDS(Enum, ...)                                                                                     \
+    static constexpr const char *WORDS_OF_##Enum[] = {__VA_ARGS__};                                          \
+    static void to_json(Json &json, Enum value)                                                              \
+    {                                                                                                        \
+        json = WORDS_OF_##Enum[static_cast<size_t>(value)];                                                  \
+    }                                                                                                        \
+    static void from_json(const Json &json, Enum &value)                                                     \
+    {                                                                                                        \
+        read_word(json, value, WORDS_OF_##Enum);                                                             \
+    }
+
+using Outcome = Change::Outcome;
+WORDS(Result, "undecided", "succeeded", "failed", "no platform", "no daemon", "no keyboard", "no backup",
+      "damaged")
+WORDS(Outcome, "pending", "made", "refused")
+WORDS(SettingPlace, "input-method control", "settings store", "configuration")
 
 /// Member of an object that stands for a text which is no UTF-8: its bytes, in base 64.
 static constexpr char BYTES[] = "base64";
 
-// Writing.
+template <>
+struct nlohmann::adl_serializer<DeviceValue> {
+    static void to_json(Json &json, const DeviceValue &value)
+    {
+        json = nullptr;
+        if (value)
+            std::visit([&](const auto &typed) { json = typed; }, *value);
+        const auto *text = json.get_ptr<const std::string *>();
+        if (text == nullptr ||
+            g_utf8_validate(text->data(), static_cast<gssize>(text->size()), nullptr) != FALSE)
+            return;
+        g_autofree gchar *encoded =
+            g_base64_encode(reinterpret_cast<const guchar *>(text->data()), text->size());
+        json = {{BYTES, encoded}};
+    }
 
-/// A text of the device's may be no UTF-8, and has to be read back as it is.
-static Json to_json(const std::string &text)
+    static void from_json(const Json &json, DeviceValue &value)
+    {
+        if (json.is_null()) {
+            value.reset();
+        } else if (json.is_boolean()) {
+            value = json.get<bool>();
+        } else if (json.is_object()) {
+            gsize length = 0;
+            g_autofree guchar *bytes = g_base64_decode(json.value(BYTES, "").c_str(), &length);
+            value = std::string(reinterpret_cast<const char *>(bytes), length);
+        } else if (json.is_string()) {
+            value = json.get<std::string>();
+        } else {
+            value = json.get<int>();
+        }
+    }
+};
+
+template <>
+struct nlohmann::adl_serializer<SnapshotValue> {
+    static void to_json(Json &json, const SnapshotValue &value)
+    {
+        json = nullptr;
+        std::visit(
+            [&](const auto &typed) {
+                if constexpr (!std::is_same_v<decltype(typed), const std::monostate &>)
+                    json = typed;
+            },
+            value);
+    }
+
+    static void from_json(const Json &json, SnapshotValue &value)
+    {
+        if (json.is_boolean())
+            value = json.get<bool>();
+        else if (json.is_string())
+            value = json.get<std::string>();
+        else if (json.is_array())
+            value = json.get<std::vector<std::string>>();
+    }
+};
+
+static void to_json(Json &json, const CloudRecord &record)
 {
-    if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) != FALSE)
-        return text;
-    g_autofree gchar *encoded = g_base64_encode(reinterpret_cast<const guchar *>(text.data()), text.size());
-    return {{BYTES, encoded}};
+    json = {{"key", record.key.value_or("")}, {"date", record.date.value_or("")}, {"failed", record.failed}};
 }
 
-static Json to_json(const DeviceValue &value)
+static void from_json(const Json &json, CloudRecord &record)
 {
-    if (!value)
-        return nullptr;
-    const auto *text = std::get_if<std::string>(&*value);
-    if (text != nullptr)
-        return to_json(*text);
-    const bool *truth = std::get_if<bool>(&*value);
-    return truth != nullptr ? Json(*truth) : Json(std::get<int>(*value));
+    record = {json.value("key", ""), json.value("date", ""), std::nullopt, json.value("failed", false)};
 }
 
-static Json to_json(const SnapshotValue &value)
-{
-    if (const bool *truth = std::get_if<bool>(&value); truth != nullptr)
-        return *truth;
-    if (const auto *text = std::get_if<std::string>(&value); text != nullptr)
-        return *text;
-    const auto *languages = std::get_if<std::vector<std::string>>(&value);
-    return languages != nullptr ? Json(*languages) : Json();
-}
-
-static Json to_json(const Change &change)
-{
-    return {{"place", to_word(PLACES, change.place)},
-            {"key", change.key},
-            {"before", to_json(change.before)},
-            {"after", to_json(change.after)},
-            {"outcome", to_word(OUTCOMES, change.outcome)}};
-}
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(SettingReport, member, before, wanted, after, why)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Change, place, key, before, after, outcome)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(ExchangeReport, operation, result, reason, backup, storing,
+                                                stored, records, settings, changes)
 
 static std::string to_line(const Json &object)
 {
@@ -183,98 +222,28 @@ static std::string to_line(const Json &object)
 
 std::string encode_report(const ExchangeReport &report)
 {
-    Json object = {{"operation", report.operation}, {"result", to_word(RESULTS, report.result)},
-                   {"reason", report.reason},       {"backup", report.backup},
-                   {"storing", report.storing},     {"stored", report.stored},
-                   {"records", Json::array()},      {"settings", Json::array()},
-                   {"changes", Json::array()}};
-    for (const CloudRecord &record : report.records)
-        object["records"].push_back({{"key", record.key.value_or("")},
-                                     {"date", record.date.value_or("")},
-                                     {"failed", record.failed}});
-    for (const SettingReport &setting : report.settings)
-        object["settings"].push_back({{"member", setting.member},
-                                      {"before", to_json(setting.before)},
-                                      {"wanted", to_json(setting.wanted)},
-                                      {"after", to_json(setting.after)},
-                                      {"why", setting.why}});
-    for (const Change &change : report.changes)
-        object["changes"].push_back(to_json(change));
-    return to_line(object);
+    return to_line(report);
 }
 
 std::string encode_change(size_t number, const Change &change)
 {
-    Json object = {{"change", number}};
-    object.update(to_json(change));
+    Json object = change;
+    object["change"] = number;
     return to_line(object);
-}
-
-// Reading.
-
-static DeviceValue read_value(const Json &value)
-{
-    if (value.is_boolean())
-        return value.get<bool>();
-    if (value.is_number_integer())
-        return value.get<int>();
-    if (value.is_string())
-        return value.get<std::string>();
-    if (!value.is_object())
-        return std::nullopt;
-    gsize length = 0;
-    g_autofree guchar *bytes = g_base64_decode(value.value(BYTES, "").c_str(), &length);
-    return std::string(reinterpret_cast<const char *>(bytes), length);
-}
-
-static SnapshotValue read_wanted(const Json &value)
-{
-    if (value.is_boolean())
-        return value.get<bool>();
-    if (value.is_string())
-        return value.get<std::string>();
-    return value.is_array() ? SnapshotValue(value.get<std::vector<std::string>>()) : SnapshotValue();
-}
-
-static Change read_change(const Json &object)
-{
-    return {from_word<SettingPlace>(PLACES, object, "place"), object.value("key", ""),
-            read_value(object.value("before", Json())), read_value(object.value("after", Json())),
-            from_word<Change::Outcome>(OUTCOMES, object, "outcome")};
-}
-
-static ExchangeReport read_report(const Json &object)
-{
-    ExchangeReport report;
-    report.operation = object.value("operation", "");
-    report.result = from_word<Result>(RESULTS, object, "result");
-    report.reason = object.value("reason", "");
-    report.backup = object.value("backup", BackupNumber{0});
-    report.storing = object.value("storing", false);
-    report.stored = object.value("stored", false);
-    for (const Json &record : object.value("records", Json::array()))
-        report.records.push_back(
-            {record.value("key", ""), record.value("date", ""), std::nullopt, record.value("failed", false)});
-    for (const Json &setting : object.value("settings", Json::array()))
-        report.settings.push_back({setting.value("member", ""), read_value(setting.value("before", Json())),
-                                   read_wanted(setting.value("wanted", Json())),
-                                   read_value(setting.value("after", Json())), setting.value("why", "")});
-    for (const Json &change : object.value("changes", Json::array()))
-        report.changes.push_back(read_change(change));
-    return report;
 }
 
 static void read_line(const Json &object, ExchangeReport &report)
 {
     if (!object.contains("change")) {
-        report = read_report(object);
+        object.at("result");
+        report = object.get<ExchangeReport>();
         return;
     }
     const auto index = object["change"].get<size_t>();
     if (index > report.changes.size())
         throw HostError("it lacks a change");
     report.changes.resize(std::max(report.changes.size(), index + 1));
-    report.changes[index] = read_change(object);
+    report.changes[index] = object.get<Change>();
 }
 
 ExchangeReport decode_report(const std::string &text)

@@ -7,6 +7,9 @@
 #include "cloud_store.h"
 #include "plan.h"
 
+/// Why a setting is not known to be restored.
+inline constexpr char NOT_CHECKED[] = "not checked";
+
 /// What a restore came to for one setting.
 struct SettingReport {
     std::string member; ///< of the snapshot

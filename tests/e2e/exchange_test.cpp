@@ -313,13 +313,6 @@ class FailingCalls : public Workstation, public testing::WithParamInterface<Argu
 {
 };
 
-// The sanitizers take most of the time there.
-#ifdef __SANITIZE_ADDRESS__
-constexpr size_t STRIDE = 4;
-#else
-constexpr size_t STRIDE = 1;
-#endif
-
 TEST_P(FailingCalls, WhatIsSaidIsSo)
 {
     make_two_backups();
@@ -328,7 +321,7 @@ TEST_P(FailingCalls, WhatIsSaidIsSo)
     const auto restored = static_cast<size_t>(command[1] == "restore" ? 1 : 0);
     const std::vector<std::string> calls = find_calls(ctl(command).output);
     ASSERT_GT(calls.size(), 15U);
-    for (size_t i = 0; i < calls.size(); i += STRIDE) {
+    for (size_t i = 0; i < calls.size(); i += EACH_CALL) {
         const std::string &call = calls[i];
         SCOPED_TRACE(call);
         if (settings() != device[2]) {

