@@ -24,18 +24,14 @@ static constexpr char TAIL[] = "}";
 
 static constexpr char CHANGED[] = "it has been changed since it was written, or is cut short";
 
-static std::string encode_text(const std::optional<std::string> &text)
-{
-    return text ? Json(*text).dump(-1, ' ', false, Json::error_handler_t::replace) : "null";
-}
-
 static std::string encode_records(const CloudRecords &records)
 {
-    std::string text;
+    const auto encode = [](const std::optional<std::string> &text) { return text ? Json(*text) : Json(); };
+    auto elements = nlohmann::ordered_json::array();
     for (const CloudRecord &record : records)
-        text += (text.empty() ? "" : ",") + ("{\"key\":" + encode_text(record.key)) +
-                ",\"date\":" + encode_text(record.date) + ",\"value\":" + encode_text(record.value) + "}";
-    return "[" + text + "]";
+        elements.push_back(
+            {{"key", encode(record.key)}, {"date", encode(record.date)}, {"value", encode(record.value)}});
+    return elements.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 static std::string checksum_of(const std::string &text)
@@ -54,7 +50,8 @@ bool is_record_file(const std::string &content)
 {
     if (content.starts_with(HEAD))
         return true;
-    const Json root = Json::parse(content, nullptr, false); // it may have been written anew, with spaces between
+    const Json root =
+        Json::parse(content, nullptr, false); // it may have been written anew, with spaces between
     return root.is_object() && root.value("format", Json()) == FORMAT;
 }
 
