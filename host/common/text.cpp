@@ -47,10 +47,9 @@ std::vector<std::string> wrap(const std::string &text, size_t width)
         lines.back() += (lines.back().empty() ? "" : " ") + word;
         while (length(lines.back()) > width) { // a word alone that is too long
             const std::string line = lines.back();
-            const auto cut = static_cast<size_t>(
-                g_utf8_offset_to_pointer(line.c_str(), static_cast<glong>(width)) - line.c_str());
-            lines.back().erase(cut);
-            lines.push_back(line.substr(cut));
+            const gchar *cut = g_utf8_offset_to_pointer(line.c_str(), static_cast<glong>(width));
+            lines.back() = std::string(line.c_str(), cut);
+            lines.push_back(cut);
         }
     }
     return lines;

@@ -49,8 +49,6 @@ struct ServiceApp {
     void *user_data;
     /// The answer to the launch that started this process; a launch that is never answered has failed.
     int status = EXIT_FAILURE;
-    /// This process runs the application, rather than one that was running already.
-    bool primary = false;
     bool created = false;
     bool ending = false;
     bool terminated = false; ///< by a signal: it ends whatever comes
@@ -75,7 +73,6 @@ static gboolean on_termination(int, GIOCondition, void *)
 
 static void on_startup(GApplication *application, ServiceApp *app)
 {
-    app->primary = true;
     app->launches.reset();
     app->created = app->callbacks.create(app->user_data);
     if (app->created)
@@ -211,16 +208,17 @@ static int run_on_bus(ServiceApp &app, int argc, char **argv, bool is_started_by
     }
     if (is_started_by_bus) // and has its name: the request is on its way
         g_timeout_add_seconds(REQUEST_SECONDS, on_no_request, nullptr);
-    if (!app.primary)
+    const bool is_primary = g_application_get_is_remote(application) == FALSE; // no other was running already
+    if (!is_primary)
         app.signals.reset();
 
     g_autoptr(GDBusConnection) bus = nullptr;
     g_set_object(&bus, g_application_get_dbus_connection(application));
     const int status = g_application_run(application, argc, argv);
 
-    if (app.primary && bus != nullptr)
+    if (is_primary && bus != nullptr)
         release_name(bus);
-    return app.primary ? app.status : status;
+    return is_primary ? app.status : status;
 }
 
 int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, void *user_data)

@@ -75,21 +75,13 @@ std::optional<BackupNumber> CloudStore::number_taken_by(const std::string &name)
     return number && name.starts_with(file_name(*number)) ? number : std::nullopt;
 }
 
-/// Whether a file is named as a backup is, whatever its number.
-static bool is_named_as_backup(const std::string &name)
-{
-    const size_t end = name.find_first_not_of("0123456789", PREFIX.size());
-    return name.starts_with(PREFIX) && end != PREFIX.size() &&
-           name.substr(std::min(end, name.size())) == ".json";
-}
-
 CloudStore::Listing CloudStore::parse_listing(const std::vector<std::string> &names)
 {
     Listing listing{true, {}, {}};
     for (const std::string &name : names)
         if (const auto number = number_taken_by(name); number && file_name(*number) == name)
             listing.numbers.push_back(*number);
-        else if (is_named_as_backup(name))
+        else if (g_regex_match_simple("^backup-[0-9]+\\.json\\z", name.c_str(), G_REGEX_RAW, {}) != FALSE)
             listing.left_out.push_back(name);
     std::sort(listing.numbers.begin(), listing.numbers.end());
     std::sort(listing.left_out.begin(), listing.left_out.end());

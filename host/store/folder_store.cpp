@@ -40,8 +40,7 @@ public:
         const std::vector<BackupNumber> going = choose(known);
         // Where the newest stays its name tells the number, and nothing need be written on a disk that is
         // full.
-        const bool newest_goes =
-            !going.empty() && std::find(going.begin(), going.end(), known.back()) != going.end();
+        const bool newest_goes = !known.empty() && std::ranges::count(going, known.back()) > 0;
         if (newest_goes &&
             (!remember(lock, highest_given(lock, known)) || fdatasync(lock.opened().get()) != 0))
             throw HostError("can't note in " + lock_file.string() + " which numbers were given");

@@ -23,8 +23,6 @@ static constexpr char UPLOAD_SUFFIX[] = ".new";
 /// given.
 static constexpr char NOTE_SUFFIX[] = ".gone";
 static constexpr char NOTE[] = "The number in this file's name is not given to another backup.\n";
-/// No upload takes as long, by any remote's clock.
-static constexpr char ABANDONED_AGE[] = "2d";
 
 static constexpr int MAX_TRIES = 8;
 static constexpr gint32 PAUSE_US = 100'000;
@@ -159,8 +157,8 @@ public:
         if (going.empty())
             return;
         std::vector<std::string> files;
-        std::transform(going.begin(), going.end(), std::back_inserter(files), file_name);
-        if (std::find(going.begin(), going.end(), known.back()) != going.end()) {
+        std::ranges::transform(going, std::back_inserter(files), file_name);
+        if (std::ranges::count(going, known.back()) > 0) {
             const std::string note = file_name(highest_taken(names)) + NOTE_SUFFIX;
             put(note, NOTE);
             std::copy_if(names.begin(), names.end(), std::back_inserter(files), [&](const std::string &name) {
@@ -243,11 +241,7 @@ private:
 
     std::vector<std::string> names_there() const { return list_names().value_or(std::vector<std::string>()); }
 
-    bool is_there(const std::string &name) const
-    {
-        const std::vector<std::string> names = names_there();
-        return std::find(names.begin(), names.end(), name) != names.end();
-    }
+    bool is_there(const std::string &name) const { return std::ranges::count(names_there(), name) > 0; }
 
     std::string file(const std::string &name) const
     {
@@ -344,12 +338,13 @@ private:
         }
     }
 
-    /// Uploads of processes that were killed would keep their numbers, and their space, for ever.
+    /// Uploads of processes that were killed would keep their numbers, and their space, for ever. None takes
+    /// two days, by any remote's clock.
     void discard_abandoned(const std::vector<std::string> &names) const
     {
         if (std::any_of(names.begin(), names.end(),
                         [](const std::string &name) { return name.ends_with(UPLOAD_SUFFIX); }))
-            run({"delete", "--max-depth=1", "--min-age", ABANDONED_AGE, "--include",
+            run({"delete", "--max-depth=1", "--min-age", "2d", "--include",
                  std::string("/backup-{{[0-9]+}}.json.{{[0-9a-f]{16}}}") + UPLOAD_SUFFIX, "--", target});
     }
 
