@@ -1,7 +1,6 @@
 #include "child.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -79,7 +78,7 @@ static pid_t start(Child &child, int &error)
     child.arguments.insert(child.arguments.begin(), child.program);
     std::vector<std::string> variables;
     for (const auto &[name, value] : child.environment)
-        variables.push_back(name + "=" + value);
+        variables.emplace_back(name).append("=").append(value);
     Start launch{child, pointers_to(child.arguments), pointers_to(variables)};
     // A copy of this process's memory would take longer than all the rest.
     const auto stack = std::make_unique_for_overwrite<char[]>(STACK_SIZE);
@@ -88,16 +87,6 @@ static pid_t start(Child &child, int &error)
     if (process > 0 && error != 0)
         waitpid(process, nullptr, 0);
     return process;
-}
-
-/// @return whether there was anything
-static bool read_some(const Descriptor &output, const Child &child)
-{
-    std::array<char, 4096> text = {};
-    const ssize_t count = read(output.get(), text.data(), text.size());
-    if (count > 0)
-        child.on_output({text.data(), static_cast<size_t>(count)});
-    return count > 0;
 }
 
 ChildEnd run_child(Child child)
@@ -123,6 +112,13 @@ ChildEnd run_child(Child child)
         if (end.stopped == Stop::none)
             end.stopped = why;
     };
+    const auto read_some = [&] {
+        char text[4096];
+        const ssize_t count = read(output.get(), text, sizeof text);
+        if (count > 0)
+            child.on_output({text, static_cast<size_t>(count)});
+        return count > 0;
+    };
     const Descriptor ended(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
     gint64 deadline = child.microseconds ? g_get_monotonic_time() + *child.microseconds : G_MAXINT64;
     pollfd files[] = {
@@ -138,9 +134,9 @@ ChildEnd run_child(Child child)
             deadline = g_get_monotonic_time() + GRACE_US;
         }
         if (files[2].revents != 0)
-            read_some(output, child);
+            read_some();
     }
-    while (read_some(output, child)) {
+    while (read_some()) {
     }
     return end;
 }

@@ -49,7 +49,7 @@ std::vector<std::string> wrap(const std::string &text, size_t width)
             const std::string line = lines.back();
             const gchar *cut = g_utf8_offset_to_pointer(line.c_str(), static_cast<glong>(width));
             lines.back() = std::string(line.c_str(), cut);
-            lines.push_back(cut);
+            lines.emplace_back(cut);
         }
     }
     return lines;

@@ -81,7 +81,7 @@ CloudStore::Listing CloudStore::parse_listing(const std::vector<std::string> &na
     for (const std::string &name : names)
         if (const auto number = number_taken_by(name); number && file_name(*number) == name)
             listing.numbers.push_back(*number);
-        else if (g_regex_match_simple("^backup-[0-9]+\\.json\\z", name.c_str(), G_REGEX_RAW, {}) != FALSE)
+        else if (g_regex_match_simple(R"(^backup-[0-9]+\.json\z)", name.c_str(), G_REGEX_RAW, {}) != FALSE)
             listing.left_out.push_back(name);
     std::sort(listing.numbers.begin(), listing.numbers.end());
     std::sort(listing.left_out.begin(), listing.left_out.end());

@@ -36,7 +36,7 @@ static constexpr double SHARE_OF_PATIENCE = 0.25;
 static constexpr int NO_SUCH_FOLDER = 3;
 
 /// How a line of rclone's log begins.
-static constexpr char STAMP[] = "^\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d ";
+static constexpr char STAMP[] = R"(^\d{4}/\d\d/\d\d \d\d:\d\d:\d\d )";
 static constexpr size_t STAMP_SIZE = sizeof "0000/00/00 00:00:00 " - 1;
 static constexpr size_t MAX_REASON = 400;
 static constexpr char TOO_LATE[] = "rclone did not finish in time";
