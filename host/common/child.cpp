@@ -1,9 +1,8 @@
 #include "child.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <iterator>
+#include <cstring>
 #include <memory>
 
 #include <fcntl.h>
@@ -12,10 +11,9 @@
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include "files.h"
-#include "signals.h"
+#include "process.h"
 
 static constexpr gint64 GRACE_US = 2'000'000;
 /// How often to look for the end of a process that can't be polled.
@@ -27,12 +25,9 @@ static constexpr int FREE_DESCRIPTOR = 16;
 Environment current_environment()
 {
     Environment environment;
-    for (char **variable = environ; *variable != nullptr; variable++) {
-        const std::string_view text = *variable;
-        const size_t equals = text.find('=');
-        if (equals != std::string_view::npos)
-            environment.emplace(text.substr(0, equals), text.substr(equals + 1));
-    }
+    for (const char *const *variable = environ; *variable != nullptr; variable++)
+        if (const char *equals = strchr(*variable, '='); equals != nullptr)
+            environment.emplace(std::string(*variable, equals), equals + 1);
     return environment;
 }
 
@@ -40,8 +35,7 @@ namespace
 {
 
 struct Start {
-    std::map<int, int> files;
-    int end_signal;
+    Child &child;
     std::vector<char *> arguments;
     std::vector<char *> environment;
     pid_t parent = getpid();
@@ -53,8 +47,8 @@ struct Start {
 static std::vector<char *> pointers_to(std::vector<std::string> &texts)
 {
     std::vector<char *> pointers;
-    std::transform(texts.begin(), texts.end(), std::back_inserter(pointers),
-                   [](std::string &text) { return text.data(); });
+    for (std::string &text : texts)
+        pointers.push_back(text.data());
     pointers.push_back(nullptr);
     return pointers;
 }
@@ -63,30 +57,29 @@ static std::vector<char *> pointers_to(std::vector<std::string> &texts)
 static int execute(void *data)
 {
     Start &start = *static_cast<Start *>(data);
-    prctl(PR_SET_PDEATHSIG, start.end_signal);
+    std::map<int, int> &files = start.child.files;
+    prctl(PR_SET_PDEATHSIG, start.child.end_signal);
     if (getppid() != start.parent) // it was killed before
         return EXIT_FAILURE;
     signal(SIGPIPE, SIG_DFL); // this process may ignore it
     close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
-    for (auto &[number, file] : start.files) // one's number may be that of another here
+    for (auto &[number, file] : files) // one's number may be that of another here
         file = fcntl(file, F_DUPFD_CLOEXEC, FREE_DESCRIPTOR);
-    const bool is_given = std::all_of(start.files.begin(), start.files.end(),
-                                      [](const auto &given) { return dup2(given.second, given.first) >= 0; });
-    if (is_given)
+    if (std::all_of(files.begin(), files.end(),
+                    [](const auto &given) { return dup2(given.second, given.first) >= 0; }))
         execvpe(start.arguments[0], start.arguments.data(), start.environment.data());
     start.error = errno;
     return EXIT_FAILURE;
 }
 
 /// @param error why there is none, as errno has it
-static pid_t start(const Child &child, int &error)
+static pid_t start(Child &child, int &error)
 {
-    std::vector<std::string> arguments = {child.program};
-    arguments.insert(arguments.end(), child.arguments.begin(), child.arguments.end());
+    child.arguments.insert(child.arguments.begin(), child.program);
     std::vector<std::string> variables;
     for (const auto &[name, value] : child.environment)
         variables.emplace_back(name).append("=").append(value);
-    Start launch{child.files, child.end_signal, pointers_to(arguments), pointers_to(variables)};
+    Start launch{child, pointers_to(child.arguments), pointers_to(variables)};
     // A copy of this process's memory would take longer than all the rest.
     const auto stack = std::make_unique_for_overwrite<char[]>(STACK_SIZE);
     const pid_t process = clone(execute, stack.get() + STACK_SIZE, CLONE_VM | CLONE_VFORK | SIGCHLD, &launch);
@@ -96,30 +89,16 @@ static pid_t start(const Child &child, int &error)
     return process;
 }
 
-/// @return whether there was anything
-static bool read_some(const Descriptor &output, const Child &child)
-{
-    std::array<char, 4096> text = {};
-    const ssize_t count = read(output.get(), text.data(), text.size());
-    if (count > 0)
-        child.on_output({text.data(), static_cast<size_t>(count)});
-    return count > 0;
-}
-
 ChildEnd run_child(Child child)
 {
     TerminationSignals signals(child.on_late_signal);
     ChildEnd end;
-    Descriptor output;
-    Descriptor input;
-    if (child.output >= 0) {
-        int ends[2] = {-1, -1};
-        if (pipe2(ends, O_CLOEXEC) != 0) {
-            end.error = errno;
-            return end;
-        }
-        output = Descriptor(ends[0]);
-        input = Descriptor(ends[1]);
+    int ends[2] = {-1, -1};
+    if (child.output >= 0 && pipe2(ends, O_CLOEXEC) != 0)
+        return {.error = errno};
+    const Descriptor output(ends[0]);
+    const Descriptor input(ends[1]);
+    if (output) {
         // What the child started may hold the other end when the child has ended.
         fcntl(output.get(), F_SETFL, O_NONBLOCK);
         child.files[child.output] = input.get();
@@ -132,6 +111,13 @@ ChildEnd run_child(Child child)
         kill(process, end.stopped == Stop::none ? child.end_signal : SIGKILL);
         if (end.stopped == Stop::none)
             end.stopped = why;
+    };
+    const auto read_some = [&] {
+        char text[4096];
+        const ssize_t count = read(output.get(), text, sizeof text);
+        if (count > 0)
+            child.on_output({text, static_cast<size_t>(count)});
+        return count > 0;
     };
     const Descriptor ended(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
     gint64 deadline = child.microseconds ? g_get_monotonic_time() + *child.microseconds : G_MAXINT64;
@@ -148,9 +134,9 @@ ChildEnd run_child(Child child)
             deadline = g_get_monotonic_time() + GRACE_US;
         }
         if (files[2].revents != 0)
-            read_some(output, child);
+            read_some();
     }
-    while (read_some(output, child)) {
+    while (read_some()) {
     }
     return end;
 }

@@ -40,6 +40,6 @@ struct ChildEnd {
 };
 
 /// Runs a program to its end. It is asked to end when its time is over, or when this process gets SIGTERM or
-/// SIGINT. It is killed at a second signal, or two seconds after its time. What handled the signals before
+/// SIGINT; it is killed at a second signal, or two seconds after its time. What handled the signals before
 /// gets one afterwards.
 ChildEnd run_child(Child child);

@@ -1,10 +1,10 @@
 #include "files.h"
 
 #include <cstdio>
+#include <string_view>
+
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <glib.h>
 
@@ -14,18 +14,6 @@ namespace fs = std::filesystem;
 
 static constexpr mode_t PRIVATE_FOLDER = 0700;
 static constexpr mode_t PRIVATE_FILE = 0600;
-
-Descriptor::~Descriptor()
-{
-    if (number >= 0)
-        close(number);
-}
-
-Descriptor &Descriptor::operator=(Descriptor &&other) noexcept
-{
-    std::swap(number, other.number);
-    return *this;
-}
 
 static std::string why()
 {
@@ -77,17 +65,12 @@ std::string read_from(const Descriptor &file, off_t offset)
 
 bool write_at(const Descriptor &file, off_t offset, const std::string &content)
 {
-    return pwrite(file.get(), content.data(), content.size(), offset) == static_cast<ssize_t>(content.size());
-}
-
-static bool write_all(int descriptor, const std::string &content)
-{
-    size_t written = 0;
-    while (written < content.size()) {
-        const ssize_t count = write(descriptor, content.data() + written, content.size() - written);
+    for (std::string_view rest = content; !rest.empty();) {
+        const ssize_t count = pwrite(file.get(), rest.data(), rest.size(), offset);
         if (count < 0)
             return false;
-        written += static_cast<size_t>(count);
+        rest.remove_prefix(static_cast<size_t>(count));
+        offset += count;
     }
     return true;
 }
@@ -99,16 +82,15 @@ static bool sync_folder(const fs::path &folder)
 }
 
 /// Writes `content` beside `file`, and has `put_in_place` rename that.
-template <class PutInPlace>
 static void write_file(const fs::path &file, const std::string &content, bool durable,
-                       PutInPlace put_in_place)
+                       bool (*put_in_place)(const char *from, const char *to))
 {
     make_private_folder(file.parent_path());
     const fs::path partial = file.string() + ".new";
     unlink(partial.c_str());
     const Descriptor descriptor(open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, PRIVATE_FILE));
     const bool written =
-        descriptor && write_all(descriptor.get(), content) && (!durable || fsync(descriptor.get()) == 0);
+        descriptor && write_at(descriptor, 0, content) && (!durable || fsync(descriptor.get()) == 0);
     const bool in_place = written && put_in_place(partial.c_str(), file.c_str());
     if (!in_place || (durable && !sync_folder(file.parent_path()))) {
         const std::string reason = why();
@@ -187,26 +169,9 @@ bool FileLock::lock(int operation)
         make_private_folder(file.parent_path());
         descriptor = open_file(file, O_RDWR | O_CREAT);
     }
-    int result = 0;
-    do
-        result = flock(descriptor.get(), operation);
-    while (result != 0 && errno == EINTR);
-    if (result != 0 && errno != EWOULDBLOCK)
+    if (TEMP_FAILURE_RETRY(flock(descriptor.get(), operation)) == 0)
+        return true;
+    if (errno != EWOULDBLOCK)
         throw PlatformError("can't lock " + file.string() + why());
-    return result == 0;
-}
-
-void FileLock::acquire()
-{
-    lock(LOCK_EX);
-}
-
-bool FileLock::try_acquire()
-{
-    return lock(LOCK_EX | LOCK_NB);
-}
-
-void FileLock::share()
-{
-    lock(LOCK_SH);
+    return false;
 }

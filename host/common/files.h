@@ -4,16 +4,25 @@
 #include <string>
 #include <utility>
 
+#include <sys/file.h>
+#include <unistd.h>
+
 /// An open file, closed with the object.
 class Descriptor
 {
 public:
     explicit Descriptor(int descriptor = -1) : number(descriptor) {}
     Descriptor(Descriptor &&other) noexcept : number(std::exchange(other.number, -1)) {}
-    Descriptor &operator=(Descriptor &&other) noexcept;
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    ~Descriptor();
+    Descriptor &operator=(Descriptor other) noexcept
+    {
+        std::swap(number, other.number);
+        return *this;
+    }
+    ~Descriptor()
+    {
+        if (number >= 0)
+            close(number);
+    }
 
     int get() const { return number; }
     explicit operator bool() const { return number >= 0; }
@@ -22,8 +31,8 @@ private:
     int number;
 };
 
-/// Opens a file, which only its owner can read when it is made. Anything but a regular file, such as a FIFO,
-/// is refused at once. `flags` are those of open().
+/// Opens a file with the flags of open(). Only its owner can read one that is made. Anything but a regular
+/// file, such as a FIFO, is refused at once.
 ///
 /// @throws PlatformError
 Descriptor open_file(const std::filesystem::path &file, int flags);
@@ -39,14 +48,13 @@ std::string read_to_end(const Descriptor &file, size_t max_size);
 /// What an open file holds from `offset` on, as far as it can be read.
 std::string read_from(const Descriptor &file, off_t offset);
 
-/// Replaces a file, whole or not at all. Its writers take turns: each leaves at most one temporary file
-/// behind when it is killed, which the next replaces.
+/// Replaces a file, whole or not at all. Its writers take turns: one that is killed leaves at most one
+/// temporary file behind, which the next replaces.
 ///
 /// @throws HostError when it can't be written; the old file is then still there
 void replace_file(const std::filesystem::path &file, const std::string &content);
 
-/// Makes a file that was not there, whole or not at all, and so that it outlives a power cut once this
-/// returns.
+/// Makes a file that was not there, whole or not at all. It outlives a power cut once this returns.
 ///
 /// @throws HostError when it can't be written or is there already
 void create_file_durably(const std::filesystem::path &file, const std::string &content);
@@ -67,25 +75,21 @@ void make_private_folder(const std::filesystem::path &folder);
 /// Whether a folder can be written in, or could be made.
 bool is_usable_folder(const std::filesystem::path &folder);
 
-/// A lock between processes. One that dies lets go of it.
+/// A lock between processes. One that dies lets go of it. Each function throws PlatformError when the file
+/// can't be locked.
 class FileLock
 {
 public:
     explicit FileLock(std::filesystem::path lock_file) : file(std::move(lock_file)) {}
 
     /// Waits until no other process holds the lock.
-    ///
-    /// @throws PlatformError when the file can't be locked
-    void acquire();
+    void acquire() { lock(LOCK_EX); }
 
     /// @return false when another process holds the lock
-    /// @throws PlatformError when the file can't be locked
-    bool try_acquire();
+    bool try_acquire() { return lock(LOCK_EX | LOCK_NB); }
 
     /// Shares the lock with other processes that share it, and waits until none holds it for itself.
-    ///
-    /// @throws PlatformError when the file can't be locked
-    void share();
+    bool share() { return lock(LOCK_SH); }
 
     /// The file, once it was locked.
     const Descriptor &opened() const { return descriptor; }

@@ -1,5 +1,30 @@
 #pragma once
 
+#include <csignal>
+
 /// The first thing that a program of the host does. Nobody but its owner can read what it makes from then on,
 /// and no file that it opens takes the place of a standard stream that it was started without.
 void prepare_process();
+
+/// Takes SIGTERM and SIGINT, which ask this process to end, while the object is there. Then what handled them
+/// before does so again. It also gets one that came meanwhile, but what take() has told of does not end the
+/// process.
+class TerminationSignals
+{
+public:
+    /// @param later handles the signals once the object is gone; else what did so before does
+    explicit TerminationSignals(void (*later)(int) = nullptr);
+    TerminationSignals(const TerminationSignals &) = delete;
+    TerminationSignals &operator=(const TerminationSignals &) = delete;
+    ~TerminationSignals();
+
+    /// Can be read from while take() has something to tell.
+    static int file();
+
+    /// @return whether a signal has come since the last call
+    bool take();
+
+private:
+    struct sigaction before[2] = {};
+    bool has_told = false;
+};

@@ -1,5 +1,6 @@
 #include "text.h"
 
+#include <algorithm>
 #include <sstream>
 #include <unistd.h>
 
@@ -7,23 +8,10 @@
 
 static bool is_harmless(gunichar character)
 {
-    switch (g_unichar_type(character)) {
-    case G_UNICODE_CONTROL:
-    case G_UNICODE_FORMAT: // such as those that turn the direction of writing
-    case G_UNICODE_SURROGATE:
-    case G_UNICODE_LINE_SEPARATOR:
-    case G_UNICODE_PARAGRAPH_SEPARATOR:
-        return false;
-    default:
-        return true;
-    }
-}
-
-static std::string escape(const char *format, guint number)
-{
-    char sequence[16];
-    g_snprintf(sequence, sizeof sequence, format, number);
-    return sequence;
+    static constexpr GUnicodeType HARMFUL[] = {
+        G_UNICODE_CONTROL, G_UNICODE_FORMAT, // such as those that turn the direction of writing
+        G_UNICODE_SURROGATE, G_UNICODE_LINE_SEPARATOR, G_UNICODE_PARAGRAPH_SEPARATOR};
+    return std::ranges::find(HARMFUL, g_unichar_type(character)) == std::end(HARMFUL);
 }
 
 std::string escaped(std::string_view text)
@@ -31,15 +19,15 @@ std::string escaped(std::string_view text)
     std::string line;
     while (!text.empty()) {
         const gunichar character = g_utf8_get_char_validated(text.data(), static_cast<gssize>(text.size()));
-        size_t length = 1;
-        if ((character & 0x80000000U) != 0 || character == 0) { // no character, or none that is whole
-            line += escape("\\x%02x", static_cast<unsigned char>(text.front()));
+        const bool is_whole = (character & 0x80000000U) == 0 && character != 0;
+        const auto length = static_cast<size_t>(is_whole ? g_utf8_next_char(text.data()) - text.data() : 1);
+        if (is_whole && is_harmless(character)) {
+            line.append(text, 0, length);
         } else {
-            length = static_cast<size_t>(g_utf8_next_char(text.data()) - text.data());
-            if (is_harmless(character))
-                line.append(text, 0, length);
-            else
-                line += escape(character < 0x80 ? "\\x%02x" : "\\u%04x", character);
+            const guint number = is_whole ? character : static_cast<unsigned char>(text.front());
+            char sequence[16];
+            g_snprintf(sequence, sizeof sequence, is_whole && number >= 0x80 ? "\\u%04x" : "\\x%02x", number);
+            line += sequence;
         }
         text.remove_prefix(length);
     }
@@ -59,10 +47,9 @@ std::vector<std::string> wrap(const std::string &text, size_t width)
         lines.back() += (lines.back().empty() ? "" : " ") + word;
         while (length(lines.back()) > width) { // a word alone that is too long
             const std::string line = lines.back();
-            const auto cut = static_cast<size_t>(
-                g_utf8_offset_to_pointer(line.c_str(), static_cast<glong>(width)) - line.c_str());
-            lines.back().erase(cut);
-            lines.push_back(line.substr(cut));
+            const gchar *cut = g_utf8_offset_to_pointer(line.c_str(), static_cast<glong>(width));
+            lines.back() = std::string(line.c_str(), cut);
+            lines.emplace_back(cut);
         }
     }
     return lines;

@@ -16,7 +16,6 @@
 #include "paths.h"
 #include "process.h"
 #include "request.h"
-#include "signals.h"
 
 static constexpr char APPLICATION_ID[] = "com.orvanta.ime-backup-service";
 
@@ -33,15 +32,12 @@ static constexpr char HELP[] =
 static constexpr char STARTED_BY_BUS[] = "--gapplication-service";
 static constexpr guint REQUEST_SECONDS = 5;
 
-/// Begins the address of a session bus that isn't there.
-static constexpr char NO_BUS[] = "disabled:";
-
 static constexpr int EXIT_USAGE = 2;
 static constexpr guint END_RETRY_MS = 20;
 static constexpr int END_RETRIES = 250;
 
-/// Below the state root. Who launches the service shares it until its request is answered, and an instance
-/// that ends takes it for itself: so no request reaches an instance that ends.
+/// Who launches the service shares it until its request is answered, and an instance that ends takes it for
+/// itself: so no request reaches an instance that ends.
 static constexpr char LAUNCH_LOCK[] = "launch.lock";
 
 namespace
@@ -53,14 +49,11 @@ struct ServiceApp {
     void *user_data;
     /// The answer to the launch that started this process; a launch that is never answered has failed.
     int status = EXIT_FAILURE;
-    /// This process runs the application, rather than one that was running already.
-    bool primary = false;
     bool created = false;
     bool ending = false;
     bool terminated = false; ///< by a signal: it ends whatever comes
     bool asked = false;      ///< a request has come
-    bool is_alone = false;   ///< without a bus
-    bool is_over = false;    ///< then it ends
+    bool is_over = false;    ///< it was told to end
     std::optional<TerminationSignals> signals = std::nullopt;
     int end_retries = 0;
     std::optional<FileLock> launches = std::nullopt;
@@ -80,7 +73,6 @@ static gboolean on_termination(int, GIOCondition, void *)
 
 static void on_startup(GApplication *application, ServiceApp *app)
 {
-    app->primary = true;
     app->launches.reset();
     app->created = app->callbacks.create(app->user_data);
     if (app->created)
@@ -136,15 +128,14 @@ static void on_shutdown(GApplication *, ServiceApp *app)
         app->callbacks.terminate(app->user_data);
 }
 
-/// Takes or shares the lock on launches. A launch does without it where it can't be had: the exchange will
-/// tell why.
-template <class Lock>
-static bool lock_launches(ServiceApp &app, Lock lock)
+/// Takes or shares the lock on launches. A launch does without it where it can't be had: the exchange tells
+/// why.
+static bool lock_launches(bool (FileLock::*lock)())
 {
     try {
-        if (!app.launches)
-            app.launches.emplace(state_root() / LAUNCH_LOCK);
-        return lock(*app.launches);
+        if (!running->launches)
+            running->launches.emplace(state_root() / LAUNCH_LOCK);
+        return (*running->launches.*lock)();
     } catch (const HostError &) {
         return true;
     }
@@ -162,21 +153,22 @@ static void release_name(GDBusConnection *bus)
 
 static int answer_option(const std::string &option)
 {
-    if (option == "--help" || option == "-h")
+    if (option == "--help" || option == "-h") {
         printf("%s", HELP);
-    else if (option == "--version")
+    } else if (option == "--version") {
         printf("%s\n", IME_BACKUP_VERSION);
-    else
+    } else {
         fprintf(stderr, "ime-backup-service: there is no option %s; see --help\n", option.c_str());
-    const bool known = option == "--help" || option == "-h" || option == "--version";
-    return !known ? EXIT_USAGE : fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+        return EXIT_USAGE;
+    }
+    return fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 /// Whether there is a session bus: where its address says so, or where a user's stands.
 static bool has_session_bus()
 {
     if (const char *address = g_getenv("DBUS_SESSION_BUS_ADDRESS"); address != nullptr)
-        return g_str_has_prefix(address, NO_BUS) == FALSE;
+        return g_str_has_prefix(address, "disabled:") == FALSE;
     std::error_code ignored;
     return std::filesystem::is_socket(std::filesystem::path(g_get_user_runtime_dir()) / "bus", ignored);
 }
@@ -184,7 +176,6 @@ static bool has_session_bus()
 /// Serves the one request that it is started with. Nobody else can reach this instance.
 static int run_alone(ServiceApp &app, const char *operation)
 {
-    app.is_alone = true;
     if (!app.callbacks.create(app.user_data))
         return EXIT_FAILURE;
     app.status = serve(app, operation);
@@ -209,10 +200,7 @@ static int run_on_bus(ServiceApp &app, int argc, char **argv, bool is_started_by
     g_signal_connect(application, "open", G_CALLBACK(on_open), &app);
     g_signal_connect(application, "shutdown", G_CALLBACK(on_shutdown), &app);
 
-    lock_launches(app, [](FileLock &lock) {
-        lock.share();
-        return true;
-    });
+    lock_launches(&FileLock::share);
     g_autoptr(GError) error = nullptr;
     if (g_application_register(application, nullptr, &error) == FALSE) {
         fprintf(stderr, "ime-backup-service: %s\n", error->message);
@@ -220,18 +208,17 @@ static int run_on_bus(ServiceApp &app, int argc, char **argv, bool is_started_by
     }
     if (is_started_by_bus) // and has its name: the request is on its way
         g_timeout_add_seconds(REQUEST_SECONDS, on_no_request, nullptr);
-    if (!app.primary)
+    const bool is_primary = g_application_get_is_remote(application) == FALSE; // no other was running already
+    if (!is_primary)
         app.signals.reset();
 
-    g_autoptr(GDBusConnection) bus = g_application_get_dbus_connection(application);
-    if (bus != nullptr)
-        g_object_ref(bus);
-
+    g_autoptr(GDBusConnection) bus = nullptr;
+    g_set_object(&bus, g_application_get_dbus_connection(application));
     const int status = g_application_run(application, argc, argv);
 
-    if (app.primary && bus != nullptr)
+    if (is_primary && bus != nullptr)
         release_name(bus);
-    return app.primary ? app.status : status;
+    return is_primary ? app.status : status;
 }
 
 int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, void *user_data)
@@ -255,8 +242,7 @@ static gboolean try_to_end(void *)
 {
     if (running == nullptr || !running->ending)
         return G_SOURCE_REMOVE;
-    if (running->end_retries++ < END_RETRIES &&
-        !lock_launches(*running, [](FileLock &lock) { return lock.try_acquire(); }))
+    if (running->end_retries++ < END_RETRIES && !lock_launches(&FileLock::try_acquire))
         return G_SOURCE_CONTINUE;
     g_application_quit(g_application_get_default());
     return G_SOURCE_REMOVE;
@@ -266,12 +252,9 @@ void service_app_exit(void)
 {
     if (running == nullptr)
         return;
-    if (running->is_alone) {
-        running->is_over = true;
-        return;
-    }
+    running->is_over = true;
     GApplication *application = g_application_get_default();
-    if (application == nullptr)
+    if (application == nullptr) // it runs alone
         return;
     if (g_application_get_dbus_connection(application) == nullptr) {
         g_application_quit(application); // nobody else can reach this instance

@@ -32,32 +32,28 @@ public:
 
     bool flush() override
     {
-        return with_daemon([this] {
-            daemon->flush();
-            return true;
-        });
+        return with_daemon([this] { daemon->flush(); });
     }
 
     bool reload() override
     {
-        return with_daemon([this] {
-                   daemon->reload();
-                   return true;
-               }) &&
-               scim::DummyConfig::reload();
+        return with_daemon([this] { daemon->reload(); }) && scim::DummyConfig::reload();
     }
 
 private:
     template <class Work>
     static bool with_daemon(Work work)
     {
-        return with_account(PLACE, false, work);
+        return with_account(PLACE, false, [&] {
+            work();
+            return true;
+        });
     }
 
     template <class Value>
     bool get(const scim::String &key, Value *value) const
     {
-        return with_daemon([&] {
+        return with_account(PLACE, false, [&] {
             const std::optional<Value> stored = daemon->read<Value>(key);
             if (stored)
                 *value = *stored;
@@ -70,7 +66,6 @@ private:
     {
         return with_daemon([&] {
             daemon->write_on_account({PLACE, key, {}, parse_config_text(config_text(value))}, key, value);
-            return true;
         });
     }
 
@@ -84,15 +79,13 @@ namespace scim
 
 // There is no module to load: what the class keeps of one only tells whether it is the one that there is.
 
-static void initialize() {}
-
 static ConfigPointer create_daemon_config()
 {
     return with_account(PLACE, ConfigPointer(), [] { return ConfigPointer(new DaemonConfig); });
 }
 
 ConfigModule::ConfigModule(const String &name)
-    : m_config_init(initialize), m_config_create_config(name == "socket" ? create_daemon_config : nullptr)
+    : m_config_init(nullptr), m_config_create_config(name == "socket" ? create_daemon_config : nullptr)
 {
     account().note_call(PLACE);
 }

@@ -10,18 +10,15 @@
 
 #include "text.h"
 
-static char priority_letter(int priority)
-{
-    static constexpr char letters[] = "??VDIWEF";
-    return priority < 0 || priority > 7 ? '?' : letters[priority];
-}
+/// By priority.
+static constexpr char LETTERS[] = "??VDIWEF";
 
 /// The first colour sequence ("\033[...m") in `text` from `begin` on, or "".
 static std::string find_colour(const std::string &text, size_t begin)
 {
     const size_t escape = text.find("\033[", begin);
     const size_t end =
-        escape == std::string::npos ? escape : text.find_first_not_of("0123456789;", escape + 2);
+        text.find_first_not_of("0123456789;", escape == std::string::npos ? escape : escape + 2);
     return end == std::string::npos || text[end] != 'm' ? "" : text.substr(escape, end + 1 - escape);
 }
 
@@ -51,9 +48,10 @@ int __dlog_print(int /*buffer*/, int priority, const char *tag, const char *form
 
     g_autoptr(GDateTime) now = g_date_time_new_now_utc();
     g_autofree gchar *time = g_date_time_format(now, "%FT%T");
+    const char letter = priority < 0 || priority > 7 ? '?' : LETTERS[priority];
     g_autofree gchar *head =
-        g_strdup_printf("%s.%03dZ %c %s %d: ", time, g_date_time_get_microsecond(now) / 1000,
-                        priority_letter(priority), tag == nullptr ? "" : tag, getpid());
+        g_strdup_printf("%s.%03dZ %c %s %d: ", time, g_date_time_get_microsecond(now) / 1000, letter,
+                        tag == nullptr ? "" : tag, getpid());
 
     // One write for each line: lines of several processes do not mix.
     const std::string line = head + sanitize(format, text, shows_colour(STDERR_FILENO)) + "\n";

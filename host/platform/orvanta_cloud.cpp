@@ -80,44 +80,42 @@ int orvanta_cloud_deinitialize(void)
     return ORVANTA_CLOUD_ERROR_NONE;
 }
 
-int orvanta_cloud_backup_record_set_preparation_cb(orvanta_cloud_request_cb callback, void * /*context*/)
+int orvanta_cloud_backup_record_set_preparation_cb(orvanta_cloud_request_cb callback, void *)
 {
     return begin_set(&Library::backup, callback);
 }
 
-int orvanta_cloud_backup_record_set_sending_keys_and_dates_cb(orvanta_cloud_request_cb callback,
-                                                              void * /*context*/)
+int orvanta_cloud_backup_record_set_sending_keys_and_dates_cb(orvanta_cloud_request_cb callback, void *)
 {
     return set_callback(&Library::backup, &Callbacks::keys_and_dates, callback);
 }
 
-int orvanta_cloud_backup_record_set_backup_cb(orvanta_cloud_backup_cb callback, void * /*context*/)
+int orvanta_cloud_backup_record_set_backup_cb(orvanta_cloud_backup_cb callback, void *)
 {
     return set_callback(&Library::backup, &Callbacks::backup, callback);
 }
 
-int orvanta_cloud_backup_record_set_completed_cb(orvanta_cloud_completed_cb callback, void * /*context*/)
+int orvanta_cloud_backup_record_set_completed_cb(orvanta_cloud_completed_cb callback, void *)
 {
     return close_set(&Library::backup, Direction::backup, callback);
 }
 
-int orvanta_cloud_restore_record_set_preparation_cb(orvanta_cloud_request_cb callback, void * /*context*/)
+int orvanta_cloud_restore_record_set_preparation_cb(orvanta_cloud_request_cb callback, void *)
 {
     return begin_set(&Library::restore, callback);
 }
 
-int orvanta_cloud_restore_record_set_sending_restoration_path_cb(orvanta_cloud_request_cb callback,
-                                                                 void * /*context*/)
+int orvanta_cloud_restore_record_set_sending_restoration_path_cb(orvanta_cloud_request_cb callback, void *)
 {
     return set_callback(&Library::restore, &Callbacks::restoration_path, callback);
 }
 
-int orvanta_cloud_restore_record_set_restoration_cb(orvanta_cloud_restoration_cb callback, void * /*context*/)
+int orvanta_cloud_restore_record_set_restoration_cb(orvanta_cloud_restoration_cb callback, void *)
 {
     return set_callback(&Library::restore, &Callbacks::restoration, callback);
 }
 
-int orvanta_cloud_restore_record_set_completed_cb(orvanta_cloud_completed_cb callback, void * /*context*/)
+int orvanta_cloud_restore_record_set_completed_cb(orvanta_cloud_completed_cb callback, void *)
 {
     return close_set(&Library::restore, Direction::restore, callback);
 }

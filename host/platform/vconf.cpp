@@ -22,11 +22,7 @@ struct vconf_keylist {
 };
 
 /// The lists that are alive, so that a bad handle is refused.
-static std::set<vconf_keylist_handle> &lists()
-{
-    static std::set<vconf_keylist_handle> alive;
-    return alive;
-}
+static std::set<vconf_keylist_handle> lists;
 
 static constexpr int DONE = 0;
 static constexpr int FAILED = -1;
@@ -96,12 +92,12 @@ char *vconf_get_str(const char *key)
 vconf_keylist_handle vconf_keylist_new(void)
 {
     account().note_call(PLACE);
-    return *lists().insert(new vconf_keylist).first;
+    return *lists.insert(new vconf_keylist).first;
 }
 
 int vconf_get(vconf_keylist_handle list, const char *directory, int option)
 {
-    if (!lists().contains(list) || !is_key(directory) || option != VCONF_GET_KEYS)
+    if (!lists.contains(list) || !is_key(directory) || option != VCONF_GET_KEYS)
         return FAILED;
     return with_store([&](SettingsStore &store) {
         const Settings found = store.below(directory);
@@ -113,7 +109,7 @@ int vconf_get(vconf_keylist_handle list, const char *directory, int option)
 
 int vconf_keylist_lookup(vconf_keylist_handle list, const char *key, vconf_keynode_handle *node)
 {
-    if (!lists().contains(list) || key == nullptr || node == nullptr)
+    if (!lists.contains(list) || key == nullptr || node == nullptr)
         return FAILED;
     const auto found = list->nodes.find(key);
     if (found == list->nodes.end())
@@ -132,7 +128,7 @@ char *vconf_keynode_get_str(vconf_keynode_handle node)
 
 int vconf_keylist_add_str(vconf_keylist_handle list, const char *key, const char *value)
 {
-    if (!lists().contains(list) || !is_key(key) || value == nullptr ||
+    if (!lists.contains(list) || !is_key(key) || value == nullptr ||
         g_utf8_validate(value, -1, nullptr) == FALSE)
         return FAILED;
     list->nodes.insert_or_assign(key, vconf_keynode{value, true});
@@ -141,7 +137,7 @@ int vconf_keylist_add_str(vconf_keylist_handle list, const char *key, const char
 
 int vconf_set(vconf_keylist_handle list)
 {
-    if (!lists().contains(list))
+    if (!lists.contains(list))
         return FAILED;
     // What was only fetched is not stored again: another process may have changed it since.
     Settings added;
@@ -153,7 +149,7 @@ int vconf_set(vconf_keylist_handle list)
 
 int vconf_keylist_free(vconf_keylist_handle list)
 {
-    if (lists().erase(list) == 0)
+    if (lists.erase(list) == 0)
         return FAILED;
     delete list;
     return DONE;

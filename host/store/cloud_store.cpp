@@ -5,9 +5,7 @@
 #include <glib.h>
 
 #include "contact.h"
-#include "folder_store.h"
 #include "paths.h"
-#include "rclone_store.h"
 #include "snapshot.h"
 
 std::string snapshot_in(const CloudRecords &records)
@@ -20,56 +18,45 @@ std::string snapshot_in(const CloudRecords &records)
     return *records.back().value;
 }
 
-static constexpr char BACKUP_PREFIX[] = "backup-";
-static constexpr char BACKUP_SUFFIX[] = ".json";
+static constexpr std::string_view PREFIX = "backup-";
+static constexpr std::string_view RCLONE_SCHEME = "rclone:";
 static constexpr BackupNumber MAX_NUMBER = 999'999'999'999;
 
-static constexpr std::string_view RCLONE_SCHEME = "rclone:";
-
-/// The place that was chosen for the store, or nothing.
-static const char *chosen_location()
+/// The place that was chosen for the store, or "".
+static std::string chosen_location()
 {
     const char *location = g_getenv(STORE_VARIABLE);
-    return location == nullptr || *location == '\0' ? nullptr : location;
+    return location == nullptr ? "" : location;
 }
 
-/// What rclone calls the place, if the location names one of rclone's.
-static std::optional<std::string> rclone_target(const std::string &location)
+bool CloudStore::is_chosen()
 {
-    if (!location.starts_with(RCLONE_SCHEME))
-        return std::nullopt;
-    const std::string target = location.substr(RCLONE_SCHEME.size());
-    // Without a remote in front, rclone would take it for a folder.
-    const bool has_remote =
-        target.find(':') != std::string::npos && target[target.find_first_of(":,/")] != '/';
-    return has_remote ? std::optional(target) : std::nullopt;
+    return !chosen_location().empty();
 }
 
 std::unique_ptr<CloudStore> open_store(std::optional<double> timeout_seconds)
 {
-    const char *location = chosen_location();
-    if (location == nullptr)
-        return std::make_unique<FolderStore>(state_root() / "cloud");
-    if (const auto target = rclone_target(location); target)
-        return std::make_unique<RcloneStore>(location, *target, timeout_seconds);
-    g_autofree gchar *scheme = g_uri_parse_scheme(location);
+    const std::string location = chosen_location();
+    if (location.empty())
+        return make_folder_store(state_root() / "cloud");
+    if (location.starts_with(RCLONE_SCHEME)) {
+        const std::string target = location.substr(RCLONE_SCHEME.size());
+        // Without a remote in front, rclone would take it for a folder.
+        if (target.find(':') != std::string::npos && target[target.find_first_of(":,/")] != '/')
+            return make_rclone_store(location, target, timeout_seconds);
+    }
+    g_autofree gchar *scheme = g_uri_parse_scheme(location.c_str());
     if (scheme != nullptr)
-        throw PlatformError("the cloud store " + std::string(location) +
+        throw PlatformError("the cloud store " + location +
                             " can't be used: it must be a folder's path, or rclone:REMOTE:PATH");
-    return std::make_unique<FolderStore>(absolute_path(location));
-}
-
-CloudStore::CloudStore(std::string location)
-    : place(std::move(location)), chosen(chosen_location() != nullptr)
-{
+    return make_folder_store(absolute_path(location));
 }
 
 std::string CloudStore::file_name(BackupNumber number)
 {
     // Padded, so that a listing of the folder is in order.
-    std::string digits = std::to_string(number);
-    digits.insert(0, digits.size() < 6 ? 6 - digits.size() : 0, '0');
-    return BACKUP_PREFIX + digits + BACKUP_SUFFIX;
+    g_autofree gchar *name = g_strdup_printf("backup-%06" G_GUINT64_FORMAT ".json", number);
+    return name;
 }
 
 std::optional<BackupNumber> CloudStore::parse_number(const std::string &digits)
@@ -80,40 +67,21 @@ std::optional<BackupNumber> CloudStore::parse_number(const std::string &digits)
     return number;
 }
 
-/// The digits in the name of a file that is named as a backup is.
-static std::optional<std::string> digits_in(const std::string &name)
-{
-    const size_t prefix = sizeof BACKUP_PREFIX - 1;
-    const size_t suffix = sizeof BACKUP_SUFFIX - 1;
-    if (!name.starts_with(BACKUP_PREFIX) || !name.ends_with(BACKUP_SUFFIX) || name.size() <= prefix + suffix)
-        return std::nullopt;
-    const std::string digits = name.substr(prefix, name.size() - prefix - suffix);
-    const bool all_digits =
-        std::all_of(digits.begin(), digits.end(), [](char c) { return g_ascii_isdigit(c); });
-    return all_digits ? std::optional(digits) : std::nullopt;
-}
-
-std::optional<BackupNumber> CloudStore::number_in(const std::string &name)
-{
-    const std::optional<std::string> digits = digits_in(name);
-    const std::optional<BackupNumber> number = digits ? parse_number(*digits) : std::nullopt;
-    return number && file_name(*number) == name ? number : std::nullopt;
-}
-
 std::optional<BackupNumber> CloudStore::number_taken_by(const std::string &name)
 {
-    const size_t end = name.find(BACKUP_SUFFIX);
-    return end == std::string::npos ? std::nullopt
-                                    : number_in(name.substr(0, end + sizeof BACKUP_SUFFIX - 1));
+    if (!name.starts_with(PREFIX))
+        return std::nullopt;
+    const auto number = parse_number(name.substr(PREFIX.size(), name.find('.') - PREFIX.size()));
+    return number && name.starts_with(file_name(*number)) ? number : std::nullopt;
 }
 
 CloudStore::Listing CloudStore::parse_listing(const std::vector<std::string> &names)
 {
     Listing listing{true, {}, {}};
     for (const std::string &name : names)
-        if (const auto number = number_in(name); number)
+        if (const auto number = number_taken_by(name); number && file_name(*number) == name)
             listing.numbers.push_back(*number);
-        else if (digits_in(name))
+        else if (g_regex_match_simple(R"(^backup-[0-9]+\.json\z)", name.c_str(), G_REGEX_RAW, {}) != FALSE)
             listing.left_out.push_back(name);
     std::sort(listing.numbers.begin(), listing.numbers.end());
     std::sort(listing.left_out.begin(), listing.left_out.end());

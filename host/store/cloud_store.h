@@ -53,13 +53,12 @@ public:
     /// Its place, for a person.
     const std::string &location() const { return place; }
     /// Whether its place was chosen by $IME_BACKUP_CLOUD_STORE.
-    bool is_chosen() const { return chosen; }
+    static bool is_chosen();
 
     struct Listing {
         bool is_there = false;
         std::vector<BackupNumber> numbers; ///< newest last
-        std::vector<std::string>
-            left_out; ///< files that are named as backups are, but have no number that can be
+        std::vector<std::string> left_out; ///< files named as backups are, but with no number that can be
     };
 
     Listing list() const;
@@ -104,12 +103,10 @@ public:
     virtual bool contains(const std::filesystem::path & /*file*/) const { return false; }
 
 protected:
-    explicit CloudStore(std::string location);
+    explicit CloudStore(std::string location) : place(std::move(location)) {}
 
     static std::string file_name(BackupNumber number);
     static std::optional<BackupNumber> parse_number(const std::string &digits);
-    /// The number in the name of a backup's file.
-    static std::optional<BackupNumber> number_in(const std::string &name);
     /// The number that a file takes up: one that is named as a backup's is, whatever may follow.
     static std::optional<BackupNumber> number_taken_by(const std::string &name);
     static Listing parse_listing(const std::vector<std::string> &names);
@@ -127,8 +124,16 @@ private:
     virtual std::string read_content(BackupNumber number) const = 0;
 
     const std::string place;
-    const bool chosen;
 };
+
+/// Backups in a folder.
+std::unique_ptr<CloudStore> make_folder_store(const std::filesystem::path &folder);
+
+/// Backups in a remote place.
+///
+/// @param target the place, as rclone has it
+std::unique_ptr<CloudStore> make_rclone_store(const std::string &location, const std::string &target,
+                                              std::optional<double> timeout_seconds);
 
 /// The store named by $IME_BACKUP_CLOUD_STORE, else a folder below the state root.
 ///

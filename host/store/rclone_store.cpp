@@ -1,11 +1,17 @@
-#include "rclone_store.h"
-
 #include <algorithm>
-#include <filesystem>
+#include <cerrno>
+#include <cstring>
+#include <map>
 #include <sstream>
+
+#include <sys/mman.h>
+#include <sys/wait.h>
 
 #include <glib.h>
 
+#include "child.h"
+#include "cloud_store.h"
+#include "contact.h"
 #include "files.h"
 #include "text.h"
 
@@ -17,248 +23,346 @@ static constexpr char UPLOAD_SUFFIX[] = ".new";
 /// given.
 static constexpr char NOTE_SUFFIX[] = ".gone";
 static constexpr char NOTE[] = "The number in this file's name is not given to another backup.\n";
-/// No upload takes as long, by any remote's clock.
-static constexpr char ABANDONED_AGE[] = "2d";
 
 static constexpr int MAX_TRIES = 8;
 static constexpr gint32 PAUSE_US = 100'000;
 
-RcloneStore::RcloneStore(const std::string &location, std::string rclone_target,
-                         std::optional<double> timeout_seconds)
-    : CloudStore(location), target(std::move(rclone_target)), rclone(timeout_seconds)
+/// Seconds after which a silent server has failed: these at most, and this share of the time that there is.
+/// Twice that leaves time to tell of it.
+static constexpr double MAX_PATIENCE = 10;
+static constexpr double SHARE_OF_PATIENCE = 0.25;
+
+/// The exit status of rclone when there is no such folder.
+static constexpr int NO_SUCH_FOLDER = 3;
+
+/// How a line of rclone's log begins.
+static constexpr char STAMP[] = R"(^\d{4}/\d\d/\d\d \d\d:\d\d:\d\d )";
+static constexpr size_t STAMP_SIZE = sizeof "0000/00/00 00:00:00 " - 1;
+static constexpr size_t MAX_REASON = 400;
+static constexpr char TOO_LATE[] = "rclone did not finish in time";
+
+/// A file in memory. Unlike a pipe it is whole when a process begins to read it, whatever becomes of this
+/// one.
+static Descriptor make_file(const std::string &content)
 {
+    Descriptor file(memfd_create("rclone", MFD_CLOEXEC));
+    if (!file || !write_at(file, 0, content))
+        throw HostError("there is no memory left for rclone's input and output");
+    return file;
 }
 
-// What rclone does.
-
-std::string RcloneStore::file(const std::string &name) const
+/// The last line that rclone logged, without the time and the level.
+static std::string find_reason(const std::string &errors)
 {
-    return target + (target.ends_with(':') || target.ends_with('/') ? "" : "/") + name;
+    std::string reason;
+    std::istringstream lines(errors);
+    for (std::string line; std::getline(lines, line);)
+        if (g_regex_match_simple(STAMP, line.c_str(), G_REGEX_RAW, {}) != FALSE)
+            reason = line.substr(STAMP_SIZE);
+        else if (reason.empty()) // not logged; behind what is, the rest of a server's answer
+            reason = line;
+    for (const char *level : {"ERROR : ", "CRITICAL: "})
+        if (reason.starts_with(level))
+            reason.erase(0, strlen(level));
+    return escaped(reason.substr(0, MAX_REASON));
 }
-
-void RcloneStore::require_done(const Rclone::Result &result, const std::string &remark) const
-{
-    if (result.status != 0)
-        throw HostError("the cloud store " + location() + " can't be used: " + result.reason + remark);
-}
-
-std::optional<std::vector<std::string>> RcloneStore::list_names() const
-{
-    // With the folders, whose names end in a slash: they, too, are in the way of a file.
-    const Rclone::Result result = rclone.run({"lsf", "--", target});
-    if (result.status == Rclone::NO_SUCH_FOLDER)
-        return std::nullopt;
-    require_done(result);
-    std::vector<std::string> names;
-    std::istringstream lines(result.output);
-    for (std::string name; std::getline(lines, name);)
-        names.push_back(name);
-    return names;
-}
-
-std::vector<std::string> RcloneStore::names_there() const
-{
-    return list_names().value_or(std::vector<std::string>());
-}
-
-bool RcloneStore::is_there(const std::string &name) const
-{
-    const std::vector<std::string> names = names_there();
-    return std::find(names.begin(), names.end(), name) != names.end();
-}
-
-/// The content of a file, or the beginning of one that is too large for a backup. There may be none of a
-/// file that isn't there: a remote without folders takes it for a folder with nothing in it.
-Rclone::Result RcloneStore::get(const std::string &name) const
-{
-    return rclone.run({"cat", "--count", std::to_string(MAX_RECORD_FILE_SIZE + 1), "--", file(name)});
-}
-
-void RcloneStore::put(const std::string &name, const std::string &content) const
-{
-    // Told the size, rclone keeps no copy of its own meanwhile, which it would leave behind when killed.
-    require_done(rclone.run({"rcat", "--size", std::to_string(content.size()), "--", file(name)}, content));
-}
-
-// Reading.
 
 namespace
 {
 
-/// A folder for what rclone downloads.
-class Downloads
+/// Runs the program rclone, which reaches remote stores of many kinds. No place of this kind can be locked,
+/// and few can make a file only if there is none of its name. So a backup is uploaded under a name of its
+/// own, which takes up its number without counting as a backup; when no other file has this number, then or
+/// before, it gets the name of a backup. What can't be written to shows only when it is written to.
+class RcloneStore : public CloudStore
 {
 public:
-    Downloads()
+    RcloneStore(const std::string &location, std::string rclone_target, std::optional<double> timeout_seconds)
+        : CloudStore(location), target(std::move(rclone_target))
     {
-        g_autoptr(GError) error = nullptr;
-        g_autofree gchar *made = g_dir_make_tmp("ime-backup-XXXXXX", &error);
-        if (made == nullptr)
-            throw HostError(error->message);
-        folder = made;
-    }
-    Downloads(const Downloads &) = delete;
-    Downloads &operator=(const Downloads &) = delete;
-    ~Downloads()
-    {
-        std::error_code ignored;
-        fs::remove_all(folder, ignored);
+        if (timeout_seconds)
+            left = static_cast<gint64>(*timeout_seconds * G_USEC_PER_SEC);
+        const char *waiting = g_getenv(STORE_TIMEOUT_VARIABLE);
+        const double seconds =
+            timeout_seconds.value_or(waiting == nullptr ? 0 : g_ascii_strtod(waiting, nullptr));
+        const double patience =
+            seconds > 0 ? std::min(MAX_PATIENCE, seconds * SHARE_OF_PATIENCE) : MAX_PATIENCE;
+        const std::string milliseconds = std::to_string(static_cast<int>(patience * 1000)) + "ms";
+        // Where the environment says nothing else: what fails is tried once more.
+        rclone.environment.merge(Environment{{"RCLONE_RETRIES", "1"},
+                                             {"RCLONE_LOW_LEVEL_RETRIES", "2"},
+                                             {"RCLONE_CONTIMEOUT", milliseconds},
+                                             {"RCLONE_TIMEOUT", milliseconds}});
+        // What traces the service is not for what it starts.
+        std::erase_if(rclone.environment, [](const auto &variable) {
+            return variable.first == "LD_PRELOAD" || variable.first.starts_with("IME_BACKUP_TRACE");
+        });
     }
 
-    const fs::path &path() const { return folder; }
+    void fetch(const std::vector<BackupNumber> &numbers) const override
+    {
+        if (numbers.empty())
+            return;
+        g_autoptr(GError) error = nullptr;
+        const std::unique_ptr<gchar, void (*)(gchar *)> folder(g_dir_make_tmp("ime-backup-XXXXXX", &error),
+                                                               [](gchar *made) {
+                                                                   std::error_code ignored;
+                                                                   fs::remove_all(made, ignored);
+                                                                   g_free(made);
+                                                               });
+        if (folder == nullptr)
+            throw HostError(error->message);
+        std::string names;
+        for (const BackupNumber number : numbers)
+            names += "/" + file_name(number) + "\n";
+        // What is left out here, be it that it can't be read, is read alone, which tells why.
+        const Result copied = run({"copy", "--include-from", "-", "--max-size",
+                                   std::to_string(MAX_RECORD_FILE_SIZE) + "B", "--", target, folder.get()},
+                                  names);
+        if (copied.status < 0) // killed in the middle of a file
+            require_done(copied);
+        std::error_code ignored;
+        for (const BackupNumber number : numbers)
+            if (const fs::path copy = fs::path(folder.get()) / file_name(number); fs::exists(copy, ignored))
+                fetched[number] = read_file(copy, MAX_RECORD_FILE_SIZE);
+    }
+
+    std::optional<std::uintmax_t> size(BackupNumber number) const override
+    {
+        const auto known = fetched.find(number);
+        return known == fetched.end() ? std::nullopt : std::optional(known->second.size());
+    }
+
+    BackupNumber add(const std::string &content) override
+    {
+        for (int tries = 0; tries < MAX_TRIES; tries++) {
+            const std::vector<std::string> names = names_there();
+            discard_abandoned(names);
+            const BackupNumber number = number_after(highest_taken(names));
+            if (try_to_add(number, content))
+                return number;
+            // Those who got in each other's way need not do so again.
+            const gint64 pause = g_random_int_range(0, PAUSE_US << tries);
+            g_usleep(static_cast<gulong>(std::clamp<gint64>(left.value_or(pause), 0, pause)));
+            spend(pause);
+        }
+        throw HostError("others keep adding backups to " + location() + " at the same time");
+    }
+
+    void remove(const Choose &choose) override
+    {
+        const std::vector<std::string> names = names_there();
+        const std::vector<BackupNumber> known = parse_listing(names).numbers;
+        const std::vector<BackupNumber> going = choose(known);
+        if (going.empty())
+            return;
+        std::vector<std::string> files;
+        std::ranges::transform(going, std::back_inserter(files), file_name);
+        if (std::ranges::count(going, known.back()) > 0) {
+            const std::string note = file_name(highest_taken(names)) + NOTE_SUFFIX;
+            put(note, NOTE);
+            std::copy_if(names.begin(), names.end(), std::back_inserter(files), [&](const std::string &name) {
+                return number_taken_by(name) && name.ends_with(NOTE_SUFFIX) && name != note;
+            });
+        }
+        require_done(run({"delete", "--files-from-raw", "-", "--", target}, join(files, "\n") + "\n"));
+    }
 
 private:
-    fs::path folder;
+    struct Result {
+        int status;         ///< exit status, or -1 after a signal
+        std::string output; ///< of its standard output
+        std::string reason; ///< of a failure, for a person
+    };
+
+    /// Runs a subcommand of rclone to its end. While it runs, the main loop of this process stands still;
+    /// SIGINT and SIGTERM end it nevertheless.
+    ///
+    /// @param input its standard input
+    /// @throws PlatformError when rclone isn't installed
+    /// @throws TimeoutError
+    /// @throws InterruptedError after a signal, of which the main loop learns, too
+    Result run(const std::vector<std::string> &arguments, const std::string &input = "") const
+    {
+        if (left && *left <= 0)
+            throw TimeoutError(TOO_LATE);
+        const Descriptor input_file = make_file(input);
+        const Descriptor output = make_file("");
+        const Descriptor errors = make_file("");
+        Child child = rclone;
+        child.arguments.insert(child.arguments.end(), arguments.begin(), arguments.end());
+        child.files = {
+            {STDIN_FILENO, input_file.get()}, {STDOUT_FILENO, output.get()}, {STDERR_FILENO, errors.get()}};
+        child.microseconds = left;
+        const gint64 begin = g_get_monotonic_time();
+        const ChildEnd end = run_child(std::move(child));
+        spend(g_get_monotonic_time() - begin);
+        if (end.error == ENOENT)
+            throw PlatformError("a remote store needs the program rclone: apt-get install rclone");
+        if (end.error != 0)
+            throw PlatformError(std::string("can't start rclone: ") + strerror(end.error));
+        if (end.stopped == Stop::interrupted)
+            throw InterruptedError("interrupted; what the remote store was asked to do may be done");
+        if (end.stopped == Stop::timed_out)
+            throw TimeoutError(TOO_LATE);
+
+        Result result{WIFEXITED(end.status) ? WEXITSTATUS(end.status) : -1, read_from(output, 0),
+                      find_reason(read_from(errors, 0))};
+        if (result.reason.empty())
+            result.reason = result.status < 0 ? "rclone was ended by a signal" : "rclone gave no reason";
+        return result;
+    }
+
+    void spend(gint64 microseconds) const
+    {
+        if (left)
+            *left -= microseconds;
+    }
+
+    void require_done(const Result &result, const std::string &remark = "") const
+    {
+        if (result.status != 0)
+            throw HostError("the cloud store " + location() + " can't be used: " + result.reason + remark);
+    }
+
+    std::optional<std::vector<std::string>> list_names() const override
+    {
+        // With the folders, whose names end in a slash: they, too, are in the way of a file.
+        const Result result = run({"lsf", "--", target});
+        if (result.status == NO_SUCH_FOLDER)
+            return std::nullopt;
+        require_done(result);
+        std::vector<std::string> names;
+        std::istringstream lines(result.output);
+        for (std::string name; std::getline(lines, name);)
+            names.push_back(name);
+        return names;
+    }
+
+    std::vector<std::string> names_there() const { return list_names().value_or(std::vector<std::string>()); }
+
+    bool is_there(const std::string &name) const { return std::ranges::count(names_there(), name) > 0; }
+
+    std::string file(const std::string &name) const
+    {
+        return target + (target.ends_with(':') || target.ends_with('/') ? "" : "/") + name;
+    }
+
+    /// The content of a file, or the beginning of one that is too large for a backup. There may be none of a
+    /// file that isn't there: a remote without folders takes it for a folder with nothing in it.
+    Result get(const std::string &name) const
+    {
+        return run({"cat", "--count", std::to_string(MAX_RECORD_FILE_SIZE + 1), "--", file(name)});
+    }
+
+    void put(const std::string &name, const std::string &content) const
+    {
+        // Told the size, rclone keeps no copy of its own meanwhile, which it would leave behind when killed.
+        require_done(run({"rcat", "--size", std::to_string(content.size()), "--", file(name)}, content));
+    }
+
+    std::string read_content(BackupNumber number) const override
+    {
+        if (const auto known = fetched.find(number); known != fetched.end())
+            return known->second;
+        const Result result = get(file_name(number));
+        if (result.output.size() > MAX_RECORD_FILE_SIZE)
+            throw DamagedError("it is larger than " + std::to_string(MAX_RECORD_FILE_SIZE) + " bytes");
+        const bool is_read = result.status == 0 && !result.output.empty();
+        if (!is_read && !is_there(file_name(number)))
+            throw NoBackupError("there is no backup " + std::to_string(number));
+        if (result.status != 0) // and the rest of the store can be used
+            throw UnreadableError("it can't be read: " + result.reason);
+        return result.output;
+    }
+
+    static BackupNumber highest_taken(const std::vector<std::string> &names)
+    {
+        BackupNumber highest = 0;
+        for (const std::string &name : names)
+            highest = std::max(highest, number_taken_by(name).value_or(0));
+        return highest;
+    }
+
+    /// @return false when another process may take the number
+    bool try_to_add(BackupNumber number, const std::string &content) const
+    {
+        g_autofree gchar *word = g_strdup_printf("%08x%08x", g_random_int(), g_random_int());
+        const std::string upload = file_name(number) + "." + word + UPLOAD_SUFFIX;
+        try {
+            put(upload, content);
+            if (give_name(upload, number, content))
+                return true;
+        } catch (const HostError &) {
+            discard(upload);
+            throw;
+        }
+        discard(upload);
+        return false;
+    }
+
+    /// Makes a backup of an upload that is whole, if no other file has its number. Of two processes that
+    /// upload under one number, at least one sees the other's file here. What a remote shows late is noticed
+    /// by the content.
+    bool give_name(const std::string &upload, BackupNumber number, const std::string &content) const
+    {
+        const std::string changed =
+            "the cloud store " + location() + " does not hand back what was put into it";
+        const Result uploaded = get(upload);
+        require_done(uploaded);
+        if (uploaded.output != content)
+            throw HostError(changed);
+        for (const std::string &name : names_there())
+            if (name != upload && number_taken_by(name) == number)
+                return false;
+
+        const std::string name = file_name(number);
+        const Result moved = run({"moveto", "--ignore-existing", "--", file(upload), file(name)});
+        const Result named = get(name);
+        if (named.status == 0 && named.output == content) // be it that the answer to the move was lost
+            return true;
+        const std::string doubt = "; the backup may have been stored nevertheless";
+        require_done(moved, doubt);
+        require_done(named, doubt);
+        if (!is_there(upload))
+            throw HostError(changed);
+        return false;
+    }
+
+    /// Does what it can: what is left over is no backup.
+    void discard(const std::string &name) const
+    {
+        try {
+            run({"deletefile", "--", file(name)});
+        } catch (const HostError &) { // the reason why it was given up is told
+        }
+    }
+
+    /// Uploads of processes that were killed would keep their numbers, and their space, for ever. None takes
+    /// two days, by any remote's clock.
+    void discard_abandoned(const std::vector<std::string> &names) const
+    {
+        if (std::any_of(names.begin(), names.end(),
+                        [](const std::string &name) { return name.ends_with(UPLOAD_SUFFIX); }))
+            run({"delete", "--max-depth=1", "--min-age", "2d", "--include",
+                 std::string("/backup-{{[0-9]+}}.json.{{[0-9a-f]{16}}}") + UPLOAD_SUFFIX, "--", target});
+    }
+
+    const std::string target;
+    mutable std::optional<gint64> left;                  ///< microseconds that rclone may still take
+    mutable std::map<BackupNumber, std::string> fetched; ///< what was handed over together
+    /// Whatever the environment says, nobody is asked for anything, what is to be done is done, and standard
+    /// output holds what was asked for.
+    Child rclone{
+        .program = "rclone",
+        .arguments = {"--ask-password=false", "--interactive=false", "--dry-run=false", "--progress=false"},
+        .end_signal = SIGKILL};
 };
 
 } // namespace
 
-void RcloneStore::fetch(const std::vector<BackupNumber> &numbers) const
+std::unique_ptr<CloudStore> make_rclone_store(const std::string &location, const std::string &target,
+                                              std::optional<double> timeout_seconds)
 {
-    if (numbers.empty())
-        return;
-    const Downloads downloads;
-    std::string names;
-    for (const BackupNumber number : numbers)
-        names += "/" + file_name(number) + "\n";
-    // What is left out here, be it that it can't be read, is read alone, which tells why.
-    const Rclone::Result copied =
-        rclone.run({"copy", "--include-from", "-", "--max-size", std::to_string(MAX_RECORD_FILE_SIZE) + "B",
-                    "--", target, downloads.path()},
-                   names);
-    if (copied.status < 0) // killed in the middle of a file
-        require_done(copied);
-    std::error_code ignored;
-    for (const BackupNumber number : numbers)
-        if (const fs::path copy = downloads.path() / file_name(number); fs::exists(copy, ignored))
-            fetched[number] = read_file(copy, MAX_RECORD_FILE_SIZE);
-}
-
-std::string RcloneStore::read_content(BackupNumber number) const
-{
-    if (const auto known = fetched.find(number); known != fetched.end())
-        return known->second;
-    const Rclone::Result result = get(file_name(number));
-    if (result.output.size() > MAX_RECORD_FILE_SIZE)
-        throw DamagedError("it is larger than " + std::to_string(MAX_RECORD_FILE_SIZE) + " bytes");
-    const bool is_read = result.status == 0 && !result.output.empty();
-    if (!is_read && !is_there(file_name(number)))
-        throw NoBackupError("there is no backup " + std::to_string(number));
-    if (result.status != 0) // and the rest of the store can be used
-        throw UnreadableError("it can't be read: " + result.reason);
-    return result.output;
-}
-
-std::optional<std::uintmax_t> RcloneStore::size(BackupNumber number) const
-{
-    const auto known = fetched.find(number);
-    return known == fetched.end() ? std::nullopt : std::optional(known->second.size());
-}
-
-// Adding.
-
-BackupNumber RcloneStore::highest_taken(const std::vector<std::string> &names)
-{
-    BackupNumber highest = 0;
-    for (const std::string &name : names)
-        highest = std::max(highest, number_taken_by(name).value_or(0));
-    return highest;
-}
-
-BackupNumber RcloneStore::add(const std::string &content)
-{
-    for (int tries = 0; tries < MAX_TRIES; tries++) {
-        const std::vector<std::string> names = names_there();
-        discard_abandoned(names);
-        const BackupNumber number = number_after(highest_taken(names));
-        if (try_to_add(number, content))
-            return number;
-        // Those who got in each other's way need not do so again.
-        rclone.pause(g_random_int_range(0, PAUSE_US << tries));
-    }
-    throw HostError("others keep adding backups to " + location() + " at the same time");
-}
-
-/// @return false when another process may take the number
-bool RcloneStore::try_to_add(BackupNumber number, const std::string &content) const
-{
-    g_autofree gchar *word = g_strdup_printf("%08x%08x", g_random_int(), g_random_int());
-    const std::string upload = file_name(number) + "." + word + UPLOAD_SUFFIX;
-    bool is_added = false;
-    try {
-        put(upload, content);
-        is_added = give_name(upload, number, content);
-    } catch (const HostError &) {
-        discard(upload);
-        throw;
-    }
-    if (!is_added)
-        discard(upload);
-    return is_added;
-}
-
-/// Makes a backup of an upload that is whole, if no other file has its number. Of two processes that upload
-/// under one number, at least one sees the other's file here. What a remote shows late is noticed by the
-/// content.
-bool RcloneStore::give_name(const std::string &upload, BackupNumber number, const std::string &content) const
-{
-    const std::string changed = "the cloud store " + location() + " does not hand back what was put into it";
-    const Rclone::Result uploaded = get(upload);
-    require_done(uploaded);
-    if (uploaded.output != content)
-        throw HostError(changed);
-    for (const std::string &name : names_there())
-        if (name != upload && number_taken_by(name) == number)
-            return false;
-
-    const std::string name = file_name(number);
-    const Rclone::Result moved = rclone.run({"moveto", "--ignore-existing", "--", file(upload), file(name)});
-    const Rclone::Result named = get(name);
-    if (named.status == 0 && named.output == content) // be it that the answer to the move was lost
-        return true;
-    const std::string doubt = "; the backup may have been stored nevertheless";
-    require_done(moved, doubt);
-    require_done(named, doubt);
-    if (!is_there(upload))
-        throw HostError(changed);
-    return false;
-}
-
-/// Does what it can: what is left over is no backup.
-void RcloneStore::discard(const std::string &name) const
-{
-    try {
-        rclone.run({"deletefile", "--", file(name)});
-    } catch (const HostError &) { // the reason why it was given up is told
-    }
-}
-
-/// Uploads of processes that were killed would keep their numbers, and their space, for ever.
-void RcloneStore::discard_abandoned(const std::vector<std::string> &names) const
-{
-    if (std::any_of(names.begin(), names.end(),
-                    [](const std::string &name) { return name.ends_with(UPLOAD_SUFFIX); }))
-        rclone.run({"delete", "--max-depth=1", "--min-age", ABANDONED_AGE, "--include",
-                    std::string("/backup-{{[0-9]+}}.json.{{[0-9a-f]{16}}}") + UPLOAD_SUFFIX, "--", target});
-}
-
-// Deleting.
-
-void RcloneStore::remove(const Choose &choose)
-{
-    const std::vector<std::string> names = names_there();
-    const std::vector<BackupNumber> known = parse_listing(names).numbers;
-    const std::vector<BackupNumber> going = choose(known);
-    if (going.empty())
-        return;
-    std::vector<std::string> files;
-    std::transform(going.begin(), going.end(), std::back_inserter(files), file_name);
-    if (std::find(going.begin(), going.end(), known.back()) != going.end()) {
-        const std::string note = file_name(highest_taken(names)) + NOTE_SUFFIX;
-        put(note, NOTE);
-        std::copy_if(names.begin(), names.end(), std::back_inserter(files), [&](const std::string &name) {
-            return number_taken_by(name) && name.ends_with(NOTE_SUFFIX) && name != note;
-        });
-    }
-    require_done(rclone.run({"delete", "--files-from-raw", "-", "--", target}, join(files, "\n") + "\n"));
+    return std::make_unique<RcloneStore>(location, target, timeout_seconds);
 }

@@ -10,12 +10,12 @@
 #include "snapshot.h"
 
 using Json = nlohmann::json;
+using OrderedJson = nlohmann::ordered_json;
 
 static constexpr int VERSION = 1;
 
 // A file is this head, the checksum of the records' text, the middle, that text and the tail. So the checksum
-// is of bytes that are in the file, and nothing is parsed before they are known to be those that were
-// written.
+// is of the file's own bytes, and nothing is parsed before they are known to be those that were written.
 static constexpr char FORMAT[] = "ime-backup-records";
 static const std::string HEAD = R"({"format":")" + std::string(FORMAT) + R"(","version":)";
 static constexpr char CHECKSUM[] = R"(,"sha256":")";
@@ -24,18 +24,14 @@ static constexpr char TAIL[] = "}";
 
 static constexpr char CHANGED[] = "it has been changed since it was written, or is cut short";
 
-static std::string encode_text(const std::optional<std::string> &text)
-{
-    return text ? Json(*text).dump(-1, ' ', false, Json::error_handler_t::replace) : "null";
-}
-
 static std::string encode_records(const CloudRecords &records)
 {
-    std::string text;
+    const auto encode = [](const auto &text) { return text ? OrderedJson(*text) : OrderedJson(); };
+    OrderedJson elements = OrderedJson::array();
     for (const CloudRecord &record : records)
-        text += (text.empty() ? "" : ",") + ("{\"key\":" + encode_text(record.key)) +
-                ",\"date\":" + encode_text(record.date) + ",\"value\":" + encode_text(record.value) + "}";
-    return "[" + text + "]";
+        elements.push_back(
+            {{"key", encode(record.key)}, {"date", encode(record.date)}, {"value", encode(record.value)}});
+    return elements.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 static std::string checksum_of(const std::string &text)
@@ -54,7 +50,7 @@ bool is_record_file(const std::string &content)
 {
     if (content.starts_with(HEAD))
         return true;
-    const Json root = Json::parse(content, nullptr, false); // it may have been written anew, with spaces between
+    const Json root = Json::parse(content, nullptr, false); // it may have been written anew, with spaces
     return root.is_object() && root.value("format", Json()) == FORMAT;
 }
 
