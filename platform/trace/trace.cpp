@@ -69,8 +69,6 @@ struct Failure {
 
 std::string show_handle(const char *kind, const void *handle, const void *owner)
 {
-    if (handle == nullptr)
-        return "null";
     static std::map<std::string, int> counts;
     NamedHandle &named = handles[handle];
     if (named.name.empty())

@@ -49,23 +49,22 @@ inline constexpr const char *KIND<void *> = "data";
 template <class Value>
 std::string show(const Value &value, bool is_set = true, const void *owner = nullptr)
 {
+    if constexpr (std::is_pointer_v<Value>)
+        if (value == nullptr)
+            return "null";
     if constexpr (KIND<Value> != nullptr) {
         return show_handle(KIND<Value>, value, owner);
     } else if constexpr (std::is_same_v<Value, bool>) {
         return value ? "true" : "false";
     } else if constexpr (std::is_arithmetic_v<Value>) {
         return std::to_string(value);
-    } else if constexpr (std::is_same_v<Value, std::string>) {
+    } else if constexpr (std::is_convertible_v<Value, std::string>) {
         return quote(value);
     } else if constexpr (!std::is_pointer_v<Value>) { // several
         std::string all;
         for (const auto &element : value)
             all += (all.empty() ? "" : ", ") + show(element);
         return "[" + all + "]";
-    } else if (value == nullptr) {
-        return "null";
-    } else if constexpr (std::is_convertible_v<Value, const char *>) {
-        return quote(value);
     } else if constexpr (std::is_function_v<std::remove_pointer_t<Value>>) {
         return writes_json() ? "\"callback\"" : "callback";
     } else if (writes_json()) {
