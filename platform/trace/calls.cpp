@@ -1,8 +1,8 @@
 // Stands in for the platform's C functions: each shows what is asked of the platform, and asks it.
 
 #include <cstdarg>
-#include <cstdio>
-#include <string_view>
+
+#include <glib.h>
 
 #pragma GCC visibility push(default)
 #include "appcore_agent.h"
@@ -12,15 +12,7 @@
 #include "vconf.h"
 #pragma GCC visibility pop
 
-#include "crossing.h"
-
-/// Such as "preparation" of the function that registers it.
-static std::string name_of_callback(std::string_view registration)
-{
-    registration.remove_prefix(registration.find("_set_") + 5);
-    registration.remove_suffix(std::string_view("_cb").size());
-    return std::string(registration);
-}
+#include "trace.h"
 
 #define CALL(result, function, parameters, arguments, success)                                               \
     result function parameters                                                                               \
@@ -32,13 +24,12 @@ static std::string name_of_callback(std::string_view registration)
         return call arguments;                                                                               \
     }
 
-#define REGISTRATION(function, type, callback_arguments)                                                     \
+#define REGISTRATION(function, name, type, callback_arguments)                                               \
     int function(type callback, void *context)                                                               \
     {                                                                                                        \
         static auto *const next = next_function<decltype(function)>(#function);                              \
-        static const std::string name = name_of_callback(#function);                                         \
-        const type wrapped = Callback<function, type>::wrap(callback, name.c_str(), #callback_arguments);    \
-        return cross<int>({#function, "(callback, context)", Success::zero}, next, wrapped, context);        \
+        return cross<int>({#function, "(callback, context)", Success::zero}, next,                           \
+                          wrap<function>(callback, #name, #callback_arguments), context);                    \
     }
 
 #include "boundary.def"
@@ -46,44 +37,43 @@ static std::string name_of_callback(std::string_view registration)
 int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, void *user_data)
 {
     static auto *const next = next_function<decltype(service_app_main)>("service_app_main");
-    static service_app_callbacks wrapped;
     using App = service_app_callbacks;
-    wrapped.create =
-        Callback<&App::create, decltype(App::create)>::wrap(callbacks->create, "create", "(user_data)");
-    wrapped.terminate = Callback<&App::terminate, decltype(App::terminate)>::wrap(callbacks->terminate,
-                                                                                  "terminate", "(user_data)");
-    wrapped.app_control = Callback<&App::app_control, decltype(App::app_control)>::wrap(
-        callbacks->app_control, "app_control", "(request, user_data)");
+    static App wrapped;
+    wrapped.create = wrap<&App::create>(callbacks->create, "create", "(user_data)");
+    wrapped.terminate = wrap<&App::terminate>(callbacks->terminate, "terminate", "(user_data)");
+    wrapped.app_control =
+        wrap<&App::app_control>(callbacks->app_control, "app_control", "(request, user_data)");
     const std::vector<std::string> arguments(argv, argv + argc);
     return cross<int>(
         {"service_app_main", "(argv, user_data)", Success::zero},
         [&](const auto &, void *data) { return next(argc, argv, &wrapped, data); }, arguments, user_data);
 }
 
-/// A format that yields the message: the log may look for colours in the format.
-static std::string format_of(const std::string &message)
-{
-    std::string format;
-    for (const char c : message)
-        format.append(c == '%' ? 2 : 1, c);
-    return format;
-}
-
 int __dlog_print(int buffer, int priority, const char *tag, const char *format, ...)
 {
     static auto *const next = next_function<decltype(__dlog_print)>("__dlog_print");
-    char *text = nullptr;
     va_list arguments;
     va_start(arguments, format);
-    const int length = vasprintf(&text, format, arguments); // NOLINT(clang-analyzer-valist.Uninitialized)
+    g_autofree gchar *text =
+        g_strdup_vprintf(format, arguments); // NOLINT(clang-analyzer-valist.Uninitialized)
     va_end(arguments);
-    const std::string message(text, static_cast<size_t>(length < 0 ? 0 : length));
-    free(text);
 
-    std::optional<int> failure;
     if (!Frame::is_in_platform()) {
-        failure = take_failure("__dlog_print");
-        Frame::log(priority, tag, message, failure.has_value());
+        const std::optional<int> failure = take_failure("__dlog_print");
+        const size_t depth = Frame::begin();
+        if (writes_json())
+            write_line(R"({"event":"log","depth":)" + show(depth) + ",\"priority\":" + show(priority) +
+                       ",\"tag\":" + show(tag) + ",\"message\":" + show(text) +
+                       ",\"made_to_fail\":" + show(failure.has_value()) + "}");
+        else
+            write_line(std::string(2 * depth, ' ') + "log " + show(priority) + " " + show(tag) + " " +
+                       show(text) + (failure ? "  made to fail" : ""));
+        if (failure)
+            return *failure;
     }
-    return failure ? *failure : next(buffer, priority, tag, format_of(message).c_str(), "");
+    // In the format: the log may look for colours there.
+    std::string message;
+    for (const char *c = text; *c != '\0'; c++)
+        message.append(*c == '%' ? 2 : 1, *c);
+    return next(buffer, priority, tag, message.c_str(), "");
 }

@@ -4,25 +4,18 @@
 #define Uses_SCIM_CONFIG_MODULE
 #include <scim.h>
 
-#include "crossing.h"
+#include "trace.h"
 
-namespace scim
-{
-
-static const char *kind_of(const ConfigModule *)
-{
-    return "module";
-}
-
-static const char *kind_of(const ConfigBase *)
-{
-    return "config";
-}
-
-} // namespace scim
+template <>
+inline constexpr const char *KIND<const scim::ConfigModule *> = "module";
+template <>
+inline constexpr const char *KIND<const scim::ConfigBase *> = "config";
 
 namespace
 {
+
+using Texts = std::vector<scim::String>;
+using Numbers = std::vector<int>;
 
 /// Shows what is asked of a configuration, and asks it.
 class TracedConfig : public scim::ConfigBase
@@ -31,7 +24,7 @@ public:
     explicit TracedConfig(const scim::ConfigPointer &config) : traced(config) {}
     TracedConfig(const TracedConfig &) = delete;
     TracedConfig &operator=(const TracedConfig &) = delete;
-    ~TracedConfig() override { forget_handle(itself()); }
+    ~TracedConfig() override { forget_handle(static_cast<const scim::ConfigBase *>(this)); }
 
     bool valid() const override { return traced->valid(); }
     scim::String get_name() const override { return traced->get_name(); }
@@ -40,59 +33,55 @@ public:
     bool read(const scim::String &key, int *value) const override { return get(key, value); }
     bool read(const scim::String &key, double *value) const override { return get(key, value); }
     bool read(const scim::String &key, bool *value) const override { return get(key, value); }
-    bool read(const scim::String &key, std::vector<scim::String> *value) const override
-    {
-        return get(key, value);
-    }
-    bool read(const scim::String &key, std::vector<int> *value) const override { return get(key, value); }
+    bool read(const scim::String &key, Texts *value) const override { return get(key, value); }
+    bool read(const scim::String &key, Numbers *value) const override { return get(key, value); }
 
     bool write(const scim::String &key, const scim::String &value) override { return set(key, value); }
     bool write(const scim::String &key, int value) override { return set(key, value); }
     bool write(const scim::String &key, double value) override { return set(key, value); }
     bool write(const scim::String &key, bool value) override { return set(key, value); }
-    bool write(const scim::String &key, const std::vector<scim::String> &value) override
-    {
-        return set(key, value);
-    }
-    bool write(const scim::String &key, const std::vector<int> &value) override { return set(key, value); }
+    bool write(const scim::String &key, const Texts &value) override { return set(key, value); }
+    bool write(const scim::String &key, const Numbers &value) override { return set(key, value); }
 
     bool flush() override
     {
-        const auto work = [this](auto...) { return traced->flush(); };
-        return cross<bool>({"scim::ConfigBase::flush", "(config)", Success::truth}, work, itself());
+        return ask("scim::ConfigBase::flush", "(config)", [&] { return traced->flush(); });
     }
 
     bool erase(const scim::String &key) override
     {
-        const auto work = [&](auto...) { return traced->erase(key); };
-        return cross<bool>({"scim::ConfigBase::erase", "(config, key)", Success::truth}, work, itself(), key);
+        const auto work = [&] { return traced->erase(key); };
+        return ask("scim::ConfigBase::erase", "(config, key)", work, key);
     }
 
     bool reload() override
     {
-        const auto work = [this](auto...) { return traced->reload(); };
-        return cross<bool>({"scim::ConfigBase::reload", "(config)", Success::truth}, work, itself()) &&
-               scim::ConfigBase::reload();
+        const auto work = [&] { return traced->reload(); };
+        return ask("scim::ConfigBase::reload", "(config)", work) && scim::ConfigBase::reload();
     }
 
 private:
     template <class Value>
     bool get(const scim::String &key, Value *value) const
     {
-        const auto work = [&](auto...) { return traced->read(key, value); };
-        return cross<bool>({"scim::ConfigBase::read", "(config, key, value)", Success::truth}, work, itself(),
-                           key, value);
+        const auto work = [&] { return traced->read(key, value); };
+        return ask("scim::ConfigBase::read", "(config, key, value)", work, key, value);
     }
 
     template <class Value>
     bool set(const scim::String &key, const Value &value)
     {
-        const auto work = [&](auto...) { return traced->write(key, value); };
-        return cross<bool>({"scim::ConfigBase::write", "(config, key, value)", Success::truth}, work,
-                           itself(), key, value);
+        const auto work = [&] { return traced->write(key, value); };
+        return ask("scim::ConfigBase::write", "(config, key, value)", work, key, value);
     }
 
-    const scim::ConfigBase *itself() const { return this; }
+    template <class Work, class... Args>
+    bool ask(const char *function, const char *names, Work work, const Args &...args) const
+    {
+        return cross<bool>(
+            {function, names, Success::positive}, [&](auto...) { return work(); },
+            static_cast<const scim::ConfigBase *>(this), args...);
+    }
 
     const scim::ConfigPointer traced;
 };
@@ -121,14 +110,14 @@ void construct(scim::ConfigModule *module, const scim::String &name)
 {
     static auto *const next = next_function<decltype(construct)>(CONSTRUCTOR_LINK_NAME);
     const auto work = [&](auto...) { next(module, name); };
-    cross<void>({"scim::ConfigModule::ConfigModule", "(module, name)", Success::always}, work,
+    cross<void>({"scim::ConfigModule::ConfigModule", "(module, name)"}, work,
                 static_cast<const scim::ConfigModule *>(module), name);
 }
 
 bool is_valid(const scim::ConfigModule *module)
 {
     static auto *const next = next_function<decltype(is_valid)>(VALID_LINK_NAME);
-    return cross<bool>({"scim::ConfigModule::valid", "(module)", Success::always}, next, module);
+    return cross<bool>({"scim::ConfigModule::valid", "(module)"}, next, module);
 }
 
 scim::ConfigPointer create_config(const scim::ConfigModule *module)
@@ -142,7 +131,6 @@ scim::ConfigPointer create_config(const scim::ConfigModule *module)
             traced = new TracedConfig(config);
         return traced.get();
     };
-    cross<const scim::ConfigBase *>({"scim::ConfigModule::create_config", "(module)", Success::always}, work,
-                                    module);
+    cross<const scim::ConfigBase *>({"scim::ConfigModule::create_config", "(module)"}, work, module);
     return traced;
 }

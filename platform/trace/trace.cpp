@@ -1,0 +1,219 @@
+#include "trace.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <sstream>
+#include <utility>
+
+#include <fcntl.h>
+#include <glib.h>
+#include <unistd.h>
+
+#include "trace_options.h"
+
+static std::string variable(const char *name)
+{
+    const char *value = getenv(name);
+    return value == nullptr ? "" : value;
+}
+
+// What is shown.
+
+bool writes_json()
+{
+    static const bool is_json = variable(TRACE_FORMAT_VARIABLE) == "json";
+    return is_json;
+}
+
+std::string quote(const std::string &text)
+{
+    g_autofree gchar *valid = g_utf8_make_valid(text.data(), static_cast<gssize>(text.size()));
+    g_autoptr(GString) quoted = g_string_new("\"");
+    for (const gchar *next = valid; *next != '\0'; next = g_utf8_next_char(next)) {
+        const gunichar character = g_utf8_get_char(next);
+        if (character == '"' || character == '\\')
+            g_string_append(quoted, "\\");
+        // A terminal shows what is printable and does nothing else. What JSON can't write as one escape is
+        // left as it is.
+        if (g_unichar_isprint(character) != FALSE || character > 0xffff)
+            g_string_append_unichar(quoted, character);
+        else
+            g_string_append_printf(quoted, "\\u%04x", character);
+    }
+    return quoted->str + std::string("\"");
+}
+
+namespace
+{
+
+struct NamedHandle {
+    std::string name;
+    const void *owner;
+};
+
+// Never destroyed: the service may call until the very end.
+std::map<const void *, NamedHandle> &handles = *new std::map<const void *, NamedHandle>;
+
+struct Failure {
+    std::string function;
+    int call = 1;
+    int code = -1;
+};
+
+} // namespace
+
+std::string show_handle(const char *kind, const void *handle, const void *owner)
+{
+    static std::map<std::string, int> counts;
+    NamedHandle &named = handles[handle];
+    if (named.name.empty())
+        named.name = std::string(kind) + "#" + std::to_string(++counts[kind]);
+    if (owner != nullptr && owner != handle)
+        named.owner = owner;
+    return writes_json() ? quote(named.name) : named.name;
+}
+
+void forget_handle(const void *handle)
+{
+    std::erase_if(handles,
+                  [&](const auto &known) { return known.first == handle || known.second.owner == handle; });
+}
+
+// The calls that are to fail.
+
+/// Takes the number behind a mark, if that comes next.
+static bool take_number(std::string_view &rest, char mark, int &number)
+{
+    if (!rest.starts_with(mark))
+        return true;
+    const auto [end, error] = std::from_chars(rest.data() + 1, rest.data() + rest.size(), number);
+    rest.remove_prefix(static_cast<size_t>(end - rest.data()));
+    return error == std::errc();
+}
+
+static std::vector<Failure> parse_failures()
+{
+    std::istringstream words(variable(TRACE_FAIL_VARIABLE));
+    std::vector<Failure> failures;
+    for (std::string word; words >> word;) {
+        Failure &failure = failures.emplace_back();
+        std::string_view rest = word;
+        failure.function = rest.substr(0, rest.find_first_of("#="));
+        rest.remove_prefix(failure.function.size());
+        if (std::count(std::begin(TRACED_FUNCTIONS), std::end(TRACED_FUNCTIONS), failure.function) > 0 &&
+            take_number(rest, '#', failure.call) && failure.call > 0 &&
+            take_number(rest, '=', failure.code) && rest.empty())
+            continue;
+        // A mistake must not pass for a platform that works.
+        fprintf(stderr, "libime-backup-trace: no call that can fail: %s\n", quote(word).c_str());
+        _exit(EXIT_FAILURE);
+    }
+    return failures;
+}
+
+std::optional<int> take_failure(const std::string &function)
+{
+    static const std::vector<Failure> failures = parse_failures();
+    static std::map<std::string, int> calls;
+    const int call = ++calls[function];
+    for (const Failure &failure : failures)
+        if (failure.function == function && failure.call == call)
+            return failure.code;
+    return std::nullopt;
+}
+
+// Where it goes.
+
+static int open_output()
+{
+    const std::string place = variable(TRACE_VARIABLE);
+    if (place.empty())
+        return STDERR_FILENO;
+    if (place.size() < 6 && place.find_first_not_of("0123456789") == std::string::npos)
+        return std::stoi(place);
+    const int file = open(place.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    // Not in the place of a standard stream that is closed: what is written there would end up in the trace.
+    return file > STDERR_FILENO ? file : fcntl(file, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+}
+
+/// Writes one line, at once. What can't be written is lost: the service goes on.
+void write_line(const std::string &line)
+{
+    static const int file = open_output();
+    // That nobody reads the trace any more is no reason for the service to end.
+    sigset_t broken_pipe;
+    sigset_t before;
+    sigemptyset(&broken_pipe);
+    sigaddset(&broken_pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &broken_pipe, &before);
+    const int error = errno;
+    ssize_t count = 0;
+    for (std::string rest = line + "\n"; !rest.empty() && (count >= 0 || errno == EINTR);) {
+        count = write(file, rest.data(), rest.size());
+        rest.erase(0, static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    }
+    if (errno == EPIPE) {
+        const timespec at_once = {};
+        sigtimedwait(&broken_pipe, nullptr, &at_once);
+    }
+    errno = error;
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+Frame::Frame(const Shape &call, std::vector<std::string> arguments_before)
+    : failure(call.is_callback ? std::nullopt : take_failure(call.function)), shape(call),
+      arguments(std::move(arguments_before)), outer(innermost), depth(outer == nullptr ? 0 : outer->depth + 1)
+{
+    innermost = this;
+}
+
+size_t Frame::begin(Frame *frame)
+{
+    if (frame == nullptr)
+        return 0;
+    if (!std::exchange(frame->is_begun, true)) {
+        begin(frame->outer);
+        write_line(frame->describe("begin") + (writes_json() ? "}" : " {"));
+    }
+    return frame->depth + 1;
+}
+
+void Frame::end(std::vector<std::string> arguments_after, const std::string &result)
+{
+    const auto duration = std::chrono::steady_clock::now() - start;
+    const std::string microseconds =
+        std::to_string(std::chrono::duration_cast<std::chrono::microseconds>(duration).count());
+    arguments = std::move(arguments_after);
+    innermost = outer;
+    begin(outer);
+    if (writes_json())
+        write_line(describe(is_begun ? "end" : "call") + ",\"result\":" + (result.empty() ? "null" : result) +
+                   ",\"made_to_fail\":" + show(failure.has_value()) + ",\"us\":" + microseconds + "}");
+    else
+        write_line((is_begun ? std::string(2 * depth, ' ') + "}" : describe("call")) +
+                   (result.empty() ? "" : " = " + result) +
+                   (failure ? "  made to fail" : "  " + microseconds + " \u00b5s"));
+}
+
+std::string Frame::describe(const char *event) const
+{
+    std::string all;
+    const char *rest = shape.names + 1;
+    for (const std::string &argument : arguments) {
+        const std::string name(rest, strcspn(rest, ",)"));
+        all += all.empty() ? "" : writes_json() ? "," : ", ";
+        all += (writes_json() ? quote(name) + ":" : "") + argument;
+        rest += name.size() + 2;
+    }
+    if (!writes_json())
+        return std::string(2 * depth, ' ') + (shape.is_callback ? "callback " : "") + shape.function + "(" +
+               all + ")";
+    return R"({"event":)" + quote(event) + ",\"depth\":" + std::to_string(depth) +
+           ",\"callback\":" + show(shape.is_callback) + ",\"function\":" + quote(shape.function) +
+           ",\"arguments\":{" + all + "}";
+}
