@@ -1,14 +1,15 @@
 #include "ime_backup_service.h"
 
+#include <cstring>
 #include <sys/time.h>
 
 #include <glib.h>
 
 #include "appcore_agent.h"
+#include "orvanta_cloud_operations.h"
 #include "ime_backup_service_json_parser.h"
 #include "ime_backup_service_json_writer.h"
 #include "log.h"
-#include "orvanta_cloud_operations.h"
 
 static constexpr char BACKUP_FILE[] =
     "/opt/usr/apps/com.orvanta.ime-backup-service/shared/trusted/backup.dat";
@@ -30,6 +31,75 @@ int main(int argc, char **argv)
 bool __service_app_create_cb(void *)
 {
     return true;
+}
+
+static int register_callbacks(cloud_operation_e operation, const char *caller);
+
+void __service_app_control_cb(app_control_handle request, void *)
+{
+    if (CLOUD_CALL(orvanta_cloud_initialize) != 0)
+        return;
+
+    char *operation = nullptr; // never freed
+    if (APP_CONTROL_CALL(app_control_get_operation, request, &operation) != 0)
+        return;
+
+    app_control_handle reply = nullptr;
+    if (APP_CONTROL_CALL(app_control_create, &reply) != 0) {
+        if (reply != nullptr)
+            app_control_destroy(reply);
+        return;
+    }
+
+    const int error = register_callbacks(__get_cloud_operation(operation), __func__);
+    if (error == 0)
+        PRINTED_CALL("ret", app_control_reply_to_launch_request, reply, request, 0);
+
+    APP_CONTROL_CALL(app_control_destroy, reply);
+
+    if (error != 0) {
+        LOG_ERROR("It is terminated with Orvanta Cloud failed, error_code = [%d]\n", error);
+        service_app_exit();
+    }
+}
+
+cloud_operation_e __get_cloud_operation(const char *operation)
+{
+    // An operation may carry more text behind its identifier.
+    const auto begins_with = [operation](const char *identifier) {
+        return strncmp(identifier, operation, strlen(identifier)) == 0;
+    };
+
+    if (operation == nullptr)
+        return ORVANTA_CLOUD_OPERATION_UNKNOWN;
+    if (begins_with(OPERATION_BACKUP))
+        return ORVANTA_CLOUD_OPERATION_BACKUP;
+    if (begins_with(OPERATION_RESTORE))
+        return ORVANTA_CLOUD_OPERATION_RESTORE;
+    if (begins_with(OPERATION_GET_BACKUP_INFO))
+        return ORVANTA_CLOUD_OPERATION_GET_BACKUP_INFO;
+    return ORVANTA_CLOUD_OPERATION_UNKNOWN;
+}
+
+static int register_backup_callbacks(const char *caller);
+static int register_restore_callbacks(const char *caller);
+static int register_backup_info_callbacks();
+
+static int register_callbacks(cloud_operation_e operation, const char *caller)
+{
+    switch (operation) {
+    case ORVANTA_CLOUD_OPERATION_BACKUP:
+        LOG_INFO("==== ORVANTA_CLOUD_OPERATION_BACKUP ====");
+        return register_backup_callbacks(caller);
+    case ORVANTA_CLOUD_OPERATION_RESTORE:
+        LOG_INFO("==== ORVANTA_CLOUD_OPERATION_RESTORE ====");
+        return register_restore_callbacks(caller);
+    case ORVANTA_CLOUD_OPERATION_GET_BACKUP_INFO:
+        return register_backup_info_callbacks();
+    case ORVANTA_CLOUD_OPERATION_UNKNOWN:
+        break;
+    }
+    return 0;
 }
 
 // The registrations of each operation stop at the first that fails and yield its code.
@@ -74,65 +144,6 @@ static int register_backup_info_callbacks()
     return error;
 }
 
-static int register_callbacks(cloud_operation_e operation, const char *caller)
-{
-    switch (operation) {
-    case ORVANTA_CLOUD_OPERATION_BACKUP:
-        LOG_INFO("==== ORVANTA_CLOUD_OPERATION_BACKUP ====");
-        return register_backup_callbacks(caller);
-    case ORVANTA_CLOUD_OPERATION_RESTORE:
-        LOG_INFO("==== ORVANTA_CLOUD_OPERATION_RESTORE ====");
-        return register_restore_callbacks(caller);
-    case ORVANTA_CLOUD_OPERATION_GET_BACKUP_INFO:
-        return register_backup_info_callbacks();
-    case ORVANTA_CLOUD_OPERATION_UNKNOWN:
-        break;
-    }
-    return 0;
-}
-
-void __service_app_control_cb(app_control_handle request, void *)
-{
-    if (CLOUD_CALL(orvanta_cloud_initialize) != 0)
-        return;
-
-    char *operation = nullptr; // never freed
-    if (APP_CONTROL_CALL(app_control_get_operation, request, &operation) != 0)
-        return;
-
-    app_control_handle reply = nullptr;
-    if (APP_CONTROL_CALL(app_control_create, &reply) != 0) {
-        if (reply != nullptr)
-            app_control_destroy(reply);
-        return;
-    }
-
-    const int error = register_callbacks(__get_cloud_operation(operation), __func__);
-    if (error == 0)
-        PRINTED_CALL("ret", app_control_reply_to_launch_request, reply, request, 0);
-
-    APP_CONTROL_CALL(app_control_destroy, reply);
-
-    if (error != 0) {
-        LOG_ERROR("It is terminated with Orvanta Cloud failed, error_code = [%d]\n", error);
-        service_app_exit();
-    }
-}
-
-cloud_operation_e __get_cloud_operation(const char *operation)
-{
-    if (operation == nullptr)
-        return ORVANTA_CLOUD_OPERATION_UNKNOWN;
-    // An operation may carry more text behind its identifier.
-    if (g_str_has_prefix(operation, OPERATION_BACKUP))
-        return ORVANTA_CLOUD_OPERATION_BACKUP;
-    if (g_str_has_prefix(operation, OPERATION_RESTORE))
-        return ORVANTA_CLOUD_OPERATION_RESTORE;
-    if (g_str_has_prefix(operation, OPERATION_GET_BACKUP_INFO))
-        return ORVANTA_CLOUD_OPERATION_GET_BACKUP_INFO;
-    return ORVANTA_CLOUD_OPERATION_UNKNOWN;
-}
-
 // Backup
 
 void __backup_prepare_cb()
@@ -152,9 +163,10 @@ void __backup_get_keys_dates_cb()
     orvanta_cloud_record_handle record = nullptr;
     CLOUD_CALL(orvanta_cloud_record_create, &record);
     CLOUD_CALL(orvanta_cloud_record_set_key, record, RECORD_KEY);
-    g_autofree gchar *date = g_strdup_printf("%llu", __get_current_time_ms());
+    gchar *date = g_strdup_printf("%llu", __get_current_time_ms());
     CLOUD_CALL(orvanta_cloud_record_set_date, record, date);
     CLOUD_CALL(orvanta_cloud_list_add, list, record);
+    g_free(date);
 
     CLOUD_CALL(orvanta_cloud_backup_record_send_keys_and_dates, list, ORVANTA_CLOUD_SEND_VALID);
     CLOUD_CALL(orvanta_cloud_list_destroy, list);
@@ -228,28 +240,7 @@ void __restore_get_restore_path_cb()
     CLOUD_CALL(orvanta_cloud_restore_record_send_restoration_path, RESTORE_FILE, ORVANTA_CLOUD_SEND_VALID);
 }
 
-static void restore_record(orvanta_cloud_record_handle record, int index, const char *caller)
-{
-    g_autofree gchar *value = nullptr;
-    if (orvanta_cloud_record_get_value(record, &value) != 0)
-        LOG_ERROR("orvanta_cloud_record_get_value() failed.");
-
-    bool applied = false;
-    if (value != nullptr) {
-        LOG_INFO("value: [%s]", value);
-        applied = _ime_restore_json_value(value);
-    }
-
-    if (applied) {
-        g_autofree gchar *key = g_strdup_printf("%d", index);
-        CLOUD_CALL(orvanta_cloud_record_set_key, record, key);
-        g_autofree gchar *date = g_strdup_printf("%llu", __get_current_time_ms());
-        CLOUD_CALL(orvanta_cloud_record_set_date, record, date);
-    } else {
-        LOG_INFO("orvanta_cloud_record_set_fail");
-        CLOUD_CALL(orvanta_cloud_record_set_fail, record);
-    }
-}
+static void restore_record(orvanta_cloud_record_handle record, int index, const char *caller);
 
 void __restore_record_cb(orvanta_cloud_source_handle source)
 {
@@ -283,6 +274,39 @@ void __restore_record_cb(orvanta_cloud_source_handle source)
 
     CLOUD_CALL(orvanta_cloud_restore_record_send_record_list, list, ORVANTA_CLOUD_SEND_VALID);
     CLOUD_CALL(orvanta_cloud_list_destroy, list);
+}
+
+static void set_key_and_date(orvanta_cloud_record_handle record, int index, const char *caller);
+
+static void restore_record(orvanta_cloud_record_handle record, int index, const char *caller)
+{
+    gchar *value = nullptr;
+    if (orvanta_cloud_record_get_value(record, &value) != 0)
+        LOG_ERROR("orvanta_cloud_record_get_value() failed.");
+
+    bool applied = false;
+    if (value != nullptr) {
+        LOG_INFO("value: [%s]", value);
+        applied = _ime_restore_json_value(value);
+    }
+
+    if (applied) {
+        set_key_and_date(record, index, caller);
+    } else {
+        LOG_INFO("orvanta_cloud_record_set_fail");
+        CLOUD_CALL(orvanta_cloud_record_set_fail, record);
+    }
+    g_free(value);
+}
+
+static void set_key_and_date(orvanta_cloud_record_handle record, int index, const char *caller)
+{
+    gchar *key = g_strdup_printf("%d", index);
+    CLOUD_CALL(orvanta_cloud_record_set_key, record, key);
+    gchar *date = g_strdup_printf("%llu", __get_current_time_ms());
+    CLOUD_CALL(orvanta_cloud_record_set_date, record, date);
+    g_free(date);
+    g_free(key);
 }
 
 void __restore_completed_cb(int result)

@@ -10,3 +10,7 @@
 /// @param[out] length  its length in bytes; untouched on failure
 /// @return 0, or -1 on failure
 int _ime_backup_get_json_value(char **value, gsize *length);
+
+/// The selected input languages in byte order. When their key can't be read at all, the default is stored in
+/// it and returned.
+LanguageList get_selected_lang_list();

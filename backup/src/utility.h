@@ -24,8 +24,9 @@ int read_vconfkeys(const char *key, char **value);
 /// store refused it.
 int update_vconfkeys(const char *key, const char *value);
 
-/// The pieces of `text`. Each delimiter ends a piece, also an empty one; text behind the last delimiter is
-/// one more.
+/// Appends the pieces of `text` to `pieces`. Each delimiter ends a piece, be it empty; text behind the last
+/// delimiter is one more.
+LanguageList &split(const std::string &text, char delimiter, LanguageList &pieces);
 LanguageList split(const std::string &text, char delimiter);
 
 /// Opens the input-method configuration afresh. When it can't be opened, the handle is empty and `*failure`
