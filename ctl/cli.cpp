@@ -3,7 +3,6 @@
 #include <glib.h>
 
 #include "contact.h"
-#include "suggestion.h"
 #include "text.h"
 
 const Command &find_command(const Command &parent, const std::string &name)
@@ -14,17 +13,21 @@ const Command &find_command(const Command &parent, const std::string &name)
     throw UsageError("there is no command \"" + name + "\"" + did_you_mean(name, names_of_commands(parent)));
 }
 
+std::vector<std::string> names_of_commands(const Command &command)
+{
+    std::vector<std::string> names;
+    for (const Command &subcommand : command.commands)
+        if (subcommand.group != nullptr)
+            names.emplace_back(subcommand.name);
+    return names;
+}
+
 const Argument *argument_after(const Command &command, size_t count)
 {
     const std::vector<Argument> &arguments = command.arguments;
     if (count < arguments.size())
         return &arguments[count];
     return !arguments.empty() && is_repeatable(arguments.back().times) ? &arguments.back() : nullptr;
-}
-
-bool Cli::has(std::string_view option) const
-{
-    return !values(option).empty();
 }
 
 std::vector<std::string> Cli::values(std::string_view option) const
@@ -34,12 +37,6 @@ std::vector<std::string> Cli::values(std::string_view option) const
         if (known->name == option)
             found.push_back(value);
     return found;
-}
-
-std::string Cli::value(std::string_view option) const
-{
-    const std::vector<std::string> found = values(option);
-    return found.empty() ? "" : found.back();
 }
 
 // The command line.
@@ -122,6 +119,11 @@ void parse(Cli &cli, const std::vector<std::string> &words)
             read_argument(cli, word);
         }
     }
+    cli.quiet = cli.has("--quiet");
+    if (cli.has("--timeout"))
+        cli.timeout_seconds = std::stod(cli.value("--timeout"));
+    if (cli.has("--store"))
+        g_setenv(STORE_VARIABLE, cli.value("--store").c_str(), TRUE);
 }
 
 void require_complete(const Cli &cli)
@@ -136,31 +138,6 @@ void require_complete(const Cli &cli)
         throw UsageError(std::string(arguments[count].label) + " is required");
 }
 
-void apply_common_options(Cli &cli)
-{
-    cli.json = cli.has("--json");
-    cli.quiet = cli.has("--quiet");
-    cli.service.verbose = cli.has("--verbose");
-    if (cli.has("--timeout"))
-        cli.service.timeout_seconds = std::stod(cli.value("--timeout"));
-    if (cli.has("--store"))
-        g_setenv(STORE_VARIABLE, cli.value("--store").c_str(), TRUE);
-    const char *service = g_getenv("IME_BACKUP_SERVICE");
-    cli.service.program = cli.has("--service")                     ? cli.value("--service")
-                          : service != nullptr && *service != '\0' ? service
-                                                                   : default_service_program();
-}
-
-// Names.
-
-std::string full_name(const std::vector<const Command *> &path)
-{
-    std::vector<std::string> names;
-    for (const Command *command : path)
-        names.emplace_back(command->name);
-    return join(names, " ");
-}
-
 std::vector<const Option *> options_of(const std::vector<const Command *> &path)
 {
     std::vector<const Option *> options;
@@ -168,21 +145,4 @@ std::vector<const Option *> options_of(const std::vector<const Command *> &path)
         for (const Option &option : path[i]->options)
             options.push_back(&option);
     return options;
-}
-
-std::vector<std::string> names_of(const std::vector<const Option *> &options)
-{
-    std::vector<std::string> names;
-    for (const Option *option : options)
-        names.emplace_back(option->name);
-    return names;
-}
-
-std::vector<std::string> names_of_commands(const Command &command)
-{
-    std::vector<std::string> names;
-    for (const Command &subcommand : command.commands)
-        if (subcommand.group != nullptr)
-            names.emplace_back(subcommand.name);
-    return names;
 }

@@ -5,10 +5,35 @@
 #include <utility>
 #include <vector>
 
-#include "client.h"
 #include "document.h"
+#include "errors.h"
 
 struct Cli;
+
+/// Exit statuses.
+inline constexpr int EXIT_DONE = 0;
+inline constexpr int EXIT_FAILED = 1;
+inline constexpr int EXIT_USAGE = 2;
+inline constexpr int EXIT_NO_PLATFORM = 3;
+inline constexpr int EXIT_NO_BACKUP = 4;
+inline constexpr int EXIT_DAMAGED = 5;
+inline constexpr int EXIT_TIMED_OUT = 124;
+inline constexpr int EXIT_INTERRUPTED = 130;
+
+/// What was asked for makes no sense.
+struct UsageError : HostError {
+    using HostError::HostError;
+};
+
+// Words that go below an error.
+
+inline constexpr char HINT_SCIM[] =
+    "A SCIM daemon is started with: " SCIM_LAUNCHER " -d -c simple -e none -f socket";
+inline constexpr char HINT_KEYBOARD[] =
+    "One is chosen with: ime-backupctl settings set default_keyboard IDENTIFIER";
+
+/// "; did you mean WORD?" for the known word that is nearest to a mistyped one, or nothing when none is near.
+std::string did_you_mean(const std::string &typed, const std::vector<std::string> &known);
 
 /// What an argument, or an option's value, is: completion offers words of this kind.
 enum class Kind { text, backup, file, setting, setting_and_value, command, function };
@@ -61,6 +86,9 @@ extern const Command PROGRAM;
 /// @throws UsageError when there is no command of this name below the other
 const Command &find_command(const Command &parent, const std::string &name);
 
+/// The names of the commands that a person may use below another.
+std::vector<std::string> names_of_commands(const Command &command);
+
 /// The place of the next argument after `count` of them; null when there is none.
 const Argument *argument_after(const Command &command, size_t count);
 
@@ -71,9 +99,9 @@ struct Cli {
     std::vector<std::pair<const Option *, std::string>> options{};
     const Option *unfinished = nullptr; ///< the option whose value is missing at the end
 
-    ServiceOptions service{};
-    bool json = false;
     bool quiet = false;
+    bool traces = false; ///< the service's calls, on standard output
+    double timeout_seconds = 30;
 
     Document document{};
     int status = EXIT_DONE;
@@ -81,16 +109,17 @@ struct Cli {
     std::string log_tail{};           ///< told below a failure
 
     const Command &command() const { return *path.back(); }
-    bool has(std::string_view option) const;
+    bool has(std::string_view option) const { return !values(option).empty(); }
     /// The values of an option, in their order.
     std::vector<std::string> values(std::string_view option) const;
-    /// The last value of an option, or an empty text.
-    std::string value(std::string_view option) const;
+    /// The last value of an option that is there.
+    std::string value(std::string_view option) const { return values(option).back(); }
     /// The first argument, or an empty text.
     std::string argument() const { return arguments.empty() ? "" : arguments.front(); }
 };
 
-/// Reads a command line, up to the first word that is wrong. What is missing is not looked for.
+/// Reads a command line, up to the first word that is wrong, and takes over the options that all commands
+/// have. What is missing is not looked for.
 ///
 /// @throws UsageError
 void parse(Cli &cli, const std::vector<std::string> &words);
@@ -98,16 +127,14 @@ void parse(Cli &cli, const std::vector<std::string> &words);
 /// @throws UsageError when something that the command needs is missing
 void require_complete(const Cli &cli);
 
-/// Takes over the options that all commands have.
-void apply_common_options(Cli &cli);
-
-/// Such as "ime-backupctl settings set".
-std::string full_name(const std::vector<const Command *> &path);
-
 /// The options that may stand on a command line, the command's own first.
 std::vector<const Option *> options_of(const std::vector<const Command *> &path);
 
-std::vector<std::string> names_of(const std::vector<const Option *> &options);
-
-/// The names of the commands that a person may use below another.
-std::vector<std::string> names_of_commands(const Command &command);
+template <class Named>
+std::vector<std::string> names_of(const std::vector<const Named *> &things)
+{
+    std::vector<std::string> names;
+    for (const Named *thing : things)
+        names.emplace_back(thing->name);
+    return names;
+}

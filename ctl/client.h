@@ -1,36 +1,28 @@
 #pragma once
 
-#include <optional>
 #include <string>
 
 #include "files.h"
 #include "report.h"
-#include "status.h"
 
-/// How to show the service's calls to the platform, on standard output.
-struct TraceOptions {
-    std::string library;  ///< that is preloaded
-    std::string failures; ///< the calls that are to fail, as the library has them
-    bool as_json = false;
-    bool is_hidden = false;
-};
+struct Cli;
 
-/// How to run the backup service.
-struct ServiceOptions {
-    std::string program;
-    double timeout_seconds = 30;
-    bool verbose = false;
-    std::optional<TraceOptions> trace{};
-};
+/// Below the state root: what the service logs when it isn't shown.
+inline constexpr char SERVICE_LOG[] = "service.log";
 
-/// Starts the service for one exchange and waits for both to end.
+/// Starts the service for one exchange, as the command line has it, and waits for both to end.
 ///
-/// @param[out] log_tail  the end of its log, when the service came to no result
-/// @param operation  such as #OPERATION_BACKUP
-/// @param backup     number of the one to restore, or empty for the newest
+/// @param[in,out] cli its log_tail becomes the end of the service's log, when that came to no result
+/// @param operation   such as #OPERATION_BACKUP
+/// @param backup      number of the one to restore, or empty for the newest
 /// @throws HostError when the service can't be started
-ExchangeReport run_exchange(const ServiceOptions &options, std::string &log_tail, const char *operation,
-                            const std::string &backup = "");
+ExchangeReport run_exchange(Cli &cli, const char *operation, const std::string &backup = "");
+
+/// What the last restore changed on this device, as it kept it while it went.
+///
+/// @return one without settings when there was no restore, or it was undone
+/// @throws HostError when it can't be read
+ExchangeReport read_last_restore();
 
 /// Waits until no exchange is under way.
 ///
@@ -38,9 +30,3 @@ ExchangeReport run_exchange(const ServiceOptions &options, std::string &log_tail
 /// @return the lock: none begins while it is held
 /// @throws TimeoutError
 FileLock wait_for_turn(double timeout_seconds, bool is_only_looking);
-
-// What was installed beside this program.
-
-std::string find_beside(const char *path_from_bindir);
-std::string default_service_program();
-std::string default_trace_library();

@@ -2,17 +2,12 @@
 #include "commands.h"
 #include "setting.h"
 
-namespace
-{
-
 /// One of the two that are compared.
 struct Side {
     Json id;
     std::string name;
     SnapshotValues values;
 };
-
-} // namespace
 
 static Side take_backup(const CloudStore &store, const std::string &id)
 {
@@ -27,7 +22,7 @@ static Side take_device(double timeout_seconds)
     const BackupPlan plan = plan_backup_of(open_device());
     if (!plan.obstacles.empty())
         throw_obstacle(plan.obstacles.front());
-    return {std::string("device"), "device", plan.snapshot};
+    return {"device", "device", plan.snapshot};
 }
 
 void run_diff(Cli &cli)
@@ -36,11 +31,11 @@ void run_diff(Cli &cli)
     cli.failure_status = EXIT_NO_PLATFORM; // 1 means that they differ
     if (ids.size() > 2)
         throw UsageError("no more than two backups can be compared");
-    const auto store = open_store(cli.service.timeout_seconds);
+    const auto store = open_store(cli.timeout_seconds);
     const Side from = take_backup(*store, ids.empty() ? "" : ids[0]);
-    const Side to = ids.size() == 2 ? take_backup(*store, ids[1]) : take_device(cli.service.timeout_seconds);
+    const Side to = ids.size() == 2 ? take_backup(*store, ids[1]) : take_device(cli.timeout_seconds);
 
-    Table table{{{"name", "setting"}, {"from", from.name}, {"to", to.name}}, {}};
+    Table table{{{"name", "setting"}, {"from", from.name}, {"to", to.name}}};
     for (const SettingRow &row : SETTINGS) {
         const DeviceValue one = device_value(row, from.values[index_of(row)]);
         const DeviceValue other = device_value(row, to.values[index_of(row)]);
@@ -51,7 +46,7 @@ void run_diff(Cli &cli)
     if (table.rows.empty())
         cli.document.say(from.name + " and " + (to.name == "device" ? "the device" : to.name) +
                          " hold the same settings");
-    cli.document.set("from", Json(from.id));
-    cli.document.set("to", Json(to.id));
+    cli.document.set("from", from.id);
+    cli.document.set("to", to.id);
     cli.document.set("differences", table);
 }

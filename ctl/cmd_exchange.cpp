@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <functional>
 
 #include "backups.h"
 #include "commands.h"
@@ -13,12 +14,12 @@
 static std::optional<BackupNumber> find_same(const Cli &cli)
 {
     try {
-        const auto store = open_store(cli.service.timeout_seconds);
+        const auto store = open_store(cli.timeout_seconds);
         const std::vector<BackupNumber> known = store->list().numbers;
         if (known.empty())
             return std::nullopt;
         const CloudRecords records = store->read(known.back()).records;
-        const FileLock turn = wait_for_turn(cli.service.timeout_seconds, true);
+        const FileLock turn = wait_for_turn(cli.timeout_seconds, true);
         const BackupPlan plan = plan_backup_of(open_device());
         const bool is_same = plan.obstacles.empty() && records.size() == 1 && records[0].key == RECORD_KEY &&
                              is_same_snapshot(read_snapshot(snapshot_in(records))->values, plan.snapshot);
@@ -33,17 +34,17 @@ static std::optional<BackupNumber> find_same(const Cli &cli)
 void run_backup(Cli &cli)
 {
     cli.document.set_result(false);
-    cli.document.set("backup", Json());
-    cli.document.set("stored", Json(false));
+    cli.document.set("backup", nullptr);
+    cli.document.set("stored", false);
     if (const auto same = cli.has("--if-changed") ? find_same(cli) : std::nullopt; same) {
         cli.document.set_result(true);
-        cli.document.set("backup", Json(*same));
+        cli.document.set("backup", *same);
         cli.document.say(name_of(*same) + " holds the same settings; nothing was stored");
         return;
     }
-    const ExchangeReport report = run_exchange(cli.service, cli.log_tail, OPERATION_BACKUP);
+    const ExchangeReport report = run_exchange(cli, OPERATION_BACKUP);
     cli.document.set("backup", report.backup == 0 ? Json() : Json(report.backup));
-    cli.document.set("stored", Json(report.stored));
+    cli.document.set("stored", report.stored);
     throw_failure(report);
     cli.document.set_result(true, report.reason);
     cli.document.say(name_of(report.backup) + "  " + format_date(date_of(report.records)));
@@ -51,52 +52,40 @@ void run_backup(Cli &cli)
         cli.document.say(report.reason);
 }
 
-static bool has_failed(const CloudRecord &record)
-{
-    return record.failed;
-}
-
-static Table table_of(const CloudRecords &records)
-{
-    Table table{{{"key", ""}, {"failed", ""}}, {}};
-    for (const CloudRecord &record : records) {
-        const std::string key = record.key.value_or("");
-        table.rows.push_back({{key, "record " + key}, {record.failed, record.failed ? "failed" : "applied"}});
-    }
-    table.is_for_people = records.size() > 1 || std::any_of(records.begin(), records.end(), has_failed);
-    return table;
-}
-
-static Table table_of(const std::vector<SettingReport> &settings)
-{
-    Table table{
-        {{"name", "setting"}, {"before", "before"}, {"wanted", FOR_SCRIPTS}, {"after", "after"}, {"why", ""}},
-        {}};
-    table.remarks = Remarks::warnings;
-    for (const SettingReport &setting : settings) {
-        const SettingRow &row = find_setting(setting.member);
-        table.rows.push_back({setting.member, cell_of(row, setting.before),
-                              cell_of(row, device_value(row, setting.wanted)), cell_of(row, setting.after),
-                              setting.why});
-    }
-    return table;
-}
-
 static void show_restore(Cli &cli, const ExchangeReport &report)
 {
-    cli.document.set("backup", report.backup == 0 ? Json() : Json(report.backup));
-    cli.document.set("dry_run", Json(cli.has("--dry-run")));
-    cli.document.set("records", table_of(report.records));
-    Table settings = table_of(report.settings);
+    Table records{{{"key", ""}, {"failed", ""}}};
+    for (const CloudRecord &record : report.records) {
+        const std::string key = record.key.value_or("");
+        records.rows.push_back(
+            {{key, "record " + key}, {record.failed, record.failed ? "failed" : "applied"}});
+    }
+    const auto failed =
+        std::count_if(report.records.begin(), report.records.end(), std::mem_fn(&CloudRecord::failed));
+    records.is_for_people = records.rows.size() > 1 || failed > 0;
+
+    Table settings{
+        {{"name", "setting"}, {"before", "before"}, {"wanted", FOR_SCRIPTS}, {"after", "after"}, {"why", ""}},
+        {},
+        Remarks::warnings};
+    for (const SettingReport &setting : report.settings) {
+        const SettingRow &row = find_setting(setting.member);
+        settings.rows.push_back({setting.member, cell_of(row, setting.before),
+                                 cell_of(row, device_value(row, setting.wanted)), cell_of(row, setting.after),
+                                 setting.why});
+    }
     // Where no record was applied, there is nothing that they could be compared with.
-    settings.is_for_people = !std::all_of(report.records.begin(), report.records.end(), has_failed);
+    settings.is_for_people = std::cmp_less(failed, records.rows.size());
+    cli.document.set("backup", report.backup == 0 ? Json() : Json(report.backup));
+    cli.document.set("dry_run", cli.has("--dry-run"));
+    cli.document.set("records", records);
     cli.document.set("settings", settings);
 }
 
 /// What a restore would come to.
 static ExchangeReport plan_restore_of(Cli &cli)
 {
-    const auto store = open_store(cli.service.timeout_seconds);
+    const auto store = open_store(cli.timeout_seconds);
     ExchangeReport report;
     report.backup = store->find(cli.argument());
     show_restore(cli, report);
@@ -105,14 +94,13 @@ static ExchangeReport plan_restore_of(Cli &cli)
     for (const CloudRecord &record : records)
         values.push_back(record.value);
 
-    const FileLock turn = wait_for_turn(cli.service.timeout_seconds, true);
+    const FileLock turn = wait_for_turn(cli.timeout_seconds, true);
     Device &device = open_device();
     for (const SettingRow &row : SETTINGS)
         device.require_writable(row);
-    const auto refuses = [&device](const SettingRow &row, const DeviceValue &value) {
-        return device.refuses(row, value);
-    };
-    return report_planned(plan_restore(values, device.read_all(), refuses), report.backup, records);
+    const RestorePlan plan =
+        plan_restore(values, device.read_all(), std::bind_front(&Device::refuses, &device));
+    return report_planned(plan, report.backup, records);
 }
 
 void run_restore(Cli &cli)
@@ -120,8 +108,7 @@ void run_restore(Cli &cli)
     cli.document.set_result(false);
     show_restore(cli, {});
     const ExchangeReport report =
-        cli.has("--dry-run") ? plan_restore_of(cli)
-                             : run_exchange(cli.service, cli.log_tail, OPERATION_RESTORE, cli.argument());
+        cli.has("--dry-run") ? plan_restore_of(cli) : run_exchange(cli, OPERATION_RESTORE, cli.argument());
     show_restore(cli, report);
     throw_failure(report);
 
@@ -141,8 +128,8 @@ void run_restore(Cli &cli)
 void run_info(Cli &cli)
 {
     cli.document.set_result(false);
-    const ExchangeReport report = run_exchange(cli.service, cli.log_tail, OPERATION_GET_BACKUP_INFO);
-    Table table{{{"key", ""}, {"date", ""}}, {}};
+    const ExchangeReport report = run_exchange(cli, OPERATION_GET_BACKUP_INFO);
+    Table table{{{"key", ""}, {"date", ""}}};
     for (const CloudRecord &record : report.records) {
         const std::string key = record.key.value_or("");
         const std::string date = record.date.value_or("");
@@ -161,7 +148,7 @@ void run_trace(Cli &cli)
     const Command &traced = cli.command();
     if (!traced.commands.empty())
         throw UsageError("trace lacks what it is to show: backup, restore or info");
-    cli.service.trace = {default_trace_library(), join(cli.values("--fail"), " "), cli.json, cli.quiet};
+    cli.traces = true;
     // When nobody reads the trace any more, the exchange still ends in order, and what is lost is told.
     std::signal(SIGPIPE, SIG_IGN);
     find_command(PROGRAM, traced.name).run(cli);

@@ -16,7 +16,7 @@ void run_help(Cli &cli)
     for (const std::string &name : cli.arguments)
         path.push_back(&find_command(*path.back(), name));
     const std::string text = help_of(path);
-    cli.document.set("help", Json(text));
+    cli.document.set("help", text);
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);)
         cli.document.say(line);
@@ -43,8 +43,7 @@ static Words backup_numbers()
 static Words values_of(const std::string &name)
 {
     for (const SettingRow &row : ALL_SETTINGS)
-        if (row.member == name &&
-            (row.form == SettingForm::boolean_switch || row.form == SettingForm::integer_switch))
+        if (row.member == name && is_switch(row))
             return {"true", "false"};
     return {};
 }
@@ -107,7 +106,6 @@ void run_complete(Cli &cli)
         words.pop_back();
     Cli line;
     parse(line, words);
-    apply_common_options(line);
     for (const std::string &word : next_words(line, typed))
         if (word.starts_with(typed) || word == FILES)
             printf("%s\n", word.c_str());

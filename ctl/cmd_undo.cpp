@@ -2,32 +2,39 @@
 
 #include "backups.h"
 #include "commands.h"
-#include "files.h"
-#include "last_restore.h"
+#include "contact.h"
 #include "paths.h"
 #include "setting.h"
 #include "text.h"
 
-/// Adds what is no longer set after a restore that did not succeed. SCIM's daemon does not write its file
-/// whole or not at all: when it is killed then, settings are lost that the restore had not come to.
-static void add_lost(LastRestore &last)
+/// What a restore changed: from what each setting was before to what it may have become.
+static std::vector<ChangedSetting> changes_of(const ExchangeReport &restore)
 {
-    if (last.result == ExchangeReport::Result::succeeded)
-        return;
-    for (const SettingReport &setting : last.settings) {
+    std::vector<ChangedSetting> changes;
+    const auto find = [&changes](const SettingRow &row) {
+        return std::find_if(changes.begin(), changes.end(),
+                            [&row](const ChangedSetting &known) { return known.row.member == row.member; });
+    };
+    for (const Change &change : restore.changes)
+        for (const SettingRow &row : ALL_SETTINGS) {
+            if (row.place != change.place || row.key != change.key ||
+                change.outcome == Change::Outcome::refused)
+                continue;
+            if (const auto earlier = find(row); earlier != changes.end())
+                earlier->after = change.after;
+            else
+                changes.push_back({row, change.before, change.after});
+        }
+    if (restore.result == ExchangeReport::Result::succeeded)
+        return changes;
+    // SCIM's daemon does not write its file whole or not at all: when it is killed then, settings are lost
+    // that the restore had not come to.
+    for (const SettingReport &setting : restore.settings) {
         const SettingRow &row = find_setting(setting.member);
-        const bool is_known =
-            std::any_of(last.changes.begin(), last.changes.end(),
-                        [&](const ChangedSetting &change) { return change.row.member == setting.member; });
-        if (!is_known && setting.before && !open_device().read_one(row))
-            last.changes.push_back({row, setting.before, std::nullopt});
+        if (find(row) == changes.end() && setting.before && !open_device().read_one(row))
+            changes.push_back({row, setting.before, std::nullopt});
     }
-}
-
-static void require_writable(const std::vector<ChangedSetting> &changes)
-{
-    for (const ChangedSetting &change : changes)
-        open_device().require_writable(change.row);
+    return changes;
 }
 
 /// Puts a setting back, also where it seems to be as it was: an undo that was killed may have left it so in
@@ -50,40 +57,29 @@ static std::string put_back(const ChangedSetting &restored, std::vector<ChangedS
     return after == restored.before ? "" : std::string(restored.row.member) + " (" + reason + ")";
 }
 
-/// @return what could not be put back
-static std::vector<std::string> put_back(const std::vector<ChangedSetting> &restored,
-                                         std::vector<ChangedSetting> &undone)
-{
-    std::vector<std::string> failures;
-    for (const ChangedSetting &change : restored)
-        if (const std::string failure = put_back(change, undone); !failure.empty())
-            failures.push_back(failure);
-    return failures;
-}
-
 void run_undo(Cli &cli)
 {
     cli.document.set_result(false);
     cli.document.set("settings", table_of({}));
-    const FileLock turn = wait_for_turn(cli.service.timeout_seconds, false);
+    const FileLock turn = wait_for_turn(cli.timeout_seconds, false);
 
-    LastRestore last = read_last_restore().value_or(LastRestore());
-    add_lost(last);
-    require_writable(last.changes);
+    const ExchangeReport restore = read_last_restore();
+    const std::vector<ChangedSetting> changes = changes_of(restore);
+    for (const ChangedSetting &change : changes)
+        open_device().require_writable(change.row);
     std::vector<ChangedSetting> undone;
     std::vector<std::string> failures;
-    try {
-        failures = put_back(last.changes, undone);
-    } catch (...) {
+    for (const ChangedSetting &change : changes) {
+        if (const std::string failure = put_back(change, undone); !failure.empty())
+            failures.push_back(failure);
         cli.document.set("settings", table_of(undone));
-        throw;
     }
-    cli.document.set("settings", table_of(undone));
     if (!failures.empty())
         throw HostError("not put back: " + join(failures, ", "));
-    forget_last_restore();
+    if (!restore.settings.empty())
+        remove_file_durably(state_root() / LAST_RESTORE);
     cli.document.set_result(true);
-    cli.document.say(last.changes.empty()
+    cli.document.say(changes.empty()
                          ? "there is nothing to undo"
-                         : "what the restore of " + name_of(last.backup) + " changed is as it was");
+                         : "what the restore of " + name_of(restore.backup) + " changed is as it was");
 }

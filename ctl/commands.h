@@ -1,6 +1,7 @@
 #pragma once
 
 #include "cli.h"
+#include "client.h"
 
 // What each command does.
 

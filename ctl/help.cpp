@@ -10,7 +10,7 @@ static constexpr size_t LABEL_WIDTH = 26;
 static std::string usage_of(const std::vector<const Command *> &path)
 {
     const Command &command = *path.back();
-    std::string usage = full_name(path) + " [OPTION]...";
+    std::string usage = join(names_of(path), " ") + " [OPTION]...";
     for (const Argument &argument : command.arguments) {
         const std::string label = std::string(argument.label) + (is_repeatable(argument.times) ? "..." : "");
         usage += " " + (is_required(argument.times) ? label : "[" + label + "]");
@@ -21,14 +21,15 @@ static std::string usage_of(const std::vector<const Command *> &path)
 }
 
 /// A label, and behind it the lines that explain it.
-static std::string entry(const std::string &label, const std::string &meaning)
+static std::string entry(const std::string &label, const std::string &description)
 {
     std::string text = "  " + label;
     if (text.size() + 2 > LABEL_WIDTH)
         text += "\n" + std::string(LABEL_WIDTH, ' ');
     else
         text.append(LABEL_WIDTH - text.size(), ' ');
-    return text + join(wrap(meaning, WIDTH - LABEL_WIDTH), ("\n" + std::string(LABEL_WIDTH, ' ')).c_str()) +
+    return text +
+           join(wrap(description, WIDTH - LABEL_WIDTH), ("\n" + std::string(LABEL_WIDTH, ' ')).c_str()) +
            "\n";
 }
 
@@ -37,27 +38,30 @@ static std::string paragraph(const std::string &text)
     return join(wrap(text, WIDTH), "\n") + "\n";
 }
 
-static std::string section(const char *title, const std::string &entries)
+static std::string label_of(const Argument &argument)
 {
-    return entries.empty() ? "" : "\n" + std::string(title) + ":\n" + entries;
+    return argument.label;
 }
 
-static std::string describe_arguments(const std::vector<Argument> &arguments)
+static std::string label_of(const Option &option)
 {
-    std::string text;
-    for (const Argument &argument : arguments)
-        text += entry(argument.label, argument.description);
-    return section("Arguments", text);
+    return (option.letter == '\0' ? "" : std::string{'-', option.letter} + ", ") + option.name +
+           (option.value == nullptr ? "" : std::string(" ") + option.value);
 }
 
-static std::string describe_options(const std::vector<Option> &options, const char *title)
+static std::string label_of(const Note &note)
 {
-    std::string text;
-    for (const Option &option : options)
-        text += entry((option.letter == '\0' ? "" : std::string{'-', option.letter} + ", ") + option.name +
-                          (option.value == nullptr ? "" : std::string(" ") + option.value),
-                      option.description);
-    return section(title, text);
+    return note.name;
+}
+
+/// Nothing where there is nothing to describe.
+template <class Described>
+static std::string section(const std::string &title, const std::vector<Described> &things)
+{
+    std::string text = things.empty() ? "" : "\n" + title + ":\n";
+    for (const Described &thing : things)
+        text += entry(label_of(thing), thing.description);
+    return text;
 }
 
 static std::string describe_commands(const Command &command)
@@ -75,14 +79,6 @@ static std::string describe_commands(const Command &command)
     return text;
 }
 
-static std::string describe_notes(const std::vector<Note> &notes, const char *title)
-{
-    std::string text;
-    for (const Note &note : notes)
-        text += entry(note.name, note.meaning);
-    return section(title, text);
-}
-
 std::string help_of(const std::vector<const Command *> &path)
 {
     const Command &command = *path.back();
@@ -90,12 +86,12 @@ std::string help_of(const std::vector<const Command *> &path)
     std::string text = paragraph(std::string(command.summary) + ".") + "\nUsage: " + usage_of(path) + "\n";
     if (*command.details != '\0')
         text += "\n" + paragraph(command.details);
-    text += describe_commands(command) + describe_arguments(command.arguments);
+    text += describe_commands(command) + section("Arguments", command.arguments);
     if (!is_program)
-        text += describe_options(command.options, "Options");
-    text += describe_options(PROGRAM.options, "Options of all commands");
+        text += section("Options", command.options);
+    text += section("Options of all commands", PROGRAM.options);
     if (is_program)
         text += "\n" + paragraph("Settings: " + join(names_of_settings(), ", ") + ".") +
-                describe_notes(ENVIRONMENT, "Environment") + describe_notes(EXIT_STATUSES, "Exit status");
+                section("Environment", ENVIRONMENT) + section("Exit status", EXIT_STATUSES);
     return text + "\nExample: " + command.example + "\n";
 }

@@ -9,7 +9,7 @@
 
 struct Note {
     std::string name;
-    const char *meaning;
+    const char *description;
 };
 
 inline const std::vector<Note> EXIT_STATUSES = {

@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <cstring>
 #include <dlfcn.h>
+#include <functional>
 #include <sstream>
 
 #include <glib.h>
 
-#include "status.h"
-#include "suggestion.h"
+#include "cli.h"
 #include "text.h"
 
 std::vector<std::string> names_of_settings()
@@ -43,9 +43,7 @@ Device &open_device()
 
 BackupPlan plan_backup_of(Device &device)
 {
-    return plan_backup(device.read_all(), [&device](const SettingRow &row, const DeviceValue &value) {
-        return device.refuses(row, value);
-    });
+    return plan_backup(device.read_all(), std::bind_front(&Device::refuses, &device));
 }
 
 std::string place_of(const SettingRow &row)
@@ -65,12 +63,10 @@ std::string place_of(const SettingRow &row)
 
 static bool parse_switch(const std::string &text)
 {
-    for (const char *word : {"true", "on", "yes", "1"})
-        if (text == word)
-            return true;
-    for (const char *word : {"false", "off", "no", "0"})
-        if (text == word)
-            return false;
+    static constexpr const char *WORDS[][2] = {{"true", "false"}, {"on", "off"}, {"yes", "no"}, {"1", "0"}};
+    for (const auto &[on, off] : WORDS)
+        if (text == on || text == off)
+            return text == on;
     throw UsageError("\"" + text + "\" is neither true nor false");
 }
 
@@ -117,26 +113,19 @@ DeviceValue parse_value(const SettingRow &row, const std::string &text)
     return text;
 }
 
-static Json json_of(const SettingRow &row, const DeviceValue &value)
-{
-    if (!value)
-        return nullptr;
-    if (const bool *truth = std::get_if<bool>(&*value); truth != nullptr)
-        return *truth;
-    if (const int *number = std::get_if<int>(&*value); number != nullptr)
-        return *number != 0;
-    const auto &text = std::get<std::string>(*value);
-    return row.form == SettingForm::languages ? Json(split_languages(text)) : Json(text);
-}
-
 Cell cell_of(const SettingRow &row, const DeviceValue &value)
 {
-    return {json_of(row, value), format_value(row, value)};
+    Json json;
+    if (const auto *text = value ? std::get_if<std::string>(&*value) : nullptr; text != nullptr)
+        json = row.form == SettingForm::languages ? Json(split_languages(*text)) : Json(*text);
+    else if (value)
+        json = value != DeviceValue(false) && value != DeviceValue(0);
+    return {json, format_value(row, value)};
 }
 
 Table table_of(const std::vector<ChangedSetting> &changes)
 {
-    Table table{{{"name", "setting"}, {"before", "before"}, {"after", "after"}}, {}};
+    Table table{{{"name", "setting"}, {"before", "before"}, {"after", "after"}}};
     for (const ChangedSetting &change : changes)
         table.rows.push_back(
             {change.row.member, cell_of(change.row, change.before), cell_of(change.row, change.after)});

@@ -1,4 +1,4 @@
-#include "suggestion.h"
+#include "cli.h"
 
 #include <algorithm>
 
