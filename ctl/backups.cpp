@@ -20,28 +20,29 @@ std::optional<std::int64_t> parse_date(const std::string &date)
     return milliseconds;
 }
 
-static std::optional<std::string> format_time(const std::string &date, GDateTime *(*make)(gint64),
-                                              const char *format)
+/// @return an empty text when it is no date
+static std::string format_time(const std::string &date, GDateTime *(*make)(gint64), const char *format)
 {
     const auto milliseconds = parse_date(date);
     g_autoptr(GDateTime) time = milliseconds ? make(*milliseconds / 1000) : nullptr;
     g_autofree gchar *text = time == nullptr ? nullptr : g_date_time_format(time, format);
-    return text == nullptr ? std::nullopt : std::optional<std::string>(text);
+    return text == nullptr ? "" : text;
 }
 
 std::string format_date(const std::string &date)
 {
-    return format_time(date, g_date_time_new_from_unix_local, "%F %T %Z").value_or(date);
+    const std::string text = format_time(date, g_date_time_new_from_unix_local, "%F %T %Z");
+    return text.empty() ? date : text;
 }
 
 /// The time as scripts have it, or nothing.
 static Json utc_time(const std::string &date)
 {
-    const auto seconds = format_time(date, g_date_time_new_from_unix_utc, "%FT%T");
-    if (!seconds)
+    const std::string seconds = format_time(date, g_date_time_new_from_unix_utc, "%FT%T");
+    if (seconds.empty())
         return nullptr;
     const std::string thousandths = std::to_string(1000 + *parse_date(date) % 1000);
-    return *seconds + "." + thousandths.substr(1) + "Z";
+    return seconds + "." + thousandths.substr(1) + "Z";
 }
 
 static std::string format_age(const std::string &date)
@@ -99,13 +100,6 @@ static std::vector<Cell> describe(BackupNumber number, const Backup &backup)
             ""};
 }
 
-static std::vector<Cell> describe_damaged(BackupNumber number, const std::string &reason,
-                                          const std::optional<std::uintmax_t> &size)
-{
-    return {number,      {nullptr, ""}, {nullptr, ""}, {size ? Json(*size) : Json(), ""},
-            {false, ""}, {nullptr, ""}, {nullptr, ""}, {reason, "damaged: " + reason}};
-}
-
 Table inspect(const CloudStore &store, const std::vector<BackupNumber> &numbers, size_t &damaged)
 {
     store.fetch(numbers);
@@ -123,7 +117,17 @@ Table inspect(const CloudStore &store, const std::vector<BackupNumber> &numbers,
         try {
             table.rows.push_back(describe(number, store.read(number)));
         } catch (const DamagedError &error) {
-            table.rows.push_back(describe_damaged(number, error.what(), store.size(number)));
+            const std::string reason = error.what();
+            const auto size = store.size(number);
+            const Cell none = {nullptr, ""};
+            table.rows.push_back({number,
+                                  none,
+                                  none,
+                                  {size ? Json(*size) : Json(), ""},
+                                  {false, ""},
+                                  none,
+                                  none,
+                                  {reason, "damaged: " + reason}});
             damaged++;
         } catch (const NoBackupError &) {
             continue; // deleted meanwhile

@@ -86,8 +86,8 @@ extern const Command PROGRAM;
 /// @throws UsageError when there is no command of this name below the other
 const Command &find_command(const Command &parent, const std::string &name);
 
-/// The names of the commands that a person may use below another.
-std::vector<std::string> names_of_commands(const Command &command);
+/// The commands that a person may use below another.
+std::vector<const Command *> commands_below(const Command &command);
 
 /// The place of the next argument after `count` of them; null when there is none.
 const Argument *argument_after(const Command &command, size_t count);

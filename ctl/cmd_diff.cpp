@@ -18,8 +18,7 @@ static Side take_backup(const CloudStore &store, const std::string &id)
 /// The device, as a backup would have it.
 static Side take_device(double timeout_seconds)
 {
-    const FileLock turn = wait_for_turn(timeout_seconds, true);
-    const BackupPlan plan = plan_backup_of(open_device());
+    const BackupPlan plan = plan_backup_here(timeout_seconds);
     if (!plan.obstacles.empty())
         throw_obstacle(plan.obstacles.front());
     return {"device", "device", plan.snapshot};

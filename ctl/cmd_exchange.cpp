@@ -19,8 +19,7 @@ static std::optional<BackupNumber> find_same(const Cli &cli)
         if (known.empty())
             return std::nullopt;
         const CloudRecords records = store->read(known.back()).records;
-        const FileLock turn = wait_for_turn(cli.timeout_seconds, true);
-        const BackupPlan plan = plan_backup_of(open_device());
+        const BackupPlan plan = plan_backup_here(cli.timeout_seconds);
         const bool is_same = plan.obstacles.empty() && records.size() == 1 && records[0].key == RECORD_KEY &&
                              is_same_snapshot(read_snapshot(snapshot_in(records))->values, plan.snapshot);
         return is_same ? std::optional(known.back()) : std::nullopt;
@@ -29,6 +28,14 @@ static std::optional<BackupNumber> find_same(const Cli &cli)
     } catch (const HostError &) {
         return std::nullopt;
     }
+}
+
+static void tell_success(Document &document, const ExchangeReport &report, const std::string &sentence)
+{
+    document.set_result(true, report.reason);
+    document.say(sentence);
+    if (!report.reason.empty())
+        document.say(report.reason);
 }
 
 void run_backup(Cli &cli)
@@ -46,10 +53,7 @@ void run_backup(Cli &cli)
     cli.document.set("backup", report.backup == 0 ? Json() : Json(report.backup));
     cli.document.set("stored", report.stored);
     throw_failure(report);
-    cli.document.set_result(true, report.reason);
-    cli.document.say(name_of(report.backup) + "  " + format_date(date_of(report.records)));
-    if (!report.reason.empty())
-        cli.document.say(report.reason);
+    tell_success(cli.document, report, name_of(report.backup) + "  " + format_date(date_of(report.records)));
 }
 
 static void show_restore(Cli &cli, const ExchangeReport &report)
@@ -118,11 +122,9 @@ void run_restore(Cli &cli)
             different.push_back(setting.member);
     if (cli.has("--strict") && !different.empty())
         cli.status = EXIT_FAILED;
-    cli.document.set_result(true, report.reason);
-    cli.document.say(name_of(report.backup) + (cli.has("--dry-run") ? "  would be restored" : "  restored") +
+    tell_success(cli.document, report,
+                 name_of(report.backup) + (cli.has("--dry-run") ? "  would be restored" : "  restored") +
                      (different.empty() ? "" : ", but for " + join(different, ", ")));
-    if (!report.reason.empty())
-        cli.document.say(report.reason);
 }
 
 void run_info(Cli &cli)

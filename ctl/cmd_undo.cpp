@@ -7,6 +7,12 @@
 #include "setting.h"
 #include "text.h"
 
+struct ChangedSetting {
+    SettingRow row;
+    DeviceValue before;
+    DeviceValue after;
+};
+
 /// What a restore changed: from what each setting was before to what it may have become.
 static std::vector<ChangedSetting> changes_of(const ExchangeReport &restore)
 {
@@ -41,7 +47,7 @@ static std::vector<ChangedSetting> changes_of(const ExchangeReport &restore)
 /// the daemon's memory alone.
 ///
 /// @return why it is not as it was, or an empty text
-static std::string put_back(const ChangedSetting &restored, std::vector<ChangedSetting> &undone)
+static std::string put_back(const ChangedSetting &restored, Table &undone)
 {
     Device &device = open_device();
     const DeviceValue now = device.read_one(restored.row);
@@ -53,26 +59,26 @@ static std::string put_back(const ChangedSetting &restored, std::vector<ChangedS
     }
     const DeviceValue after = device.read_one(restored.row);
     if (after != now)
-        undone.push_back({restored.row, now, after});
+        undone.rows.push_back(describe_change(restored.row, now, after));
     return after == restored.before ? "" : std::string(restored.row.member) + " (" + reason + ")";
 }
 
 void run_undo(Cli &cli)
 {
     cli.document.set_result(false);
-    cli.document.set("settings", table_of({}));
+    Table undone = make_changes_table();
+    cli.document.set("settings", undone);
     const FileLock turn = wait_for_turn(cli.timeout_seconds, false);
 
     const ExchangeReport restore = read_last_restore();
     const std::vector<ChangedSetting> changes = changes_of(restore);
     for (const ChangedSetting &change : changes)
         open_device().require_writable(change.row);
-    std::vector<ChangedSetting> undone;
     std::vector<std::string> failures;
     for (const ChangedSetting &change : changes) {
         if (const std::string failure = put_back(change, undone); !failure.empty())
             failures.push_back(failure);
-        cli.document.set("settings", table_of(undone));
+        cli.document.set("settings", undone);
     }
     if (!failures.empty())
         throw HostError("not put back: " + join(failures, ", "));

@@ -25,6 +25,7 @@ static int fail(Cli &cli, int status, const std::string &message, const std::str
 
 static int run(Cli &cli, const std::vector<std::string> &words)
 {
+    bool is_understood = false;
     try {
         parse(cli, words);
         if (cli.has("--help") || cli.has("--version")) {
@@ -32,24 +33,16 @@ static int run(Cli &cli, const std::vector<std::string> &words)
             return EXIT_DONE;
         }
         require_complete(cli);
-    } catch (const UsageError &error) {
-        return fail(cli, EXIT_USAGE, error.what(),
-                    "\"" + join(names_of(cli.path), " ") + " --help\" tells more.");
-    }
-    if (cli.command().run == nullptr) {
+        is_understood = true;
+        if (cli.command().run != nullptr) {
+            cli.command().run(cli);
+            return cli.status;
+        }
         fprintf(stderr, "%s", help_of(cli.path).c_str());
         return EXIT_USAGE;
-    }
-    cli.command().run(cli);
-    return cli.status;
-}
-
-static int run_and_tell(Cli &cli, const std::vector<std::string> &words)
-{
-    try {
-        return run(cli, words);
     } catch (const UsageError &error) {
-        return fail(cli, EXIT_USAGE, error.what());
+        const std::string hint = "\"" + join(names_of(cli.path), " ") + " --help\" tells more.";
+        return fail(cli, EXIT_USAGE, error.what(), is_understood ? "" : hint);
     } catch (const DaemonError &error) {
         return fail(cli, EXIT_NO_PLATFORM, error.what(), HINT_SCIM);
     } catch (const KeyboardError &error) {
@@ -74,7 +67,7 @@ int main(int argc, char **argv)
 try {
     prepare_process();
     Cli cli;
-    const int status = run_and_tell(cli, {argv + std::min(argc, 1), argv + argc});
+    const int status = run(cli, {argv + std::min(argc, 1), argv + argc});
     if (!cli.quiet && cli.has("--json") && !cli.traces)
         cli.document.print_json();
     else if (!cli.quiet)

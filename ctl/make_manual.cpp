@@ -1,7 +1,7 @@
-// Writes ime-backupctl's manual: a template, with what the help tells in it. So the two can't differ.
+// Writes ime-backupctl's manual: a template from standard input, with what the help tells in it. So the two
+// can't differ.
 
-#include <cstdio>
-#include <fstream>
+#include <iostream>
 #include <map>
 #include <sstream>
 
@@ -85,14 +85,12 @@ static std::string describe_commands()
 {
     std::string text;
     std::string group;
-    for (const Command &command : PROGRAM.commands) {
-        if (command.group == nullptr)
-            continue;
-        if (command.group != group)
-            text += (group.empty() ? "" : ".El\n") + (".Ss " + std::string(command.group)) +
+    for (const Command *command : commands_below(PROGRAM)) {
+        if (command->group != group)
+            text += (group.empty() ? ".Ss " : ".El\n.Ss ") + std::string(command->group) +
                     "\n.Bl -tag -width Ds\n";
-        group = command.group;
-        text += describe(command, "");
+        group = command->group;
+        text += describe(*command, "");
     }
     return text + ".El\n";
 }
@@ -100,10 +98,9 @@ static std::string describe_commands()
 static std::string describe_examples(const Command &command)
 {
     std::string text;
-    for (const Command &subcommand : command.commands)
-        if (subcommand.group != nullptr)
-            text += paragraph(std::string(subcommand.summary) + ":") + ".Dl $ " + plain(subcommand.example) +
-                    "\n" + describe_examples(subcommand);
+    for (const Command *subcommand : commands_below(command))
+        text += paragraph(std::string(subcommand->summary) + ":") + ".Dl $ " + plain(subcommand->example) +
+                "\n" + describe_examples(*subcommand);
     return text;
 }
 
@@ -119,12 +116,8 @@ static std::string describe_setting(const SettingRow &row)
     return std::string("Ic ") + row.member + "\n" + plain(place_of(row)) + "\n";
 }
 
-int main(int argc, char **argv)
-try {
-    if (argc != 3) {
-        fprintf(stderr, "Usage: make-manual TEMPLATE MANUAL\n");
-        return EXIT_USAGE;
-    }
+int main()
+{
     const std::map<std::string, std::string> parts = {
         {"@OS@", ".Os \"IME backup service " IME_BACKUP_VERSION "\"\n"},
         {"@COMMANDS@", describe_commands()},
@@ -134,14 +127,9 @@ try {
         {"@EXIT_STATUSES@", describe_notes(EXIT_STATUSES, "")},
         {"@EXAMPLES@", describe_examples(PROGRAM)},
     };
-    std::ifstream manual_template(argv[1]);
-    std::ofstream manual(argv[2]);
-    for (std::string line; std::getline(manual_template, line);) {
+    for (std::string line; std::getline(std::cin, line);) {
         const auto part = parts.find(line);
-        manual << (part == parts.end() ? line + "\n" : part->second);
+        std::cout << (part == parts.end() ? line + "\n" : part->second);
     }
-    return manual_template.eof() && manual.flush() ? EXIT_DONE : EXIT_FAILED;
-} catch (const std::exception &error) {
-    fprintf(stderr, "make-manual: %s\n", error.what());
-    return EXIT_FAILED;
+    return std::cin.eof() && std::cout.flush() ? EXIT_DONE : EXIT_FAILED;
 }

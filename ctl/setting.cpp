@@ -9,6 +9,7 @@
 #include <glib.h>
 
 #include "cli.h"
+#include "client.h"
 #include "text.h"
 
 std::vector<std::string> names_of_settings()
@@ -41,8 +42,10 @@ Device &open_device()
     return *device;
 }
 
-BackupPlan plan_backup_of(Device &device)
+BackupPlan plan_backup_here(double timeout_seconds)
 {
+    const FileLock turn = wait_for_turn(timeout_seconds, true);
+    Device &device = open_device();
     return plan_backup(device.read_all(), std::bind_front(&Device::refuses, &device));
 }
 
@@ -123,11 +126,12 @@ Cell cell_of(const SettingRow &row, const DeviceValue &value)
     return {json, format_value(row, value)};
 }
 
-Table table_of(const std::vector<ChangedSetting> &changes)
+Table make_changes_table()
 {
-    Table table{{{"name", "setting"}, {"before", "before"}, {"after", "after"}}};
-    for (const ChangedSetting &change : changes)
-        table.rows.push_back(
-            {change.row.member, cell_of(change.row, change.before), cell_of(change.row, change.after)});
-    return table;
+    return {{{"name", "setting"}, {"before", "before"}, {"after", "after"}}};
+}
+
+std::vector<Cell> describe_change(const SettingRow &row, const DeviceValue &before, const DeviceValue &after)
+{
+    return {row.member, cell_of(row, before), cell_of(row, after)};
 }
