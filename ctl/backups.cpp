@@ -79,25 +79,10 @@ Backup read_whole(const CloudStore &store, BackupNumber number)
     }
 }
 
-static std::vector<Cell> describe(BackupNumber number, const Backup &backup)
+static Cell cell_of(const SnapshotValues &values, SettingForm form)
 {
-    const SnapshotValues values = read_snapshot(snapshot_in(backup.records))->values;
-    const auto cell = [&values](SettingForm form) {
-        const SettingRow &row = first_of(form);
-        return cell_of(row, device_value(row, values[index_of(row)]));
-    };
-    Cell languages = cell(SettingForm::languages);
-    if (languages.json.is_array())
-        languages.json = languages.json.size(); // a script gets the count
-    const std::string date = date_of(backup.records);
-    return {number,
-            {utc_time(date), format_date(date)},
-            {nullptr, format_age(date)},
-            backup.content.size(),
-            {true, ""},
-            cell(SettingForm::identifier),
-            languages,
-            ""};
+    const SettingRow &row = first_of(form);
+    return cell_of(row, device_value(row, values[index_of(row)]));
 }
 
 Table inspect(const CloudStore &store, const std::vector<BackupNumber> &numbers, size_t &damaged)
@@ -114,24 +99,37 @@ Table inspect(const CloudStore &store, const std::vector<BackupNumber> &numbers,
                 {},
                 Remarks::warnings};
     for (const BackupNumber number : numbers) {
+        std::string date;
+        Cell size = {nullptr, ""};
+        Cell keyboard = size;
+        Cell languages = size;
+        std::string reason;
         try {
-            table.rows.push_back(describe(number, store.read(number)));
+            const Backup backup = store.read(number);
+            const SnapshotValues values = read_snapshot(snapshot_in(backup.records))->values;
+            date = date_of(backup.records);
+            size = backup.content.size();
+            keyboard = cell_of(values, SettingForm::identifier);
+            languages = cell_of(values, SettingForm::languages);
+            if (languages.json.is_array())
+                languages.json = languages.json.size(); // a script gets the count
         } catch (const DamagedError &error) {
-            const std::string reason = error.what();
-            const auto size = store.size(number);
-            const Cell none = {nullptr, ""};
-            table.rows.push_back({number,
-                                  none,
-                                  none,
-                                  {size ? Json(*size) : Json(), ""},
-                                  {false, ""},
-                                  none,
-                                  none,
-                                  {reason, "damaged: " + reason}});
+            reason = error.what();
+            if (const auto known = store.size(number); known)
+                size = *known;
             damaged++;
         } catch (const NoBackupError &) {
             continue; // deleted meanwhile
         }
+        const std::string remark = reason.empty() ? "" : "damaged: " + reason;
+        table.rows.push_back({number,
+                              {utc_time(date), format_date(date)},
+                              format_age(date),
+                              size,
+                              {reason.empty(), ""},
+                              keyboard,
+                              languages,
+                              {reason, remark}});
     }
     return table;
 }

@@ -5,20 +5,24 @@
 #include <utility>
 #include <vector>
 
+#include "contact.h"
 #include "document.h"
-#include "errors.h"
+#include "files.h"
+#include "report.h"
 
 struct Cli;
 
 /// Exit statuses.
-inline constexpr int EXIT_DONE = 0;
-inline constexpr int EXIT_FAILED = 1;
-inline constexpr int EXIT_USAGE = 2;
-inline constexpr int EXIT_NO_PLATFORM = 3;
-inline constexpr int EXIT_NO_BACKUP = 4;
-inline constexpr int EXIT_DAMAGED = 5;
-inline constexpr int EXIT_TIMED_OUT = 124;
-inline constexpr int EXIT_INTERRUPTED = 130;
+enum : int {
+    EXIT_DONE,
+    EXIT_FAILED,
+    EXIT_USAGE,
+    EXIT_NO_PLATFORM,
+    EXIT_NO_BACKUP,
+    EXIT_DAMAGED,
+    EXIT_TIMED_OUT = 124,
+    EXIT_INTERRUPTED = 130
+};
 
 /// What was asked for makes no sense.
 struct UsageError : HostError {
@@ -138,3 +142,62 @@ std::vector<std::string> names_of(const std::vector<const Named *> &things)
         names.emplace_back(thing->name);
     return names;
 }
+
+// What the service is asked for.
+
+/// Below the state root: what the service logs when it isn't shown.
+inline constexpr char SERVICE_LOG[] = "service.log";
+
+/// Starts the service for one exchange, as the command line has it, and waits for both to end.
+///
+/// @param[in,out] cli its log_tail becomes the end of the service's log, when that came to no result
+/// @param operation   such as #OPERATION_BACKUP
+/// @param backup      number of the one to restore, or empty for the newest
+/// @throws HostError when the service can't be started
+ExchangeReport run_exchange(Cli &cli, const char *operation, const std::string &backup = "");
+
+/// What the last restore changed on this device, as it kept it while it went.
+///
+/// @return one without settings when there was no restore, or it was undone
+/// @throws HostError when it can't be read
+ExchangeReport read_last_restore();
+
+/// Waits until no exchange is under way.
+///
+/// @param is_only_looking when there has been none, no lock is made
+/// @return the lock: none begins while it is held
+/// @throws TimeoutError
+FileLock wait_for_turn(double timeout_seconds, bool is_only_looking);
+
+// What the help and the manual tell, each once.
+
+struct Note {
+    std::string label;
+    const char *description;
+};
+
+inline const std::vector<Note> EXIT_STATUSES = {
+    {std::to_string(EXIT_DONE), "done"},
+    {std::to_string(EXIT_FAILED),
+     "failed; or, of diff, verify and restore --strict: not the same, or not all well"},
+    {std::to_string(EXIT_USAGE), "wrong usage"},
+    {std::to_string(EXIT_NO_PLATFORM),
+     "the platform isn't there: no SCIM daemon, no active input method, or state that can't be used"},
+    {std::to_string(EXIT_NO_BACKUP), "there is no such backup"},
+    {std::to_string(EXIT_DAMAGED), "the backup is damaged"},
+    {std::to_string(EXIT_TIMED_OUT), "the service, or a remote store, did not finish in time"},
+    {std::to_string(EXIT_INTERRUPTED),
+     "interrupted before there was a result; the message tells whether the device had been changed by then"},
+};
+
+inline const std::vector<Note> ENVIRONMENT = {
+    {"IME_BACKUP_HOST_DIR", "folder of all state; else ime-backup in $XDG_STATE_HOME or ~/.local/state"},
+    {STORE_VARIABLE, "where the backups are, as --store"},
+    {"IME_BACKUP_SERVICE", "the service's program, as --service"},
+    {"SCIM_SOCKET_ADDRESS", "where the SCIM daemon listens, such as local:/run/user/1000/scim"},
+    {"SCIM_SOCKET_TIMEOUT", "milliseconds that the SCIM daemon has to answer"},
+    {"NO_COLOR", "no colours on a terminal"},
+};
+
+/// The help of the program, or of a command: at most 80 columns wide.
+std::string help_of(const std::vector<const Command *> &path);

@@ -1,4 +1,4 @@
-#include "client.h"
+#include "cli.h"
 
 #include <algorithm>
 #include <chrono>
@@ -16,7 +16,6 @@
 #include <glib.h>
 
 #include "child.h"
-#include "cli.h"
 #include "contact.h"
 #include "orvanta_cloud_operations.h"
 #include "paths.h"
@@ -166,17 +165,6 @@ static std::string describe_work(const ExchangeReport &report, std::string_view 
     return "; nothing on the device had been changed by then";
 }
 
-static ExchangeReport read_report(const Descriptor &file)
-{
-    try {
-        return decode_report(read_from(file, 0));
-    } catch (const HostError &error) {
-        ExchangeReport report;
-        report.reason = std::string("the service's report can't be read: ") + error.what();
-        return report;
-    }
-}
-
 ExchangeReport run_exchange(Cli &cli, const char *operation, const std::string &backup)
 {
     using Result = ExchangeReport::Result;
@@ -186,8 +174,13 @@ ExchangeReport run_exchange(Cli &cli, const char *operation, const std::string &
     const Descriptor report_file(memfd_create("exchange-report", MFD_CLOEXEC));
     const ChildEnd end = run_service(cli, operation, backup, report_file, log);
 
+    ExchangeReport report;
+    try {
+        report = decode_report(read_from(report_file, 0));
+    } catch (const HostError &error) {
+        report.reason = std::string("the service's report can't be read: ") + error.what();
+    }
     // What has a result keeps it, however the service ended.
-    ExchangeReport report = read_report(report_file);
     if (report.result != Result::undecided) {
         // An exchange is called by the end of its operation's identifier. What the service registers decides
         // it.

@@ -6,7 +6,6 @@
 
 #include "cloud_store.h"
 #include "commands.h"
-#include "help.h"
 #include "setting.h"
 #include "text.h"
 #include "trace_options.h"
@@ -31,14 +30,10 @@ static std::string usage_of(const std::vector<const Command *> &path)
 /// A label, and behind it the lines that explain it.
 static std::string entry(const std::string &label, const std::string &description)
 {
-    std::string text = "  " + label;
-    if (text.size() + 2 > LABEL_WIDTH)
-        text += "\n" + std::string(LABEL_WIDTH, ' ');
-    else
-        text.append(LABEL_WIDTH - text.size(), ' ');
-    return text +
-           join(wrap(description, WIDTH - LABEL_WIDTH), ("\n" + std::string(LABEL_WIDTH, ' ')).c_str()) +
-           "\n";
+    const std::string gap = "\n" + std::string(LABEL_WIDTH, ' ');
+    const bool fits = label.size() + 4 <= LABEL_WIDTH;
+    return "  " + label + (fits ? std::string(LABEL_WIDTH - 2 - label.size(), ' ') : gap) +
+           join(wrap(description, WIDTH - LABEL_WIDTH), gap.c_str()) + "\n";
 }
 
 static std::string paragraph(const std::string &text)
@@ -46,20 +41,16 @@ static std::string paragraph(const std::string &text)
     return join(wrap(text, WIDTH), "\n") + "\n";
 }
 
-static std::string label_of(const Argument &argument)
+template <class Labelled>
+static std::string label_of(const Labelled &thing)
 {
-    return argument.label;
+    return thing.label;
 }
 
 static std::string label_of(const Option &option)
 {
     return (option.letter == '\0' ? "" : std::string{'-', option.letter} + ", ") + option.name +
            (option.value == nullptr ? "" : std::string(" ") + option.value);
-}
-
-static std::string label_of(const Note &note)
-{
-    return note.name;
 }
 
 /// Nothing where there is nothing to describe.
@@ -132,14 +123,6 @@ static Words backup_numbers()
     return numbers;
 }
 
-static Words values_of(const std::string &name)
-{
-    for (const SettingRow &row : ALL_SETTINGS)
-        if (row.member == name && is_switch(row))
-            return {"true", "false"};
-    return {};
-}
-
 static Words words_of(Kind kind, const Words &arguments)
 {
     switch (kind) {
@@ -152,7 +135,10 @@ static Words words_of(Kind kind, const Words &arguments)
     case Kind::function:
         return {std::begin(TRACED_FUNCTIONS), std::end(TRACED_FUNCTIONS)};
     case Kind::setting_and_value:
-        return arguments.size() % 2 == 1 ? values_of(arguments.back()) : names_of_settings();
+        for (const SettingRow &row : ALL_SETTINGS)
+            if (arguments.size() % 2 == 1 && arguments.back() == row.member)
+                return is_switch(row) ? Words{"true", "false"} : Words();
+        return arguments.size() % 2 == 1 ? Words() : names_of_settings();
     case Kind::setting:
         return names_of_settings();
     case Kind::text:
@@ -193,9 +179,10 @@ static Words rejoin(const Words &pieces)
 void run_complete(Cli &cli)
 {
     Words words = rejoin(cli.arguments);
-    const std::string typed = words.empty() ? "" : words.back();
-    if (!words.empty())
-        words.pop_back();
+    if (words.empty())
+        words.emplace_back();
+    const std::string typed = words.back();
+    words.pop_back();
     Cli line;
     parse(line, words);
     for (const std::string &word : next_words(line, typed))

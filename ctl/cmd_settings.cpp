@@ -34,12 +34,12 @@ static void change_settings(Cli &cli, const NewValues &values)
             throw UsageError(std::string(row.member) + ": " + reason);
         device.require_writable(row);
     }
-    Table changed = make_changes_table();
+    Table changed = CHANGES;
     cli.document.set("settings", changed);
     for (const auto &[row, value] : values) {
         const DeviceValue before = device.read_one(row);
         device.write(row, value);
-        changed.rows.push_back(describe_change(row, before, value));
+        changed.rows.push_back({row.member, cell_of(row, before), cell_of(row, value)});
         cli.document.set("settings", changed);
     }
     cli.document.set_result(true);

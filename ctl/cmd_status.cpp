@@ -9,17 +9,11 @@
 
 namespace fs = std::filesystem;
 
-enum class State {
-    fine,
-    worth_knowing, ///< not fine, and no backup is kept from
-    missing        ///< what a backup needs
-};
-
 /// What was found of one thing.
 struct Finding {
-    State state;
     std::string found;
-    std::string advice{}; ///< if it isn't fine
+    std::string advice{};  ///< if it isn't fine
+    bool is_needed = true; ///< for a backup
 };
 
 static Finding look_at_scim(const Cli &)
@@ -27,10 +21,9 @@ static Finding look_at_scim(const Cli &)
     Device &device = open_device();
     try {
         device.require_writable(first_of(SettingForm::integer_switch));
-        return {State::fine,
-                "the SCIM daemon answers (SCIM_SOCKET_ADDRESS, " + device.daemon_address() + ")"};
+        return {"the SCIM daemon answers (SCIM_SOCKET_ADDRESS, " + device.daemon_address() + ")"};
     } catch (const DaemonError &error) {
-        return {State::missing, error.what(), HINT_SCIM};
+        return {error.what(), HINT_SCIM};
     }
 }
 
@@ -40,10 +33,10 @@ static Finding look_at_keyboard(const Cli &)
     try {
         const DeviceValue value = open_device().read_one(keyboard);
         if (!value)
-            return {State::missing, "no input method is active", HINT_KEYBOARD};
-        return {State::fine, format_value(keyboard, value)};
+            return {"no input method is active", HINT_KEYBOARD};
+        return {format_value(keyboard, value)};
     } catch (const PlatformError &) {
-        return {State::missing, "not known without the SCIM daemon", "Start the SCIM daemon"};
+        return {"not known without the SCIM daemon", "Start the SCIM daemon"};
     }
 }
 
@@ -51,7 +44,7 @@ static Finding look_at_store(const Cli &)
 {
     const fs::path folder = state_root();
     if (!is_usable_folder(folder))
-        return {State::missing, "can't write in " + folder.string(),
+        return {"can't write in " + folder.string(),
                 "Set IME_BACKUP_HOST_DIR to a folder that you can write in"};
     const SettingRow &row = find_setting(MEMBER_HANDWRITING);
     try {
@@ -59,9 +52,9 @@ static Finding look_at_store(const Cli &)
         for (const SettingRow &setting : ALL_SETTINGS)
             if (setting.place == row.place)
                 open_device().read_one(setting);
-        return {State::fine, "in " + folder.string()};
+        return {"in " + folder.string()};
     } catch (const PlatformError &error) {
-        return {State::missing, error.what(),
+        return {error.what(),
                 "Free space on the disk if it is full. A store that is damaged can be moved away: a new one "
                 "is made"};
     }
@@ -74,14 +67,13 @@ static Finding look_at_cloud(const Cli &cli)
         store->require_writable();
         const CloudStore::Listing listing = store->list();
         if (!listing.is_there)
-            return {State::fine, store->location() + " isn't there yet: a backup makes it"};
+            return {store->location() + " isn't there yet: a backup makes it"};
         const size_t count = listing.numbers.size();
-        return {State::fine,
-                store->location() + ", " + std::to_string(count) + (count == 1 ? " backup" : " backups")};
+        return {store->location() + ", " + std::to_string(count) + (count == 1 ? " backup" : " backups")};
     } catch (const PlatformError &error) {
-        return {State::missing, error.what(), "Set IME_BACKUP_CLOUD_STORE to a place that you can write in"};
+        return {error.what(), "Set IME_BACKUP_CLOUD_STORE to a place that you can write in"};
     } catch (const HostError &error) {
-        return {State::missing, error.what(), "Try again once the remote answers"};
+        return {error.what(), "Try again once the remote answers"};
     }
 }
 
@@ -106,25 +98,24 @@ static Finding look_at_last_exchange(const Cli &)
     try {
         FileLock turn(lock);
         if (fs::exists(lock, ignored) && !turn.try_acquire())
-            return {State::fine, "one is under way"};
+            return {"one is under way"};
     } catch (const PlatformError &error) {
-        return {State::missing, error.what(), "Move it away"};
+        return {error.what(), "Move it away"};
     }
     try {
         const ExchangeReport restore = read_last_restore();
         if (!restore.settings.empty() && restore.result == Result::undecided)
-            return {State::worth_knowing, "the restore of " + name_of(restore.backup) + " was interrupted",
-                    "Put back what it changed with: ime-backupctl undo; or restore again"};
+            return {"the restore of " + name_of(restore.backup) + " was interrupted",
+                    "Put back what it changed with: ime-backupctl undo; or restore again", false};
         const ExchangeReport last = read_last_exchange();
         if (last.operation.empty())
-            return {State::fine, "none yet"};
+            return {"none yet"};
         const std::string what = last.operation + (last.backup == 0 ? "" : " of " + name_of(last.backup));
         if (last.result == Result::succeeded)
-            return {State::fine, what + " succeeded"};
-        return {State::worth_knowing, what + ": " + last.reason,
-                "See " + (state_root() / SERVICE_LOG).string()};
+            return {what + " succeeded"};
+        return {what + ": " + last.reason, "See " + (state_root() / SERVICE_LOG).string(), false};
     } catch (const HostError &error) {
-        return {State::worth_knowing, error.what(), "The next exchange makes it anew"};
+        return {error.what(), "The next exchange makes it anew", false};
     }
 }
 
@@ -145,13 +136,13 @@ void run_status(Cli &cli)
                 Remarks::plain};
     for (const auto &thing : things) {
         const Finding finding = thing.look(cli);
-        const bool is_fine = finding.state == State::fine;
+        const bool is_fine = finding.advice.empty();
         table.rows.push_back({{thing.what, thing.name},
                               {is_fine, is_fine ? "fine" : "NOT FINE"},
                               finding.found,
                               finding.advice,
-                              finding.found + (finding.advice.empty() ? "" : ". " + finding.advice)});
-        if (finding.state == State::missing)
+                              finding.found + (is_fine ? "" : ". " + finding.advice)});
+        if (!is_fine && finding.is_needed)
             cli.status = EXIT_NO_PLATFORM;
     }
     cli.document.set(table);

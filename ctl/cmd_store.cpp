@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <iterator>
+#include <set>
 #include <unistd.h>
 
 #include <glib.h>
@@ -46,12 +47,10 @@ static std::vector<BackupNumber> list_backups(const CloudStore &store)
 static std::vector<BackupNumber> find_backups(const CloudStore &store, const std::vector<BackupNumber> &known,
                                               const std::vector<std::string> &ids)
 {
-    std::vector<BackupNumber> numbers;
+    std::set<BackupNumber> numbers;
     for (const std::string &id : ids)
-        numbers.push_back(store.find(id, known));
-    std::sort(numbers.begin(), numbers.end());
-    numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
-    return numbers;
+        numbers.insert(store.find(id, known));
+    return {numbers.begin(), numbers.end()};
 }
 
 void run_list(Cli &cli)
@@ -89,15 +88,66 @@ void run_verify(Cli &cli)
     cli.status = damaged == 0 ? EXIT_DONE : EXIT_FAILED;
 }
 
+/// One of the two that are compared.
+struct Side {
+    Json id;
+    std::string name;
+    SnapshotValues values;
+};
+
+static Side take_backup(const CloudStore &store, const std::string &id)
+{
+    const BackupNumber number = store.find(id);
+    return {number, name_of(number), read_snapshot(snapshot_in(read_whole(store, number).records))->values};
+}
+
+/// The device, as a backup would have it.
+static Side take_device(double timeout_seconds)
+{
+    const BackupPlan plan = plan_backup_here(timeout_seconds);
+    if (!plan.obstacles.empty())
+        throw_obstacle(plan.obstacles.front());
+    return {"device", "device", plan.snapshot};
+}
+
+void run_diff(Cli &cli)
+{
+    const std::vector<std::string> &ids = cli.arguments;
+    cli.failure_status = EXIT_NO_PLATFORM; // 1 means that they differ
+    if (ids.size() > 2)
+        throw UsageError("no more than two backups can be compared");
+    const auto store = open_store(cli.timeout_seconds);
+    const Side from = take_backup(*store, ids.empty() ? "" : ids[0]);
+    const Side to = ids.size() == 2 ? take_backup(*store, ids[1]) : take_device(cli.timeout_seconds);
+
+    Table table{{{"name", "setting"}, {"from", from.name}, {"to", to.name}}};
+    for (const SettingRow &row : SETTINGS) {
+        const DeviceValue one = device_value(row, from.values[index_of(row)]);
+        const DeviceValue other = device_value(row, to.values[index_of(row)]);
+        if (!is_same_value(row, one, other))
+            table.rows.push_back({row.member, cell_of(row, one), cell_of(row, other)});
+    }
+    cli.status = table.rows.empty() ? EXIT_DONE : EXIT_FAILED;
+    if (table.rows.empty())
+        cli.document.say(from.name + " and " + (to.name == "device" ? "the device" : to.name) +
+                         " hold the same settings");
+    cli.document.set("from", from.id);
+    cli.document.set("to", to.id);
+    cli.document.set("differences", table);
+}
+
 // What deletes.
 
-static void tell_deleted(Document &document, const std::vector<BackupNumber> &deleted,
-                         const std::vector<BackupNumber> &kept, const char *what_of_them)
+/// Tells which of the backups that there were are kept.
+static void tell_deleted(Document &document, const std::vector<BackupNumber> &before,
+                         const std::vector<BackupNumber> &kept, const char *what_of_others)
 {
+    std::vector<BackupNumber> deleted;
+    std::set_difference(before.begin(), before.end(), kept.begin(), kept.end(), std::back_inserter(deleted));
     document.set("deleted", deleted);
     document.set("kept", kept);
     for (const BackupNumber number : deleted)
-        document.say(name_of(number) + "  " + what_of_them);
+        document.say(name_of(number) + "  " + what_of_others);
     if (deleted.empty())
         document.say("there is nothing to delete");
 }
@@ -106,13 +156,6 @@ static void tell_deleted(Document &document, const std::vector<BackupNumber> &de
 static void delete_and_tell(Document &document, CloudStore &store, const CloudStore::Choose &choose)
 {
     std::vector<BackupNumber> before;
-    const auto tell = [&] {
-        const std::vector<BackupNumber> kept = store.list().numbers;
-        std::vector<BackupNumber> deleted;
-        std::set_difference(before.begin(), before.end(), kept.begin(), kept.end(),
-                            std::back_inserter(deleted));
-        tell_deleted(document, deleted, kept, "deleted");
-    };
     try {
         store.remove([&](const std::vector<BackupNumber> &known) {
             const std::vector<BackupNumber> going = choose(known);
@@ -121,10 +164,10 @@ static void delete_and_tell(Document &document, CloudStore &store, const CloudSt
         });
     } catch (const HostError &) {
         if (!before.empty())
-            tell();
+            tell_deleted(document, before, store.list().numbers, "deleted");
         throw;
     }
-    tell();
+    tell_deleted(document, before, store.list().numbers, "deleted");
 }
 
 void run_delete(Cli &cli)
@@ -193,10 +236,10 @@ void run_prune(Cli &cli)
                         [&](const std::vector<BackupNumber> &now) { return choose(*store, now, cli); });
         return;
     }
-    const std::vector<BackupNumber> going = choose(*store, known, cli);
-    std::vector<BackupNumber> kept;
-    std::set_difference(known.begin(), known.end(), going.begin(), going.end(), std::back_inserter(kept));
-    tell_deleted(cli.document, going, kept, "would be deleted");
+    std::vector<BackupNumber> kept = known;
+    for (const BackupNumber number : choose(*store, known, cli))
+        std::erase(kept, number);
+    tell_deleted(cli.document, known, kept, "would be deleted");
 }
 
 // Files of the user's.

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "cli.h"
-#include "client.h"
 
 // What each command does.
 

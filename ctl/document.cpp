@@ -172,10 +172,9 @@ static void print(const Table &table, FILE *stream)
     const char *remark = coloured && table.remarks == Remarks::warnings ? YELLOW : "";
     const std::vector<Line> lines = lines_of(table);
     const std::vector<size_t> widths = column_widths(lines, screen);
-    if (!join(lines[0], "").empty())
-        fprintf(stream, "%s", lay_out(lines[0], widths, screen, heading, heading).c_str());
-    for (size_t i = 1; i < lines.size(); i++)
-        fprintf(stream, "%s", lay_out(lines[i], widths, screen, "", remark).c_str());
+    for (size_t i = join(lines[0], "").empty() ? 1 : 0; i < lines.size(); i++)
+        fprintf(stream, "%s",
+                lay_out(lines[i], widths, screen, i == 0 ? heading : "", i == 0 ? heading : remark).c_str());
 }
 
 void Document::print_text(FILE *stream) const

@@ -7,7 +7,6 @@
 
 #include "cloud_store.h"
 #include "commands.h"
-#include "help.h"
 #include "process.h"
 #include "text.h"
 

@@ -3,9 +3,10 @@
 
 #include <iostream>
 #include <map>
-#include <sstream>
 
-#include "help.h"
+#include <glib.h>
+
+#include "cli.h"
 #include "setting.h"
 #include "text.h"
 
@@ -22,14 +23,10 @@ static std::string plain(const std::string &text)
 static std::string paragraph(const std::string &text)
 {
     static constexpr size_t WIDTH = 72;
-    std::string lines_of_sentences = text;
-    for (size_t i = 1; i < text.size(); i++)
-        if (text[i] == ' ' && std::string_view(".?!").find(text[i - 1]) != std::string_view::npos)
-            lines_of_sentences[i] = '\n';
-    std::istringstream sentences(lines_of_sentences);
+    g_auto(GStrv) sentences = g_regex_split_simple("(?<=[.?!]) ", text.c_str(), {}, {});
     std::string lines;
-    for (std::string sentence; std::getline(sentences, sentence);)
-        for (const std::string &line : wrap(sentence, WIDTH))
+    for (gchar **sentence = sentences; *sentence != nullptr; sentence++)
+        for (const std::string &line : wrap(*sentence, WIDTH))
             lines += plain(line) + "\n";
     return lines;
 }
@@ -107,7 +104,7 @@ static std::string describe_examples(const Command &command)
 static std::string describe_notes(const std::vector<Note> &notes, const std::string &macro)
 {
     return list(notes, [&macro](const Note &note) {
-        return macro + note.name + "\n" + paragraph(std::string(note.description) + ".");
+        return macro + note.label + "\n" + paragraph(std::string(note.description) + ".");
     });
 }
 

@@ -9,7 +9,6 @@
 #include <glib.h>
 
 #include "cli.h"
-#include "client.h"
 #include "text.h"
 
 std::vector<std::string> names_of_settings()
@@ -25,10 +24,9 @@ const SettingRow &find_setting(const std::string &name)
     for (const SettingRow &row : ALL_SETTINGS)
         if (row.member == name)
             return row;
-    const std::vector<std::string> names = names_of_settings();
-    const std::string hint = did_you_mean(name, names);
+    const std::string hint = did_you_mean(name, names_of_settings());
     throw UsageError("there is no setting \"" + name + "\"" +
-                     (hint.empty() ? "; there are " + join(names, ", ") : hint));
+                     (hint.empty() ? "; there are " + join(names_of_settings(), ", ") : hint));
 }
 
 Device &open_device()
@@ -51,15 +49,10 @@ BackupPlan plan_backup_here(double timeout_seconds)
 
 std::string place_of(const SettingRow &row)
 {
-    switch (row.place) {
-    case SettingPlace::input_method_control:
+    if (row.place == SettingPlace::input_method_control)
         return "input-method control: active input method";
-    case SettingPlace::settings_store:
-        return std::string("settings store: ") + row.key;
-    case SettingPlace::configuration:
-        return std::string("input-method configuration: ") + row.key;
-    }
-    return "";
+    const bool is_stored = row.place == SettingPlace::settings_store;
+    return (is_stored ? "settings store: " : "input-method configuration: ") + std::string(row.key);
 }
 
 // Values.
@@ -101,18 +94,14 @@ DeviceValue parse_value(const SettingRow &row, const std::string &text)
 {
     if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) == FALSE)
         throw UsageError("the value is no UTF-8 text");
-    switch (row.form) {
-    case SettingForm::boolean_switch:
+    if (row.form == SettingForm::boolean_switch)
         return parse_switch(text);
-    case SettingForm::integer_switch:
+    if (row.form == SettingForm::integer_switch)
         return parse_switch(text) ? 1 : 0;
-    case SettingForm::languages:
+    if (row.form == SettingForm::languages)
         return parse_languages(text);
-    case SettingForm::identifier:
-        if (std::any_of(text.begin(), text.end(), [](char c) { return g_ascii_iscntrl(c) != FALSE; }))
-            throw UsageError("no identifier has a control character in it");
-        break;
-    }
+    if (std::any_of(text.begin(), text.end(), [](char c) { return g_ascii_iscntrl(c) != FALSE; }))
+        throw UsageError("no identifier has a control character in it");
     return text;
 }
 
@@ -124,14 +113,4 @@ Cell cell_of(const SettingRow &row, const DeviceValue &value)
     else if (value)
         json = value != DeviceValue(false) && value != DeviceValue(0);
     return {json, format_value(row, value)};
-}
-
-Table make_changes_table()
-{
-    return {{{"name", "setting"}, {"before", "before"}, {"after", "after"}}};
-}
-
-std::vector<Cell> describe_change(const SettingRow &row, const DeviceValue &before, const DeviceValue &after)
-{
-    return {row.member, cell_of(row, before), cell_of(row, after)};
 }

@@ -32,6 +32,5 @@ DeviceValue parse_value(const SettingRow &row, const std::string &text);
 
 Cell cell_of(const SettingRow &row, const DeviceValue &value);
 
-/// A table for settings that were changed, and a row of it.
-Table make_changes_table();
-std::vector<Cell> describe_change(const SettingRow &row, const DeviceValue &before, const DeviceValue &after);
+/// For settings that were changed.
+inline const Table CHANGES{{{"name", "setting"}, {"before", "before"}, {"after", "after"}}};
