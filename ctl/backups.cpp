@@ -20,28 +20,29 @@ std::optional<std::int64_t> parse_date(const std::string &date)
     return milliseconds;
 }
 
-static GDateTime *make_time(const std::string &date, GDateTime *(*make)(gint64))
+/// @return an empty text when it is no date
+static std::string format_time(const std::string &date, GDateTime *(*make)(gint64), const char *format)
 {
     const auto milliseconds = parse_date(date);
-    return milliseconds ? make(*milliseconds / 1000) : nullptr;
+    g_autoptr(GDateTime) time = milliseconds ? make(*milliseconds / 1000) : nullptr;
+    g_autofree gchar *text = time == nullptr ? nullptr : g_date_time_format(time, format);
+    return text == nullptr ? "" : text;
 }
 
 std::string format_date(const std::string &date)
 {
-    g_autoptr(GDateTime) local = make_time(date, g_date_time_new_from_unix_local);
-    g_autofree gchar *text = local == nullptr ? nullptr : g_date_time_format(local, "%F %T %Z");
-    return text == nullptr ? date : text;
+    const std::string text = format_time(date, g_date_time_new_from_unix_local, "%F %T %Z");
+    return text.empty() ? date : text;
 }
 
 /// The time as scripts have it, or nothing.
 static Json utc_time(const std::string &date)
 {
-    g_autoptr(GDateTime) utc = make_time(date, g_date_time_new_from_unix_utc);
-    g_autofree gchar *seconds = utc == nullptr ? nullptr : g_date_time_format(utc, "%FT%T");
-    if (seconds == nullptr)
+    const std::string seconds = format_time(date, g_date_time_new_from_unix_utc, "%FT%T");
+    if (seconds.empty())
         return nullptr;
-    g_autofree gchar *text = g_strdup_printf("%s.%03dZ", seconds, static_cast<int>(*parse_date(date) % 1000));
-    return std::string(text);
+    const std::string thousandths = std::to_string(1000 + *parse_date(date) % 1000);
+    return seconds + "." + thousandths.substr(1) + "Z";
 }
 
 static std::string format_age(const std::string &date)
@@ -78,50 +79,57 @@ Backup read_whole(const CloudStore &store, BackupNumber number)
     }
 }
 
-static Cell cell_of(const SnapshotValues &values, const SettingRow &row)
+static Cell cell_of(const SnapshotValues &values, SettingForm form)
 {
+    const SettingRow &row = first_of(form);
     return cell_of(row, device_value(row, values[index_of(row)]));
 }
 
-static std::vector<Cell> describe(BackupNumber number, const Backup &backup)
-{
-    const SnapshotValues values = read_snapshot(snapshot_in(backup.records))->values;
-    const std::string date = date_of(backup.records);
-    const SettingRow &row = first_of(SettingForm::languages);
-    Cell languages = cell_of(values, row);
-    if (const auto *texts = std::get_if<std::vector<std::string>>(&values[index_of(row)]); texts != nullptr)
-        languages.json = Json(split_languages(join_languages(*texts)).size()); // a script gets the count
-    return {number,
-            {utc_time(date), format_date(date)},
-            {nullptr, format_age(date)},
-            backup.content.size(),
-            {true, ""},
-            cell_of(values, first_of(SettingForm::identifier)),
-            languages,
-            ""};
-}
-
-static std::vector<Cell> describe_damaged(BackupNumber number, const std::string &reason,
-                                          const std::optional<std::uintmax_t> &size)
-{
-    return {number,      {nullptr, ""}, {nullptr, ""}, {size ? Json(*size) : Json(), ""},
-            {false, ""}, {nullptr, ""}, {nullptr, ""}, {reason, "damaged: " + reason}};
-}
-
-Inspection inspect(const CloudStore &store, const std::vector<BackupNumber> &numbers)
+Table inspect(const CloudStore &store, const std::vector<BackupNumber> &numbers, size_t &damaged)
 {
     store.fetch(numbers);
-    Inspection inspection;
-    inspection.table.remarks = Remarks::warnings;
+    Table table{{{"id", "id"},
+                 {"time", "time"},
+                 {FOR_PEOPLE, "age"},
+                 {"size", FOR_SCRIPTS},
+                 {"usable", FOR_SCRIPTS},
+                 {"default_keyboard", "keyboard"},
+                 {"languages", "languages"},
+                 {"reason", ""}},
+                {},
+                Remarks::warnings};
     for (const BackupNumber number : numbers) {
+        std::string date;
+        Cell size = {nullptr, ""};
+        Cell keyboard = size;
+        Cell languages = size;
+        std::string reason;
         try {
-            inspection.table.rows.push_back(describe(number, store.read(number)));
+            const Backup backup = store.read(number);
+            const SnapshotValues values = read_snapshot(snapshot_in(backup.records))->values;
+            date = date_of(backup.records);
+            size = backup.content.size();
+            keyboard = cell_of(values, SettingForm::identifier);
+            languages = cell_of(values, SettingForm::languages);
+            if (languages.json.is_array())
+                languages.json = languages.json.size(); // a script gets the count
         } catch (const DamagedError &error) {
-            inspection.table.rows.push_back(describe_damaged(number, error.what(), store.size(number)));
-            inspection.damaged++;
+            reason = error.what();
+            if (const auto known = store.size(number); known)
+                size = *known;
+            damaged++;
         } catch (const NoBackupError &) {
             continue; // deleted meanwhile
         }
+        const std::string remark = reason.empty() ? "" : "damaged: " + reason;
+        table.rows.push_back({number,
+                              {utc_time(date), format_date(date)},
+                              format_age(date),
+                              size,
+                              {reason.empty(), ""},
+                              keyboard,
+                              languages,
+                              {reason, remark}});
     }
-    return inspection;
+    return table;
 }

@@ -25,17 +25,6 @@ std::string date_of(const CloudRecords &records);
 Backup read_whole(const CloudStore &store, BackupNumber number);
 
 /// Backups, read and checked.
-struct Inspection {
-    Table table{{{"id", "id"},
-                 {"time", "time"},
-                 {FOR_PEOPLE, "age"},
-                 {"size", FOR_SCRIPTS},
-                 {"usable", FOR_SCRIPTS},
-                 {"default_keyboard", "keyboard"},
-                 {"languages", "languages"},
-                 {"reason", ""}},
-                {}};
-    size_t damaged = 0;
-};
-
-Inspection inspect(const CloudStore &store, const std::vector<BackupNumber> &numbers);
+///
+/// @param[in,out] damaged counts those that can't be restored
+Table inspect(const CloudStore &store, const std::vector<BackupNumber> &numbers, size_t &damaged);

@@ -1,17 +1,65 @@
 #include "cli.h"
 
+#include <algorithm>
+
 #include <glib.h>
 
 #include "contact.h"
-#include "suggestion.h"
 #include "text.h"
+
+/// How many letters have to be changed, put in, left out, or swapped with the next, to come from one word to
+/// the other.
+static size_t distance(const std::string &one, const std::string &other)
+{
+    std::vector<std::vector<size_t>> best(one.size() + 1, std::vector<size_t>(other.size() + 1));
+    for (size_t i = 0; i <= one.size(); i++)
+        for (size_t j = 0; j <= other.size(); j++) {
+            size_t &here = best[i][j];
+            here = i + j; // where nothing is left of one of them
+            if (i > 0 && j > 0)
+                here = std::min({best[i - 1][j] + 1, best[i][j - 1] + 1,
+                                 best[i - 1][j - 1] + (one[i - 1] == other[j - 1] ? 0 : 1)});
+            if (i > 1 && j > 1 && one[i - 1] == other[j - 2] && one[i - 2] == other[j - 1])
+                here = std::min(here, best[i - 2][j - 2] + 1);
+        }
+    return best[one.size()][other.size()];
+}
+
+std::string did_you_mean(const std::string &word, const std::vector<std::string> &known)
+{
+    g_autofree gchar *lower = g_ascii_strdown(word.c_str(), -1);
+    const std::string typed = lower;
+    // A word that was left unfinished is as near as one with a mistake in it.
+    const auto distance_to = [&typed](const std::string &one) {
+        return typed.size() > 1 && one.starts_with(typed) ? 1 : distance(one, typed);
+    };
+    const auto nearest =
+        std::min_element(known.begin(), known.end(), [&](const auto &one, const auto &other) {
+            return distance_to(one) < distance_to(other);
+        });
+    if (nearest == known.end() || distance_to(*nearest) > std::max(nearest->size() / 3, size_t{1}))
+        return "";
+    return "; did you mean " + *nearest + "?";
+}
+
+// Commands and options.
 
 const Command &find_command(const Command &parent, const std::string &name)
 {
     for (const Command &command : parent.commands)
         if (command.name == name)
             return command;
-    throw UsageError("there is no command \"" + name + "\"" + did_you_mean(name, names_of_commands(parent)));
+    throw UsageError("there is no command \"" + name + "\"" +
+                     did_you_mean(name, names_of(commands_below(parent))));
+}
+
+std::vector<const Command *> commands_below(const Command &command)
+{
+    std::vector<const Command *> shown;
+    for (const Command &subcommand : command.commands)
+        if (subcommand.group != nullptr)
+            shown.push_back(&subcommand);
+    return shown;
 }
 
 const Argument *argument_after(const Command &command, size_t count)
@@ -22,11 +70,6 @@ const Argument *argument_after(const Command &command, size_t count)
     return !arguments.empty() && is_repeatable(arguments.back().times) ? &arguments.back() : nullptr;
 }
 
-bool Cli::has(std::string_view option) const
-{
-    return !values(option).empty();
-}
-
 std::vector<std::string> Cli::values(std::string_view option) const
 {
     std::vector<std::string> found;
@@ -34,12 +77,6 @@ std::vector<std::string> Cli::values(std::string_view option) const
         if (known->name == option)
             found.push_back(value);
     return found;
-}
-
-std::string Cli::value(std::string_view option) const
-{
-    const std::vector<std::string> found = values(option);
-    return found.empty() ? "" : found.back();
 }
 
 // The command line.
@@ -122,6 +159,11 @@ void parse(Cli &cli, const std::vector<std::string> &words)
             read_argument(cli, word);
         }
     }
+    cli.quiet = cli.has("--quiet");
+    if (cli.has("--timeout"))
+        cli.timeout_seconds = std::stod(cli.value("--timeout"));
+    if (cli.has("--store"))
+        g_setenv(STORE_VARIABLE, cli.value("--store").c_str(), TRUE);
 }
 
 void require_complete(const Cli &cli)
@@ -136,31 +178,6 @@ void require_complete(const Cli &cli)
         throw UsageError(std::string(arguments[count].label) + " is required");
 }
 
-void apply_common_options(Cli &cli)
-{
-    cli.json = cli.has("--json");
-    cli.quiet = cli.has("--quiet");
-    cli.service.verbose = cli.has("--verbose");
-    if (cli.has("--timeout"))
-        cli.service.timeout_seconds = std::stod(cli.value("--timeout"));
-    if (cli.has("--store"))
-        g_setenv(STORE_VARIABLE, cli.value("--store").c_str(), TRUE);
-    const char *service = g_getenv("IME_BACKUP_SERVICE");
-    cli.service.program = cli.has("--service")                     ? cli.value("--service")
-                          : service != nullptr && *service != '\0' ? service
-                                                                   : default_service_program();
-}
-
-// Names.
-
-std::string full_name(const std::vector<const Command *> &path)
-{
-    std::vector<std::string> names;
-    for (const Command *command : path)
-        names.emplace_back(command->name);
-    return join(names, " ");
-}
-
 std::vector<const Option *> options_of(const std::vector<const Command *> &path)
 {
     std::vector<const Option *> options;
@@ -168,21 +185,4 @@ std::vector<const Option *> options_of(const std::vector<const Command *> &path)
         for (const Option &option : path[i]->options)
             options.push_back(&option);
     return options;
-}
-
-std::vector<std::string> names_of(const std::vector<const Option *> &options)
-{
-    std::vector<std::string> names;
-    for (const Option *option : options)
-        names.emplace_back(option->name);
-    return names;
-}
-
-std::vector<std::string> names_of_commands(const Command &command)
-{
-    std::vector<std::string> names;
-    for (const Command &subcommand : command.commands)
-        if (subcommand.group != nullptr)
-            names.emplace_back(subcommand.name);
-    return names;
 }

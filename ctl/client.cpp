@@ -1,10 +1,13 @@
-#include "client.h"
+#include "cli.h"
 
 #include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <sstream>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,10 +17,8 @@
 
 #include "child.h"
 #include "contact.h"
-#include "files.h"
 #include "orvanta_cloud_operations.h"
 #include "paths.h"
-#include "service_log.h"
 #include "text.h"
 #include "trace_options.h"
 
@@ -28,27 +29,64 @@ static constexpr unsigned GRACE_SECONDS = 2;
 static constexpr int REPORT_DESCRIPTOR = 3;
 static constexpr int TRACE_DESCRIPTOR = 4;
 
-std::string find_beside(const char *path_from_bindir)
+// The service's log.
+
+static off_t size_of(const Descriptor &file)
+{
+    return lseek(file.get(), 0, SEEK_END);
+}
+
+/// Opens the log. One that is too large is kept, and a new one started: of several processes that find it so
+/// one does, and nothing fails when none can.
+static Descriptor open_log(const fs::path &file)
+{
+    static constexpr int FLAGS = O_RDWR | O_CREAT | O_APPEND;
+    static constexpr off_t MAX_SIZE = off_t{1} << 20;
+    make_private_folder(file.parent_path());
+    Descriptor log = open_file(file, FLAGS);
+    if (size_of(log) <= MAX_SIZE || flock(log.get(), LOCK_EX | LOCK_NB) != 0)
+        return log;
+    std::error_code ignored;
+    const bool is_current = fs::equivalent("/proc/self/fd/" + std::to_string(log.get()), file, ignored);
+    if (is_current && rename(file.c_str(), (file.string() + ".1").c_str()) != 0)
+        return log;
+    return open_file(file, FLAGS);
+}
+
+/// The last lines from `begin` on, for a person.
+static std::string last_lines(const Descriptor &log, off_t begin)
+{
+    static constexpr off_t MAX_SHOWN_SIZE = off_t{64} << 10;
+    static constexpr size_t SHOWN_LINES = 8;
+    std::istringstream stream(read_from(log, std::max(begin, size_of(log) - MAX_SHOWN_SIZE)));
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back("  " + escaped(line) + "\n");
+        if (lines.size() > SHOWN_LINES)
+            lines.erase(lines.begin());
+    }
+    return join(lines, "");
+}
+
+// The service.
+
+/// What was installed beside this program.
+static std::string find_beside(const char *path_from_bindir)
 {
     return (fs::read_symlink("/proc/self/exe").parent_path() / path_from_bindir).lexically_normal();
 }
 
-std::string default_service_program()
+static std::string find_service(const Cli &cli)
 {
-    return find_beside(SERVICE_FROM_BINDIR);
+    if (cli.has("--service"))
+        return cli.value("--service");
+    const char *program = g_getenv("IME_BACKUP_SERVICE");
+    return program != nullptr && *program != '\0' ? program : find_beside(SERVICE_FROM_BINDIR);
 }
-
-std::string default_trace_library()
-{
-    return find_beside(LIBDIR_FROM_BINDIR "/libime-backup-trace.so");
-}
-
-namespace
-{
 
 /// Once the service has ended, signals leave some time to tell the result, however many there are: it is to
 /// be told that a backup was stored.
-void on_late_signal(int signal)
+static void on_late_signal(int signal)
 {
     static volatile std::sig_atomic_t is_last_moment = 0;
     if (signal == SIGALRM)
@@ -59,49 +97,49 @@ void on_late_signal(int signal)
 }
 
 /// Has a service show its calls as it makes them.
-void add_trace(Child &service, const TraceOptions &options)
+static void add_trace(Child &service, const Cli &cli)
 {
-    if (!fs::exists(options.library))
-        throw PlatformError("there is no " + options.library + ", which shows the calls");
-    if (options.library.find_first_of(": ") != std::string::npos)
-        throw PlatformError("can't be preloaded, since there is a space or a colon in its path: " +
-                            options.library);
-    service.environment["LD_PRELOAD"] = options.library;
+    const std::string library = find_beside(LIBDIR_FROM_BINDIR "/libime-backup-trace.so");
+    if (!fs::exists(library))
+        throw PlatformError("there is no " + library + ", which shows the calls");
+    if (library.find_first_of(": ") != std::string::npos)
+        throw PlatformError("can't be preloaded, since there is a space or a colon in its path: " + library);
+    service.environment["LD_PRELOAD"] = library;
     service.environment[TRACE_VARIABLE] = std::to_string(TRACE_DESCRIPTOR);
-    service.environment[TRACE_FORMAT_VARIABLE] = options.as_json ? "json" : "";
-    service.environment[TRACE_FAIL_VARIABLE] = options.failures;
+    service.environment[TRACE_FORMAT_VARIABLE] = cli.has("--json") ? "json" : "";
+    service.environment[TRACE_FAIL_VARIABLE] = join(cli.values("--fail"), " ");
     service.output = TRACE_DESCRIPTOR;
-    service.on_output = [&options](std::string_view text) {
-        if (options.is_hidden)
+    service.on_output = [is_hidden = cli.quiet](std::string_view text) {
+        if (is_hidden)
             return;
         fwrite(text.data(), 1, text.size(), stdout);
         fflush(stdout);
     };
 }
 
-ChildEnd run_service(const ServiceOptions &options, const char *operation, const std::string &backup,
-                     const Descriptor &report, const ServiceLog &log)
+static ChildEnd run_service(const Cli &cli, const char *operation, const std::string &backup,
+                            const Descriptor &report, const Descriptor &log)
 {
-    Child service{.program = options.program, .arguments = {operation}};
+    Child service{.program = find_service(cli), .arguments = {operation}};
     // Without a bus, or an instance that runs with other settings could answer in the new one's place.
     service.environment["DBUS_SESSION_BUS_ADDRESS"] = "disabled:";
     service.environment[REPORT_VARIABLE] = name_report_file(report.get(), REPORT_DESCRIPTOR);
-    service.environment[STORE_TIMEOUT_VARIABLE] = std::to_string(options.timeout_seconds);
+    service.environment[STORE_TIMEOUT_VARIABLE] = std::to_string(cli.timeout_seconds);
     service.environment[RESTORE_VARIABLE] = backup;
-    const int log_file = options.verbose ? STDERR_FILENO : log.descriptor();
+    const int log_file = cli.has("--verbose") ? STDERR_FILENO : log.get();
     service.files = {{STDOUT_FILENO, log_file}, {STDERR_FILENO, log_file}, {REPORT_DESCRIPTOR, report.get()}};
-    if (options.trace)
-        add_trace(service, *options.trace);
-    service.microseconds = static_cast<gint64>(options.timeout_seconds * G_USEC_PER_SEC);
+    if (cli.traces)
+        add_trace(service, cli);
+    service.microseconds = static_cast<gint64>(cli.timeout_seconds * G_USEC_PER_SEC);
     std::signal(SIGALRM, on_late_signal);
     service.on_late_signal = on_late_signal;
-    const ChildEnd end = run_child(std::move(service));
+    const ChildEnd end = run_child(service);
     if (end.error != 0)
-        throw PlatformError("can't start the service " + options.program + ": " + strerror(end.error));
+        throw PlatformError("can't start the service " + service.program + ": " + strerror(end.error));
     return end;
 }
 
-std::string describe_end(int status)
+static std::string describe_end(int status)
 {
     if (WIFSIGNALED(status))
         return std::string("the service was ended by a signal (") + g_strsignal(WTERMSIG(status)) + ")";
@@ -110,16 +148,15 @@ std::string describe_end(int status)
 }
 
 /// What is known of the work of a service that came to no result.
-std::string describe_work(const ExchangeReport &report, const char *operation, int status)
+static std::string describe_work(const ExchangeReport &report, std::string_view operation, int status)
 {
     // Asked to end, it gives up before it stores anything, or tells what it stored, or that it does not know.
     const bool was_killed = WIFSIGNALED(status) && WTERMSIG(status) != SIGTERM;
-    if ((was_killed || report.storing) && strcmp(operation, OPERATION_BACKUP) == 0)
+    if ((was_killed || report.storing) && operation == OPERATION_BACKUP)
         return "; \"ime-backupctl list\" shows whether the backup had been stored by then";
-    const std::vector<Change> &changes = report.changes;
-    const auto any = [&](Change::Outcome outcome) {
-        return std::any_of(changes.begin(), changes.end(),
-                           [&](const Change &change) { return change.outcome == outcome; });
+    const auto any = [&report](Change::Outcome outcome) {
+        return std::any_of(report.changes.begin(), report.changes.end(),
+                           [outcome](const Change &change) { return change.outcome == outcome; });
     };
     if (any(Change::Outcome::made))
         return "; settings of the device had been changed by then; \"ime-backupctl undo\" puts them back";
@@ -128,31 +165,25 @@ std::string describe_work(const ExchangeReport &report, const char *operation, i
     return "; nothing on the device had been changed by then";
 }
 
-ExchangeReport read_report(const Descriptor &file)
-{
-    try {
-        return decode_report(read_from(file, 0));
-    } catch (const HostError &error) {
-        ExchangeReport report;
-        report.reason = std::string("the service's report can't be read: ") + error.what();
-        return report;
-    }
-}
-
-} // namespace
-
-ExchangeReport run_exchange(const ServiceOptions &options, std::string &log_tail, const char *operation,
-                            const std::string &backup)
+ExchangeReport run_exchange(Cli &cli, const char *operation, const std::string &backup)
 {
     using Result = ExchangeReport::Result;
-    const ServiceLog log;
+    const fs::path log_file = state_root() / SERVICE_LOG;
+    const Descriptor log = open_log(log_file);
+    const off_t log_begin = size_of(log);
     const Descriptor report_file(memfd_create("exchange-report", MFD_CLOEXEC));
-    const ChildEnd end = run_service(options, operation, backup, report_file, log);
+    const ChildEnd end = run_service(cli, operation, backup, report_file, log);
 
+    ExchangeReport report;
+    try {
+        report = decode_report(read_from(report_file, 0));
+    } catch (const HostError &error) {
+        report.reason = std::string("the service's report can't be read: ") + error.what();
+    }
     // What has a result keeps it, however the service ended.
-    ExchangeReport report = read_report(report_file);
     if (report.result != Result::undecided) {
-        // An exchange is called by the end of its operation's identifier. What the service registers decides it.
+        // An exchange is called by the end of its operation's identifier. What the service registers decides
+        // it.
         if (report.result == Result::succeeded && !std::string_view(operation).ends_with(report.operation)) {
             report.result = Result::failed;
             report.reason = "the service asked for another exchange: " + report.operation;
@@ -169,9 +200,30 @@ ExchangeReport run_exchange(const ServiceOptions &options, std::string &log_tail
         report.reason = describe_end(end.status);
     }
     report.reason += describe_work(report, operation, end.status);
-    if (!options.verbose)
-        log_tail = log.last_lines();
+    if (!cli.has("--verbose"))
+        cli.log_tail =
+            last_lines(log, log_begin) + "The service's log is " + escaped(log_file.string()) + "\n";
     return report;
+}
+
+// What exchanges share.
+
+ExchangeReport read_last_restore()
+{
+    static constexpr size_t MAX_SIZE = size_t{64} << 20;
+    const fs::path file = state_root() / LAST_RESTORE;
+    std::error_code ignored;
+    if (!fs::exists(fs::symlink_status(file, ignored)))
+        return {};
+    try {
+        ExchangeReport report = decode_report(read_file(file, MAX_SIZE));
+        if (report.settings.empty())
+            throw HostError("it is cut short");
+        return report;
+    } catch (const HostError &error) {
+        throw HostError("what the last restore changed can't be read from " + file.string() + ": " +
+                        error.what() + "; move it away once you have looked at it");
+    }
 }
 
 FileLock wait_for_turn(double timeout_seconds, bool is_only_looking)

@@ -1,11 +1,14 @@
-// The commands that have the service take part in an exchange.
+// The commands that have the service take part in an exchange, or undo one.
 
 #include <algorithm>
 #include <csignal>
+#include <functional>
 
 #include "backups.h"
 #include "commands.h"
+#include "contact.h"
 #include "orvanta_cloud_operations.h"
+#include "paths.h"
 #include "setting.h"
 #include "text.h"
 
@@ -13,13 +16,12 @@
 static std::optional<BackupNumber> find_same(const Cli &cli)
 {
     try {
-        const auto store = open_store(cli.service.timeout_seconds);
+        const auto store = open_store(cli.timeout_seconds);
         const std::vector<BackupNumber> known = store->list().numbers;
         if (known.empty())
             return std::nullopt;
         const CloudRecords records = store->read(known.back()).records;
-        const FileLock turn = wait_for_turn(cli.service.timeout_seconds, true);
-        const BackupPlan plan = plan_backup_of(open_device());
+        const BackupPlan plan = plan_backup_here(cli.timeout_seconds);
         const bool is_same = plan.obstacles.empty() && records.size() == 1 && records[0].key == RECORD_KEY &&
                              is_same_snapshot(read_snapshot(snapshot_in(records))->values, plan.snapshot);
         return is_same ? std::optional(known.back()) : std::nullopt;
@@ -30,73 +32,66 @@ static std::optional<BackupNumber> find_same(const Cli &cli)
     }
 }
 
+static void tell_success(Document &document, const ExchangeReport &report, const std::string &sentence)
+{
+    document.set_result(true, report.reason);
+    document.say(sentence);
+    if (!report.reason.empty())
+        document.say(report.reason);
+}
+
 void run_backup(Cli &cli)
 {
     cli.document.set_result(false);
-    cli.document.set("backup", Json());
-    cli.document.set("stored", Json(false));
+    cli.document.set("backup", nullptr);
+    cli.document.set("stored", false);
     if (const auto same = cli.has("--if-changed") ? find_same(cli) : std::nullopt; same) {
         cli.document.set_result(true);
-        cli.document.set("backup", Json(*same));
+        cli.document.set("backup", *same);
         cli.document.say(name_of(*same) + " holds the same settings; nothing was stored");
         return;
     }
-    const ExchangeReport report = run_exchange(cli.service, cli.log_tail, OPERATION_BACKUP);
+    const ExchangeReport report = run_exchange(cli, OPERATION_BACKUP);
     cli.document.set("backup", report.backup == 0 ? Json() : Json(report.backup));
-    cli.document.set("stored", Json(report.stored));
+    cli.document.set("stored", report.stored);
     throw_failure(report);
-    cli.document.set_result(true, report.reason);
-    cli.document.say(name_of(report.backup) + "  " + format_date(date_of(report.records)));
-    if (!report.reason.empty())
-        cli.document.say(report.reason);
-}
-
-static bool has_failed(const CloudRecord &record)
-{
-    return record.failed;
-}
-
-static Table table_of(const CloudRecords &records)
-{
-    Table table{{{"key", ""}, {"failed", ""}}, {}};
-    for (const CloudRecord &record : records) {
-        const std::string key = record.key.value_or("");
-        table.rows.push_back({{key, "record " + key}, {record.failed, record.failed ? "failed" : "applied"}});
-    }
-    table.is_for_people = records.size() > 1 || std::any_of(records.begin(), records.end(), has_failed);
-    return table;
-}
-
-static Table table_of(const std::vector<SettingReport> &settings)
-{
-    Table table{
-        {{"name", "setting"}, {"before", "before"}, {"wanted", FOR_SCRIPTS}, {"after", "after"}, {"why", ""}},
-        {}};
-    table.remarks = Remarks::warnings;
-    for (const SettingReport &setting : settings) {
-        const SettingRow &row = find_setting(setting.member);
-        table.rows.push_back({setting.member, cell_of(row, setting.before),
-                              cell_of(row, device_value(row, setting.wanted)), cell_of(row, setting.after),
-                              setting.why});
-    }
-    return table;
+    tell_success(cli.document, report, name_of(report.backup) + "  " + format_date(date_of(report.records)));
 }
 
 static void show_restore(Cli &cli, const ExchangeReport &report)
 {
-    cli.document.set("backup", report.backup == 0 ? Json() : Json(report.backup));
-    cli.document.set("dry_run", Json(cli.has("--dry-run")));
-    cli.document.set("records", table_of(report.records));
-    Table settings = table_of(report.settings);
+    Table records{{{"key", ""}, {"failed", ""}}};
+    for (const CloudRecord &record : report.records) {
+        const std::string key = record.key.value_or("");
+        records.rows.push_back(
+            {{key, "record " + key}, {record.failed, record.failed ? "failed" : "applied"}});
+    }
+    const auto failed =
+        std::count_if(report.records.begin(), report.records.end(), std::mem_fn(&CloudRecord::failed));
+    records.is_for_people = records.rows.size() > 1 || failed > 0;
+
+    Table settings{
+        {{"name", "setting"}, {"before", "before"}, {"wanted", FOR_SCRIPTS}, {"after", "after"}, {"why", ""}},
+        {},
+        Remarks::warnings};
+    for (const SettingReport &setting : report.settings) {
+        const SettingRow &row = find_setting(setting.member);
+        settings.rows.push_back({setting.member, cell_of(row, setting.before),
+                                 cell_of(row, device_value(row, setting.wanted)), cell_of(row, setting.after),
+                                 setting.why});
+    }
     // Where no record was applied, there is nothing that they could be compared with.
-    settings.is_for_people = !std::all_of(report.records.begin(), report.records.end(), has_failed);
+    settings.is_for_people = std::cmp_less(failed, records.rows.size());
+    cli.document.set("backup", report.backup == 0 ? Json() : Json(report.backup));
+    cli.document.set("dry_run", cli.has("--dry-run"));
+    cli.document.set("records", records);
     cli.document.set("settings", settings);
 }
 
 /// What a restore would come to.
 static ExchangeReport plan_restore_of(Cli &cli)
 {
-    const auto store = open_store(cli.service.timeout_seconds);
+    const auto store = open_store(cli.timeout_seconds);
     ExchangeReport report;
     report.backup = store->find(cli.argument());
     show_restore(cli, report);
@@ -105,14 +100,13 @@ static ExchangeReport plan_restore_of(Cli &cli)
     for (const CloudRecord &record : records)
         values.push_back(record.value);
 
-    const FileLock turn = wait_for_turn(cli.service.timeout_seconds, true);
+    const FileLock turn = wait_for_turn(cli.timeout_seconds, true);
     Device &device = open_device();
     for (const SettingRow &row : SETTINGS)
         device.require_writable(row);
-    const auto refuses = [&device](const SettingRow &row, const DeviceValue &value) {
-        return device.refuses(row, value);
-    };
-    return report_planned(plan_restore(values, device.read_all(), refuses), report.backup, records);
+    const RestorePlan plan =
+        plan_restore(values, device.read_all(), std::bind_front(&Device::refuses, &device));
+    return report_planned(plan, report.backup, records);
 }
 
 void run_restore(Cli &cli)
@@ -120,8 +114,7 @@ void run_restore(Cli &cli)
     cli.document.set_result(false);
     show_restore(cli, {});
     const ExchangeReport report =
-        cli.has("--dry-run") ? plan_restore_of(cli)
-                             : run_exchange(cli.service, cli.log_tail, OPERATION_RESTORE, cli.argument());
+        cli.has("--dry-run") ? plan_restore_of(cli) : run_exchange(cli, OPERATION_RESTORE, cli.argument());
     show_restore(cli, report);
     throw_failure(report);
 
@@ -131,18 +124,88 @@ void run_restore(Cli &cli)
             different.push_back(setting.member);
     if (cli.has("--strict") && !(different.empty() && report.reason.empty()))
         cli.status = EXIT_FAILED;
-    cli.document.set_result(true, report.reason);
-    cli.document.say(name_of(report.backup) + (cli.has("--dry-run") ? "  would be restored" : "  restored") +
+    tell_success(cli.document, report,
+                 name_of(report.backup) + (cli.has("--dry-run") ? "  would be restored" : "  restored") +
                      (different.empty() ? "" : ", but for " + join(different, ", ")));
-    if (!report.reason.empty())
-        cli.document.say(report.reason);
+}
+
+/// The settings that a restore changed, each with the value that it had before.
+static std::vector<std::pair<SettingRow, DeviceValue>> changes_of(const ExchangeReport &restore)
+{
+    std::vector<std::pair<SettingRow, DeviceValue>> changes;
+    const auto add = [&changes](const SettingRow &row, const DeviceValue &before) {
+        if (std::none_of(changes.begin(), changes.end(),
+                         [&row](const auto &known) { return known.first.member == row.member; }))
+            changes.emplace_back(row, before);
+    };
+    for (const Change &change : restore.changes)
+        for (const SettingRow &row : ALL_SETTINGS)
+            if (row.place == change.place && row.key == change.key &&
+                change.outcome != Change::Outcome::refused)
+                add(row, change.before);
+    if (restore.result == ExchangeReport::Result::succeeded)
+        return changes;
+    // SCIM's daemon does not write its file whole or not at all: when it is killed then, settings are lost
+    // that the restore had not come to.
+    for (const SettingReport &setting : restore.settings)
+        if (const SettingRow &row = find_setting(setting.member);
+            setting.before && !open_device().read_one(row))
+            add(row, setting.before);
+    return changes;
+}
+
+/// Puts a setting back, also where it seems to be as it was: an undo that was killed may have left it so in
+/// the daemon's memory alone.
+///
+/// @return why it is not as it was, or an empty text
+static std::string put_back(const SettingRow &row, const DeviceValue &before, Table &undone)
+{
+    Device &device = open_device();
+    const DeviceValue now = device.read_one(row);
+    std::string reason = "something else changed it meanwhile";
+    try {
+        device.write(row, before);
+    } catch (const ValueError &error) {
+        reason = error.what();
+    }
+    const DeviceValue after = device.read_one(row);
+    if (after != now)
+        undone.rows.push_back({row.member, cell_of(row, now), cell_of(row, after)});
+    return after == before ? "" : std::string(row.member) + " (" + reason + ")";
+}
+
+void run_undo(Cli &cli)
+{
+    cli.document.set_result(false);
+    Table undone = CHANGES;
+    cli.document.set("settings", undone);
+    const FileLock turn = wait_for_turn(cli.timeout_seconds, false);
+
+    const ExchangeReport restore = read_last_restore();
+    const auto changes = changes_of(restore);
+    for (const auto &[row, before] : changes)
+        open_device().require_writable(row);
+    std::vector<std::string> failures;
+    for (const auto &[row, before] : changes) {
+        if (const std::string failure = put_back(row, before, undone); !failure.empty())
+            failures.push_back(failure);
+        cli.document.set("settings", undone);
+    }
+    if (!failures.empty())
+        throw HostError("not put back: " + join(failures, ", "));
+    if (!restore.settings.empty())
+        remove_file_durably(state_root() / LAST_RESTORE);
+    cli.document.set_result(true);
+    cli.document.say(changes.empty()
+                         ? "there is nothing to undo"
+                         : "what the restore of " + name_of(restore.backup) + " changed is as it was");
 }
 
 void run_info(Cli &cli)
 {
     cli.document.set_result(false);
-    const ExchangeReport report = run_exchange(cli.service, cli.log_tail, OPERATION_GET_BACKUP_INFO);
-    Table table{{{"key", ""}, {"date", ""}}, {}};
+    const ExchangeReport report = run_exchange(cli, OPERATION_GET_BACKUP_INFO);
+    Table table{{{"key", ""}, {"date", ""}}};
     for (const CloudRecord &record : report.records) {
         const std::string key = record.key.value_or("");
         const std::string date = record.date.value_or("");
@@ -161,7 +224,7 @@ void run_trace(Cli &cli)
     const Command &traced = cli.command();
     if (!traced.commands.empty())
         throw UsageError("trace lacks what it is to show: backup, restore or info");
-    cli.service.trace = {default_trace_library(), join(cli.values("--fail"), " "), cli.json, cli.quiet};
+    cli.traces = true;
     // When nobody reads the trace any more, the exchange still ends in order, and what is lost is told.
     std::signal(SIGPIPE, SIG_IGN);
     find_command(PROGRAM, traced.name).run(cli);

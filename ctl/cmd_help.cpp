@@ -6,9 +6,92 @@
 
 #include "cloud_store.h"
 #include "commands.h"
-#include "help.h"
 #include "setting.h"
+#include "text.h"
 #include "trace_options.h"
+
+static constexpr size_t WIDTH = 80;
+static constexpr size_t LABEL_WIDTH = 26;
+
+/// How a command is called, such as "ime-backupctl show [OPTION]... [ID]".
+static std::string usage_of(const std::vector<const Command *> &path)
+{
+    const Command &command = *path.back();
+    std::string usage = join(names_of(path), " ") + " [OPTION]...";
+    for (const Argument &argument : command.arguments) {
+        const std::string label = std::string(argument.label) + (is_repeatable(argument.times) ? "..." : "");
+        usage += " " + (is_required(argument.times) ? label : "[" + label + "]");
+    }
+    if (!command.commands.empty())
+        usage += command.run == nullptr ? " COMMAND [ARGUMENT]..." : " [COMMAND [ARGUMENT]...]";
+    return usage;
+}
+
+/// A label, and behind it the lines that explain it.
+static std::string entry(const std::string &label, const std::string &description)
+{
+    const std::string gap = "\n" + std::string(LABEL_WIDTH, ' ');
+    const bool fits = label.size() + 4 <= LABEL_WIDTH;
+    return "  " + label + (fits ? std::string(LABEL_WIDTH - 2 - label.size(), ' ') : gap) +
+           join(wrap(description, WIDTH - LABEL_WIDTH), gap.c_str()) + "\n";
+}
+
+static std::string paragraph(const std::string &text)
+{
+    return join(wrap(text, WIDTH), "\n") + "\n";
+}
+
+template <class Labelled>
+static std::string label_of(const Labelled &thing)
+{
+    return thing.label;
+}
+
+static std::string label_of(const Option &option)
+{
+    return (option.letter == '\0' ? "" : std::string{'-', option.letter} + ", ") + option.name +
+           (option.value == nullptr ? "" : std::string(" ") + option.value);
+}
+
+/// Nothing where there is nothing to describe.
+template <class Described>
+static std::string section(const std::string &title, const std::vector<Described> &things)
+{
+    std::string text = things.empty() ? "" : "\n" + title + ":\n";
+    for (const Described &thing : things)
+        text += entry(label_of(thing), thing.description);
+    return text;
+}
+
+static std::string describe_commands(const Command &command)
+{
+    std::string text;
+    std::string group;
+    for (const Command *subcommand : commands_below(command)) {
+        if (subcommand->group != group)
+            text += "\n" + std::string(subcommand->group) + ":\n";
+        group = subcommand->group;
+        text += entry(subcommand->name, subcommand->summary);
+    }
+    return text;
+}
+
+std::string help_of(const std::vector<const Command *> &path)
+{
+    const Command &command = *path.back();
+    const bool is_program = path.size() == 1;
+    std::string text = paragraph(std::string(command.summary) + ".") + "\nUsage: " + usage_of(path) + "\n";
+    if (*command.details != '\0')
+        text += "\n" + paragraph(command.details);
+    text += describe_commands(command) + section("Arguments", command.arguments);
+    if (!is_program)
+        text += section("Options", command.options);
+    text += section("Options of all commands", PROGRAM.options);
+    if (is_program)
+        text += "\n" + paragraph("Settings: " + join(names_of_settings(), ", ") + ".") +
+                section("Environment", ENVIRONMENT) + section("Exit status", EXIT_STATUSES);
+    return text + "\nExample: " + command.example + "\n";
+}
 
 void run_help(Cli &cli)
 {
@@ -16,7 +99,7 @@ void run_help(Cli &cli)
     for (const std::string &name : cli.arguments)
         path.push_back(&find_command(*path.back(), name));
     const std::string text = help_of(path);
-    cli.document.set("help", Json(text));
+    cli.document.set("help", text);
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);)
         cli.document.say(line);
@@ -40,15 +123,6 @@ static Words backup_numbers()
     return numbers;
 }
 
-static Words values_of(const std::string &name)
-{
-    for (const SettingRow &row : ALL_SETTINGS)
-        if (row.member == name &&
-            (row.form == SettingForm::boolean_switch || row.form == SettingForm::integer_switch))
-            return {"true", "false"};
-    return {};
-}
-
 static Words words_of(Kind kind, const Words &arguments)
 {
     switch (kind) {
@@ -57,11 +131,14 @@ static Words words_of(Kind kind, const Words &arguments)
     case Kind::file:
         return {FILES};
     case Kind::command:
-        return names_of_commands(PROGRAM);
+        return names_of(commands_below(PROGRAM));
     case Kind::function:
         return {std::begin(TRACED_FUNCTIONS), std::end(TRACED_FUNCTIONS)};
     case Kind::setting_and_value:
-        return arguments.size() % 2 == 1 ? values_of(arguments.back()) : names_of_settings();
+        for (const SettingRow &row : ALL_SETTINGS)
+            if (arguments.size() % 2 == 1 && arguments.back() == row.member)
+                return is_switch(row) ? Words{"true", "false"} : Words();
+        return arguments.size() % 2 == 1 ? Words() : names_of_settings();
     case Kind::setting:
         return names_of_settings();
     case Kind::text:
@@ -78,7 +155,7 @@ static Words next_words(const Cli &line, const std::string &typed)
     if (typed.starts_with("-"))
         return names_of(options_of(line.path));
     if (!line.command().commands.empty())
-        return names_of_commands(line.command());
+        return names_of(commands_below(line.command()));
     const Argument *next = argument_after(line.command(), line.arguments.size());
     return next == nullptr ? Words() : words_of(next->kind, line.arguments);
 }
@@ -102,12 +179,12 @@ static Words rejoin(const Words &pieces)
 void run_complete(Cli &cli)
 {
     Words words = rejoin(cli.arguments);
-    const std::string typed = words.empty() ? "" : words.back();
-    if (!words.empty())
-        words.pop_back();
+    if (words.empty())
+        words.emplace_back();
+    const std::string typed = words.back();
+    words.pop_back();
     Cli line;
     parse(line, words);
-    apply_common_options(line);
     for (const std::string &word : next_words(line, typed))
         if (word.starts_with(typed) || word == FILES)
             printf("%s\n", word.c_str());

@@ -3,30 +3,28 @@
 
 void run_settings(Cli &cli)
 {
-    Table table{{{"name", ""}, {"value", ""}, {FOR_PEOPLE, ""}}, {}};
-    table.is_keyed = true;
-    table.remarks = Remarks::plain;
+    Table table{{{FOR_PEOPLE, ""}, {FOR_PEOPLE, ""}, {FOR_PEOPLE, ""}}, {}, Remarks::plain};
     const DeviceState state = open_device().read_all();
-    for (const SettingRow &row : ALL_SETTINGS)
-        table.rows.push_back({row.member, cell_of(row, state[index_of(row)]),
-                              cli.has("--long") ? place_of(row) : std::string()});
-    cli.document.set(table);
+    for (const SettingRow &row : ALL_SETTINGS) {
+        const Cell value = cell_of(row, state[index_of(row)]);
+        table.rows.push_back({row.member, value, cli.has("--long") ? place_of(row) : ""});
+        cli.document.set(row.member, value.json);
+    }
+    cli.document.show(table);
 }
 
 void run_settings_get(Cli &cli)
 {
     const SettingRow &row = find_setting(cli.argument());
     const Cell value = cell_of(row, open_device().read_one(row));
-    Table table{{{"name", FOR_SCRIPTS}, {"value", FOR_SCRIPTS}}, {{std::string(row.member), value}}};
-    table.is_keyed = true;
-    table.is_for_people = false;
-    cli.document.set(table);
+    cli.document.set(row.member, value.json);
     cli.document.say(value.text);
 }
 
 using NewValues = std::vector<std::pair<SettingRow, DeviceValue>>;
 
-/// Changes settings one after the other, once it is known that all can be changed.
+/// Changes settings one after the other, once it is known that all can be changed. People are told only of a
+/// failure, and what had been changed by then.
 static void change_settings(Cli &cli, const NewValues &values)
 {
     cli.document.set_result(false);
@@ -36,24 +34,17 @@ static void change_settings(Cli &cli, const NewValues &values)
             throw UsageError(std::string(row.member) + ": " + reason);
         device.require_writable(row);
     }
-    std::vector<ChangedSetting> changed;
-    const auto tell = [&](bool to_people) {
-        Table table = table_of(changed);
-        table.is_for_people = to_people;
-        cli.document.set("settings", table);
-    };
-    try {
-        for (const auto &[row, value] : values) {
-            const DeviceValue before = device.read_one(row);
-            device.write(row, value);
-            changed.push_back({row, before, value});
-        }
-    } catch (...) {
-        tell(true);
-        throw;
+    Table changed = CHANGES;
+    cli.document.set("settings", changed);
+    for (const auto &[row, value] : values) {
+        const DeviceValue before = device.read_one(row);
+        device.write(row, value);
+        changed.rows.push_back({row.member, cell_of(row, before), cell_of(row, value)});
+        cli.document.set("settings", changed);
     }
     cli.document.set_result(true);
-    tell(false);
+    changed.is_for_people = false;
+    cli.document.set("settings", changed);
 }
 
 void run_settings_set(Cli &cli)

@@ -4,42 +4,26 @@
 #include "commands.h"
 #include "contact.h"
 #include "files.h"
-#include "last_restore.h"
 #include "paths.h"
-#include "report.h"
-#include "service_log.h"
 #include "setting.h"
-#include "text.h"
 
 namespace fs = std::filesystem;
 
-namespace
-{
-
-enum class State {
-    fine,
-    worth_knowing, ///< not fine, and no backup is kept from
-    missing        ///< what a backup needs
-};
-
 /// What was found of one thing.
 struct Finding {
-    State state;
     std::string found;
-    std::string advice; ///< if it isn't fine
+    std::string advice{};  ///< if it isn't fine
+    bool is_needed = true; ///< for a backup
 };
-
-} // namespace
 
 static Finding look_at_scim(const Cli &)
 {
     Device &device = open_device();
     try {
         device.require_writable(first_of(SettingForm::integer_switch));
-        return {State::fine, "the SCIM daemon answers (SCIM_SOCKET_ADDRESS, " + device.daemon_address() + ")",
-                ""};
+        return {"the SCIM daemon answers (SCIM_SOCKET_ADDRESS, " + device.daemon_address() + ")"};
     } catch (const DaemonError &error) {
-        return {State::missing, error.what(), HINT_SCIM};
+        return {error.what(), HINT_SCIM};
     }
 }
 
@@ -48,10 +32,11 @@ static Finding look_at_keyboard(const Cli &)
     const SettingRow &keyboard = first_of(SettingForm::identifier);
     try {
         const DeviceValue value = open_device().read_one(keyboard);
-        return value ? Finding{State::fine, format_value(keyboard, value), ""}
-                     : Finding{State::missing, "no input method is active", HINT_KEYBOARD};
+        if (!value)
+            return {"no input method is active", HINT_KEYBOARD};
+        return {format_value(keyboard, value)};
     } catch (const PlatformError &) {
-        return {State::missing, "not known without the SCIM daemon", "Start the SCIM daemon"};
+        return {"not known without the SCIM daemon", "Start the SCIM daemon"};
     }
 }
 
@@ -59,7 +44,7 @@ static Finding look_at_store(const Cli &)
 {
     const fs::path folder = state_root();
     if (!is_usable_folder(folder))
-        return {State::missing, "can't write in " + folder.string(),
+        return {"can't write in " + folder.string(),
                 "Set IME_BACKUP_HOST_DIR to a folder that you can write in"};
     const SettingRow &row = find_setting(MEMBER_HANDWRITING);
     try {
@@ -67,9 +52,9 @@ static Finding look_at_store(const Cli &)
         for (const SettingRow &setting : ALL_SETTINGS)
             if (setting.place == row.place)
                 open_device().read_one(setting);
-        return {State::fine, "in " + folder.string(), ""};
+        return {"in " + folder.string()};
     } catch (const PlatformError &error) {
-        return {State::missing, error.what(),
+        return {error.what(),
                 "Free space on the disk if it is full. A store that is damaged can be moved away: a new one "
                 "is made"};
     }
@@ -78,27 +63,26 @@ static Finding look_at_store(const Cli &)
 static Finding look_at_cloud(const Cli &cli)
 {
     try {
-        const auto store = open_store(cli.service.timeout_seconds);
+        const auto store = open_store(cli.timeout_seconds);
         store->require_writable();
         const CloudStore::Listing listing = store->list();
         if (!listing.is_there)
-            return {State::fine, store->location() + " isn't there yet: a backup makes it", ""};
+            return {store->location() + " isn't there yet: a backup makes it"};
         const size_t count = listing.numbers.size();
-        return {State::fine,
-                store->location() + ", " + std::to_string(count) + (count == 1 ? " backup" : " backups"), ""};
+        return {store->location() + ", " + std::to_string(count) + (count == 1 ? " backup" : " backups")};
     } catch (const PlatformError &error) {
-        return {State::missing, error.what(), "Set IME_BACKUP_CLOUD_STORE to a place that you can write in"};
+        return {error.what(), "Set IME_BACKUP_CLOUD_STORE to a place that you can write in"};
     } catch (const HostError &error) {
-        return {State::missing, error.what(), "Try again once the remote answers"};
+        return {error.what(), "Try again once the remote answers"};
     }
 }
 
-static std::optional<ExchangeReport> read_last_exchange()
+static ExchangeReport read_last_exchange()
 {
     const fs::path file = state_root() / LAST_REPORT;
     std::error_code ignored;
     if (!fs::exists(file, ignored))
-        return std::nullopt;
+        return {};
     try {
         return decode_report(read_file(file, MAX_RECORD_FILE_SIZE));
     } catch (const HostError &error) {
@@ -106,42 +90,32 @@ static std::optional<ExchangeReport> read_last_exchange()
     }
 }
 
-static Finding look_at_restore()
-{
-    const std::optional<LastRestore> last = read_last_restore();
-    if (last && last->result == ExchangeReport::Result::undecided)
-        return {State::worth_knowing, "the restore of " + name_of(last->backup) + " was interrupted",
-                "Put back what it changed with: ime-backupctl undo; or restore again"};
-    return {State::fine, "none yet", ""};
-}
-
-static Finding look_at_report()
-{
-    const std::optional<ExchangeReport> last = read_last_exchange();
-    if (!last || last->operation.empty())
-        return {State::fine, "none yet", ""};
-    const std::string what = last->operation + (last->backup == 0 ? "" : " of " + name_of(last->backup));
-    if (last->result == ExchangeReport::Result::succeeded)
-        return {State::fine, what + " succeeded", ""};
-    return {State::worth_knowing, what + ": " + last->reason, "See " + (state_root() / SERVICE_LOG).string()};
-}
-
 static Finding look_at_last_exchange(const Cli &)
 {
+    using Result = ExchangeReport::Result;
     const fs::path lock = state_root() / EXCHANGE_LOCK;
     std::error_code ignored;
     try {
         FileLock turn(lock);
         if (fs::exists(lock, ignored) && !turn.try_acquire())
-            return {State::fine, "one is under way", ""};
+            return {"one is under way"};
     } catch (const PlatformError &error) {
-        return {State::missing, error.what(), "Move it away"};
+        return {error.what(), "Move it away"};
     }
     try {
-        const Finding restore = look_at_restore();
-        return restore.state == State::fine ? look_at_report() : restore;
+        const ExchangeReport restore = read_last_restore();
+        if (!restore.settings.empty() && restore.result == Result::undecided)
+            return {"the restore of " + name_of(restore.backup) + " was interrupted",
+                    "Put back what it changed with: ime-backupctl undo; or restore again", false};
+        const ExchangeReport last = read_last_exchange();
+        if (last.operation.empty())
+            return {"none yet"};
+        const std::string what = last.operation + (last.backup == 0 ? "" : " of " + name_of(last.backup));
+        if (last.result == Result::succeeded)
+            return {what + " succeeded"};
+        return {what + ": " + last.reason, "See " + (state_root() / SERVICE_LOG).string(), false};
     } catch (const HostError &error) {
-        return {State::worth_knowing, error.what(), "The next exchange makes it anew"};
+        return {error.what(), "The next exchange makes it anew", false};
     }
 }
 
@@ -158,17 +132,17 @@ void run_status(Cli &cli)
                   {"last_exchange", "last exchange", look_at_last_exchange}};
 
     Table table{{{"what", ""}, {"fine", ""}, {"found", FOR_SCRIPTS}, {"do", FOR_SCRIPTS}, {FOR_PEOPLE, ""}},
-                {}};
-    table.remarks = Remarks::plain;
+                {},
+                Remarks::plain};
     for (const auto &thing : things) {
         const Finding finding = thing.look(cli);
-        const bool is_fine = finding.state == State::fine;
+        const bool is_fine = finding.advice.empty();
         table.rows.push_back({{thing.what, thing.name},
                               {is_fine, is_fine ? "fine" : "NOT FINE"},
                               finding.found,
                               finding.advice,
-                              finding.found + (finding.advice.empty() ? "" : ". " + finding.advice)});
-        if (finding.state == State::missing)
+                              finding.found + (is_fine ? "" : ". " + finding.advice)});
+        if (!is_fine && finding.is_needed)
             cli.status = EXIT_NO_PLATFORM;
     }
     cli.document.set(table);

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <iterator>
+#include <set>
 #include <unistd.h>
 
 #include <glib.h>
@@ -46,54 +47,107 @@ static std::vector<BackupNumber> list_backups(const CloudStore &store)
 static std::vector<BackupNumber> find_backups(const CloudStore &store, const std::vector<BackupNumber> &known,
                                               const std::vector<std::string> &ids)
 {
-    std::vector<BackupNumber> numbers;
+    std::set<BackupNumber> numbers;
     for (const std::string &id : ids)
-        numbers.push_back(store.find(id, known));
-    std::sort(numbers.begin(), numbers.end());
-    numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
-    return numbers;
+        numbers.insert(store.find(id, known));
+    return {numbers.begin(), numbers.end()};
 }
 
 void run_list(Cli &cli)
 {
-    const auto store = open_store(cli.service.timeout_seconds);
-    cli.document.set(inspect(*store, list_backups(*store)).table);
+    const auto store = open_store(cli.timeout_seconds);
+    size_t damaged = 0;
+    cli.document.set(inspect(*store, list_backups(*store), damaged));
 }
 
 void run_show(Cli &cli)
 {
-    const auto store = open_store(cli.service.timeout_seconds);
+    const auto store = open_store(cli.timeout_seconds);
     const std::string text = snapshot_in(read_whole(*store, store->find(cli.argument())).records);
     const SnapshotValues values = read_snapshot(text)->values;
-    Table table{{{"name", ""}, {"value", ""}}, {}};
+    Table table{{{FOR_PEOPLE, ""}, {FOR_PEOPLE, ""}}};
     for (const SettingRow &row : SETTINGS)
         table.rows.push_back({row.member, cell_of(row, device_value(row, values[index_of(row)]))});
-    cli.document.set(table);
+    cli.document.show(table);
     cli.document.set_json(text);
 }
 
 void run_verify(Cli &cli)
 {
-    const auto store = open_store(cli.service.timeout_seconds);
-    const Inspection inspection =
-        inspect(*store, cli.arguments.empty() ? list_backups(*store)
-                                              : find_backups(*store, store->list().numbers, cli.arguments));
-    cli.document.set(inspection.table);
-    const size_t count = inspection.table.rows.size();
+    const auto store = open_store(cli.timeout_seconds);
+    size_t damaged = 0;
+    const Table table =
+        inspect(*store,
+                cli.arguments.empty() ? list_backups(*store)
+                                      : find_backups(*store, store->list().numbers, cli.arguments),
+                damaged);
+    cli.document.set(table);
+    const size_t count = table.rows.size();
     cli.document.say(std::to_string(count) + (count == 1 ? " backup, " : " backups, ") +
-                     std::to_string(inspection.damaged) + " damaged");
-    cli.status = inspection.damaged == 0 ? EXIT_DONE : EXIT_FAILED;
+                     std::to_string(damaged) + " damaged");
+    cli.status = damaged == 0 ? EXIT_DONE : EXIT_FAILED;
+}
+
+/// One of the two that are compared.
+struct Side {
+    Json id;
+    std::string name;
+    SnapshotValues values;
+};
+
+static Side take_backup(const CloudStore &store, const std::string &id)
+{
+    const BackupNumber number = store.find(id);
+    return {number, name_of(number), read_snapshot(snapshot_in(read_whole(store, number).records))->values};
+}
+
+/// The device, as a backup would have it.
+static Side take_device(double timeout_seconds)
+{
+    const BackupPlan plan = plan_backup_here(timeout_seconds);
+    if (!plan.obstacles.empty())
+        throw_obstacle(plan.obstacles.front());
+    return {"device", "device", plan.snapshot};
+}
+
+void run_diff(Cli &cli)
+{
+    const std::vector<std::string> &ids = cli.arguments;
+    cli.failure_status = EXIT_NO_PLATFORM; // 1 means that they differ
+    if (ids.size() > 2)
+        throw UsageError("no more than two backups can be compared");
+    const auto store = open_store(cli.timeout_seconds);
+    const Side from = take_backup(*store, ids.empty() ? "" : ids[0]);
+    const Side to = ids.size() == 2 ? take_backup(*store, ids[1]) : take_device(cli.timeout_seconds);
+
+    Table table{{{"name", "setting"}, {"from", from.name}, {"to", to.name}}};
+    for (const SettingRow &row : SETTINGS) {
+        const DeviceValue one = device_value(row, from.values[index_of(row)]);
+        const DeviceValue other = device_value(row, to.values[index_of(row)]);
+        if (!is_same_value(row, one, other))
+            table.rows.push_back({row.member, cell_of(row, one), cell_of(row, other)});
+    }
+    cli.status = table.rows.empty() ? EXIT_DONE : EXIT_FAILED;
+    if (table.rows.empty())
+        cli.document.say(from.name + " and " + (to.name == "device" ? "the device" : to.name) +
+                         " hold the same settings");
+    cli.document.set("from", from.id);
+    cli.document.set("to", to.id);
+    cli.document.set("differences", table);
 }
 
 // What deletes.
 
-static void tell_deleted(Document &document, const std::vector<BackupNumber> &deleted,
-                         const std::vector<BackupNumber> &kept, const char *what_of_them)
+/// Tells which of the backups that there were are kept.
+static void tell_deleted(Document &document, const std::vector<BackupNumber> &before,
+                         const std::vector<BackupNumber> &kept, const char *what_of_others)
 {
-    document.set("deleted", Json(deleted));
-    document.set("kept", Json(kept));
+    std::vector<BackupNumber> deleted;
+    std::set_difference(before.begin(), before.end(), kept.begin(), kept.end(), std::back_inserter(deleted));
+    document.set("deleted", deleted);
+    document.set("kept", kept);
     for (const BackupNumber number : deleted)
-        document.say(name_of(number) + "  " + what_of_them);
+        document.say(name_of(number) + "  " + what_of_others);
     if (deleted.empty())
         document.say("there is nothing to delete");
 }
@@ -102,13 +156,6 @@ static void tell_deleted(Document &document, const std::vector<BackupNumber> &de
 static void delete_and_tell(Document &document, CloudStore &store, const CloudStore::Choose &choose)
 {
     std::vector<BackupNumber> before;
-    const auto tell = [&] {
-        const std::vector<BackupNumber> kept = store.list().numbers;
-        std::vector<BackupNumber> deleted;
-        std::set_difference(before.begin(), before.end(), kept.begin(), kept.end(),
-                            std::back_inserter(deleted));
-        tell_deleted(document, deleted, kept, "deleted");
-    };
     try {
         store.remove([&](const std::vector<BackupNumber> &known) {
             const std::vector<BackupNumber> going = choose(known);
@@ -117,58 +164,46 @@ static void delete_and_tell(Document &document, CloudStore &store, const CloudSt
         });
     } catch (const HostError &) {
         if (!before.empty())
-            tell();
+            tell_deleted(document, before, store.list().numbers, "deleted");
         throw;
     }
-    tell();
+    tell_deleted(document, before, store.list().numbers, "deleted");
 }
 
 void run_delete(Cli &cli)
 {
-    const auto store = open_store(cli.service.timeout_seconds);
+    const auto store = open_store(cli.timeout_seconds);
     find_backups(*store, store->list().numbers, cli.arguments); // a store that isn't there is none to lock
     delete_and_tell(cli.document, *store,
                     [&](const auto &known) { return find_backups(*store, known, cli.arguments); });
 }
 
-static bool is_good(const CloudStore &store, BackupNumber number)
+/// The newest backup that can be restored; 0 if there is none.
+static BackupNumber find_newest_good(const CloudStore &store, const std::vector<BackupNumber> &numbers)
 {
-    try {
-        snapshot_in(store.read(number).records);
-        return true;
-    } catch (const UnreadableError &error) { // an older one must not take its place
-        throw HostError("nothing is deleted, since of " + name_of(number) +
-                        " it is not known whether it is good: " + error.what());
-    } catch (const DamagedError &) {
-        return false;
-    } catch (const NoBackupError &) {
-        return false;
-    }
+    for (auto number = numbers.rbegin(); number != numbers.rend(); ++number)
+        try {
+            snapshot_in(store.read(*number).records);
+            return *number;
+        } catch (const UnreadableError &error) { // an older one must not take its place
+            throw HostError("nothing is deleted, since of " + name_of(*number) +
+                            " it is not known whether it is good: " + error.what());
+        } catch (const DamagedError &) {
+            continue;
+        } catch (const NoBackupError &) {
+            continue;
+        }
+    return 0;
 }
 
-/// The newest backup that can be restored.
-static std::optional<BackupNumber> find_newest_good(const CloudStore &store,
-                                                    const std::vector<BackupNumber> &numbers)
+/// Whether a backup is younger than an age such as "30d". One that can't be read has no age.
+static bool is_younger(const CloudStore &store, BackupNumber number, const std::string &age)
 {
-    const auto newest = std::find_if(numbers.rbegin(), numbers.rend(),
-                                     [&](BackupNumber number) { return is_good(store, number); });
-    return newest == numbers.rend() ? std::nullopt : std::optional(*newest);
-}
-
-/// An age in milliseconds.
-static std::int64_t parse_age(const std::string &text)
-{
-    const char unit = text.back();
+    const char unit = age.back();
     const std::int64_t seconds = unit == 'm' ? 60 : unit == 'h' ? 3600 : unit == 'd' ? 86'400 : 7 * 86'400;
-    return std::stoll(text) * seconds * 1000;
-}
-
-/// Whether a backup is younger than this. One that can't be read has no age.
-static bool is_younger(const CloudStore &store, BackupNumber number, std::int64_t age)
-{
     try {
         const auto date = parse_date(date_of(store.read(number).records));
-        return date && g_get_real_time() / 1000 - *date < age;
+        return date && g_get_real_time() / 1000 - *date < std::stoll(age) * seconds * 1000;
     } catch (const DamagedError &) {
         return false;
     } catch (const NoBackupError &) {
@@ -180,46 +215,41 @@ static bool is_younger(const CloudStore &store, BackupNumber number, std::int64_
 static std::vector<BackupNumber> choose(const CloudStore &store, const std::vector<BackupNumber> &known,
                                         const Cli &cli)
 {
-    const std::string age = cli.value("--keep-within");
-    if (!age.empty())
+    const bool has_age = cli.has("--keep-within");
+    if (has_age)
         store.fetch(known);
-    const auto newest_good = find_newest_good(store, known);
+    const BackupNumber newest_good = find_newest_good(store, known);
     const size_t keep = std::stoul(cli.value("--keep"));
     std::vector<BackupNumber> going;
     for (size_t i = 0; i + keep < known.size(); i++)
-        if (known[i] != newest_good && (age.empty() || !is_younger(store, known[i], parse_age(age))))
+        if (known[i] != newest_good && !(has_age && is_younger(store, known[i], cli.value("--keep-within"))))
             going.push_back(known[i]);
     return going;
 }
 
 void run_prune(Cli &cli)
 {
-    const auto store = open_store(cli.service.timeout_seconds);
+    const auto store = open_store(cli.timeout_seconds);
     const std::vector<BackupNumber> known = list_backups(*store);
     if (!cli.has("--dry-run") && !known.empty()) {
         delete_and_tell(cli.document, *store,
                         [&](const std::vector<BackupNumber> &now) { return choose(*store, now, cli); });
         return;
     }
-    const std::vector<BackupNumber> going = choose(*store, known, cli);
-    std::vector<BackupNumber> kept;
-    std::set_difference(known.begin(), known.end(), going.begin(), going.end(), std::back_inserter(kept));
-    tell_deleted(cli.document, going, kept, "would be deleted");
+    std::vector<BackupNumber> kept = known;
+    for (const BackupNumber number : choose(*store, known, cli))
+        std::erase(kept, number);
+    tell_deleted(cli.document, known, kept, "would be deleted");
 }
 
 // Files of the user's.
-
-static void write_to(FILE *stream, const std::string &content)
-{
-    fwrite(content.data(), 1, content.size(), stream); // its failure shows when the stream is flushed
-}
 
 /// Writes to a pipe or a device.
 static void write_stream(const fs::path &name, const std::string &content)
 {
     FILE *stream = fopen(name.c_str(), "we");
     if (stream != nullptr)
-        write_to(stream, content);
+        fwrite(content.data(), 1, content.size(), stream); // its failure shows when the stream is flushed
     if (stream == nullptr || fclose(stream) != 0)
         throw HostError("can't write " + name.string() + ": " + g_strerror(errno));
 }
@@ -256,18 +286,18 @@ void run_export(Cli &cli)
 {
     const std::string &name = cli.arguments[1];
     cli.document.set_result(false);
-    cli.document.set("backup", Json());
-    const auto store = open_store(cli.service.timeout_seconds);
+    cli.document.set("backup", nullptr);
+    const auto store = open_store(cli.timeout_seconds);
     const BackupNumber number = store->find(cli.argument());
     const std::string content = read_whole(*store, number).content;
     if (name == "-") {
-        write_to(stdout, content);
+        fwrite(content.data(), 1, content.size(), stdout);
         cli.quiet = true; // standard output is the backup's
         return;
     }
     write_out(*store, name, content);
     cli.document.set_result(true);
-    cli.document.set("backup", Json(number));
+    cli.document.set("backup", number);
     cli.document.say(name_of(number) + "  written to " + name);
 }
 
@@ -284,9 +314,9 @@ void run_import(Cli &cli)
 {
     const std::string name = cli.argument();
     cli.document.set_result(false);
-    cli.document.set("backup", Json());
-    cli.document.set("stored", Json(false));
-    const auto store = open_store(cli.service.timeout_seconds);
+    cli.document.set("backup", nullptr);
+    cli.document.set("stored", false);
+    const auto store = open_store(cli.timeout_seconds);
     if (!store->exists())
         refuse_missing(*store);
     Importable importable;
@@ -301,7 +331,7 @@ void run_import(Cli &cli)
         fprintf(stderr, "ime-backupctl: %s\n", escaped(remark).c_str());
     const BackupNumber number = store->add(importable.content);
     cli.document.set_result(true);
-    cli.document.set("backup", Json(number));
-    cli.document.set("stored", Json(true));
+    cli.document.set("backup", number);
+    cli.document.set("stored", true);
     cli.document.say(name_of(number) + "  imported");
 }

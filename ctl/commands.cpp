@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <charconv>
-#include <optional>
 
-#include "suggestion.h"
+#include <glib.h>
+
 #include "trace_options.h"
 
 static std::string check_filled(const std::string &text)
@@ -22,41 +22,27 @@ static std::string check_seconds(const std::string &text)
                                                               : "not between 0.1 and 86400 seconds: " + text;
 }
 
-static bool is_number(std::string_view text, size_t max_digits)
+static bool matches(const std::string &text, const char *pattern)
 {
-    return !text.empty() && text.size() <= max_digits &&
-           text.find_first_not_of("0123456789") == std::string_view::npos;
+    return g_regex_match_simple(pattern, text.c_str(), G_REGEX_RAW, GRegexMatchFlags{}) != FALSE;
 }
 
 static std::string check_count(const std::string &text)
 {
-    return is_number(text, 9) ? "" : "not a number of backups: " + text;
+    return matches(text, R"(^\d{1,9}\z)") ? "" : "not a number of backups: " + text;
 }
 
 static std::string check_age(const std::string &text)
 {
-    const size_t unit = text.find_first_of("mhdw");
-    return unit + 1 == text.size() && is_number(text.substr(0, unit), 6)
-               ? ""
-               : "not an age such as 12h or 30d (m, h, d or w): " + text;
-}
-
-/// Cuts a text in two at a mark.
-static std::pair<std::string, std::optional<std::string>> cut(const std::string &text, char mark)
-{
-    const size_t end = text.find(mark);
-    if (end == std::string::npos)
-        return {text, std::nullopt};
-    return {text.substr(0, end), text.substr(end + 1)};
+    return matches(text, R"(^\d{1,6}[mhdw]\z)") ? ""
+                                                : "not an age such as 12h or 30d (m, h, d or w): " + text;
 }
 
 static std::string check_failure(const std::string &text)
 {
-    const auto [call, code] = cut(text, '=');
-    const auto [function, count] = cut(call, '#');
-    if (function.empty() || (count && (!is_number(*count, 6) || count->starts_with('0'))) ||
-        (code && !is_number(code->substr(code->starts_with('-') ? 1 : 0), 9)))
+    if (!matches(text, R"(^[^#=]+(#[1-9]\d{0,5})?(=-?\d{1,9})?\z)"))
         return "not FUNCTION, FUNCTION#N, FUNCTION=CODE or FUNCTION#N=CODE: " + text;
+    const std::string function = text.substr(0, text.find_first_of("#="));
     const std::vector<std::string> known(std::begin(TRACED_FUNCTIONS), std::end(TRACED_FUNCTIONS));
     if (std::find(known.begin(), known.end(), function) == known.end())
         return "there is no function \"" + function + "\"" + did_you_mean(function, known);

@@ -1,16 +1,14 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <optional>
 #include <string>
-#include <variant>
 #include <vector>
 
-/// A value as JSON has it.
-using Json = std::variant<std::nullptr_t, bool, std::int64_t, std::uint64_t, std::string,
-                          std::vector<std::string>, std::vector<std::uint64_t>>;
+#include <nlohmann/json.hpp>
+
+using Json = nlohmann::ordered_json;
 
 /// A value for a script, and the same one for a person.
 struct Cell {
@@ -40,12 +38,10 @@ enum class Remarks { none, plain, warnings };
 
 /// Rows of cells.
 struct Table {
-    std::vector<Column> columns;
-    std::vector<std::vector<Cell>> rows;
-    bool is_keyed =
-        false; ///< for a script, each row is a member: the first cell its name, the second its value
-    bool is_for_people = true;
+    std::vector<Column> columns{};
+    std::vector<std::vector<Cell>> rows{};
     Remarks remarks = Remarks::none;
+    bool is_for_people = true;
 };
 
 /// What a command tells: to a script one JSON document, to a person its tables and sentences. It is the one
@@ -53,33 +49,35 @@ struct Table {
 class Document
 {
 public:
-    /// A member of the document.
-    void set(const char *member, std::variant<Json, Table> value);
+    /// A member of the document, for scripts.
+    void set(const char *member, Json value) { json[member] = std::move(value); }
+
+    /// A member of the document, which is also shown to people.
+    void set(const char *member, const Table &table);
 
     /// A table that is the whole document.
-    void set(Table table) { set("", std::move(table)); }
+    void set(const Table &table);
 
     /// The whole document, as it stands.
     void set_json(std::string text) { exact_json = std::move(text); }
+
+    /// A table for people alone.
+    void show(const Table &table) { tables[""] = table; }
 
     /// A sentence for a person.
     void say(const std::string &sentence) { sentences.push_back(sentence); }
 
     /// The two members with which commands that do something tell whether they did.
     void set_result(bool succeeded, const std::string &reason = "");
-    bool has_result() const;
-    bool is_empty() const { return members.empty(); }
+    bool has_result() const { return json.contains("succeeded"); }
 
+    /// Prints nothing when nothing was set.
     void print_json() const;
     void print_text(FILE *stream) const;
 
 private:
-    struct Member {
-        std::string name;
-        std::variant<Json, Table> value;
-    };
-
-    std::vector<Member> members;
+    Json json;
+    nlohmann::ordered_map<std::string, Table> tables; ///< by their members
     std::vector<std::string> sentences;
     std::optional<std::string> exact_json;
 };

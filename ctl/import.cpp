@@ -5,27 +5,15 @@
 #include "cloud_store.h"
 #include "snapshot.h"
 
-/// The record file of a backup that holds this snapshot.
-static std::string wrap_snapshot(const std::string &text)
-{
-    const std::string now = std::to_string(g_get_real_time() / 1000);
-    return encode_record_file({{RECORD_KEY, now, text}});
-}
-
-static void check_record_file(const std::string &content)
-{
-    try {
-        snapshot_in(decode_record_file(content));
-    } catch (const HostError &error) {
-        throw DamagedError(error.what());
-    }
-}
-
 Importable make_importable(const std::string &content)
 {
     if (is_record_file(content)) {
-        check_record_file(content);
-        return {content, {}};
+        try {
+            snapshot_in(decode_record_file(content));
+            return {content, {}};
+        } catch (const HostError &error) {
+            throw DamagedError(error.what());
+        }
     }
     if (g_utf8_validate(content.data(), static_cast<gssize>(content.size()), nullptr) == FALSE)
         throw HostError("it is no UTF-8 text");
@@ -35,5 +23,6 @@ Importable make_importable(const std::string &content)
     const std::optional<Snapshot> snapshot = read_snapshot(text);
     if (!snapshot || !snapshot->is_object)
         throw HostError("it is neither a backup nor a snapshot: it is no JSON object");
-    return {wrap_snapshot(text), snapshot->oddities};
+    const std::string now = std::to_string(g_get_real_time() / 1000);
+    return {encode_record_file({{RECORD_KEY, now, text}}), snapshot->oddities};
 }

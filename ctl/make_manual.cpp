@@ -1,11 +1,12 @@
-// Writes ime-backupctl's manual: a template, with what the help tells in it. So the two can't differ.
+// Writes ime-backupctl's manual: a template from standard input, with what the help tells in it. So the two
+// can't differ.
 
-#include <cstdio>
-#include <fstream>
+#include <iostream>
 #include <map>
-#include <sstream>
 
-#include "help.h"
+#include <glib.h>
+
+#include "cli.h"
 #include "setting.h"
 #include "text.h"
 
@@ -22,20 +23,21 @@ static std::string plain(const std::string &text)
 static std::string paragraph(const std::string &text)
 {
     static constexpr size_t WIDTH = 72;
-    std::string lines_of_sentences = text;
-    for (size_t i = 1; i < text.size(); i++)
-        if (text[i] == ' ' && std::string_view(".?!").find(text[i - 1]) != std::string_view::npos)
-            lines_of_sentences[i] = '\n';
-    std::istringstream sentences(lines_of_sentences);
+    g_auto(GStrv) sentences = g_regex_split_simple("(?<=[.?!]) ", text.c_str(), {}, {});
     std::string lines;
-    for (std::string sentence; std::getline(sentences, sentence);)
-        for (const std::string &line : wrap(sentence, WIDTH))
+    for (gchar **sentence = sentences; *sentence != nullptr; sentence++)
+        for (const std::string &line : wrap(*sentence, WIDTH))
             lines += plain(line) + "\n";
     return lines;
 }
 
-static std::string in_list(const std::string &items)
+/// @param describe yields an item's macros and text
+template <class Things, class Describe>
+static std::string list(const Things &things, Describe describe)
 {
+    std::string items;
+    for (const auto &thing : things)
+        items += ".It " + describe(thing);
     return items.empty() ? "" : ".Bl -tag -width Ds\n" + items + ".El\n";
 }
 
@@ -53,16 +55,9 @@ static std::string option_macros(const Option &option)
 
 static std::string options_list(const std::vector<Option> &options)
 {
-    std::string items;
-    for (const Option &option : options)
-        items += ".It " + option_macros(option) + "\n" + paragraph(std::string(option.description) + ".");
-    return in_list(items);
-}
-
-static std::string argument_macros(const Argument &argument)
-{
-    const std::string dots = is_repeatable(argument.times) ? " ..." : "";
-    return in_brackets(argument.times, std::string("Ar ") + argument.label + dots);
+    return list(options, [](const Option &option) {
+        return option_macros(option) + "\n" + paragraph(std::string(option.description) + ".");
+    });
 }
 
 static std::string describe(const Command &command, const std::string &parent)
@@ -72,7 +67,8 @@ static std::string describe(const Command &command, const std::string &parent)
     for (const Option &option : command.options)
         text += in_brackets(option.times, option_macros(option));
     for (const Argument &argument : command.arguments)
-        text += argument_macros(argument);
+        text += in_brackets(argument.times, std::string("Ar ") + argument.label +
+                                                (is_repeatable(argument.times) ? " ..." : ""));
     text += "\n" + paragraph(std::string(command.summary) + ".");
     if (*command.details != '\0')
         text += paragraph(command.details);
@@ -85,77 +81,52 @@ static std::string describe(const Command &command, const std::string &parent)
 static std::string describe_commands()
 {
     std::string text;
-    std::string items;
     std::string group;
-    for (const Command &command : PROGRAM.commands) {
-        if (command.group == nullptr)
-            continue;
-        if (command.group != group) {
-            text += in_list(items) + ".Ss " + command.group + "\n";
-            items.clear();
-        }
-        group = command.group;
-        items += describe(command, "");
+    for (const Command *command : commands_below(PROGRAM)) {
+        if (command->group != group)
+            text += (group.empty() ? ".Ss " : ".El\n.Ss ") + std::string(command->group) +
+                    "\n.Bl -tag -width Ds\n";
+        group = command->group;
+        text += describe(*command, "");
     }
-    return text + in_list(items);
+    return text + ".El\n";
 }
 
 static std::string describe_examples(const Command &command)
 {
     std::string text;
-    for (const Command &subcommand : command.commands)
-        if (subcommand.group != nullptr)
-            text += paragraph(std::string(subcommand.summary) + ":") + ".Dl $ " + plain(subcommand.example) +
-                    "\n" + describe_examples(subcommand);
+    for (const Command *subcommand : commands_below(command))
+        text += paragraph(std::string(subcommand->summary) + ":") + ".Dl $ " + plain(subcommand->example) +
+                "\n" + describe_examples(*subcommand);
     return text;
 }
 
-static std::string describe_settings()
+static std::string describe_notes(const std::vector<Note> &notes, const std::string &macro)
 {
-    std::string items;
-    for (const SettingRow &row : ALL_SETTINGS)
-        items += ".It Ic " + std::string(row.member) + "\n" + plain(place_of(row)) + "\n";
-    return in_list(items);
+    return list(notes, [&macro](const Note &note) {
+        return macro + note.label + "\n" + paragraph(std::string(note.description) + ".");
+    });
 }
 
-static std::string describe_notes(const std::vector<Note> &notes, const char *macro)
+static std::string describe_setting(const SettingRow &row)
 {
-    std::string items;
-    for (const Note &note : notes)
-        items += ".It " + std::string(macro) + note.name + "\n" + paragraph(std::string(note.meaning) + ".");
-    return in_list(items);
+    return std::string("Ic ") + row.member + "\n" + plain(place_of(row)) + "\n";
 }
 
-static int make_manual(const char *template_file, const char *manual_file)
+int main()
 {
     const std::map<std::string, std::string> parts = {
         {"@OS@", ".Os \"IME backup service " IME_BACKUP_VERSION "\"\n"},
         {"@COMMANDS@", describe_commands()},
         {"@OPTIONS@", options_list(PROGRAM.options)},
-        {"@SETTINGS@", describe_settings()},
+        {"@SETTINGS@", list(ALL_SETTINGS, describe_setting)},
         {"@ENVIRONMENT@", describe_notes(ENVIRONMENT, "Ev ")},
         {"@EXIT_STATUSES@", describe_notes(EXIT_STATUSES, "")},
         {"@EXAMPLES@", describe_examples(PROGRAM)},
     };
-    std::ifstream manual_template(template_file);
-    std::ofstream manual(manual_file);
-    for (std::string line; std::getline(manual_template, line);) {
+    for (std::string line; std::getline(std::cin, line);) {
         const auto part = parts.find(line);
-        manual << (part == parts.end() ? line + "\n" : part->second);
+        std::cout << (part == parts.end() ? line + "\n" : part->second);
     }
-    return manual_template.eof() && manual.flush() ? EXIT_DONE : EXIT_FAILED;
-}
-
-int main(int argc, char **argv)
-{
-    if (argc != 3) {
-        fprintf(stderr, "Usage: make-manual TEMPLATE MANUAL\n");
-        return EXIT_USAGE;
-    }
-    try {
-        return make_manual(argv[1], argv[2]);
-    } catch (const std::exception &error) {
-        fprintf(stderr, "make-manual: %s\n", error.what());
-        return EXIT_FAILED;
-    }
+    return std::cin.eof() && std::cout.flush() ? EXIT_DONE : EXIT_FAILED;
 }

@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <cstring>
 #include <dlfcn.h>
+#include <functional>
 #include <sstream>
 
 #include <glib.h>
 
-#include "status.h"
-#include "suggestion.h"
+#include "cli.h"
 #include "text.h"
 
 std::vector<std::string> names_of_settings()
@@ -24,10 +24,9 @@ const SettingRow &find_setting(const std::string &name)
     for (const SettingRow &row : ALL_SETTINGS)
         if (row.member == name)
             return row;
-    const std::vector<std::string> names = names_of_settings();
-    const std::string hint = did_you_mean(name, names);
+    const std::string hint = did_you_mean(name, names_of_settings());
     throw UsageError("there is no setting \"" + name + "\"" +
-                     (hint.empty() ? "; there are " + join(names, ", ") : hint));
+                     (hint.empty() ? "; there are " + join(names_of_settings(), ", ") : hint));
 }
 
 Device &open_device()
@@ -41,36 +40,29 @@ Device &open_device()
     return *device;
 }
 
-BackupPlan plan_backup_of(Device &device)
+BackupPlan plan_backup_here(double timeout_seconds)
 {
-    return plan_backup(device.read_all(), [&device](const SettingRow &row, const DeviceValue &value) {
-        return device.refuses(row, value);
-    });
+    const FileLock turn = wait_for_turn(timeout_seconds, true);
+    Device &device = open_device();
+    return plan_backup(device.read_all(), std::bind_front(&Device::refuses, &device));
 }
 
 std::string place_of(const SettingRow &row)
 {
-    switch (row.place) {
-    case SettingPlace::input_method_control:
+    if (row.place == SettingPlace::input_method_control)
         return "input-method control: active input method";
-    case SettingPlace::settings_store:
-        return std::string("settings store: ") + row.key;
-    case SettingPlace::configuration:
-        return std::string("input-method configuration: ") + row.key;
-    }
-    return "";
+    const bool is_stored = row.place == SettingPlace::settings_store;
+    return (is_stored ? "settings store: " : "input-method configuration: ") + std::string(row.key);
 }
 
 // Values.
 
 static bool parse_switch(const std::string &text)
 {
-    for (const char *word : {"true", "on", "yes", "1"})
-        if (text == word)
-            return true;
-    for (const char *word : {"false", "off", "no", "0"})
-        if (text == word)
-            return false;
+    static constexpr const char *WORDS[][2] = {{"true", "false"}, {"on", "off"}, {"yes", "no"}, {"1", "0"}};
+    for (const auto &[on, off] : WORDS)
+        if (text == on || text == off)
+            return text == on;
     throw UsageError("\"" + text + "\" is neither true nor false");
 }
 
@@ -102,43 +94,23 @@ DeviceValue parse_value(const SettingRow &row, const std::string &text)
 {
     if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) == FALSE)
         throw UsageError("the value is no UTF-8 text");
-    switch (row.form) {
-    case SettingForm::boolean_switch:
+    if (row.form == SettingForm::boolean_switch)
         return parse_switch(text);
-    case SettingForm::integer_switch:
+    if (row.form == SettingForm::integer_switch)
         return parse_switch(text) ? 1 : 0;
-    case SettingForm::languages:
+    if (row.form == SettingForm::languages)
         return parse_languages(text);
-    case SettingForm::identifier:
-        if (std::any_of(text.begin(), text.end(), [](char c) { return g_ascii_iscntrl(c) != FALSE; }))
-            throw UsageError("no identifier has a control character in it");
-        break;
-    }
+    if (std::any_of(text.begin(), text.end(), [](char c) { return g_ascii_iscntrl(c) != FALSE; }))
+        throw UsageError("no identifier has a control character in it");
     return text;
-}
-
-static Json json_of(const SettingRow &row, const DeviceValue &value)
-{
-    if (!value)
-        return nullptr;
-    if (const bool *truth = std::get_if<bool>(&*value); truth != nullptr)
-        return *truth;
-    if (const int *number = std::get_if<int>(&*value); number != nullptr)
-        return *number != 0;
-    const auto &text = std::get<std::string>(*value);
-    return row.form == SettingForm::languages ? Json(split_languages(text)) : Json(text);
 }
 
 Cell cell_of(const SettingRow &row, const DeviceValue &value)
 {
-    return {json_of(row, value), format_value(row, value)};
-}
-
-Table table_of(const std::vector<ChangedSetting> &changes)
-{
-    Table table{{{"name", "setting"}, {"before", "before"}, {"after", "after"}}, {}};
-    for (const ChangedSetting &change : changes)
-        table.rows.push_back(
-            {change.row.member, cell_of(change.row, change.before), cell_of(change.row, change.after)});
-    return table;
+    Json json;
+    if (const auto *text = value ? std::get_if<std::string>(&*value) : nullptr; text != nullptr)
+        json = row.form == SettingForm::languages ? Json(split_languages(*text)) : Json(*text);
+    else if (value)
+        json = value != DeviceValue(false) && value != DeviceValue(0);
+    return {json, format_value(row, value)};
 }

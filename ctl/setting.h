@@ -17,8 +17,10 @@ const SettingRow &find_setting(const std::string &name);
 /// @throws PlatformError when its library can't be loaded
 Device &open_device();
 
-/// What a backup of this device would hold.
-BackupPlan plan_backup_of(Device &device);
+/// What a backup of this device would hold, once no exchange is under way.
+///
+/// @throws TimeoutError
+BackupPlan plan_backup_here(double timeout_seconds);
 
 /// A setting's place and key, for a person.
 std::string place_of(const SettingRow &row);
@@ -30,11 +32,5 @@ DeviceValue parse_value(const SettingRow &row, const std::string &text);
 
 Cell cell_of(const SettingRow &row, const DeviceValue &value);
 
-/// A setting that was changed.
-struct ChangedSetting {
-    SettingRow row;
-    DeviceValue before;
-    DeviceValue after;
-};
-
-Table table_of(const std::vector<ChangedSetting> &changes);
+/// For settings that were changed.
+inline const Table CHANGES{{{"name", "setting"}, {"before", "before"}, {"after", "after"}}};
