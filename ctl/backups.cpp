@@ -121,15 +121,10 @@ Table inspect(const CloudStore &store, const std::vector<BackupNumber> &numbers,
         } catch (const NoBackupError &) {
             continue; // deleted meanwhile
         }
-        const std::string remark = reason.empty() ? "" : "damaged: " + reason;
-        table.rows.push_back({number,
-                              {utc_time(date), format_date(date)},
-                              format_age(date),
-                              size,
-                              {reason.empty(), ""},
-                              keyboard,
-                              languages,
-                              {reason, remark}});
+        const Cell time = {utc_time(date), format_date(date)};
+        const Cell usable = {reason.empty(), ""};
+        const Cell remark = {reason, reason.empty() ? "" : "damaged: " + reason};
+        table.rows.push_back({number, time, format_age(date), size, usable, keyboard, languages, remark});
     }
     return table;
 }

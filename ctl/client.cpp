@@ -1,7 +1,6 @@
 #include "cli.h"
 
 #include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -11,7 +10,6 @@
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vector>
 
 #include <glib.h>
 
@@ -139,14 +137,6 @@ static ChildEnd run_service(const Cli &cli, const char *operation, const std::st
     return end;
 }
 
-static std::string describe_end(int status)
-{
-    if (WIFSIGNALED(status))
-        return std::string("the service was ended by a signal (") + g_strsignal(WTERMSIG(status)) + ")";
-    return "the service gave no result of an exchange (exit status " + std::to_string(WEXITSTATUS(status)) +
-           ")";
-}
-
 /// What is known of the work of a service that came to no result.
 static std::string describe_work(const ExchangeReport &report, std::string_view operation, int status)
 {
@@ -196,8 +186,12 @@ ExchangeReport run_exchange(Cli &cli, const char *operation, const std::string &
     } else if (end.stopped == Stop::timed_out) {
         report.result = Result::timed_out;
         report.reason = "the service did not finish in time and was stopped";
+    } else if (report.reason.empty() && WIFSIGNALED(end.status)) {
+        report.reason =
+            std::string("the service was ended by a signal (") + g_strsignal(WTERMSIG(end.status)) + ")";
     } else if (report.reason.empty()) {
-        report.reason = describe_end(end.status);
+        report.reason = "the service gave no result of an exchange (exit status " +
+                        std::to_string(WEXITSTATUS(end.status)) + ")";
     }
     report.reason += describe_work(report, operation, end.status);
     if (!cli.has("--verbose"))
@@ -234,9 +228,9 @@ FileLock wait_for_turn(double timeout_seconds, bool is_only_looking)
     std::error_code ignored;
     if (is_only_looking && !fs::exists(file, ignored))
         return turn;
-    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout_seconds);
+    const gint64 end = g_get_monotonic_time() + static_cast<gint64>(timeout_seconds * G_USEC_PER_SEC);
     while (!turn.try_acquire()) {
-        if (std::chrono::steady_clock::now() > end)
+        if (g_get_monotonic_time() > end)
             throw TimeoutError("another exchange did not end in time");
         usleep(RETRY_US);
     }

@@ -1,5 +1,3 @@
-#include <unistd.h>
-
 #include "backups.h"
 #include "commands.h"
 #include "contact.h"
@@ -137,11 +135,12 @@ void run_status(Cli &cli)
     for (const auto &thing : things) {
         const Finding finding = thing.look(cli);
         const bool is_fine = finding.advice.empty();
+        const std::string remark = finding.found + (is_fine ? "" : ". " + finding.advice);
         table.rows.push_back({{thing.what, thing.name},
                               {is_fine, is_fine ? "fine" : "NOT FINE"},
                               finding.found,
                               finding.advice,
-                              finding.found + (is_fine ? "" : ". " + finding.advice)});
+                              remark});
         if (!is_fine && finding.is_needed)
             cli.status = EXIT_NO_PLATFORM;
     }

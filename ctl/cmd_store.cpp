@@ -75,12 +75,11 @@ void run_show(Cli &cli)
 void run_verify(Cli &cli)
 {
     const auto store = open_store(cli.timeout_seconds);
+    const std::vector<BackupNumber> numbers =
+        cli.arguments.empty() ? list_backups(*store)
+                              : find_backups(*store, store->list().numbers, cli.arguments);
     size_t damaged = 0;
-    const Table table =
-        inspect(*store,
-                cli.arguments.empty() ? list_backups(*store)
-                                      : find_backups(*store, store->list().numbers, cli.arguments),
-                damaged);
+    const Table table = inspect(*store, numbers, damaged);
     cli.document.set(table);
     const size_t count = table.rows.size();
     cli.document.say(std::to_string(count) + (count == 1 ? " backup, " : " backups, ") +
@@ -244,16 +243,6 @@ void run_prune(Cli &cli)
 
 // Files of the user's.
 
-/// Writes to a pipe or a device.
-static void write_stream(const fs::path &name, const std::string &content)
-{
-    FILE *stream = fopen(name.c_str(), "we");
-    if (stream != nullptr)
-        fwrite(content.data(), 1, content.size(), stream); // its failure shows when the stream is flushed
-    if (stream == nullptr || fclose(stream) != 0)
-        throw HostError("can't write " + name.string() + ": " + g_strerror(errno));
-}
-
 /// Writes a file of the user's, whole or not at all.
 static void write_file(const fs::path &file, const std::string &content)
 {
@@ -273,7 +262,11 @@ static void write_out(const CloudStore &store, const fs::path &name, const std::
     if (!fs::exists(status) && fs::is_symlink(fs::symlink_status(name, error)))
         throw HostError("can't write " + name.string() + ": it is a link to nothing");
     if (fs::exists(status) && !fs::is_regular_file(status)) {
-        write_stream(name, content);
+        FILE *stream = fopen(name.c_str(), "we");
+        if (stream != nullptr)
+            fwrite(content.data(), 1, content.size(), stream); // its failure shows when the stream is flushed
+        if (stream == nullptr || fclose(stream) != 0)
+            throw HostError("can't write " + name.string() + ": " + g_strerror(errno));
         return;
     }
     if (store.contains(name))
@@ -301,15 +294,6 @@ void run_export(Cli &cli)
     cli.document.say(name_of(number) + "  written to " + name);
 }
 
-/// Reads a file of the user's, or standard input.
-static std::string read_in(const std::string &name)
-{
-    const Descriptor file(name == "-" ? dup(STDIN_FILENO) : open(name.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file)
-        throw HostError(g_strerror(errno));
-    return read_to_end(file, MAX_RECORD_FILE_SIZE);
-}
-
 void run_import(Cli &cli)
 {
     const std::string name = cli.argument();
@@ -321,7 +305,10 @@ void run_import(Cli &cli)
         refuse_missing(*store);
     Importable importable;
     try {
-        importable = make_importable(read_in(name));
+        const Descriptor file(name == "-" ? dup(STDIN_FILENO) : open(name.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!file)
+            throw HostError(g_strerror(errno));
+        importable = make_importable(read_to_end(file, MAX_RECORD_FILE_SIZE));
     } catch (const DamagedError &error) {
         throw DamagedError(name + " can't be imported: " + error.what());
     } catch (const HostError &error) {

@@ -24,7 +24,7 @@ static std::string check_seconds(const std::string &text)
 
 static bool matches(const std::string &text, const char *pattern)
 {
-    return g_regex_match_simple(pattern, text.c_str(), G_REGEX_RAW, GRegexMatchFlags{}) != FALSE;
+    return g_regex_match_simple(pattern, text.c_str(), G_REGEX_RAW, {}) != FALSE;
 }
 
 static std::string check_count(const std::string &text)

@@ -15,9 +15,7 @@ struct Cell {
     Cell(std::string value) : json(value), text(std::move(value)) {}
     Cell(const char *value) : Cell(std::string(value)) {}
     Cell(std::uint64_t value) : json(value), text(std::to_string(value)) {}
-    Cell(Json value, std::string text_for_people) : json(std::move(value)), text(std::move(text_for_people))
-    {
-    }
+    Cell(Json value, std::string shown) : json(std::move(value)), text(std::move(shown)) {}
 
     Json json;
     std::string text;

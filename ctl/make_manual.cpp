@@ -1,5 +1,4 @@
-// Writes ime-backupctl's manual: a template from standard input, with what the help tells in it. So the two
-// can't differ.
+// Writes ime-backupctl's manual: standard input, with what the help tells in it. So the two can't differ.
 
 #include <iostream>
 #include <map>

@@ -1,7 +1,6 @@
 #include "setting.h"
 
 #include <algorithm>
-#include <cstring>
 #include <dlfcn.h>
 #include <functional>
 #include <sstream>
@@ -66,13 +65,6 @@ static bool parse_switch(const std::string &text)
     throw UsageError("\"" + text + "\" is neither true nor false");
 }
 
-static bool is_language(const std::string &text)
-{
-    return g_ascii_isalpha(text[0]) != FALSE && std::all_of(text.begin(), text.end(), [](char c) {
-               return g_ascii_isalnum(c) != FALSE || strchr("_@.-", c) != nullptr;
-           });
-}
-
 /// Each identifier, with the delimiter behind it.
 static std::string parse_languages(const std::string &text)
 {
@@ -81,7 +73,7 @@ static std::string parse_languages(const std::string &text)
     for (std::string piece; std::getline(pieces, piece, ',');) {
         if (piece.empty())
             continue;
-        if (!is_language(piece))
+        if (g_regex_match_simple(R"(^[A-Za-z][A-Za-z0-9_@.-]*\z)", piece.c_str(), {}, {}) == FALSE)
             throw UsageError(
                 "\"" + piece +
                 "\" can't be a language's identifier, such as en_US; between several there are commas");
