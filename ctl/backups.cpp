@@ -111,8 +111,8 @@ Table inspect(const CloudStore &store, const std::vector<BackupNumber> &numbers,
             size = backup.content.size();
             keyboard = cell_of(values, SettingForm::identifier);
             languages = cell_of(values, SettingForm::languages);
-            if (languages.json.is_array())
-                languages.json = languages.json.size(); // a script gets the count
+            if (const auto *texts = std::get_if<std::vector<std::string>>(&languages.json); texts != nullptr)
+                languages.json = texts->size(); // a script gets the count
         } catch (const DamagedError &error) {
             reason = error.what();
             if (const auto known = store.size(number); known)

@@ -7,32 +7,55 @@
 #include <unistd.h>
 
 #include <glib.h>
+#include <nlohmann/json.hpp>
 
 #include "text.h"
 
-static Json json_of(const Table &table)
+using OrderedJson = nlohmann::ordered_json;
+
+Document::Document() : json(std::make_unique<OrderedJson>()) {}
+
+Document::~Document() = default;
+
+static OrderedJson json_of(const Json &value)
 {
-    Json json = Json::array();
+    return std::visit([](const auto &typed) { return OrderedJson(typed); }, value);
+}
+
+static OrderedJson json_of(const Table &table)
+{
+    OrderedJson json = OrderedJson::array();
     for (const std::vector<Cell> &row : table.rows) {
-        Json object = Json::object();
+        OrderedJson object = OrderedJson::object();
         for (size_t i = 0; i < row.size(); i++)
             if (table.columns[i].member != FOR_PEOPLE)
-                object[table.columns[i].member] = row[i].json;
+                object[table.columns[i].member] = json_of(row[i].json);
         json.push_back(std::move(object));
     }
     return json;
 }
 
+void Document::set(const char *member, const Json &value)
+{
+    (*json)[member] = json_of(value);
+}
+
 void Document::set(const char *member, const Table &table)
 {
-    json[member] = json_of(table);
-    tables[member] = table;
+    (*json)[member] = json_of(table);
+    std::erase_if(tables, [&](const auto &known) { return known.first == member; });
+    tables.emplace_back(member, table);
 }
 
 void Document::set(const Table &table)
 {
-    json = json_of(table);
+    *json = json_of(table);
     show(table);
+}
+
+bool Document::has_result() const
+{
+    return json->contains("succeeded");
 }
 
 void Document::set_result(bool succeeded, const std::string &reason)
@@ -43,10 +66,10 @@ void Document::set_result(bool succeeded, const std::string &reason)
 
 void Document::print_json() const
 {
-    if (json.is_null() && !exact_json)
+    if (json->is_null() && !exact_json)
         return;
     const std::string text =
-        exact_json ? *exact_json : json.dump(2, ' ', false, Json::error_handler_t::replace);
+        exact_json ? *exact_json : json->dump(2, ' ', false, OrderedJson::error_handler_t::replace);
     // In a pipe, the text is the data itself; on a terminal it must not be obeyed.
     if (isatty(STDOUT_FILENO) == 0) {
         printf("%s\n", text.c_str());

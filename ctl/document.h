@@ -2,13 +2,17 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
-using Json = nlohmann::ordered_json;
+/// A value as JSON has it.
+using Json = std::variant<std::nullptr_t, bool, std::int64_t, std::uint64_t, std::string,
+                          std::vector<std::string>, std::vector<std::uint64_t>>;
 
 /// A value for a script, and the same one for a person.
 struct Cell {
@@ -47,8 +51,11 @@ struct Table {
 class Document
 {
 public:
+    Document();
+    ~Document();
+
     /// A member of the document, for scripts.
-    void set(const char *member, Json value) { json[member] = std::move(value); }
+    void set(const char *member, const Json &value);
 
     /// A member of the document, which is also shown to people.
     void set(const char *member, const Table &table);
@@ -60,22 +67,22 @@ public:
     void set_json(std::string text) { exact_json = std::move(text); }
 
     /// A table for people alone.
-    void show(const Table &table) { tables[""] = table; }
+    void show(const Table &table) { tables = {{"", table}}; }
 
     /// A sentence for a person.
     void say(const std::string &sentence) { sentences.push_back(sentence); }
 
     /// The two members with which commands that do something tell whether they did.
     void set_result(bool succeeded, const std::string &reason = "");
-    bool has_result() const { return json.contains("succeeded"); }
+    bool has_result() const;
 
     /// Prints nothing when nothing was set.
     void print_json() const;
     void print_text(FILE *stream) const;
 
 private:
-    Json json;
-    nlohmann::ordered_map<std::string, Table> tables; ///< by their members
+    std::unique_ptr<nlohmann::ordered_json> json;
+    std::vector<std::pair<std::string, Table>> tables; ///< by their members
     std::vector<std::string> sentences;
     std::optional<std::string> exact_json;
 };

@@ -103,6 +103,6 @@ Cell cell_of(const SettingRow &row, const DeviceValue &value)
     if (const auto *text = value ? std::get_if<std::string>(&*value) : nullptr; text != nullptr)
         json = row.form == SettingForm::languages ? Json(split_languages(*text)) : Json(*text);
     else if (value)
-        json = value != DeviceValue(false) && value != DeviceValue(0);
+        json = bool(value != DeviceValue(false) && value != DeviceValue(0));
     return {json, format_value(row, value)};
 }

@@ -10,7 +10,6 @@
 #include "snapshot.h"
 
 using Json = nlohmann::json;
-using OrderedJson = nlohmann::ordered_json;
 
 static constexpr int VERSION = 1;
 
@@ -26,12 +25,14 @@ static constexpr char CHANGED[] = "it has been changed since it was written, or 
 
 static std::string encode_records(const CloudRecords &records)
 {
-    const auto encode = [](const auto &text) { return text ? OrderedJson(*text) : OrderedJson(); };
-    OrderedJson elements = OrderedJson::array();
-    for (const CloudRecord &record : records)
-        elements.push_back(
-            {{"key", encode(record.key)}, {"date", encode(record.date)}, {"value", encode(record.value)}});
-    return elements.dump(-1, ' ', false, Json::error_handler_t::replace);
+    const auto encode = [](const auto &text) {
+        return (text ? Json(*text) : Json()).dump(-1, ' ', false, Json::error_handler_t::replace);
+    };
+    std::string text;
+    for (const auto &[key, date, value, failed] : records)
+        text += (text.empty() ? "" : ",") + ("{\"key\":" + encode(key)) + ",\"date\":" + encode(date) +
+                ",\"value\":" + encode(value) + "}";
+    return "[" + text + "]";
 }
 
 static std::string checksum_of(const std::string &text)
