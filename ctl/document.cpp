@@ -43,7 +43,7 @@ void Document::set_result(bool succeeded, const std::string &reason)
 
 void Document::print_json() const
 {
-    if (json.is_null() && !exact_json)
+    if (json == Json::object() && !exact_json)
         return;
     const std::string text =
         exact_json ? *exact_json : json.dump(2, ' ', false, Json::error_handler_t::replace);

@@ -74,7 +74,7 @@ public:
     void print_text(FILE *stream) const;
 
 private:
-    Json json;
+    Json json = Json::object();
     nlohmann::ordered_map<std::string, Table> tables; ///< by their members
     std::vector<std::string> sentences;
     std::optional<std::string> exact_json;
