@@ -178,14 +178,15 @@ void run_delete(Cli &cli)
 }
 
 /// The newest backup that can be restored; 0 if there is none.
-static BackupNumber find_newest_good(const CloudStore &store, const std::vector<BackupNumber> &numbers)
+static BackupNumber find_newest_good(const CloudStore &store, std::vector<BackupNumber> numbers)
 {
-    for (auto number = numbers.rbegin(); number != numbers.rend(); ++number)
+    std::reverse(numbers.begin(), numbers.end());
+    for (const BackupNumber number : numbers)
         try {
-            snapshot_in(store.read(*number).records);
-            return *number;
+            snapshot_in(store.read(number).records);
+            return number;
         } catch (const UnreadableError &error) { // an older one must not take its place
-            throw HostError("nothing is deleted, since of " + name_of(*number) +
+            throw HostError("nothing is deleted, since of " + name_of(number) +
                             " it is not known whether it is good: " + error.what());
         } catch (const DamagedError &) {
             continue;
