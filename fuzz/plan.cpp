@@ -17,7 +17,7 @@
 #include "ime_backup_service_json_parser.h"
 #include "ime_backup_service_json_writer.h"
 #include "isf_control.h"
-#include "service_parser.h"
+#include "record_file.h"
 #include "vconf.h"
 
 // A device that keeps what it is told.
@@ -43,8 +43,9 @@ static std::string refuses(const SettingRow &row, const DeviceValue &value)
     if (row.form != SettingForm::identifier)
         return "";
     const auto &identifier = std::get<std::string>(*value);
-    const bool is_refused = identifier.empty() || identifier[0] == ' ' ||
-                            std::any_of(identifier.begin(), identifier.end(), [](char c) { return g_ascii_iscntrl(c) != FALSE; });
+    const bool is_refused =
+        identifier.empty() || identifier[0] == ' ' ||
+        std::any_of(identifier.begin(), identifier.end(), [](char c) { return g_ascii_iscntrl(c) != FALSE; });
     return is_refused ? "it is refused" : "";
 }
 
@@ -197,9 +198,9 @@ ConfigPointer ConfigModule::create_config() const
 
 static std::string make_text(FuzzedDataProvider &data, size_t max_length)
 {
-    static const char *const WORDS[] = {"",      "#",     "en_US#ko_KR#", "en_US", "a#b#", " kbd", "kbd",
-                                        "true",  "TRUE",  "False",        "0",     "1",    "7x",   "-0",
-                                        "en_US#", "ko_KR#"};
+    static const char *const WORDS[] = {"",    "#",    "en_US#ko_KR#", "en_US", "a#b#", " kbd",
+                                        "kbd", "true", "TRUE",         "False", "0",    "1",
+                                        "7x",  "-0",   "en_US#",       "ko_KR#"};
     if (data.ConsumeBool())
         return data.PickValueInArray(WORDS);
     std::string text = data.ConsumeRandomLengthString(max_length);
@@ -232,7 +233,8 @@ static void check_backup()
     char *text = nullptr;
     gsize length = 0;
     const bool is_made = _ime_backup_get_json_value(&text, &length) == 0;
-    require(is_made == (plan.obstacles.empty() || plan.obstacles.front().row.form != SettingForm::identifier));
+    require(is_made ==
+            (plan.obstacles.empty() || plan.obstacles.front().row.form != SettingForm::identifier));
     if (!is_made)
         return;
     require(device == plan.device);

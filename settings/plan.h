@@ -33,8 +33,8 @@ struct RestoredSetting {
     SnapshotValue wanted; ///< by the last record that is applied
     DeviceValue before;
     DeviceValue after;
-    std::string why;      ///< it is not as wanted, for a person; empty if it is
-    std::string refusal;  ///< the device's, of the value that was last to be written
+    std::string why;     ///< it is not as wanted, for a person; empty if it is
+    std::string refusal; ///< the device's, of the value that was last to be written
 };
 
 struct RestorePlan {

@@ -79,8 +79,8 @@ std::string join_languages(const std::vector<std::string> &languages)
 
 bool is_same_value(const SettingRow &row, const DeviceValue &one, const DeviceValue &other)
 {
-    if (row.form != SettingForm::languages || !one || !other ||
-        !std::holds_alternative<std::string>(*one) || !std::holds_alternative<std::string>(*other))
+    if (row.form != SettingForm::languages || !one || !other || !std::holds_alternative<std::string>(*one) ||
+        !std::holds_alternative<std::string>(*other))
         return one == other;
     const auto sorted = [](const DeviceValue &value) {
         std::vector<std::string> languages = split_languages(std::get<std::string>(*value));

@@ -153,7 +153,8 @@ DeviceValue device_value(const SettingRow &row, const SnapshotValue &value)
 bool is_same_snapshot(const SnapshotValues &one, const SnapshotValues &other)
 {
     for (size_t i = 0; i < SETTINGS.size(); i++)
-        if (!is_same_value(SETTINGS[i], device_value(SETTINGS[i], one[i]), device_value(SETTINGS[i], other[i])))
+        if (!is_same_value(SETTINGS[i], device_value(SETTINGS[i], one[i]),
+                           device_value(SETTINGS[i], other[i])))
             return false;
     return true;
 }

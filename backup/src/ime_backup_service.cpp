@@ -6,10 +6,10 @@
 #include <glib.h>
 
 #include "appcore_agent.h"
-#include "orvanta_cloud_operations.h"
 #include "ime_backup_service_json_parser.h"
 #include "ime_backup_service_json_writer.h"
 #include "log.h"
+#include "orvanta_cloud_operations.h"
 
 static constexpr char BACKUP_FILE[] =
     "/opt/usr/apps/com.orvanta.ime-backup-service/shared/trusted/backup.dat";

@@ -127,11 +127,6 @@ ScimDaemon::ScimDaemon() : connection(connect_to(address, timeout_ms)), socket(c
         throw DaemonError(name() + "does not answer");
 }
 
-std::string ScimDaemon::default_address()
-{
-    return scim::scim_get_default_socket_config_address();
-}
-
 std::string ScimDaemon::name() const
 {
     return "the SCIM daemon (at " + address.get_address() + ") ";

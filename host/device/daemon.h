@@ -41,9 +41,6 @@ public:
     /// The process's connection, which all share for as long as one of them or the account keeps it.
     static std::shared_ptr<ScimDaemon> connect();
 
-    /// Where the daemon is looked for.
-    static std::string default_address();
-
     ScimDaemon();
 
     /// `Value` is scim::String, int or bool.

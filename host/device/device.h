@@ -42,16 +42,14 @@ public:
     virtual std::string daemon_address() = 0;
 
     DeviceValue read_one(const SettingRow &row) { return read({&row, 1}).front(); }
-    DeviceState read_all();
+    DeviceState read_all()
+    {
+        const std::vector<DeviceValue> values = read(ALL_SETTINGS);
+        DeviceState state;
+        std::copy(values.begin(), values.end(), state.begin());
+        return state;
+    }
 };
-
-inline DeviceState Device::read_all()
-{
-    const std::vector<DeviceValue> values = read(ALL_SETTINGS);
-    DeviceState state;
-    std::copy(values.begin(), values.end(), state.begin());
-    return state;
-}
 
 /// The device of this process.
 extern "C" Device *host_device();

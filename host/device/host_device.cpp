@@ -125,9 +125,8 @@ public:
     {
         SettingsStore::open()->make_durable();
         const std::vector<Change> &changes = account().changes();
-        if (std::all_of(changes.begin(), changes.end(), [](const Change &change) {
-                return change.place == SettingPlace::settings_store;
-            }))
+        if (std::all_of(changes.begin(), changes.end(),
+                        [](const Change &change) { return change.place == SettingPlace::settings_store; }))
             return;
         const std::shared_ptr<ScimDaemon> daemon = ScimDaemon::connect();
         if (daemon->has_unflushed()) {
@@ -143,7 +142,7 @@ public:
         return account().has_call(row.place);
     }
 
-    std::string daemon_address() override { return ScimDaemon::default_address(); }
+    std::string daemon_address() override { return scim::scim_get_default_socket_config_address(); }
 };
 
 } // namespace

@@ -104,7 +104,8 @@ void SettingsStore::open_database()
     std::error_code ignored;
     const bool is_left_alone = fs::exists(file.string() + "-wal", ignored);
     database.emplace(file.string(), SQLite::OPEN_READWRITE, BUSY_TIMEOUT_MS);
-    sqlite3_db_config(database->getHandle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, is_left_alone ? 1 : 0, nullptr);
+    sqlite3_db_config(database->getHandle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, is_left_alone ? 1 : 0,
+                      nullptr);
     // Either way the store is never half written, whatever comes.
     database->exec(account().is_started() ? "PRAGMA synchronous = NORMAL" : "PRAGMA synchronous = FULL");
     const int version = database->execAndGet("PRAGMA user_version").getInt();
@@ -148,7 +149,8 @@ static DeviceValue column_value(const SQLite::Statement &row, int type_column)
     const std::string text = row.getColumn(type_column + 1).getString();
     if (type == "bool" && (text == "0" || text == "1"))
         return text == "1";
-    if (type == "string" && text.find('\0') == std::string::npos && g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) != FALSE)
+    if (type == "string" && text.find('\0') == std::string::npos &&
+        g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) != FALSE)
         return text;
     refuse_store("it is damaged");
 }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <functional>
 
 #include "account.h"
 #include "contact.h"
@@ -51,23 +52,16 @@ void Exchange::prepare()
 
 // The device.
 
-/// Those of the settings store, or those of SCIM's daemon: each answers one question.
-static std::vector<SettingRow> rows_in(bool settings_store)
-{
-    std::vector<SettingRow> rows;
-    std::copy_if(std::begin(ALL_SETTINGS), std::end(ALL_SETTINGS), std::back_inserter(rows),
-                 [&](const SettingRow &row) {
-                     return (row.place == SettingPlace::settings_store) == settings_store;
-                 });
-    return rows;
-}
-
 /// What can be read of the device. A place that can't be is a problem if the service uses it.
-DeviceState Exchange::read_device(std::set<SettingPlace> &unread)
+DeviceState Exchange::read_device()
 {
     DeviceState state;
-    for (const bool settings_store : {true, false}) {
-        const std::vector<SettingRow> rows = rows_in(settings_store);
+    for (const bool settings_store :
+         {true, false}) { // SCIM's daemon has the others, and answers for all at once
+        std::vector<SettingRow> rows(std::begin(ALL_SETTINGS), std::end(ALL_SETTINGS));
+        std::erase_if(rows, [&](const SettingRow &row) {
+            return (row.place == SettingPlace::settings_store) != settings_store;
+        });
         try {
             const std::vector<DeviceValue> values = device.read(rows);
             for (size_t i = 0; i < rows.size(); i++)
@@ -102,8 +96,7 @@ static void require_no_problem(std::vector<std::string> reasons = {})
 
 DeviceState Exchange::look_at_device()
 {
-    std::set<SettingPlace> unread;
-    DeviceState state = read_device(unread);
+    DeviceState state = read_device();
     require_no_problem();
     return state;
 }
@@ -146,14 +139,9 @@ void Exchange::ask_for_keys_and_dates()
     exchange_report.records = *records;
 }
 
-static auto refusal_of(Device &device)
-{
-    return [&device](const SettingRow &row, const DeviceValue &value) { return device.refuses(row, value); };
-}
-
 void Exchange::plan_backup()
 {
-    backup_plan = ::plan_backup(look_at_device(), refusal_of(device));
+    backup_plan = ::plan_backup(look_at_device(), std::bind_front(&Device::refuses, &device));
 }
 
 void Exchange::have_records_filled()
@@ -226,7 +214,7 @@ void Exchange::require_planned_backup(const CloudRecords &filled)
             if (!device.serves(row))
                 continue;
             if (!now)
-                now = ::plan_backup(look_at_device(), refusal_of(device));
+                now = ::plan_backup(look_at_device(), std::bind_front(&Device::refuses, &device));
             const SnapshotValue held = read_snapshot(*record.value)->values[i];
             if (held != now->snapshot[i])
                 wrong.push_back(
@@ -270,7 +258,7 @@ void Exchange::plan_restore()
     std::vector<std::optional<std::string>> values;
     for (const CloudRecord &record : downloaded.records)
         values.push_back(record.value);
-    restore_plan = ::plan_restore(values, look_at_device(), refusal_of(device));
+    restore_plan = ::plan_restore(values, look_at_device(), std::bind_front(&Device::refuses, &device));
     exchange_report = report_planned(*restore_plan, exchange_report.backup, downloaded.records);
     exchange_report.result = ExchangeReport::Result::undecided;
     for (SettingReport &setting : exchange_report.settings) {
@@ -283,12 +271,13 @@ void Exchange::plan_restore()
 void Exchange::keep(const Change &change, const std::string &line)
 {
     if (change.outcome == Change::Outcome::pending) {
-        const auto row = std::find_if(std::begin(ALL_SETTINGS), std::end(ALL_SETTINGS), [&](const auto &known) {
-            return known.place == change.place && known.key == change.key;
-        });
+        const auto row =
+            std::find_if(std::begin(ALL_SETTINGS), std::end(ALL_SETTINGS), [&](const auto &known) {
+                return known.place == change.place && known.key == change.key;
+            });
         const auto index = static_cast<size_t>(row - std::begin(ALL_SETTINGS));
-        const bool is_planned = index < SETTINGS.size() &&
-                                (!backup_plan || change.after == backup_plan->device[index]);
+        const bool is_planned =
+            index < SETTINGS.size() && (!backup_plan || change.after == backup_plan->device[index]);
         if (!is_planned)
             throw PlatformError("the service must not change " + change.key + " in a " +
                                 exchange_report.operation);
@@ -300,13 +289,6 @@ void Exchange::keep(const Change &change, const std::string &line)
 void Exchange::have_records_restored()
 {
     ask(Answer::record_list, callbacks.restoration, &source);
-    std::vector<std::string> reasons;
-    if (!exchange_report.reason.empty())
-        reasons.push_back(exchange_report.reason);
-    const auto add = [&](const std::string &reason) {
-        if (!reason.empty())
-            reasons.push_back(reason);
-    };
     try {
         make_changes_durable();
     } catch (const DaemonError &error) {
@@ -314,11 +296,9 @@ void Exchange::have_records_restored()
     } catch (const PlatformError &error) {
         account().note({SettingPlace::settings_store, error.what()});
     }
-    std::set<SettingPlace> unread;
-    const DeviceState state = read_device(unread);
-    if (!downloaded.records.empty()) // else there is none to hand back
-        add(compare_records());
-    add(compare_settings(state, unread));
+    std::vector<std::string> reasons = {exchange_report.reason, compare_records(),
+                                        compare_settings(read_device())};
+    std::erase(reasons, "");
     require_no_problem(reasons);
     report_unserved();
 }
@@ -326,6 +306,8 @@ void Exchange::have_records_restored()
 /// @return how the records that the service handed back are not those of the plan
 std::string Exchange::compare_records() const
 {
+    if (downloaded.records.empty())
+        return "";
     if (!records)
         return "the service handed back no records";
     if (records->size() != exchange_report.records.size())
@@ -344,7 +326,7 @@ std::string Exchange::compare_records() const
 /// Reports what each setting came to.
 ///
 /// @return where the device does not hold what it should
-std::string Exchange::compare_settings(const DeviceState &state, const std::set<SettingPlace> &unread)
+std::string Exchange::compare_settings(const DeviceState &state)
 {
     std::vector<std::string> wrong;
     for (size_t i = 0; i < state.size(); i++) {
@@ -358,7 +340,8 @@ std::string Exchange::compare_settings(const DeviceState &state, const std::set<
         if (i < SETTINGS.size()) {
             SettingReport &report = exchange_report.settings[i];
             report.after = state[i];
-            report.why = is_right ? restore_plan->settings[i].why : "it should be " + format_value(row, planned);
+            report.why =
+                is_right ? restore_plan->settings[i].why : "it should be " + format_value(row, planned);
         }
     }
     return wrong.empty() ? "" : "not restored: " + join(wrong, ", ");

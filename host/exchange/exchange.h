@@ -86,14 +86,14 @@ private:
     void plan_restore();
     void have_records_restored();
 
-    DeviceState read_device(std::set<SettingPlace> &unread);
+    DeviceState read_device();
     DeviceState look_at_device();
     void make_changes_durable();
 
     CloudRecords check_upload(const std::string &content) const;
     void require_planned_backup(const CloudRecords &filled);
     std::string compare_records() const;
-    std::string compare_settings(const DeviceState &device, const std::set<SettingPlace> &unread);
+    std::string compare_settings(const DeviceState &state);
     void report_unserved();
 
     const Direction direction;
@@ -115,6 +115,7 @@ private:
     std::optional<RestoreJournal> journal;
 
     Device &device = *host_device();
+    std::set<SettingPlace> unread;
     std::optional<BackupPlan> backup_plan;
     std::optional<RestorePlan> restore_plan;
 };

@@ -18,45 +18,29 @@ struct orvanta_cloud_list {
 
 /// The objects of one kind that are alive, by their handles.
 template <class Object>
-using Alive = std::unordered_map<Object *, std::unique_ptr<Object>>;
-
-static Alive<orvanta_cloud_list> &lists()
-{
-    static Alive<orvanta_cloud_list> alive;
-    return alive;
-}
-
-static Alive<orvanta_cloud_record> &records()
-{
-    static Alive<orvanta_cloud_record> alive;
-    return alive;
-}
+static std::unordered_map<Object *, std::unique_ptr<Object>> alive;
 
 template <class Object>
-static Object *make(Alive<Object> &alive, std::unique_ptr<Object> object)
+static Object *make(Object object)
 {
-    Object *handle = object.get();
-    alive.emplace(handle, std::move(object));
+    auto made = std::make_unique<Object>(std::move(object));
+    Object *handle = made.get();
+    alive<Object>.emplace(handle, std::move(made));
     return handle;
 }
 
-static bool is_alive(orvanta_cloud_list_handle list)
+template <class Object>
+static bool is_alive(Object *handle)
 {
-    return lists().contains(list);
-}
-
-static bool is_alive(orvanta_cloud_record_handle record)
-{
-    return records().contains(record);
+    return alive<Object>.contains(handle);
 }
 
 orvanta_cloud_list_handle make_list(const CloudRecords &content)
 {
-    auto list = std::make_unique<orvanta_cloud_list>();
+    orvanta_cloud_list list;
     for (const CloudRecord &record : content)
-        list->records.push_back(
-            make(records(), std::make_unique<orvanta_cloud_record>(orvanta_cloud_record{record, true})));
-    return make(lists(), std::move(list));
+        list.records.push_back(make(orvanta_cloud_record{record, true}));
+    return make(std::move(list));
 }
 
 std::optional<CloudRecords> copy_records(orvanta_cloud_list_handle list)
@@ -71,8 +55,8 @@ std::optional<CloudRecords> copy_records(orvanta_cloud_list_handle list)
 
 void release_lists_and_records()
 {
-    lists().clear();
-    records().clear();
+    alive<orvanta_cloud_list>.clear();
+    alive<orvanta_cloud_record>.clear();
 }
 
 int orvanta_cloud_list_create(orvanta_cloud_list_handle *list)
@@ -88,8 +72,8 @@ int orvanta_cloud_list_destroy(orvanta_cloud_list_handle list)
     if (!is_alive(list))
         return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
     for (orvanta_cloud_record_handle record : list->records)
-        records().erase(record);
-    lists().erase(list);
+        alive<orvanta_cloud_record>.erase(record);
+    alive<orvanta_cloud_list>.erase(list);
     return ORVANTA_CLOUD_ERROR_NONE;
 }
 
@@ -144,7 +128,7 @@ int orvanta_cloud_record_create(orvanta_cloud_record_handle *record)
 {
     if (record == nullptr)
         return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
-    *record = make(records(), std::make_unique<orvanta_cloud_record>());
+    *record = make(orvanta_cloud_record());
     return ORVANTA_CLOUD_ERROR_NONE;
 }
 

@@ -37,11 +37,11 @@ struct ExchangeReport {
 
     std::string operation; ///< "backup", "restore" or "info"
     Result result = Result::undecided;
-    std::string reason;      ///< of a failure, for a person; or what is not known of a success
-    BackupNumber backup = 0; ///< that was made or restored; 0 if there is none
-    bool storing = false;    ///< whether it began to store a backup
-    bool stored = false;     ///< whether it did
-    CloudRecords records;    ///< without their values
+    std::string reason;                  ///< of a failure, for a person; or what is not known of a success
+    BackupNumber backup = 0;             ///< that was made or restored; 0 if there is none
+    bool storing = false;                ///< whether it began to store a backup
+    bool stored = false;                 ///< whether it did
+    CloudRecords records;                ///< without their values
     std::vector<SettingReport> settings; ///< of a restore
     std::vector<Change> changes;
 };

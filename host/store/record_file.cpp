@@ -6,7 +6,6 @@
 #include <nlohmann/json.hpp>
 
 #include "errors.h"
-#include "service_parser.h"
 #include "snapshot.h"
 
 using Json = nlohmann::json;

@@ -24,6 +24,10 @@ inline constexpr size_t MAX_RECORD_FILE_SIZE = size_t{16} * 1024 * 1024;
 /// Whether the service reads the same in a record's value as others do: a snapshot, or nothing at all.
 bool is_read_alike(const std::string &value);
 
+/// Whether the service may read something in a text with its parser, which takes more for JSON than others
+/// do.
+extern "C" bool service_reads(const char *text);
+
 /// Whether this is meant to be a record file, also if it is damaged.
 bool is_record_file(const std::string &content);
 

@@ -1,6 +1,6 @@
 // Apart from the rest, and loaded when it is needed: JSON-GLib brings a dozen libraries along.
 
-#include "service_parser.h"
+#include "record_file.h"
 
 #include <algorithm>
 
@@ -12,7 +12,8 @@ static constexpr auto MAX_BRACKETS = 1000;
 bool service_reads(const char *text)
 {
     const std::string_view whole(text);
-    if (std::count(whole.begin(), whole.end(), '[') + std::count(whole.begin(), whole.end(), '{') > MAX_BRACKETS)
+    if (std::count(whole.begin(), whole.end(), '[') + std::count(whole.begin(), whole.end(), '{') >
+        MAX_BRACKETS)
         return true; // as far as it is known
     g_autoptr(JsonParser) parser = json_parser_new();
     return json_parser_load_from_data(parser, text, -1, nullptr) != FALSE &&

@@ -18,8 +18,8 @@
 #include "contact.h"
 #include "files.h"
 #include "host.h"
-#include "orvanta_cloud_operations.h"
 #include "ime_backup_settings.h"
+#include "orvanta_cloud_operations.h"
 #include "report.h"
 
 namespace fs = std::filesystem;

@@ -1,5 +1,5 @@
-// Preloaded into the service, it makes a liar of it: what stands in front of the = in $LIE is replaced by what
-// stands behind it, in the snapshot that the service makes of the device and in the one that it applies.
+// Preloaded into the service, it makes a liar of it: what stands in front of the = in $LIE is replaced by
+// what stands behind it, in the snapshot that the service makes of the device and in the one that it applies.
 
 #include <cstdlib>
 #include <cstring>

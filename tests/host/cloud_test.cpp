@@ -60,7 +60,8 @@ struct FakeDevice : Device {
     }
     std::string refuses(const SettingRow &row, const DeviceValue &value) override
     {
-        return row.form == SettingForm::identifier && value == DeviceValue("refused") ? "no such keyboard" : "";
+        return row.form == SettingForm::identifier && value == DeviceValue("refused") ? "no such keyboard"
+                                                                                      : "";
     }
     void write(const SettingRow &row, const DeviceValue &value) override
     {
@@ -374,7 +375,8 @@ void on_backup(orvanta_cloud_list_handle list)
     orvanta_cloud_record_handle record = nullptr;
     EXPECT_EQ(orvanta_cloud_list_get_current_record(list, &record), 0);
     if (service.value)
-        orvanta_cloud_record_set_value(record, service.value == "right" ? right.c_str() : service.value->c_str());
+        orvanta_cloud_record_set_value(record,
+                                       service.value == "right" ? right.c_str() : service.value->c_str());
     orvanta_cloud_record_set_key(record, service.key);
     orvanta_cloud_record_set_date(record, service.date);
     if (service.add_record && orvanta_cloud_record_create(&record) == 0)
@@ -555,10 +557,14 @@ TEST_F(Cloud, ABackupHoldsWhatTheDeviceDoes)
     EXPECT_TRUE(open_store()->list().numbers.empty());
 
     // Someone else changes a setting meanwhile: before the service reads it, or after.
-    EXPECT_EQ(run_exchange(false, {.meanwhile = [] { device.state[index_of(PREDICTION)] = true; }}).reason, "");
+    EXPECT_EQ(run_exchange(false, {.meanwhile = [] { device.state[index_of(PREDICTION)] = true; }}).reason,
+              "");
     EXPECT_EQ(run_exchange(false, {.value = with("\"handwriting\":true", "\"handwriting\":false"),
-                                   .meanwhile = [] { device.state[index_of(PREDICTION)] = false;
-                                                     device.state[index_of(HANDWRITING)] = false; }})
+                                   .meanwhile =
+                                       [] {
+                                           device.state[index_of(PREDICTION)] = false;
+                                           device.state[index_of(HANDWRITING)] = false;
+                                       }})
                   .reason,
               "");
 
@@ -567,7 +573,8 @@ TEST_F(Cloud, ABackupHoldsWhatTheDeviceDoes)
     const std::string lie = with("\"handwriting\":true", "\"handwriting\":false");
     EXPECT_EQ(run_exchange(false, {.value = lie}).reason,
               "not checked, since another library keeps it: selected_lang, handwriting, prediction");
-    expect_in(run_exchange(false, {.value = with("kbd", "kb")}).reason, "default_keyboard (kb instead of kbd)");
+    expect_in(run_exchange(false, {.value = with("kbd", "kb")}).reason,
+              "default_keyboard (kb instead of kbd)");
 }
 
 TEST_F(Cloud, ADeviceThatCanNotBeBackedUpIsNot)
@@ -641,7 +648,8 @@ TEST_F(Cloud, ARestoreSucceedsOnlyWhole)
 TEST_F(Cloud, ARestoreMakesOfTheDeviceWhatItShould)
 {
     using Result = ExchangeReport::Result;
-    open_store()->add(encode_record_file({{"0", "1", "{\"default_keyboard\":\"other\",\"prediction\":true}"}}));
+    open_store()->add(
+        encode_record_file({{"0", "1", "{\"default_keyboard\":\"other\",\"prediction\":true}"}}));
     const struct {
         std::function<void()> meanwhile;
         Result result;
@@ -652,16 +660,23 @@ TEST_F(Cloud, ARestoreMakesOfTheDeviceWhatItShould)
         {[] {}, Result::succeeded, "", true, ""},
         {[] { device.write(PREDICTION, false); }, Result::failed,
          "not restored: prediction (false instead of true)", false, "it should be true"},
-        {[] { device.write(PREDICTION, {}); }, Result::failed,
-         "not restored: prediction ((not set) instead of true)", {}, "it should be true"},
+        {[] { device.write(PREDICTION, {}); },
+         Result::failed,
+         "not restored: prediction ((not set) instead of true)",
+         {},
+         "it should be true"},
         {[] { device.state[index_of(DOWNLOADED_LISTS[0])] = "fr_FR#"; }, Result::failed,
          "not restored: downloaded_lang (fr_FR instead of en_US,ko_KR)", true, ""},
-        {[] { EXPECT_THROW(device.write(DOWNLOADED_LISTS[0], "fr_FR#"), PlatformError); }, Result::succeeded, "",
-         true, ""},
-        {[] { account().note({SettingPlace::settings_store, "a problem"}); }, Result::no_platform, "a problem",
-         true, ""},
-        {[] { account().note({SettingPlace::configuration, "a problem"}); }, Result::no_daemon, "a problem", true,
-         ""},
+        {[] { EXPECT_THROW(device.write(DOWNLOADED_LISTS[0], "fr_FR#"), PlatformError); }, Result::succeeded,
+         "", true, ""},
+        {[] {
+             account().note({SettingPlace::settings_store, "a problem"});
+         },
+         Result::no_platform, "a problem", true, ""},
+        {[] {
+             account().note({SettingPlace::configuration, "a problem"});
+         },
+         Result::no_daemon, "a problem", true, ""},
         {[] { device.is_readable = false; }, Result::no_platform, "the device can't be read", false,
          "not checked"},
         {[] { device.is_durable = false; }, Result::no_platform, "the disk is broken", true, ""},
@@ -679,8 +694,8 @@ TEST_F(Cloud, ARestoreMakesOfTheDeviceWhatItShould)
         EXPECT_EQ(report.settings.at(3).before, DeviceValue(false));
         EXPECT_EQ(report.settings.at(3).after, test.prediction) << test.reason;
         EXPECT_EQ(report.settings.at(3).why, test.why) << test.reason;
-        EXPECT_EQ(report.settings.at(2).why, std::string(test.why) == "not checked" ? "not checked"
-                                                                                    : "the backup does not hold it");
+        EXPECT_EQ(report.settings.at(2).why,
+                  std::string(test.why) == "not checked" ? "not checked" : "the backup does not hold it");
     }
     device.~FakeDevice();
     new (&device) FakeDevice;
