@@ -48,7 +48,7 @@ print(COLUMNS.format("compared", "ratio", "quartiles", "at most", "ms", "peak MB
 for what, target in ("backup", 0.20), ("restore", 0.09):
     compare(f"ime-backupctl {what} : script", target, f"plain {what} ime-backupctl", f"plain {what} script.sh")
 compare("ime-backupctl restore : all at once", None, "plain restore ime-backupctl", "plain restore at-once")
-for who, target in ("service", 1.25), ("ime-backupctl", 1.9):
+for who, target in ("service", 1.2), ("ime-backupctl", 1.6):
     for what in "backup", "restore":
         compare(f"{who} {what} : floor", target, f"plain {what} {who}", f"plain {what} floor")
 for what in "backup", "restore":
