@@ -18,7 +18,8 @@ static Function *next(const char *name)
 
 static std::string change(std::string text)
 {
-    const std::string lie = getenv("LIE");
+    const char *asked = getenv("LIE");
+    const std::string lie = asked == nullptr ? "=" : asked;
     const size_t middle = lie.find('=');
     const size_t found = text.find(lie.substr(0, middle));
     return found == std::string::npos ? text : text.replace(found, middle, lie.substr(middle + 1));

@@ -538,7 +538,7 @@ TEST_F(Cloud, ABackupHoldsWhatTheDeviceDoes)
     } lies[] = {
         {with("kbd", "kb"), "default_keyboard (kb instead of kbd)"},
         {with("\"kbd\"", "7"), "default_keyboard ((not set) instead of kbd)"},
-        {with("{\"lang_id\":\"en_US\"},", ""), "selected_lang (ko_KR instead of en_US,ko_KR)"},
+        {with(R"({"lang_id":"en_US"},)", ""), "selected_lang (ko_KR instead of en_US,ko_KR)"},
         {with("en_US", "ko_KR"), "selected_lang (ko_KR,ko_KR instead of en_US,ko_KR)"},
         {with("\"handwriting\":true", "\"handwriting\":false"), "handwriting (false instead of true)"},
         {with("\"handwriting\":true", "\"handwriting\":1"), "odd snapshot: handwriting"},
@@ -648,8 +648,7 @@ TEST_F(Cloud, ARestoreSucceedsOnlyWhole)
 TEST_F(Cloud, ARestoreMakesOfTheDeviceWhatItShould)
 {
     using Result = ExchangeReport::Result;
-    open_store()->add(
-        encode_record_file({{"0", "1", "{\"default_keyboard\":\"other\",\"prediction\":true}"}}));
+    open_store()->add(encode_record_file({{"0", "1", R"({"default_keyboard":"other","prediction":true})"}}));
     const struct {
         std::function<void()> meanwhile;
         Result result;
@@ -699,7 +698,7 @@ TEST_F(Cloud, ARestoreMakesOfTheDeviceWhatItShould)
     }
     device.~FakeDevice();
     new (&device) FakeDevice;
-    open_store()->add(encode_record_file({{"0", "1", "{\"default_keyboard\":\"refused\"}"}}));
+    open_store()->add(encode_record_file({{"0", "1", R"({"default_keyboard":"refused"})"}}));
     const ExchangeReport refused = run_exchange(true);
     EXPECT_EQ(refused.reason, "not restored: default_keyboard; no such keyboard");
     EXPECT_EQ(refused.settings.at(0).why, "it could not be written");
