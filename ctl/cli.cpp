@@ -5,7 +5,10 @@
 #include <glib.h>
 
 #include "contact.h"
+#include "process.h"
 #include "text.h"
+
+static constexpr double DEFAULT_TIMEOUT = 30;
 
 /// How many letters have to be changed, put in, left out, or swapped with the next, to come from one word to
 /// the other.
@@ -160,8 +163,7 @@ void parse(Cli &cli, const std::vector<std::string> &words)
         }
     }
     cli.quiet = cli.has("--quiet");
-    if (cli.has("--timeout"))
-        cli.timeout_seconds = std::stod(cli.value("--timeout"));
+    limit_time(cli.has("--timeout") ? std::stod(cli.value("--timeout")) : DEFAULT_TIMEOUT);
     if (cli.has("--store"))
         g_setenv(STORE_VARIABLE, cli.value("--store").c_str(), TRUE);
 }

@@ -105,7 +105,6 @@ struct Cli {
 
     bool quiet = false;
     bool traces = false; ///< the service's calls, on standard output
-    double timeout_seconds = 30;
 
     Document document{};
     int status = EXIT_DONE;
@@ -167,7 +166,7 @@ ExchangeReport read_last_restore();
 /// @param is_only_looking when there has been none, no lock is made
 /// @return the lock: none begins while it is held
 /// @throws TimeoutError
-FileLock wait_for_turn(double timeout_seconds, bool is_only_looking);
+FileLock wait_for_turn(bool is_only_looking);
 
 // What the help and the manual tell, each once.
 

@@ -17,12 +17,15 @@
 #include "contact.h"
 #include "orvanta_cloud_operations.h"
 #include "paths.h"
+#include "process.h"
 #include "text.h"
 #include "trace_options.h"
 
 namespace fs = std::filesystem;
 
 static constexpr unsigned GRACE_SECONDS = 2;
+/// The service may take this much of the time left, so that its own reason comes in time.
+static constexpr double SHARE_OF_SERVICE = 0.9;
 /// The numbers of the report's file and of the trace's in the service.
 static constexpr int REPORT_DESCRIPTOR = 3;
 static constexpr int TRACE_DESCRIPTOR = 4;
@@ -122,13 +125,14 @@ static ChildEnd run_service(const Cli &cli, const char *operation, const std::st
     // Without a bus, or an instance that runs with other settings could answer in the new one's place.
     service.environment["DBUS_SESSION_BUS_ADDRESS"] = "disabled:";
     service.environment[REPORT_VARIABLE] = name_report_file(report.get(), REPORT_DESCRIPTOR);
-    service.environment[STORE_TIMEOUT_VARIABLE] = std::to_string(cli.timeout_seconds);
+    service.environment[TIMEOUT_VARIABLE] =
+        std::to_string(static_cast<double>(*time_left()) / G_USEC_PER_SEC * SHARE_OF_SERVICE);
     service.environment[RESTORE_VARIABLE] = backup;
     const int log_file = cli.has("--verbose") ? STDERR_FILENO : log.get();
     service.files = {{STDOUT_FILENO, log_file}, {STDERR_FILENO, log_file}, {REPORT_DESCRIPTOR, report.get()}};
     if (cli.traces)
         add_trace(service, cli);
-    service.microseconds = static_cast<gint64>(cli.timeout_seconds * G_USEC_PER_SEC);
+    service.microseconds = time_left();
     std::signal(SIGALRM, on_late_signal);
     service.on_late_signal = on_late_signal;
     const ChildEnd end = run_child(service);
@@ -220,19 +224,13 @@ ExchangeReport read_last_restore()
     }
 }
 
-FileLock wait_for_turn(double timeout_seconds, bool is_only_looking)
+FileLock wait_for_turn(bool is_only_looking)
 {
-    static constexpr useconds_t RETRY_US = 20'000;
     const fs::path file = state_root() / EXCHANGE_LOCK;
     FileLock turn(file);
     std::error_code ignored;
     if (is_only_looking && !fs::exists(file, ignored))
         return turn;
-    const gint64 end = g_get_monotonic_time() + static_cast<gint64>(timeout_seconds * G_USEC_PER_SEC);
-    while (!turn.try_acquire()) {
-        if (g_get_monotonic_time() > end)
-            throw TimeoutError("another exchange did not end in time");
-        usleep(RETRY_US);
-    }
+    turn.acquire("another exchange");
     return turn;
 }

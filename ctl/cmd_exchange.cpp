@@ -13,15 +13,15 @@
 #include "text.h"
 
 /// The newest backup, if it holds what a backup of this device would. What can't be told now, a backup tells.
-static std::optional<BackupNumber> find_same(const Cli &cli)
+static std::optional<BackupNumber> find_same()
 {
     try {
-        const auto store = open_store(cli.timeout_seconds);
+        const auto store = open_store();
         const std::vector<BackupNumber> known = store->list().numbers;
         if (known.empty())
             return std::nullopt;
         const CloudRecords records = store->read(known.back()).records;
-        const BackupPlan plan = plan_backup_here(cli.timeout_seconds);
+        const BackupPlan plan = plan_backup_here();
         const bool is_same = plan.obstacles.empty() && records.size() == 1 && records[0].key == RECORD_KEY &&
                              is_same_snapshot(read_snapshot(snapshot_in(records))->values, plan.snapshot);
         return is_same ? std::optional(known.back()) : std::nullopt;
@@ -45,7 +45,7 @@ void run_backup(Cli &cli)
     cli.document.set_result(false);
     cli.document.set("backup", nullptr);
     cli.document.set("stored", false);
-    if (const auto same = cli.has("--if-changed") ? find_same(cli) : std::nullopt; same) {
+    if (const auto same = cli.has("--if-changed") ? find_same() : std::nullopt; same) {
         cli.document.set_result(true);
         cli.document.set("backup", *same);
         cli.document.say(name_of(*same) + " holds the same settings; nothing was stored");
@@ -91,7 +91,7 @@ static void show_restore(Cli &cli, const ExchangeReport &report)
 /// What a restore would come to.
 static ExchangeReport plan_restore_of(Cli &cli)
 {
-    const auto store = open_store(cli.timeout_seconds);
+    const auto store = open_store();
     ExchangeReport report;
     report.backup = store->find(cli.argument());
     show_restore(cli, report);
@@ -100,7 +100,7 @@ static ExchangeReport plan_restore_of(Cli &cli)
     for (const CloudRecord &record : records)
         values.push_back(record.value);
 
-    const FileLock turn = wait_for_turn(cli.timeout_seconds, true);
+    const FileLock turn = wait_for_turn(true);
     Device &device = open_device();
     for (const SettingRow &row : SETTINGS)
         device.require_writable(row);
@@ -179,7 +179,7 @@ void run_undo(Cli &cli)
     cli.document.set_result(false);
     Table undone = CHANGES;
     cli.document.set("settings", undone);
-    const FileLock turn = wait_for_turn(cli.timeout_seconds, false);
+    const FileLock turn = wait_for_turn(false);
 
     const ExchangeReport restore = read_last_restore();
     const auto changes = changes_of(restore);

@@ -6,6 +6,7 @@
 
 #include "cloud_store.h"
 #include "commands.h"
+#include "process.h"
 #include "setting.h"
 #include "text.h"
 #include "trace_options.h"
@@ -118,7 +119,8 @@ using Words = std::vector<std::string>;
 static Words backup_numbers()
 {
     Words numbers;
-    for (const BackupNumber number : open_store(STORE_SECONDS)->list().numbers)
+    limit_time(STORE_SECONDS);
+    for (const BackupNumber number : open_store()->list().numbers)
         numbers.push_back(std::to_string(number));
     return numbers;
 }

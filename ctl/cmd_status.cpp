@@ -14,7 +14,7 @@ struct Finding {
     bool is_needed = true; ///< for a backup
 };
 
-static Finding look_at_scim(const Cli &)
+static Finding look_at_scim()
 {
     Device &device = open_device();
     try {
@@ -25,7 +25,7 @@ static Finding look_at_scim(const Cli &)
     }
 }
 
-static Finding look_at_keyboard(const Cli &)
+static Finding look_at_keyboard()
 {
     const SettingRow &keyboard = first_of(SettingForm::identifier);
     try {
@@ -38,7 +38,7 @@ static Finding look_at_keyboard(const Cli &)
     }
 }
 
-static Finding look_at_store(const Cli &)
+static Finding look_at_store()
 {
     const fs::path folder = state_root();
     if (!is_usable_folder(folder))
@@ -58,10 +58,10 @@ static Finding look_at_store(const Cli &)
     }
 }
 
-static Finding look_at_cloud(const Cli &cli)
+static Finding look_at_cloud()
 {
     try {
-        const auto store = open_store(cli.timeout_seconds);
+        const auto store = open_store();
         store->require_writable();
         const CloudStore::Listing listing = store->list();
         if (!listing.is_there)
@@ -88,7 +88,7 @@ static ExchangeReport read_last_exchange()
     }
 }
 
-static Finding look_at_last_exchange(const Cli &)
+static Finding look_at_last_exchange()
 {
     using Result = ExchangeReport::Result;
     const fs::path lock = state_root() / EXCHANGE_LOCK;
@@ -122,7 +122,7 @@ void run_status(Cli &cli)
     const struct {
         const char *what;
         const char *name;
-        Finding (*look)(const Cli &);
+        Finding (*look)();
     } things[] = {{"scim", "SCIM daemon", look_at_scim},
                   {"keyboard", "active keyboard", look_at_keyboard},
                   {"settings_store", "settings store", look_at_store},
@@ -133,7 +133,7 @@ void run_status(Cli &cli)
                 {},
                 Remarks::plain};
     for (const auto &thing : things) {
-        const Finding finding = thing.look(cli);
+        const Finding finding = thing.look();
         const bool is_fine = finding.advice.empty();
         const std::string remark = finding.found + (is_fine ? "" : ". " + finding.advice);
         table.rows.push_back({{thing.what, thing.name},

@@ -55,14 +55,14 @@ static std::vector<BackupNumber> find_backups(const CloudStore &store, const std
 
 void run_list(Cli &cli)
 {
-    const auto store = open_store(cli.timeout_seconds);
+    const auto store = open_store();
     size_t damaged = 0;
     cli.document.set(inspect(*store, list_backups(*store), damaged));
 }
 
 void run_show(Cli &cli)
 {
-    const auto store = open_store(cli.timeout_seconds);
+    const auto store = open_store();
     const std::string text = snapshot_in(read_whole(*store, store->find(cli.argument())).records);
     const SnapshotValues values = read_snapshot(text)->values;
     Table table{{{FOR_PEOPLE, ""}, {FOR_PEOPLE, ""}}};
@@ -74,7 +74,7 @@ void run_show(Cli &cli)
 
 void run_verify(Cli &cli)
 {
-    const auto store = open_store(cli.timeout_seconds);
+    const auto store = open_store();
     const std::vector<BackupNumber> numbers =
         cli.arguments.empty() ? list_backups(*store)
                               : find_backups(*store, store->list().numbers, cli.arguments);
@@ -101,9 +101,9 @@ static Side take_backup(const CloudStore &store, const std::string &id)
 }
 
 /// The device, as a backup would have it.
-static Side take_device(double timeout_seconds)
+static Side take_device()
 {
-    const BackupPlan plan = plan_backup_here(timeout_seconds);
+    const BackupPlan plan = plan_backup_here();
     if (!plan.obstacles.empty())
         throw_obstacle(plan.obstacles.front());
     return {"device", "device", plan.snapshot};
@@ -115,9 +115,9 @@ void run_diff(Cli &cli)
     cli.failure_status = EXIT_NO_PLATFORM; // 1 means that they differ
     if (ids.size() > 2)
         throw UsageError("no more than two backups can be compared");
-    const auto store = open_store(cli.timeout_seconds);
+    const auto store = open_store();
     const Side from = take_backup(*store, ids.empty() ? "" : ids[0]);
-    const Side to = ids.size() == 2 ? take_backup(*store, ids[1]) : take_device(cli.timeout_seconds);
+    const Side to = ids.size() == 2 ? take_backup(*store, ids[1]) : take_device();
 
     Table table{{{"name", "setting"}, {"from", from.name}, {"to", to.name}}};
     for (const SettingRow &row : SETTINGS) {
@@ -171,7 +171,7 @@ static void delete_and_tell(Document &document, CloudStore &store, const CloudSt
 
 void run_delete(Cli &cli)
 {
-    const auto store = open_store(cli.timeout_seconds);
+    const auto store = open_store();
     find_backups(*store, store->list().numbers, cli.arguments); // a store that isn't there is none to lock
     delete_and_tell(cli.document, *store,
                     [&](const auto &known) { return find_backups(*store, known, cli.arguments); });
@@ -229,7 +229,7 @@ static std::vector<BackupNumber> choose(const CloudStore &store, const std::vect
 
 void run_prune(Cli &cli)
 {
-    const auto store = open_store(cli.timeout_seconds);
+    const auto store = open_store();
     const std::vector<BackupNumber> known = list_backups(*store);
     if (!cli.has("--dry-run") && !known.empty()) {
         delete_and_tell(cli.document, *store,
@@ -281,7 +281,7 @@ void run_export(Cli &cli)
     const std::string &name = cli.arguments[1];
     cli.document.set_result(false);
     cli.document.set("backup", nullptr);
-    const auto store = open_store(cli.timeout_seconds);
+    const auto store = open_store();
     const BackupNumber number = store->find(cli.argument());
     const std::string content = read_whole(*store, number).content;
     if (name == "-") {
@@ -301,7 +301,7 @@ void run_import(Cli &cli)
     cli.document.set_result(false);
     cli.document.set("backup", nullptr);
     cli.document.set("stored", false);
-    const auto store = open_store(cli.timeout_seconds);
+    const auto store = open_store();
     if (!store->exists())
         refuse_missing(*store);
     Importable importable;

@@ -39,9 +39,9 @@ Device &open_device()
     return *device;
 }
 
-BackupPlan plan_backup_here(double timeout_seconds)
+BackupPlan plan_backup_here()
 {
-    const FileLock turn = wait_for_turn(timeout_seconds, true);
+    const FileLock turn = wait_for_turn(true);
     Device &device = open_device();
     return plan_backup(device.read_all(), std::bind_front(&Device::refuses, &device));
 }

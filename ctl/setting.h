@@ -20,7 +20,7 @@ Device &open_device();
 /// What a backup of this device would hold, once no exchange is under way.
 ///
 /// @throws TimeoutError
-BackupPlan plan_backup_here(double timeout_seconds);
+BackupPlan plan_backup_here();
 
 /// A setting's place and key, for a person.
 std::string place_of(const SettingRow &row);

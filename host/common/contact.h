@@ -7,8 +7,8 @@
 /// Names the place of the store: a folder, or "rclone:REMOTE:PATH".
 inline constexpr char STORE_VARIABLE[] = "IME_BACKUP_CLOUD_STORE";
 
-/// Seconds that ime-backupctl waits for the service. A remote store that is silent has failed before that.
-inline constexpr char STORE_TIMEOUT_VARIABLE[] = "IME_BACKUP_STORE_TIMEOUT";
+/// Seconds that the service may take.
+inline constexpr char TIMEOUT_VARIABLE[] = "IME_BACKUP_TIMEOUT";
 
 /// Names the backup that a restore takes, else it takes the newest.
 inline constexpr char RESTORE_VARIABLE[] = "IME_BACKUP_RESTORE";

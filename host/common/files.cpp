@@ -9,6 +9,7 @@
 #include <glib.h>
 
 #include "errors.h"
+#include "process.h"
 
 namespace fs = std::filesystem;
 
@@ -161,6 +162,19 @@ bool is_usable_folder(const fs::path &folder)
     while (!fs::exists(fs::symlink_status(existing, error)) && existing.has_relative_path())
         existing = existing.parent_path();
     return fs::is_directory(existing, error) && access(existing.c_str(), W_OK | X_OK) == 0;
+}
+
+void FileLock::acquire(const std::string &who)
+{
+    while (!try_acquire())
+        wait_for_another(who);
+}
+
+bool FileLock::share()
+{
+    while (!lock(LOCK_SH | LOCK_NB))
+        wait_for_another("another process");
+    return true;
 }
 
 bool FileLock::lock(int operation)

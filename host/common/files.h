@@ -76,20 +76,22 @@ void make_private_folder(const std::filesystem::path &folder);
 bool is_usable_folder(const std::filesystem::path &folder);
 
 /// A lock between processes. One that dies lets go of it. Each function throws PlatformError when the file
-/// can't be locked.
+/// can't be locked; those that wait for others throw as wait_for_another() does.
 class FileLock
 {
 public:
     explicit FileLock(std::filesystem::path lock_file) : file(std::move(lock_file)) {}
 
     /// Waits until no other process holds the lock.
-    void acquire() { lock(LOCK_EX); }
+    ///
+    /// @param who holds it meanwhile, for a person
+    void acquire(const std::string &who = "another process");
 
     /// @return false when another process holds the lock
     bool try_acquire() { return lock(LOCK_EX | LOCK_NB); }
 
     /// Shares the lock with other processes that share it, and waits until none holds it for itself.
-    bool share() { return lock(LOCK_SH); }
+    bool share();
 
     /// The file, once it was locked.
     const Descriptor &opened() const { return descriptor; }

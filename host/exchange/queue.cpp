@@ -7,6 +7,7 @@
 #include "account.h"
 #include "contact.h"
 #include "paths.h"
+#include "process.h"
 #include "text.h"
 
 static constexpr guint LOCK_RETRY_MS = 20;
@@ -102,6 +103,8 @@ void ExchangeQueue::run()
         decide(ExchangeReport::Result::no_keyboard, error.what());
     } catch (const PlatformError &error) {
         decide(ExchangeReport::Result::no_platform, error.what());
+    } catch (const TimeoutError &error) {
+        decide(ExchangeReport::Result::timed_out, error.what());
     } catch (const std::exception &error) {
         decide(ExchangeReport::Result::failed, error.what());
     } catch (...) {
@@ -118,6 +121,8 @@ bool ExchangeQueue::take_turn()
     if (!turn)
         turn.emplace(state_root() / EXCHANGE_LOCK);
     has_turn = turn->try_acquire();
+    if (!has_turn && time_left() == 0)
+        throw TimeoutError("another exchange did not finish in time");
     if (has_turn)
         account().start([this](size_t number, const Change &change) { tell(number, change); });
     return has_turn;

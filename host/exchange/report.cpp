@@ -135,7 +135,7 @@ static void read_word(const Json &json, Enum &value, const char *const (&words)[
 
 using Outcome = Change::Outcome;
 WORDS(Result, "undecided", "succeeded", "failed", "no platform", "no daemon", "no keyboard", "no backup",
-      "damaged")
+      "damaged", "timed out")
 WORDS(Outcome, "pending", "made", "refused")
 WORDS(SettingPlace, "input-method control", "settings store", "configuration")
 

@@ -30,9 +30,8 @@ struct ExchangeReport {
         no_keyboard, ///< the same, for want of an active input method
         no_backup,   ///< failed, since there is no such backup
         damaged,     ///< failed, since the backup is damaged
-        // The client's own:
-        interrupted,
-        timed_out
+        timed_out,
+        interrupted, ///< the client's own
     };
 
     std::string operation; ///< "backup", "restore" or "info"

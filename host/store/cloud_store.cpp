@@ -34,7 +34,7 @@ bool CloudStore::is_chosen()
     return !chosen_location().empty();
 }
 
-std::unique_ptr<CloudStore> open_store(std::optional<double> timeout_seconds)
+std::unique_ptr<CloudStore> open_store()
 {
     const std::string location = chosen_location();
     if (location.empty())
@@ -43,7 +43,7 @@ std::unique_ptr<CloudStore> open_store(std::optional<double> timeout_seconds)
         const std::string target = location.substr(RCLONE_SCHEME.size());
         // Without a remote in front, rclone would take it for a folder.
         if (target.find(':') != std::string::npos && target[target.find_first_of(":,/")] != '/')
-            return make_rclone_store(location, target, timeout_seconds);
+            return make_rclone_store(location, target);
     }
     g_autofree gchar *scheme = g_uri_parse_scheme(location.c_str());
     if (scheme != nullptr)

@@ -132,12 +132,9 @@ std::unique_ptr<CloudStore> make_folder_store(const std::filesystem::path &folde
 /// Backups in a remote place.
 ///
 /// @param target the place, as rclone has it
-std::unique_ptr<CloudStore> make_rclone_store(const std::string &location, const std::string &target,
-                                              std::optional<double> timeout_seconds);
+std::unique_ptr<CloudStore> make_rclone_store(const std::string &location, const std::string &target);
 
 /// The store named by $IME_BACKUP_CLOUD_STORE, else a folder below the state root.
 ///
-/// @param timeout_seconds that a remote store may take for all that it does, or nothing where something else
-///                        ends the process in time
 /// @throws PlatformError when it names what can be no store
-std::unique_ptr<CloudStore> open_store(std::optional<double> timeout_seconds = std::nullopt);
+std::unique_ptr<CloudStore> open_store();

@@ -13,6 +13,7 @@
 #include "cloud_store.h"
 #include "contact.h"
 #include "files.h"
+#include "process.h"
 #include "text.h"
 
 namespace fs = std::filesystem;
@@ -27,10 +28,10 @@ static constexpr char NOTE[] = "The number in this file's name is not given to a
 static constexpr int MAX_TRIES = 8;
 static constexpr gint32 PAUSE_US = 100'000;
 
-/// Seconds after which a silent server has failed: these at most, and this share of the time that there is.
-/// Twice that leaves time to tell of it.
-static constexpr double MAX_PATIENCE = 10;
-static constexpr double SHARE_OF_PATIENCE = 0.25;
+/// How long a silent server is waited for: no longer than this, and no longer than this part of the time
+/// left. Twice that leaves time to tell of it.
+static constexpr std::int64_t MAX_PATIENCE_US = 10'000'000;
+static constexpr std::int64_t SHARE_OF_PATIENCE = 4;
 
 /// The exit status of rclone when there is no such folder.
 static constexpr int NO_SUCH_FOLDER = 3;
@@ -77,17 +78,12 @@ namespace
 class RcloneStore : public CloudStore
 {
 public:
-    RcloneStore(const std::string &location, std::string rclone_target, std::optional<double> timeout_seconds)
+    RcloneStore(const std::string &location, std::string rclone_target)
         : CloudStore(location), target(std::move(rclone_target))
     {
-        if (timeout_seconds)
-            left = static_cast<gint64>(*timeout_seconds * G_USEC_PER_SEC);
-        const char *waiting = g_getenv(STORE_TIMEOUT_VARIABLE);
-        const double seconds =
-            timeout_seconds.value_or(waiting == nullptr ? 0 : g_ascii_strtod(waiting, nullptr));
-        const double patience =
-            seconds > 0 ? std::min(MAX_PATIENCE, seconds * SHARE_OF_PATIENCE) : MAX_PATIENCE;
-        const std::string milliseconds = std::to_string(static_cast<int>(patience * 1000)) + "ms";
+        const std::int64_t patience = std::min(
+            MAX_PATIENCE_US, time_left().value_or(MAX_PATIENCE_US * SHARE_OF_PATIENCE) / SHARE_OF_PATIENCE);
+        const std::string milliseconds = std::to_string(patience / 1000) + "ms";
         // Where the environment says nothing else: what fails is tried once more.
         rclone.environment.merge(Environment{{"RCLONE_RETRIES", "1"},
                                              {"RCLONE_LOW_LEVEL_RETRIES", "2"},
@@ -142,9 +138,8 @@ public:
             if (try_to_add(number, content))
                 return number;
             // Those who got in each other's way need not do so again.
-            const gint64 pause = g_random_int_range(0, PAUSE_US << tries);
-            g_usleep(static_cast<gulong>(std::clamp<gint64>(left.value_or(pause), 0, pause)));
-            spend(pause);
+            const std::int64_t pause = g_random_int_range(0, PAUSE_US << tries);
+            g_usleep(static_cast<gulong>(std::min(time_left().value_or(pause), pause)));
         }
         throw HostError("others keep adding backups to " + location() + " at the same time");
     }
@@ -184,8 +179,6 @@ private:
     /// @throws InterruptedError after a signal, of which the main loop learns, too
     Result run(const std::vector<std::string> &arguments, const std::string &input = "") const
     {
-        if (left && *left <= 0)
-            throw TimeoutError(TOO_LATE);
         const Descriptor input_file = make_file(input);
         const Descriptor output = make_file("");
         const Descriptor errors = make_file("");
@@ -193,10 +186,8 @@ private:
         child.arguments.insert(child.arguments.end(), arguments.begin(), arguments.end());
         child.files = {
             {STDIN_FILENO, input_file.get()}, {STDOUT_FILENO, output.get()}, {STDERR_FILENO, errors.get()}};
-        child.microseconds = left;
-        const gint64 begin = g_get_monotonic_time();
+        child.microseconds = time_left();
         const ChildEnd end = run_child(std::move(child));
-        spend(g_get_monotonic_time() - begin);
         if (end.error == ENOENT)
             throw PlatformError("a remote store needs the program rclone: apt-get install rclone");
         if (end.error != 0)
@@ -211,12 +202,6 @@ private:
         if (result.reason.empty())
             result.reason = result.status < 0 ? "rclone was ended by a signal" : "rclone gave no reason";
         return result;
-    }
-
-    void spend(gint64 microseconds) const
-    {
-        if (left)
-            *left -= microseconds;
     }
 
     void require_done(const Result &result, const std::string &remark = "") const
@@ -349,7 +334,6 @@ private:
     }
 
     const std::string target;
-    mutable std::optional<gint64> left;                  ///< microseconds that rclone may still take
     mutable std::map<BackupNumber, std::string> fetched; ///< what was handed over together
     /// Whatever the environment says, nobody is asked for anything, what is to be done is done, and standard
     /// output holds what was asked for.
@@ -361,8 +345,7 @@ private:
 
 } // namespace
 
-std::unique_ptr<CloudStore> make_rclone_store(const std::string &location, const std::string &target,
-                                              std::optional<double> timeout_seconds)
+std::unique_ptr<CloudStore> make_rclone_store(const std::string &location, const std::string &target)
 {
-    return std::make_unique<RcloneStore>(location, target, timeout_seconds);
+    return std::make_unique<RcloneStore>(location, target);
 }

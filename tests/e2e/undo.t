@@ -104,5 +104,5 @@ An account that can't be read, and a place that can't be written: nothing is cha
   there is nothing to undo
   $ cp kept $IME_BACKUP_HOST_DIR/last-restore.json
   $ (flock 9; echo '--timeout 0.2 undo' | try_each; ime-backupctl status | grep last) 9>$IME_BACKUP_HOST_DIR/exchange.lock
-  124 ime-backupctl: another exchange did not end in time
+  124 ime-backupctl: another exchange did not finish in time
   last exchange    fine  one is under way
