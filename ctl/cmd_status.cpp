@@ -5,6 +5,7 @@
 #include "contact.h"
 #include "files.h"
 #include "history.h"
+#include "ime_backup_trusted_folder.h"
 #include "paths.h"
 #include "setting.h"
 
@@ -39,6 +40,19 @@ static Finding look_at_keyboard()
     } catch (const PlatformError &) {
         return {"not known without the SCIM daemon", "Start the SCIM daemon"};
     }
+}
+
+static Finding look_at_exchange()
+{
+    try {
+        for (const char *name : {EXCHANGE_LOCK, SERVICE_LOG})
+            require_writable_file(state_root() / name);
+        require_writable_history();
+        require_replaceable(host_path(IME_BACKUP_BACKUP_FILE));
+    } catch (const PlatformError &error) {
+        return {error.what(), "Move away what is in the way, or set IME_BACKUP_HOST_DIR to another folder"};
+    }
+    return {"in " + state_root().string()};
 }
 
 static Finding look_at_store()
@@ -126,6 +140,7 @@ void run_status(Cli &cli)
     } things[] = {{"scim", "SCIM daemon", look_at_scim},
                   {"keyboard", "active keyboard", look_at_keyboard},
                   {"settings_store", "settings store", look_at_store},
+                  {"exchange", "exchange files", look_at_exchange},
                   {"cloud_store", "cloud store", look_at_cloud},
                   {"last_exchange", "last exchange", look_at_last_exchange}};
 

@@ -8,13 +8,9 @@
 #include "appcore_agent.h"
 #include "ime_backup_service_json_parser.h"
 #include "ime_backup_service_json_writer.h"
+#include "ime_backup_trusted_folder.h"
 #include "log.h"
 #include "orvanta_cloud_operations.h"
-
-static constexpr char BACKUP_FILE[] =
-    "/opt/usr/apps/com.orvanta.ime-backup-service/shared/trusted/backup.dat";
-static constexpr char RESTORE_FILE[] =
-    "/opt/usr/apps/com.orvanta.ime-backup-service/shared/trusted/restore.dat";
 
 /// Key of the one record that a backup consists of.
 static constexpr char RECORD_KEY[] = "0";
@@ -216,8 +212,9 @@ void __backup_record_cb(orvanta_cloud_list_handle list)
     }
 
     // The path is sent even when the file could not be written: the library looks for itself.
-    CLOUD_CALL(orvanta_cloud_file_create_file, list, BACKUP_FILE);
-    CLOUD_CALL(orvanta_cloud_backup_record_send_backup_path, BACKUP_FILE, ORVANTA_CLOUD_SEND_VALID);
+    CLOUD_CALL(orvanta_cloud_file_create_file, list, IME_BACKUP_BACKUP_FILE);
+    CLOUD_CALL(orvanta_cloud_backup_record_send_backup_path, IME_BACKUP_BACKUP_FILE,
+               ORVANTA_CLOUD_SEND_VALID);
     CLOUD_CALL(orvanta_cloud_list_destroy, list);
 }
 
@@ -237,7 +234,8 @@ void __restore_prepare_cb()
 
 void __restore_get_restore_path_cb()
 {
-    CLOUD_CALL(orvanta_cloud_restore_record_send_restoration_path, RESTORE_FILE, ORVANTA_CLOUD_SEND_VALID);
+    CLOUD_CALL(orvanta_cloud_restore_record_send_restoration_path, IME_BACKUP_RESTORE_FILE,
+               ORVANTA_CLOUD_SEND_VALID);
 }
 
 static void restore_record(orvanta_cloud_record_handle record, int index, const char *caller);

@@ -15,6 +15,8 @@ namespace fs = std::filesystem;
 
 static constexpr mode_t PRIVATE_FOLDER = 0700;
 static constexpr mode_t PRIVATE_FILE = 0600;
+/// Behind the name of a file that is being written.
+static constexpr char PARTIAL[] = ".new";
 
 static std::string why()
 {
@@ -87,7 +89,7 @@ static void write_file(const fs::path &file, const std::string &content, bool sy
                        bool (*put_in_place)(const char *from, const char *to))
 {
     make_private_folder(file.parent_path());
-    const fs::path partial = file.string() + ".new";
+    const fs::path partial = file.string() + PARTIAL;
     unlink(partial.c_str());
     const Descriptor descriptor(open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, PRIVATE_FILE));
     const bool written =
@@ -173,6 +175,25 @@ bool is_usable_folder(const fs::path &folder)
     while (!fs::exists(fs::symlink_status(existing, error)) && existing.has_relative_path())
         existing = existing.parent_path();
     return fs::is_directory(existing, error) && access(existing.c_str(), W_OK | X_OK) == 0;
+}
+
+void require_writable_file(const fs::path &file)
+{
+    std::error_code ignored;
+    if (fs::exists(fs::symlink_status(file, ignored)))
+        open_file(file, O_RDWR);
+    else if (!is_usable_folder(file.parent_path()))
+        throw PlatformError("can't write in " + file.parent_path().string());
+}
+
+void require_replaceable(const fs::path &file)
+{
+    std::error_code ignored;
+    if (!is_usable_folder(file.parent_path()))
+        throw PlatformError("can't write in " + file.parent_path().string());
+    for (const fs::path &name : {file, fs::path(file.string() + PARTIAL)})
+        if (fs::is_directory(fs::symlink_status(name, ignored)))
+            throw PlatformError("there is a folder in the place of " + name.string());
 }
 
 void FileLock::acquire(const std::string &who)

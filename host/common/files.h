@@ -80,6 +80,12 @@ void remove_file_durably(const std::filesystem::path &file);
 /// @throws PlatformError when it can't be made or nothing can be written in it
 void make_private_folder(const std::filesystem::path &folder);
 
+/// Throws PlatformError when a file can't be opened to be written, or made. Nothing is made.
+void require_writable_file(const std::filesystem::path &file);
+
+/// Throws PlatformError when replace_file() has something in its way. Nothing is made.
+void require_replaceable(const std::filesystem::path &file);
+
 /// Whether a folder can be written in, or could be made.
 bool is_usable_folder(const std::filesystem::path &folder);
 

@@ -50,7 +50,7 @@ static std::string checksum_of(std::string_view text)
 {
     g_autofree gchar *sum = g_compute_checksum_for_data(
         G_CHECKSUM_SHA256, reinterpret_cast<const guchar *>(text.data()), text.size());
-    return std::string(sum, SUM_LENGTH);
+    return {sum, SUM_LENGTH};
 }
 
 static std::string encode_line(const Json &object)
@@ -312,11 +312,7 @@ static constexpr char WHAT_TO_DO[] = "; see that this file can be written, and t
 
 void require_writable_history()
 {
-    std::error_code ignored;
-    if (fs::exists(fs::symlink_status(journal_file(), ignored)))
-        open_file(journal_file(), O_RDWR);
-    else if (!is_usable_folder(state_root()))
-        throw PlatformError("can't write in " + state_root().string());
+    require_writable_file(journal_file());
 }
 
 HistoryWriter::HistoryWriter(const std::string &what, EntryNumber undoes)
@@ -348,7 +344,7 @@ void HistoryWriter::open()
 /// @return false when there is more to do
 bool HistoryWriter::find_end()
 {
-    static constexpr off_t TAIL = 64 * 1024;
+    static constexpr off_t TAIL = off_t{64} << 10;
     const off_t begin = std::max<off_t>(lseek(file.get(), 0, SEEK_END) - TAIL, 0);
     const std::string tail = read_from(file, begin);
     const size_t end = tail.find_last_of('\n');

@@ -60,6 +60,7 @@ What a script gets of each command: one document with all that it may want.
   [{"what":"scim","fine":true,"found":"theSCIMdaemonanswers(SCIM_SOCKET_ADDRESS,local:WORK/scim/socket)","do":""},
   {"what":"keyboard","fine":true,"found":"kbd","do":""},
   {"what":"settings_store","fine":true,"found":"inWORK/state","do":""},
+  {"what":"exchange","fine":true,"found":"inWORK/state","do":""},
   {"what":"cloud_store","fine":true,"found":"WORK/state/cloud,2backups","do":""},
   {"what":"last_exchange","fine":false,"found":"restoreofbackup3:notrestored:record\"a\"","do":"SeeWORK/state/service.log"}]
 
@@ -148,8 +149,8 @@ On a terminal a table fits, with remarks below the lines that they are too long 
   key_tap_vib       (not set)                       true
   backup 6  restored, but for selected_lang, handwriting
   $ NO_COLOR=1 on_terminal status | tail -n 4
-  active keyboard  fine  0f1e2d3c-4b5a-69c8-87d6-a5b4c3d2e1f0
   settings store   fine  in WORK/state
+  exchange files   fine  in WORK/state
   cloud store      fine  WORK/state/cloud, 4 backups
   last exchange    fine  restore of backup 6 succeeded
   $ for command in list verify settings\ --long diff 'restore --dry-run' status; do NO_COLOR=1 on_terminal $command; done | LC_ALL=C.UTF-8 grep -E '.{81}'
@@ -163,7 +164,7 @@ What only looks makes nothing, and tells what is in the way.
   > done
   [1]
   $ mkdir -p fresh/exchange.lock; echo >fresh/last-exchange.json; ln -s nowhere fresh/cloud; ime-backupctl status | tail -n 3
-  settings store   fine      in HERE/fresh
+  exchange files   NOT FINE  can't open HERE/fresh/exchange.lock: Is a directory. Move away what is in the way, or set IME_BACKUP_HOST_DIR to another folder
   cloud store      NOT FINE  can't write in HERE/fresh/cloud. Set IME_BACKUP_CLOUD_STORE to a place that you can write in
   last exchange    NOT FINE  can't open HERE/fresh/exchange.lock: Is a directory. Move it away
   $ rmdir fresh/exchange.lock; ime-backupctl status | tail -n 1
