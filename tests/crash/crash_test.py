@@ -1,15 +1,17 @@
 #!/usr/bin/env python3
-"""Cuts the power at each step of a command, and looks whether all is there that it told of.
+"""Cuts the power at each step of a command, and looks whether all is there that the command told of.
 
 Usage: crash_test.py BUILD_DIR SCIM_LAUNCHER SECONDS SEED
 
-Each command runs once, with each change that it makes to files recorded. The files that a power cut may leave behind
-come of the record. The real programs then have to cope with them, beside a SCIM daemon with its file of that moment.
-A change of data lasts once its file is synced, one of names once its folder is. Of what is not synced, any data may be
-missing; the names in one folder keep their order.
+Each command runs once, and each change that it makes to files is recorded. What a power cut may leave of the files
+comes of the record; the real programs have to cope with it, beside a SCIM daemon with its file of that moment.
+Data lasts once its file is synced, a name once its folder is. Of data that is not synced, any part may be missing.
+Names that are not synced are missing from some change of their folder on.
 """
 
+import collections
 import concurrent.futures
+import itertools
 import json
 import os
 import pathlib
@@ -23,12 +25,10 @@ import sys
 import tempfile
 import threading
 import time
-from collections import Counter
-from dataclasses import dataclass, field
+from types import SimpleNamespace
 
 BUILD, LAUNCHER = pathlib.Path(sys.argv[1]).absolute(), sys.argv[2]
 SECONDS, SEED = float(sys.argv[3]), sys.argv[4]
-LOG = "service.log"  # tells people what happened; no command reads it
 
 ONE = ("settings set default_keyboard alpha selected_lang en_US,ko_KR handwriting on prediction on auto_space on"
        " auto_capitalize off auto_punctuation on key_tap_sound off key_tap_vib on"
@@ -36,10 +36,9 @@ ONE = ("settings set default_keyboard alpha selected_lang en_US,ko_KR handwritin
 OTHER = ("settings set default_keyboard beta selected_lang fr_FR handwriting off prediction off auto_space off"
          " auto_capitalize on auto_punctuation off key_tap_sound on")
 FORGET = "forget"  # all but the backups
-KEYBOARD = "settings set default_keyboard alpha"
 
 SCENARIOS = {  # what was done before, and what is cut
-    "backup, the first": ([KEYBOARD], ["backup"]),
+    "backup, the first": (["settings set default_keyboard alpha"], ["backup"]),
     "backup, a later one": ([ONE, "backup", OTHER], ["backup"]),
     "restore, on first use": ([ONE, "backup", FORGET], ["restore"]),
     "restore, later": ([ONE, "backup", OTHER, "settings unset key_tap_vib"], ["restore"]),
@@ -53,18 +52,16 @@ SCENARIOS = {  # what was done before, and what is cut
     "import": ([ONE, "backup", "export 1 exported"], ["import exported"]),
     "backup and delete": ([ONE], ["backup", "delete 1"]),
 }
-AFTERWARDS = [ONE, "backup", OTHER, "restore", "undo", "delete {}", "list"]
+AFTERWARDS = [ONE, "backup", OTHER, "restore", "undo", "delete {newest}", "list"]
 
 
 class Host:
-    """A folder with the state of a host and a SCIM daemon."""
+    """A folder with the files of a host; entered, it has a SCIM daemon."""
 
     def __init__(self, folder):
-        self.folder, self.state = folder, folder / "state"
-        self.config = folder / "scim/.scim/config"
-        self.daemon = None
+        self.folder, self.state, self.config = folder, folder / "state", folder / "scim/.scim/config"
         self.environment = {
-            "PATH": os.environ["PATH"], "HOME": str(folder), "TMPDIR": str(folder), "TZ": "UTC", "LC_ALL": "C",
+            "PATH": os.environ["PATH"], "HOME": str(folder), "TMPDIR": str(folder), "LC_ALL": "C",
             "IME_BACKUP_HOST_DIR": str(self.state), "DBUS_SESSION_BUS_ADDRESS": "disabled:",
             "SCIM_HOME": str(folder / "scim"), "SCIM_SOCKET_ADDRESS": f"local:{folder}/scim/socket"}
 
@@ -74,132 +71,100 @@ class Host:
                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         for _ in range(5000):
             for path in self.config.parent.parent.glob("socket*"):
-                try:
-                    socket.socket(socket.AF_UNIX).connect(str(path))
-                    return self
-                except ConnectionRefusedError:
-                    pass
+                with socket.socket(socket.AF_UNIX) as connection:
+                    if connection.connect_ex(str(path)) == 0:
+                        return self
             time.sleep(0.002)
-        raise SystemExit("the SCIM daemon does not start")
+        raise TimeoutError("the SCIM daemon does not start")
 
     def __exit__(self, *_):
         self.daemon.kill()
         self.daemon.wait()
 
     def run(self, command, output=subprocess.PIPE, **environment):
-        return subprocess.run([BUILD / "bin/ime-backupctl", *command.split()], cwd=self.folder, stdout=output,
-                              stderr=subprocess.PIPE, env=self.environment | environment, timeout=60)
+        return subprocess.run([BUILD / "bin/ime-backupctl", *command.split()], cwd=self.folder, timeout=60,
+                              env=self.environment | environment, stdout=output, stderr=subprocess.PIPE)
 
-    def forget(self):
+    def set_up(self, command):
+        if command != FORGET:
+            result = self.run(command)
+            assert result.returncode == 0, result
+            return result.stdout
         self.__exit__()
-        for path in self.state.iterdir():
-            if path.name != "cloud":
-                shutil.rmtree(path) if path.is_dir() else path.unlink()
+        for path in {*self.state.iterdir()} - {self.state / "cloud"}:
+            shutil.rmtree(path) if path.is_dir() else path.unlink()
         shutil.rmtree(self.folder / "scim")
         self.__enter__()
+        return b""
 
     def tree(self):
         return {str(path.relative_to(self.state)): path.read_bytes() if path.is_file() else None
-                for path in self.state.rglob("*") if is_kept(path.name)}
+                for path in self.state.rglob("*") if not is_left_out(path.name)}
 
-    def config_text(self):
+    def configuration(self):
         return self.config.read_bytes() if self.config.exists() else b""
 
     def settings(self):
-        return json.loads(self.run("settings --json").stdout)
-
-    def places(self):
-        """The settings as the settings store and the SCIM daemon's file have them."""
-        lines = self.config_text().decode().splitlines()
-        configured = sorted(line for line in lines if "keyloom/" in line or "~other" in line)
-        if not (self.state / "settings.db").exists():
-            return [], configured
+        """As they are shown, and as the settings store and SCIM's file have them."""
+        rows = []
         with tempfile.TemporaryDirectory() as copy:
             for file in self.state.glob("settings.db*"):
                 shutil.copy(file, copy)
-            with sqlite3.connect(copy + "/settings.db") as database:
-                return database.execute("SELECT * FROM settings ORDER BY key").fetchall(), configured
+            if file := next(pathlib.Path(copy).glob("settings.db"), None):
+                rows = sqlite3.connect(file).execute("SELECT * FROM settings ORDER BY key").fetchall()
+        lines = self.configuration().decode().splitlines()
+        return (json.loads(self.run("settings --json").stdout or "{}"),
+                rows + sorted(line for line in lines if "keyloom/" in line or "~other" in line))
+
+    def history(self):
+        """None where there is only the last restore to undo."""
+        result = self.run("history --json")
+        return json.loads(result.stdout) if result.returncode == 0 else None
 
 
-def is_kept(name):
-    return name != LOG and not name.endswith("-shm")  # SQLite makes its shared memory anew after a crash
+def is_left_out(name):
+    """The log is for people; its shared memory SQLite makes anew after a crash."""
+    return name == "service.log" or name.endswith("-shm")
 
 
-def backups_in(tree):
-    found = {path: re.fullmatch(r"cloud/backup-(\d+)\.json", path) for path in tree}
+def backups_in(names):
+    found = {path: re.fullmatch(r"cloud/backup-(\d+)\.json", path) for path in names}
     return {int(match[1]): path for path, match in found.items() if match}
 
 
-def numbers_told(output):
-    """The backups that are told to be there, and those that are told to be deleted."""
-    told = [(int(number), word) for number, word in re.findall(rb"^backup (\d+)  (\S+)", output, re.M)]
-    return {n for n, word in told if word != b"deleted"}, {n for n, word in told if word == b"deleted"}
-
-
-# The record.
-
-
-@dataclass
-class Recording:
-    name: str
-    commands: list
-    events: list
-    before: dict  # the files, by their path
-    config: bytes
-    settings: list  # before and after
-    places: list
-    highest: int
-    entries: list
-    cuts: int = 0
-
-
-def history(host):
-    shown = host.run("history --json")
-    return json.loads(shown.stdout) if shown.returncode == 0 else []
+def numbers_in(output, is_deleted=False):
+    """The backups that are told to be there, or to be deleted."""
+    return {int(number) for number, word in re.findall(rb"^backup (\d+)  (\S+)", output, re.M)
+            if (word == b"deleted") == is_deleted}
 
 
 def record(name, folder):
     setup, commands = SCENARIOS[name]
+    made, output = folder / "record", folder / "output"
     with Host(folder) as host:
-        output = folder / "output"
-        output.touch()
-        (folder / "record").touch()
         host.state.mkdir()
-        told = b""
-        for command in setup:
-            if command == FORGET:
-                host.forget()
-                continue
-            result = host.run(command)
-            assert result.returncode == 0, (command, result)
-            told += result.stdout
-        recording = Recording(name, commands, [], {}, host.config_text(), [host.settings()], [host.places()],
-                              max(numbers_told(told)[0], default=0), history(host))
-        recording.before = host.tree()
+        told = b"".join(host.set_up(command) for command in setup)
+        events, before, history = [], host.settings(), host.history()
+        recording = SimpleNamespace(name=name, commands=commands, events=events, tree=host.tree(), history=history,
+                                    configuration=host.configuration(), highest=max(numbers_in(told), default=0))
+        for path in made, output:
+            path.touch()
         for command in commands:
             with output.open("ab") as file:
-                result = host.run(command, file, LD_PRELOAD=str(BUILD / "tests/libcrash-recorder.so"),
-                                  CRASH_FOLDER=str(host.state), CRASH_RECORD=str(folder / "record"),
-                                  CRASH_WATCHED=f"{host.config}:{output}")
-            assert result.returncode == 0, (command, result)
-            with (folder / "record").open("a") as file:
-                for path in host.config, output:
-                    file.write(f"seen\t{path}\t\t{path.read_bytes().hex() if path.exists() else ''}\n")
-                file.write("end\t\t\t\n")
-        after = host.tree()
-        recording.settings.append(host.settings())
-        recording.places.append(host.places())
-    for line in (folder / "record").read_text().splitlines():
-        operation, path, other, data = line.split("\t")
-        path, other = (text.removeprefix(str(host.state)).lstrip("/") for text in (path, other))
-        if operation in ("seen", "end") or is_kept(pathlib.Path(path).name):
-            recording.events.append((operation, path, other, bytes.fromhex(data)))
-    replayed = Cut(recording, len(recording.events)).tree(lambda *_: True, "all")
-    assert replayed == after, f"{name}: the record misses changes"
+                result = host.run(command, file, LD_PRELOAD=BUILD / "tests/libcrash-recorder.so", CRASH_RECORD=made,
+                                  CRASH_FOLDER=host.state, CRASH_WATCHED=f"{host.config}:{output}")
+            assert result.returncode == 0, result
+            for line in made.read_text().splitlines():
+                event, path, other, data = line.split("\t")
+                path, other = (text.removeprefix(str(host.state)).lstrip("/") for text in (path, other))
+                if not is_left_out(os.path.basename(path)):
+                    events.append((event, path, other, bytes.fromhex(data)))
+            os.truncate(made, 0)
+            events.append(("seen", "config", "", host.configuration()))
+            events.append(("end", "", "", output.read_bytes()))
+        assert Cut(recording, len(events)).left()[1] == host.tree(), f"{name}: the record misses a change"
+        recording.settings = before, host.settings()
     return recording
-
-
-# What a cut leaves.
 
 
 class File:
@@ -208,37 +173,35 @@ class File:
     def __init__(self, synced=b""):
         self.synced, self.pending = synced, []
 
-    def content(self, kind, chance=None):
-        changes = self.pending
-        if kind == "none":
+    def content(self, missing="nothing", chance=random):
+        changes = list(self.pending)
+        if missing == "all":
             changes = []
-        elif kind == "zeros":
-            changes = [(offset, data and bytes(len(data))) for offset, data in changes]
-        elif kind == "not the first":
+        elif missing == "the first":
             changes = changes[1:]
-        elif kind == "torn" and changes:
-            count = chance.randrange(len(changes))
-            offset, data = changes[count]
-            changes = changes[:count] + [(offset, data and data[:chance.randrange(len(data))])]
-        elif kind == "some":
+        elif missing == "zeros":
+            changes = [(offset, data and bytes(len(data))) for offset, data in changes]
+        elif missing == "some":
             changes = [change for change in changes if chance.random() < 0.5]
+        elif missing == "from the middle on" and changes:
+            del changes[chance.randrange(len(changes)) + 1:]
+            offset, data = changes[-1]
+            changes[-1] = offset, data and data[:chance.randrange(len(data))]
         content = self.synced
         for offset, data in changes:
-            if data is None:
-                content = content[:offset].ljust(offset, b"\0")
-            else:
-                content = content[:offset].ljust(offset, b"\0") + data + content[offset + len(data):]
+            rest = b"" if data is None else content[offset + len(data):]
+            content = content[:offset].ljust(offset, b"\0") + (data or b"") + rest
         return content
 
 
-def rename(names, operation, path, other, what):
-    if operation in ("create", "mkdir"):
+def change_names(names, event, path, other, what):
+    if event in ("create", "mkdir"):
         names[path] = what
-    elif operation == "remove":
+    elif event == "remove":
         names.pop(path)
-    elif operation == "rename":
+    elif event == "rename":
         names[other] = names.pop(path)
-    else:
+    elif event == "exchange":
         names[path], names[other] = names[other], names[path]
 
 
@@ -247,245 +210,185 @@ class Cut:
 
     def __init__(self, recording, count):
         self.recording, self.count = recording, count
-        self.before = {path: None if content is None else File(content) for path, content in recording.before.items()}
+        self.before = {path: None if content is None else File(content) for path, content in recording.tree.items()}
         self.names = dict(self.before)  # as the programs see them
-        self.renamings, self.synced, self.last_sync = [], Counter(), 0
-        self.config, self.output, self.ended = recording.config, b"", 0
-        for i, (operation, path, other, data) in enumerate(recording.events[:count], 1):
+        self.name_changes, self.synced, self.last_sync = [], collections.Counter(), 0
+        self.configuration, self.output, self.ended = recording.configuration, b"", 0
+        for i, (event, path, other, data) in enumerate(recording.events[:count], 1):
             file = self.names.get(path)
-            if operation == "end":
-                self.ended += 1
-            elif operation == "seen":
-                setattr(self, "output" if path.endswith("output") else "config", data)
-            elif operation in ("write", "truncate"):
+            if event == "end":
+                self.output, self.ended = data, self.ended + 1
+            elif event == "seen" and path.endswith("output"):
+                self.output = data
+            elif event == "seen":
+                self.configuration = data
+            elif event in ("write", "truncate"):
                 if file:  # else its name is gone, and so is what is in it
-                    file.pending.append((int(other), data if operation == "write" else None))
-            elif operation == "sync":
-                self.last_sync = i
-                if file:
-                    file.synced, file.pending = file.content("all"), []
-                else:
-                    self.synced[path] = i
+                    file.pending.append((int(other), data if event == "write" else None))
+            elif event == "sync" and file:
+                self.last_sync, file.synced, file.pending = i, file.content(), []
+            elif event == "sync":
+                self.last_sync = self.synced[path] = i
             else:
-                what = File() if operation == "create" else None
-                self.renamings.append((i, operation, path, other, what))
-                rename(self.names, operation, path, other, what)
+                self.name_changes.append((i, event, path, other, File() if event == "create" else None))
+                change_names(self.names, *self.name_changes[-1][1:])
+        self.unsynced = {path: file for path, file in self.names.items() if file and file.pending}
 
-    def tree(self, is_there, kinds, chance=None):
-        """The files that are left when of the renamings those last that `is_there` tells."""
-        names = dict(self.before)
-        for i, operation, path, other, what in self.renamings:
+    def left(self, data="nothing", names=None, chance=random):
+        """The files that are left, and what is missing: of the data of all files or of each by its path, and names
+        from this event on, or from one for each folder."""
+        tree = dict(self.before)
+        for i, event, path, other, what in self.name_changes:
             folder = os.path.dirname(path)
-            if i <= self.synced[folder] or is_there(i, folder):
-                rename(names, operation, path, other, what)
-        # A folder comes before what is in it.
+            if names is None or i <= self.synced[folder] or i < (names if isinstance(names, int) else names[folder]):
+                change_names(tree, event, path, other, what)
+        missing = {id(file): data if isinstance(data, str) else data.get(path, "nothing")
+                   for path, file in self.unsynced.items()}
         left = {}
-        for path, file in sorted(names.items()):
+        for path, file in sorted(tree.items()):  # a folder comes before what is in it
             if os.path.dirname(path) in ("", *left):
-                kind = kinds if isinstance(kinds, str) else kinds(file)
-                left[path] = file and file.content(kind, chance)
-        return left
+                left[path] = file and file.content(missing.get(id(file), "nothing"), chance)
+        return self, left, f"data: {data}; names from event: {names}"
 
-    def unsynced(self):
-        return {path: file for path, file in self.names.items() if file and file.pending}
+    def worst(self):
+        yield self.left("all")
+        for path in self.unsynced:
+            yield self.left({path: "all"})
+        yield self.left(names=0)
+        yield self.left("the first")
+        yield self.left()
 
-
-def all_names(*_):
-    return True
-
-
-@dataclass
-class State:
-    cut: Cut
-    tree: dict
-    left_out: str
-    problems: list = field(default_factory=list)
-
-
-def worst_of(cut, kind):
-    """The states of one kind that this cut may leave."""
-    if kind == "no data":
-        yield State(cut, cut.tree(all_names, "none"), "all data that is not synced")
-    elif kind == "one file":
-        for path, missing in cut.unsynced().items():
-            yield State(cut, cut.tree(all_names, lambda file: "none" if file is missing else "all"),
-                        f"the data of {path} that is not synced")
-    elif kind == "no names":
-        yield State(cut, cut.tree(lambda *_: False, "all"), "all names that are not synced")
-    elif kind == "gap":
-        yield State(cut, cut.tree(all_names, "not the first"), "the first data of each file that is not synced")
-    else:
-        yield State(cut, cut.tree(all_names, "all"), "nothing")
+    def any(self, chance):
+        data = {path: chance.choice(["nothing", "all", "the first", "zeros", "some", "from the middle on"])
+                for path in self.unsynced}
+        names = chance.randint(self.last_sync, self.count) + 1  # as in a journal of all folders
+        if chance.random() < 0.5:
+            folders = sorted({os.path.dirname(change[2]) for change in self.name_changes})
+            names = {folder: chance.randint(0, self.count) + 1 for folder in folders}
+        return self.left(data, names, chance)
 
 
-def any_of(cut, chance):
-    if chance.random() < 0.5:  # as in a journal of all folders
-        limit = chance.randint(cut.last_sync, cut.count)
-        limits, text = {}, f"names from event {limit} on"
-    else:
-        limit = None
-        folders = {os.path.dirname(renaming[2]) for renaming in cut.renamings}
-        limits = {folder: chance.randint(0, cut.count) for folder in sorted(folders)}
-        text = "names from these events on: " + str(limits)
-    chosen = {id(file): chance.choice(["all", "none", "zeros", "torn", "some", "not the first"])
-              for file in cut.unsynced().values()}
-    text += "; data: " + str({path: chosen[id(file)] for path, file in cut.unsynced().items()})
-    tree = cut.tree(lambda i, folder: i <= (limits[folder] if limit is None else limit),
-                    lambda file: chosen.get(id(file), "all"), chance)
-    return State(cut, tree, text)
+def in_turns(iterators):
+    while iterators:
+        for iterator in list(iterators):
+            if (item := next(iterator, None)) is None:
+                iterators.remove(iterator)
+            else:
+                yield item
 
 
 def states_of(recording, chance):
-    """Each state once, the worst first; then any, until hardly one is new."""
+    """Each state once: the worst of each cut first, then any, until hardly one is new."""
     cuts = [Cut(recording, count) for count in range(len(recording.events) + 1)]
     recording.cuts = len(cuts)
-    known = set()
-
-    def is_new(state):
-        key = hash((frozenset(state.tree.items()), state.cut.config, state.cut.output, state.cut.ended,
-                    frozenset(backups_in(state.cut.names))))
-        return key not in known and not known.add(key)
-
-    for kind in ("no data", "one file", "no names", "gap", "all"):
-        for cut in chance.sample(cuts, len(cuts)):
-            yield from filter(is_new, worst_of(cut, kind))
-    tries = 0
-    while tries < 1000:
-        state = any_of(chance.choice(cuts), chance)
-        tries += 1
-        if is_new(state):
-            tries = 0
-            yield state
+    chance.shuffle(cuts)
+    any_cut = (chance.choice(cuts).any(chance) for _ in itertools.count())
+    known, duplicates = set(), 0
+    for cut, tree, missing in itertools.chain(in_turns([cut.worst() for cut in cuts]), any_cut):
+        key = frozenset(tree.items()), cut.configuration, cut.output, cut.ended, *backups_in(cut.names)
+        duplicates = duplicates + 1 if key in known else 0
+        if duplicates == 0:
+            known.add(key)
+            yield cut, tree, missing
+        elif duplicates > 1000:
+            return
 
 
-# What has to hold.
-
-
-def check(state, host):
-    cut, recording, problems = state.cut, state.cut.recording, state.problems
+def check(cut, tree, host):
+    """What is wrong with the state in which a host is."""
+    recording, problems = cut.recording, []
 
     def succeed(command):
         result = host.run(command)
         if result.returncode != 0:
-            problems.append(f"{command.split(' default_')[0]} exits with {result.returncode}: "
-                            f"{(result.stderr or result.stdout).decode().strip()}")
+            problems.append(f"{command} exits with {result.returncode}: {(result.stderr or result.stdout).decode()}")
         return result.stdout
 
-    told, deleted = numbers_told(cut.output)
-    here = backups_in(cut.names)
-    highest = max(told | {recording.highest, 0})
     listed = {backup["id"] for backup in json.loads(succeed("verify --json") or "[]")}
-    kept = {n for n in backups_in(recording.before).keys() | told if n in here}
-    for number in kept:
-        if number not in listed or state.tree[here[number]] != cut.names[here[number]].content("all"):
+    for number, path in backups_in(cut.names).items():
+        if number in {*backups_in(recording.tree), *numbers_in(cut.output)} and (
+                number not in listed or tree[path] != cut.names[path].content()):
             problems.append(f"backup {number} is lost")
-    for number in deleted & listed:
+    for number in numbers_in(cut.output, is_deleted=True) & listed:
         problems.append(f"backup {number} is back, though it was told to be deleted")
 
-    before, after = recording.settings
+    (before, before_kept), (after, after_kept) = recording.settings
     is_done = cut.ended == len(recording.commands) or (len(recording.commands) == 1 and cut.output)
-    for name, value in (json.loads(succeed("settings --json") or "{}")).items():
+    for name, value in host.settings()[0].items():
         if value not in ([after[name]] if is_done else [before[name], after[name]]):
-            problems.append(f"{name} is {value}, before it was {before[name]}, afterwards {after[name]}")
-    check_undo(state, host, succeed)
+            problems.append(f"{name} is {value}; before it was {before[name]}, afterwards {after[name]}")
 
-    number = 0
-    for command in AFTERWARDS:
-        output = succeed(command.format(number))
-        if command == "backup":
-            number = max(numbers_told(output)[0], default=0)
-            if number <= highest:
-                problems.append(f"backup {number} is made after backup {highest}")
-    strays = [path for path in host.tree() if ".new" in path or path.endswith("-journal")]
-    if strays:
-        problems.append("left behind: " + ", ".join(strays))
-
-
-def check_undo(state, host, succeed):
-    """What is cut is put back, as far as it came, or an undo is completed."""
-    recording = state.cut.recording
+    # An undo goes on; of what else was cut, it puts back what had begun.
     command = recording.commands[0].split()[0]
-    if command not in ("restore", "undo", "settings"):
-        return
-    undone = len(recording.entries) - (command == "undo")
-    entries = [entry for entry in history(host)[undone:] if not entry["undone"]]
-    if entries or (host.run("help history").returncode != 0 and command != "settings"):
-        succeed("undo")
-    elif host.run("help history").returncode != 0:
-        return
-    places, wanted = host.places(), recording.places[command == "undo"]
-    if places != wanted:
-        state.problems.append(f"undo leaves {places} instead of {wanted}")
+    history = host.history()
+    if command in ("restore", "undo") or (command == "settings" and history is not None):
+        begun = [{"undone": False}] if history is None else history[len(recording.history) - (command == "undo"):]
+        if any(not entry["undone"] for entry in begun):
+            succeed("undo")
+        kept, wanted = host.settings()[1], after_kept if command == "undo" else before_kept
+        if kept != wanted:
+            problems.append(f"undo leaves {kept} instead of {wanted}")
+
+    highest, newest = max(numbers_in(cut.output) | {recording.highest}), 0
+    for command in AFTERWARDS:
+        output = succeed(command.format(newest=newest))
+        newest = max(numbers_in(output), default=0) if command == "backup" else newest
+    if newest <= highest:
+        problems.append(f"backup {newest} is made after backup {highest}")
+    strays = [path for path in host.tree() if ".new" in path or path.endswith("-journal")]
+    return problems + ["left behind: " + ", ".join(strays)] * bool(strays)
 
 
-def try_state(state, folder):
+def put_down(cut, tree, folder):
     host = Host(folder)
-    put_down(state, host)
-    with host:
-        check(state, host)
-    shutil.rmtree(folder)
-
-
-def put_down(state, host):
     host.state.mkdir(parents=True)
-    for path, content in state.tree.items():
-        if content is None:
-            (host.state / path).mkdir()
-        else:
-            (host.state / path).write_bytes(content)
-    if state.cut.config:
+    for path, content in tree.items():
+        (host.state / path).mkdir() if content is None else (host.state / path).write_bytes(content)
+    if cut.configuration:
         host.config.parent.mkdir(parents=True)
-        host.config.write_bytes(state.cut.config)
+        host.config.write_bytes(cut.configuration)
+    return host
 
 
-def in_turns(iterators):
-    iterators = list(iterators)
-    while iterators:
-        for iterator in list(iterators):
-            if (state := next(iterator, None)) is None:
-                iterators.remove(iterator)
-            else:
-                yield state
-
-
-def main():
-    # In memory: what the programs sync there costs nothing.
-    folder = pathlib.Path(tempfile.mkdtemp(prefix="crash-", dir="/dev/shm" if os.access("/dev/shm", os.W_OK) else None))
-    kept = pathlib.Path(tempfile.gettempdir()) / folder.name
+def run(work):
     end = time.monotonic() + SECONDS
     recordings = []
-    for i, name in enumerate(SCENARIOS):
-        (folder / str(i)).mkdir()
-        recordings.append(record(name, folder / str(i)))
-    states = in_turns(states_of(recording, random.Random(SEED + recording.name)) for recording in recordings)
-    lock, tried, failed = threading.Lock(), Counter(), Counter()
+    for name in SCENARIOS:
+        (work / name).mkdir()
+        recordings.append(record(name, work / name))
+    states = in_turns([states_of(recording, random.Random(SEED + recording.name)) for recording in recordings])
+    kept, lock = pathlib.Path(tempfile.gettempdir()) / work.name, threading.Lock()
+    tried, failed = collections.Counter(), collections.Counter()
 
-    def work():
+    def try_states():
         while time.monotonic() < end:
             with lock:
-                if (state := next(states, None)) is None:
+                cut, tree, missing = next(states, (None, None, None))
+                if cut is None:
                     return
-                name = state.cut.recording.name
+                name = cut.recording.name
                 tried[name] += 1
-                number = sum(tried.values())
-            try_state(state, folder / f"state{number}")
-            if state.problems:
-                with lock:
-                    failed[name] += 1
-                    put_down(state, Host(kept / str(number)))
-                    event = state.cut.recording.events[state.cut.count - 1][:3] if state.cut.count else "nothing"
-                    print(f"{name}: cut after event {state.cut.count} ({' '.join(event)}), missing: {state.left_out}\n"
-                          f"  kept in {kept / str(number)}\n  " + "\n  ".join(state.problems), flush=True)
+                number = str(tried.total())
+            with put_down(cut, tree, work / number) as host:
+                problems = check(cut, tree, host)
+            shutil.rmtree(work / number)
+            if problems:
+                put_down(cut, tree, kept / number)
+                failed[name] += 1
+                event = " ".join(cut.recording.events[cut.count - 1][:3]) if cut.count else "nothing"
+                print(f"{name}: cut after event {cut.count} ({event}), missing: {missing}",
+                      f"the state: {kept / number}", *problems, sep="\n  ", flush=True)
 
-    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as workers:
-        for worker in [workers.submit(work) for _ in range(os.cpu_count())]:
+    with concurrent.futures.ThreadPoolExecutor() as workers:
+        for worker in [workers.submit(try_states) for _ in range(os.cpu_count())]:
             worker.result()
-    shutil.rmtree(folder)
     for recording in recordings:
-        print(f"{recording.name}: {recording.cuts} cuts, {tried[recording.name]} states,"
-              f" {failed[recording.name]} of them fail")
-    print(f"{sum(tried.values())} states, seed {SEED}")
-    sys.exit(1 if failed else 0)
+        name = recording.name
+        print(f"{name}: {recording.cuts} cuts, {tried[name]} states, {failed[name]} of them fail")
+    print(f"{tried.total()} states, seed {SEED}")
+    return 1 if failed else 0
 
 
-main()
+# In memory, where a sync costs nothing.
+with tempfile.TemporaryDirectory(prefix="crash-", dir="/dev/shm" if os.path.isdir("/dev/shm") else None) as folder:
+    sys.exit(run(pathlib.Path(folder)))
