@@ -11,6 +11,7 @@ Names that are not synced are missing from some change of their folder on.
 
 import collections
 import concurrent.futures
+import contextlib
 import itertools
 import json
 import os
@@ -35,12 +36,12 @@ ONE = ("settings set default_keyboard alpha selected_lang en_US,ko_KR handwritin
        " downloaded_lang en_US,ko_KR,fr_FR downloaded_with_handwriting_lang en_US")
 OTHER = ("settings set default_keyboard beta selected_lang fr_FR handwriting off prediction off auto_space off"
          " auto_capitalize on auto_punctuation off key_tap_sound on")
-FORGET = "forget"  # all but the backups
+FORGET = "forget"  # all files but the backups
 
 SCENARIOS = {  # what was done before, and what is cut
     "backup, the first": (["settings set default_keyboard alpha"], ["backup"]),
     "backup, a later one": ([ONE, "backup", OTHER], ["backup"]),
-    "restore, on first use": ([ONE, "backup", FORGET], ["restore"]),
+    "restore, on first use": ([ONE, "backup", OTHER, FORGET], ["restore"]),
     "restore, later": ([ONE, "backup", OTHER, "settings unset key_tap_vib"], ["restore"]),
     "restore, the second": ([ONE, "backup", OTHER, "backup", "restore 1"], ["restore 2"]),
     "undo": ([ONE, "backup", OTHER, "settings unset key_tap_vib prediction", "restore"], ["undo"]),
@@ -52,6 +53,9 @@ SCENARIOS = {  # what was done before, and what is cut
     "import": ([ONE, "backup", "export 1 exported"], ["import exported"]),
     "backup and delete": ([ONE], ["backup", "delete 1"]),
 }
+# Where nothing tells what can be undone, that is the last restore.
+HAS_HISTORY = subprocess.run([BUILD / "bin/ime-backupctl", "help", "history"], capture_output=True).returncode == 0
+CHANGING = ("restore", "undo", "settings") if HAS_HISTORY else ("restore", "undo")
 AFTERWARDS = [ONE, "backup", OTHER, "restore", "undo", "delete {newest}", "list"]
 
 
@@ -86,16 +90,13 @@ class Host:
                               env=self.environment | environment, stdout=output, stderr=subprocess.PIPE)
 
     def set_up(self, command):
-        if command != FORGET:
-            result = self.run(command)
-            assert result.returncode == 0, result
-            return result.stdout
-        self.__exit__()
-        for path in {*self.state.iterdir()} - {self.state / "cloud"}:
-            shutil.rmtree(path) if path.is_dir() else path.unlink()
-        shutil.rmtree(self.folder / "scim")
-        self.__enter__()
-        return b""
+        if command == FORGET:
+            for path in {*self.state.iterdir()} - {self.state / "cloud"}:
+                shutil.rmtree(path) if path.is_dir() else path.unlink()
+            return b""
+        result = self.run(command)
+        assert result.returncode == 0, result
+        return result.stdout
 
     def tree(self):
         return {str(path.relative_to(self.state)): path.read_bytes() if path.is_file() else None
@@ -106,20 +107,21 @@ class Host:
 
     def settings(self):
         """As they are shown, and as the settings store and SCIM's file have them."""
-        rows = []
+        lines = self.configuration().decode().splitlines()
+        kept = sorted(line for line in lines if "keyloom/" in line or "~other" in line)
         with tempfile.TemporaryDirectory() as copy:
             for file in self.state.glob("settings.db*"):
                 shutil.copy(file, copy)
-            if file := next(pathlib.Path(copy).glob("settings.db"), None):
-                rows = sqlite3.connect(file).execute("SELECT * FROM settings ORDER BY key").fetchall()
-        lines = self.configuration().decode().splitlines()
-        return (json.loads(self.run("settings --json").stdout or "{}"),
-                rows + sorted(line for line in lines if "keyloom/" in line or "~other" in line))
+            if os.path.exists(copy + "/settings.db"):
+                with contextlib.closing(sqlite3.connect(copy + "/settings.db")) as store:
+                    try:
+                        kept += store.execute("SELECT * FROM settings ORDER BY key").fetchall()
+                    except sqlite3.DatabaseError as error:
+                        kept.append(str(error))
+        return json.loads(self.run("settings --json").stdout or "{}"), kept
 
     def history(self):
-        """None where there is only the last restore to undo."""
-        result = self.run("history --json")
-        return json.loads(result.stdout) if result.returncode == 0 else None
+        return json.loads(self.run("history --json").stdout) if HAS_HISTORY else []
 
 
 def is_left_out(name):
@@ -144,9 +146,10 @@ def record(name, folder):
     with Host(folder) as host:
         host.state.mkdir()
         told = b"".join(host.set_up(command) for command in setup)
-        events, before, history = [], host.settings(), host.history()
-        recording = SimpleNamespace(name=name, commands=commands, events=events, tree=host.tree(), history=history,
-                                    configuration=host.configuration(), highest=max(numbers_in(told), default=0))
+        events, before = [], host.settings()
+        recording = SimpleNamespace(name=name, commands=commands, events=events, tree=host.tree(),
+                                    configuration=host.configuration(), entries=len(host.history()),
+                                    highest=max(numbers_in(told), default=0))
         for path in made, output:
             path.touch()
         for command in commands:
@@ -278,13 +281,15 @@ def in_turns(iterators):
 
 
 def states_of(recording, chance):
-    """Each state once: the worst of each cut first, then any, until hardly one is new."""
+    """Each state once: the worst once all is told, then the worst of each cut, and any, until hardly one is new."""
     cuts = [Cut(recording, count) for count in range(len(recording.events) + 1)]
+    last = cuts[-1]
     recording.cuts = len(cuts)
     chance.shuffle(cuts)
-    any_cut = (chance.choice(cuts).any(chance) for _ in itertools.count())
+    other = in_turns([in_turns([cut.worst() for cut in cuts]),
+                      (chance.choice(cuts).any(chance) for _ in itertools.count())])
     known, duplicates = set(), 0
-    for cut, tree, missing in itertools.chain(in_turns([cut.worst() for cut in cuts]), any_cut):
+    for cut, tree, missing in itertools.chain(last.worst(), other):
         key = frozenset(tree.items()), cut.configuration, cut.output, cut.ended, *backups_in(cut.names)
         duplicates = duplicates + 1 if key in known else 0
         if duplicates == 0:
@@ -312,20 +317,20 @@ def check(cut, tree, host):
     for number in numbers_in(cut.output, is_deleted=True) & listed:
         problems.append(f"backup {number} is back, though it was told to be deleted")
 
+    command = recording.commands[0].split()[0]
+    is_undo = command == "undo"
+    begun = host.history()[recording.entries - is_undo:]
     (before, before_kept), (after, after_kept) = recording.settings
-    is_done = cut.ended == len(recording.commands) or (len(recording.commands) == 1 and cut.output)
+    is_done = cut.ended == len(recording.commands) or (len(recording.commands) == 1 and cut.output) or (
+        not is_undo and any(entry["succeeded"] for entry in begun))
     for name, value in host.settings()[0].items():
         if value not in ([after[name]] if is_done else [before[name], after[name]]):
             problems.append(f"{name} is {value}; before it was {before[name]}, afterwards {after[name]}")
-
-    # An undo goes on; of what else was cut, it puts back what had begun.
-    command = recording.commands[0].split()[0]
-    history = host.history()
-    if command in ("restore", "undo") or (command == "settings" and history is not None):
-        begun = [{"undone": False}] if history is None else history[len(recording.history) - (command == "undo"):]
-        if any(not entry["undone"] for entry in begun):
+    # An undo goes on; of what else was cut, what had begun is put back.
+    if command in CHANGING:
+        if not HAS_HISTORY or any(not entry["undone"] for entry in begun):
             succeed("undo")
-        kept, wanted = host.settings()[1], after_kept if command == "undo" else before_kept
+        kept, wanted = host.settings()[1], after_kept if is_undo else before_kept
         if kept != wanted:
             problems.append(f"undo leaves {kept} instead of {wanted}")
 
