@@ -35,8 +35,7 @@ std::string format_date(const std::string &date)
     return text.empty() ? date : text;
 }
 
-/// The time as scripts have it, or nothing.
-static Json utc_time(const std::string &date)
+Json utc_time(const std::string &date)
 {
     const std::string seconds = format_time(date, g_date_time_new_from_unix_utc, "%FT%T");
     if (seconds.empty())

@@ -6,15 +6,22 @@
 
 #include "cloud_store.h"
 #include "document.h"
+#include "history.h"
 
 /// "backup 4", for a person.
 std::string name_of(BackupNumber number);
+
+/// Such as "restore of backup 4", for a person.
+std::string describe(const HistoryEntry &entry);
 
 /// Milliseconds since 1970 in a record's date.
 std::optional<std::int64_t> parse_date(const std::string &date);
 
 /// The local time of a record's date, or the text as it stands when it is no date.
 std::string format_date(const std::string &date);
+
+/// The time as scripts have it, or null when it is no date.
+Json utc_time(const std::string &date);
 
 /// The date of a backup's first record.
 std::string date_of(const CloudRecords &records);

@@ -29,6 +29,11 @@ struct UsageError : HostError {
     using HostError::HostError;
 };
 
+/// There is no such entry in the history.
+struct NoEntryError : HostError {
+    using HostError::HostError;
+};
+
 // Words that go below an error.
 
 inline constexpr char HINT_SCIM[] =
@@ -40,7 +45,7 @@ inline constexpr char HINT_KEYBOARD[] =
 std::string did_you_mean(const std::string &typed, const std::vector<std::string> &known);
 
 /// What an argument, or an option's value, is: completion offers words of this kind.
-enum class Kind { text, backup, file, setting, setting_and_value, command, function };
+enum class Kind { text, backup, entry, file, setting, setting_and_value, command, function };
 
 /// How often something may stand on a command line.
 enum class Times { at_most_once, once, any, at_least_once };
@@ -155,18 +160,15 @@ inline constexpr char SERVICE_LOG[] = "service.log";
 /// @throws HostError when the service can't be started
 ExchangeReport run_exchange(Cli &cli, const char *operation, const std::string &backup = "");
 
-/// What the last restore changed on this device, as it kept it while it went.
-///
-/// @return one without settings when there was no restore, or it was undone
-/// @throws HostError when it can't be read
-ExchangeReport read_last_restore();
-
 /// Waits until no exchange is under way.
 ///
 /// @param is_only_looking when there has been none, no lock is made
 /// @return the lock: none begins while it is held
 /// @throws TimeoutError
 FileLock wait_for_turn(bool is_only_looking);
+
+/// Whether an exchange is under way, or a change of settings.
+bool is_turn_taken();
 
 // What the help and the manual tell, each once.
 
@@ -182,7 +184,7 @@ inline const std::vector<Note> EXIT_STATUSES = {
     {std::to_string(EXIT_USAGE), "wrong usage"},
     {std::to_string(EXIT_NO_PLATFORM),
      "the platform isn't there: no SCIM daemon, no active input method, or state that can't be used"},
-    {std::to_string(EXIT_NO_BACKUP), "there is no such backup"},
+    {std::to_string(EXIT_NO_BACKUP), "there is no such backup, or no such entry in the history"},
     {std::to_string(EXIT_DAMAGED), "the backup is damaged"},
     {std::to_string(EXIT_TIMED_OUT), "the service, or a remote store, did not finish in time"},
     {std::to_string(EXIT_INTERRUPTED),

@@ -206,24 +206,6 @@ ExchangeReport run_exchange(Cli &cli, const char *operation, const std::string &
 
 // What exchanges share.
 
-ExchangeReport read_last_restore()
-{
-    static constexpr size_t MAX_SIZE = size_t{64} << 20;
-    const fs::path file = state_root() / LAST_RESTORE;
-    std::error_code ignored;
-    if (!fs::exists(fs::symlink_status(file, ignored)))
-        return {};
-    try {
-        ExchangeReport report = decode_report(read_file(file, MAX_SIZE));
-        if (report.settings.empty())
-            throw HostError("it is cut short");
-        return report;
-    } catch (const HostError &error) {
-        throw HostError("what the last restore changed can't be read from " + file.string() + ": " +
-                        error.what() + "; move it away once you have looked at it");
-    }
-}
-
 FileLock wait_for_turn(bool is_only_looking)
 {
     const fs::path file = state_root() / EXCHANGE_LOCK;
@@ -233,4 +215,11 @@ FileLock wait_for_turn(bool is_only_looking)
         return turn;
     turn.acquire("another exchange");
     return turn;
+}
+
+bool is_turn_taken()
+{
+    const fs::path file = state_root() / EXCHANGE_LOCK;
+    std::error_code ignored;
+    return fs::exists(file, ignored) && !FileLock(file).try_acquire();
 }

@@ -1,4 +1,4 @@
-// The commands that have the service take part in an exchange, or undo one.
+// The commands that have the service take part in an exchange.
 
 #include <algorithm>
 #include <csignal>
@@ -7,6 +7,7 @@
 #include "backups.h"
 #include "commands.h"
 #include "contact.h"
+#include "history.h"
 #include "orvanta_cloud_operations.h"
 #include "paths.h"
 #include "setting.h"
@@ -46,6 +47,10 @@ void run_backup(Cli &cli)
     cli.document.set("backup", nullptr);
     cli.document.set("stored", false);
     if (const auto same = cli.has("--if-changed") ? find_same() : std::nullopt; same) {
+        const FileLock turn = wait_for_turn(false);
+        HistoryWriter entry("backup");
+        entry.set_backup(*same, open_store()->location());
+        entry.finish(true, "nothing was stored: " + name_of(*same) + " holds the same settings", {});
         cli.document.set_result(true);
         cli.document.set("backup", *same);
         cli.document.say(name_of(*same) + " holds the same settings; nothing was stored");
@@ -106,6 +111,9 @@ static ExchangeReport plan_restore_of(Cli &cli)
         device.require_writable(row);
     const RestorePlan plan =
         plan_restore(values, device.read_all(), std::bind_front(&Device::refuses, &device));
+    for (const RestoredSetting &setting : plan.settings)
+        if (setting.before != setting.after)
+            require_writable_history();
     return report_planned(plan, report.backup, records);
 }
 
@@ -127,78 +135,6 @@ void run_restore(Cli &cli)
     tell_success(cli.document, report,
                  name_of(report.backup) + (cli.has("--dry-run") ? "  would be restored" : "  restored") +
                      (different.empty() ? "" : ", but for " + join(different, ", ")));
-}
-
-/// The settings that a restore changed, each with the value that it had before.
-static std::vector<std::pair<SettingRow, DeviceValue>> changes_of(const ExchangeReport &restore)
-{
-    std::vector<std::pair<SettingRow, DeviceValue>> changes;
-    const auto add = [&changes](const SettingRow &row, const DeviceValue &before) {
-        if (std::none_of(changes.begin(), changes.end(),
-                         [&row](const auto &known) { return known.first.member == row.member; }))
-            changes.emplace_back(row, before);
-    };
-    for (const Change &change : restore.changes)
-        for (const SettingRow &row : ALL_SETTINGS)
-            if (row.place == change.place && row.key == change.key &&
-                change.outcome != Change::Outcome::refused)
-                add(row, change.before);
-    if (restore.result == ExchangeReport::Result::succeeded)
-        return changes;
-    // SCIM's daemon does not write its file whole or not at all: when it is killed then, settings are lost
-    // that the restore had not come to.
-    for (const SettingReport &setting : restore.settings)
-        if (const SettingRow &row = find_setting(setting.member);
-            setting.before && !open_device().read_one(row))
-            add(row, setting.before);
-    return changes;
-}
-
-/// Puts a setting back, also where it seems to be as it was: an undo that was killed may have left it so in
-/// the daemon's memory alone.
-///
-/// @return why it is not as it was, or an empty text
-static std::string put_back(const SettingRow &row, const DeviceValue &before, Table &undone)
-{
-    Device &device = open_device();
-    const DeviceValue now = device.read_one(row);
-    std::string reason = "something else changed it meanwhile";
-    try {
-        device.write(row, before);
-    } catch (const ValueError &error) {
-        reason = error.what();
-    }
-    const DeviceValue after = device.read_one(row);
-    if (after != now)
-        undone.rows.push_back({row.member, cell_of(row, now), cell_of(row, after)});
-    return after == before ? "" : std::string(row.member) + " (" + reason + ")";
-}
-
-void run_undo(Cli &cli)
-{
-    cli.document.set_result(false);
-    Table undone = CHANGES;
-    cli.document.set("settings", undone);
-    const FileLock turn = wait_for_turn(false);
-
-    const ExchangeReport restore = read_last_restore();
-    const auto changes = changes_of(restore);
-    for (const auto &[row, before] : changes)
-        open_device().require_writable(row);
-    std::vector<std::string> failures;
-    for (const auto &[row, before] : changes) {
-        if (const std::string failure = put_back(row, before, undone); !failure.empty())
-            failures.push_back(failure);
-        cli.document.set("settings", undone);
-    }
-    if (!failures.empty())
-        throw HostError("not put back: " + join(failures, ", "));
-    if (!restore.settings.empty())
-        remove_file_durably(state_root() / LAST_RESTORE);
-    cli.document.set_result(true);
-    cli.document.say(changes.empty()
-                         ? "there is nothing to undo"
-                         : "what the restore of " + name_of(restore.backup) + " changed is as it was");
 }
 
 void run_info(Cli &cli)

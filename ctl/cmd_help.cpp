@@ -6,6 +6,7 @@
 
 #include "cloud_store.h"
 #include "commands.h"
+#include "history.h"
 #include "process.h"
 #include "setting.h"
 #include "text.h"
@@ -125,11 +126,21 @@ static Words backup_numbers()
     return numbers;
 }
 
+static Words entry_numbers()
+{
+    Words numbers;
+    for (const HistoryEntry &entry : read_history())
+        numbers.push_back(std::to_string(entry.number));
+    return numbers;
+}
+
 static Words words_of(Kind kind, const Words &arguments)
 {
     switch (kind) {
     case Kind::backup:
         return backup_numbers();
+    case Kind::entry:
+        return entry_numbers();
     case Kind::file:
         return {FILES};
     case Kind::command:

@@ -21,27 +21,17 @@ void run_settings_get(Cli &cli)
     cli.document.say(value.text);
 }
 
-using NewValues = std::vector<std::pair<SettingRow, DeviceValue>>;
-
-/// Changes settings one after the other, once it is known that all can be changed. People are told only of a
-/// failure, and what had been changed by then.
-static void change_settings(Cli &cli, const NewValues &values)
+/// Changes settings, once it is known that all can be changed. People are told only of a failure, and what
+/// had been changed by then.
+static void change_settings(Cli &cli, const std::string &what, const NewValues &values)
 {
     cli.document.set_result(false);
-    Device &device = open_device();
-    for (const auto &[row, value] : values) {
-        if (const std::string reason = device.refuses(row, value); !reason.empty())
+    cli.document.set("settings", CHANGES);
+    for (const auto &[row, value] : values)
+        if (const std::string reason = open_device().refuses(row, value); !reason.empty())
             throw UsageError(std::string(row.member) + ": " + reason);
-        device.require_writable(row);
-    }
-    Table changed = CHANGES;
-    cli.document.set("settings", changed);
-    for (const auto &[row, value] : values) {
-        const DeviceValue before = device.read_one(row);
-        device.write(row, value);
-        changed.rows.push_back({row.member, cell_of(row, before), cell_of(row, value)});
-        cli.document.set("settings", changed);
-    }
+    const FileLock turn = wait_for_turn(false);
+    Table changed = change_device(cli, what, values);
     cli.document.set_result(true);
     changed.is_for_people = false;
     cli.document.set("settings", changed);
@@ -55,9 +45,11 @@ void run_settings_set(Cli &cli)
         const SettingRow &row = find_setting(pairs[i]);
         if (i + 1 == pairs.size())
             throw UsageError(pairs[i] + " lacks a value");
-        values.emplace_back(row, parse_value(row, pairs[i + 1]));
+        std::erase_if(
+            values, [&row](const auto &given) { return std::string_view(given.first.member) == row.member; });
+        values.emplace_back(row, parse_value(row, pairs[i + 1])); // of one given twice, the last value holds
     }
-    change_settings(cli, values);
+    change_settings(cli, "settings set", values);
 }
 
 void run_settings_unset(Cli &cli)
@@ -65,5 +57,5 @@ void run_settings_unset(Cli &cli)
     NewValues values;
     for (const std::string &name : cli.arguments)
         values.emplace_back(find_setting(name), std::nullopt);
-    change_settings(cli, values);
+    change_settings(cli, "settings unset", values);
 }

@@ -1,7 +1,10 @@
+#include <algorithm>
+
 #include "backups.h"
 #include "commands.h"
 #include "contact.h"
 #include "files.h"
+#include "history.h"
 #include "paths.h"
 #include "setting.h"
 
@@ -75,45 +78,42 @@ static Finding look_at_cloud()
     }
 }
 
-static ExchangeReport read_last_exchange()
+/// The newest entry that a condition holds for; null if there is none.
+template <class Condition>
+static const HistoryEntry *find_newest(const std::vector<HistoryEntry> &entries, Condition condition)
 {
-    const fs::path file = state_root() / LAST_REPORT;
-    std::error_code ignored;
-    if (!fs::exists(file, ignored))
-        return {};
-    try {
-        return decode_report(read_file(file, MAX_RECORD_FILE_SIZE));
-    } catch (const HostError &error) {
-        throw HostError(file.string() + " can't be read: " + error.what());
-    }
+    const auto entry = std::find_if(entries.rbegin(), entries.rend(), condition);
+    return entry == entries.rend() ? nullptr : &*entry;
 }
 
 static Finding look_at_last_exchange()
 {
-    using Result = ExchangeReport::Result;
-    const fs::path lock = state_root() / EXCHANGE_LOCK;
-    std::error_code ignored;
     try {
-        FileLock turn(lock);
-        if (fs::exists(lock, ignored) && !turn.try_acquire())
+        if (is_turn_taken())
             return {"one is under way"};
     } catch (const PlatformError &error) {
         return {error.what(), "Move it away"};
     }
     try {
-        const ExchangeReport restore = read_last_restore();
-        if (!restore.settings.empty() && restore.result == Result::undecided)
-            return {"the restore of " + name_of(restore.backup) + " was interrupted",
-                    "Put back what it changed with: ime-backupctl undo; or restore again", false};
-        const ExchangeReport last = read_last_exchange();
-        if (last.operation.empty())
+        const std::vector<HistoryEntry> entries = read_history();
+        const HistoryEntry *const open = find_newest(entries, [](const HistoryEntry &entry) {
+            return !entry.succeeded && !entry.changed.empty() && !entry.is_undone;
+        });
+        if (open != nullptr)
+            return {describe(*open) + " was interrupted",
+                    "Put back what it changed with: ime-backupctl undo " + std::to_string(open->number),
+                    false};
+        const HistoryEntry *const last = find_newest(entries, [](const HistoryEntry &entry) {
+            return entry.what == "backup" || entry.what == "restore" || entry.what == "info";
+        });
+        if (last == nullptr)
             return {"none yet"};
-        const std::string what = last.operation + (last.backup == 0 ? "" : " of " + name_of(last.backup));
-        if (last.result == Result::succeeded)
-            return {what + " succeeded"};
-        return {what + ": " + last.reason, "See " + (state_root() / SERVICE_LOG).string(), false};
+        if (last->succeeded == true || last->is_undone)
+            return {describe(*last) + (last->is_undone ? " was undone" : " succeeded")};
+        return {describe(*last) + ": " + (last->succeeded ? last->reason : "interrupted"),
+                "See " + (state_root() / SERVICE_LOG).string(), false};
     } catch (const HostError &error) {
-        return {error.what(), "The next exchange makes it anew", false};
+        return {error.what(), "Move the history away", false};
     }
 }
 

@@ -124,10 +124,13 @@ static const std::vector<Command> COMMANDS = {
      "ime-backupctl restore 3 --dry-run", run_restore,
      {NEWEST_OR_ONE}, {{"--dry-run", 0, "Show what a restore would do, and change nothing"},
                        {"--strict", 0, "Exit with 1 if a setting is not as the backup has it"}}},
-    {"undo", BACKUPS, "Put back what the last restore changed",
-     "Each setting that the last restore changed gets the value that it had before, or none if it had none. "
-     "This goes for a restore that was interrupted, too, and it can be done once.",
-     "ime-backupctl undo", run_undo},
+    {"undo", BACKUPS, "Put back what a restore, or a change of settings, changed",
+     "Each setting that it changed gets the value that it had before, or none if it had none. Without a number, "
+     "this is the newest restore or change of settings that changed something and is not undone, also one that "
+     "was interrupted: undo after undo goes further back. With the number of an entry in the history, it is that "
+     "entry: the number of an undo takes the undo back.",
+     "ime-backupctl undo --dry-run", run_undo, {{"ENTRY", "The entry's number in the history", entry, at_most_once}},
+     {{"--dry-run", 0, "Show what would be put back, and change nothing"}}},
     {"list", BACKUPS, "List the backups, newest last",
      "Each is read and checked: of one that is damaged, it says why.",
      "ime-backupctl list", run_list},
@@ -168,6 +171,11 @@ static const std::vector<Command> COMMANDS = {
      "The two downloaded lists are no part of a backup: they decide what of one a restore can bring back.",
      "ime-backupctl settings --long", run_settings,
      {}, {{"--long", 0, "Show where the device keeps each setting, and under which key"}}, SETTINGS_COMMANDS},
+    {"history", DEVICE, "Show what was done to this device",
+     "Each backup, restore, undo and change of settings is an entry, with the settings that it changed. The newest "
+     "200 entries are kept, and of older ones those that can be undone. The exit status is 1 if an entry can't be "
+     "read.",
+     "ime-backupctl history", run_history},
     {"status", DEVICE, "Show whether all that a backup needs is there",
      "Looks at the SCIM daemon, the active keyboard, the settings store, the cloud store and the last "
      "exchange, and says what to do about each that is not fine. The exit status is 3 if something that a "

@@ -10,6 +10,7 @@ void run_delete(Cli &cli);
 void run_diff(Cli &cli);
 void run_export(Cli &cli);
 void run_help(Cli &cli);
+void run_history(Cli &cli);
 void run_import(Cli &cli);
 void run_info(Cli &cli);
 void run_list(Cli &cli);

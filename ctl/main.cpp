@@ -51,6 +51,8 @@ static int run(Cli &cli, const std::vector<std::string> &words)
     } catch (const NoBackupError &error) {
         return fail(cli, EXIT_NO_BACKUP, error.what(),
                     R"("ime-backupctl list" shows those there are, "ime-backupctl backup" makes one.)");
+    } catch (const NoEntryError &error) {
+        return fail(cli, EXIT_NO_BACKUP, error.what(), R"("ime-backupctl history" shows those there are.)");
     } catch (const DamagedError &error) {
         return fail(cli, EXIT_DAMAGED, error.what());
     } catch (const TimeoutError &error) {

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <dlfcn.h>
+#include <exception>
 #include <functional>
+#include <map>
 #include <sstream>
 
 #include <glib.h>
@@ -105,4 +107,94 @@ Cell cell_of(const SettingRow &row, const DeviceValue &value)
     else if (value)
         json = bool(value != DeviceValue(false) && value != DeviceValue(0));
     return {json, format_value(row, value)};
+}
+
+// Changes.
+
+/// Writes the values, and throws unless the device holds them durably.
+static void write_values(Device &device, const NewValues &values)
+{
+    std::map<std::string, std::string> refusals;
+    for (const auto &[row, value] : values)
+        try {
+            device.write(row, value);
+        } catch (const ValueError &error) {
+            refusals[row.member] = error.what();
+        }
+    device.make_durable();
+    std::vector<std::string> failures;
+    for (const auto &[row, value] : values)
+        if (device.read_one(row) != value) {
+            const std::string &refusal = refusals[row.member];
+            failures.push_back(std::string(row.member) + " (" +
+                               (refusal.empty() ? "something else changed it meanwhile" : refusal) + ")");
+        }
+    if (!failures.empty())
+        throw HostError("not changed: " + join(failures, ", "));
+}
+
+static NamedValues read_those(Device &device, const NewValues &values)
+{
+    NamedValues named;
+    std::vector<SettingRow> rows;
+    for (const auto &[row, value] : values)
+        rows.push_back(row);
+    const std::vector<DeviceValue> read = device.read(rows);
+    for (size_t i = 0; i < rows.size(); i++)
+        named[rows[i].member] = read[i];
+    return named;
+}
+
+/// The same after a failure. Where they can't be read, they may be as they were to become.
+static NamedValues read_again(Device &device, const NewValues &values, NamedValues before)
+{
+    try {
+        return read_those(device, values);
+    } catch (const HostError &) {
+        for (const auto &[row, value] : values)
+            before[row.member] = value;
+        return before;
+    }
+}
+
+Table change_device(Cli &cli, const std::string &what, const NewValues &values, EntryNumber undoes)
+{
+    Device &device = open_device();
+    for (const auto &[row, value] : values)
+        device.require_writable(row);
+    const NamedValues before = read_those(device, values);
+    Table all = CHANGES;
+    NamedValues planned;
+    for (const auto &[row, value] : values) {
+        const DeviceValue &old = before.at(row.member);
+        all.rows.push_back({row.member, cell_of(row, old), cell_of(row, value)});
+        if (old != value)
+            planned.emplace(row.member, value);
+    }
+    HistoryWriter entry(what, undoes);
+    if (!planned.empty())
+        entry.plan(before, planned);
+
+    std::string reason;
+    std::exception_ptr failure;
+    try {
+        write_values(device, values);
+    } catch (const HostError &error) {
+        reason = error.what();
+        failure = std::current_exception();
+    }
+    const NamedValues after = read_again(device, values, before);
+    Table changes = CHANGES;
+    std::vector<std::string> changed;
+    for (const SettingRow &row : ALL_SETTINGS)
+        if (before.contains(row.member) && before.at(row.member) != after.at(row.member)) {
+            changes.rows.push_back(
+                {row.member, cell_of(row, before.at(row.member)), cell_of(row, after.at(row.member))});
+            changed.emplace_back(row.member);
+        }
+    cli.document.set("settings", changes);
+    entry.finish(failure == nullptr, reason, changed);
+    if (failure != nullptr)
+        std::rethrow_exception(failure);
+    return all;
 }

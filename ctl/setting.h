@@ -5,7 +5,10 @@
 
 #include "device.h"
 #include "document.h"
+#include "history.h"
 #include "plan.h"
+
+struct Cli;
 
 std::vector<std::string> names_of_settings();
 
@@ -31,6 +34,18 @@ std::string place_of(const SettingRow &row);
 DeviceValue parse_value(const SettingRow &row, const std::string &text);
 
 Cell cell_of(const SettingRow &row, const DeviceValue &value);
+
+/// Settings, and what they are to hold.
+using NewValues = std::vector<std::pair<SettingRow, DeviceValue>>;
+
+/// Changes settings of this device, as an entry of its history, and checks that they hold the new values.
+/// Whoever calls it holds the turn.
+///
+/// @param[in,out] cli its document's "settings" become those that were changed, also when some could not be
+/// @param what        see HistoryEntry::what
+/// @param undoes      see HistoryEntry::undoes
+/// @return the values before and after
+Table change_device(Cli &cli, const std::string &what, const NewValues &values, EntryNumber undoes = 0);
 
 /// For settings that were changed.
 inline const Table CHANGES{{{"name", "setting"}, {"before", "before"}, {"after", "after"}}};

@@ -76,14 +76,14 @@ bool write_at(const Descriptor &file, off_t offset, const std::string &content)
     return true;
 }
 
-static bool sync_folder(const fs::path &folder)
+bool sync_folder(const fs::path &folder)
 {
     const Descriptor descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return descriptor && fsync(descriptor.get()) == 0;
 }
 
 /// Writes `content` beside `file`, and has `put_in_place` rename that.
-static void write_file(const fs::path &file, const std::string &content, bool durable,
+static void write_file(const fs::path &file, const std::string &content, bool synced,
                        bool (*put_in_place)(const char *from, const char *to))
 {
     make_private_folder(file.parent_path());
@@ -91,11 +91,10 @@ static void write_file(const fs::path &file, const std::string &content, bool du
     unlink(partial.c_str());
     const Descriptor descriptor(open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, PRIVATE_FILE));
     const bool written =
-        descriptor && write_at(descriptor, 0, content) && (!durable || fsync(descriptor.get()) == 0);
-    const bool in_place = written && put_in_place(partial.c_str(), file.c_str());
-    if (!in_place || (durable && !sync_folder(file.parent_path()))) {
+        descriptor && write_at(descriptor, 0, content) && (!synced || fsync(descriptor.get()) == 0);
+    if (!written || !put_in_place(partial.c_str(), file.c_str())) {
         const std::string reason = why();
-        unlink(in_place ? file.c_str() : partial.c_str());
+        unlink(partial.c_str());
         throw HostError("can't write " + file.string() + reason);
     }
 }
@@ -121,6 +120,13 @@ void replace_file(const fs::path &file, const std::string &content)
     });
 }
 
+void replace_file_durably(const fs::path &file, const std::string &content)
+{
+    write_file(file, content, true, [](const char *from, const char *to) { return rename(from, to) == 0; });
+    if (!sync_folder(file.parent_path()))
+        throw HostError("can't write " + file.string() + why());
+}
+
 void create_file_durably(const fs::path &file, const std::string &content)
 {
     write_file(file, content, true, [](const char *from, const char *to) {
@@ -129,6 +135,11 @@ void create_file_durably(const fs::path &file, const std::string &content)
         // Some file systems can't tell; those who make files here take turns.
         return errno == EINVAL && access(to, F_OK) != 0 && rename(from, to) == 0;
     });
+    if (!sync_folder(file.parent_path())) {
+        const std::string reason = why();
+        unlink(file.c_str());
+        throw HostError("can't write " + file.string() + reason);
+    }
 }
 
 static bool make_folder(const fs::path &folder)

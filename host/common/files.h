@@ -54,6 +54,14 @@ std::string read_from(const Descriptor &file, off_t offset);
 /// @throws HostError when it can't be written; the old file is then still there
 void replace_file(const std::filesystem::path &file, const std::string &content);
 
+/// The same, and it outlives a power cut once this returns.
+void replace_file_durably(const std::filesystem::path &file, const std::string &content);
+
+/// Has what was made, renamed and removed in a folder outlive a power cut.
+///
+/// @return false when it may not
+bool sync_folder(const std::filesystem::path &folder);
+
 /// Makes a file that was not there, whole or not at all. It outlives a power cut once this returns.
 ///
 /// @throws HostError when it can't be written or is there already

@@ -141,7 +141,8 @@ void Exchange::ask_for_keys_and_dates()
 
 void Exchange::plan_backup()
 {
-    backup_plan = ::plan_backup(look_at_device(), std::bind_front(&Device::refuses, &device));
+    before = look_at_device();
+    backup_plan = ::plan_backup(before, std::bind_front(&Device::refuses, &device));
 }
 
 void Exchange::have_records_filled()
@@ -169,6 +170,7 @@ void Exchange::upload()
     const auto store = open_store();
     exchange_report.storing = true;
     exchange_report.backup = store->add(content);
+    history->set_backup(exchange_report.backup, store->location());
     exchange_report.stored = true;
 }
 
@@ -239,6 +241,7 @@ void Exchange::download()
     const char *wanted = getenv(RESTORE_VARIABLE);
     const BackupNumber number = store->find(wanted == nullptr ? "" : wanted);
     exchange_report.backup = number;
+    history->set_backup(number, store->location());
     downloaded = read_for_restore(*store, number);
     source.file = host_path(*path);
     replace_file(source.file, downloaded.content);
@@ -258,32 +261,35 @@ void Exchange::plan_restore()
     std::vector<std::optional<std::string>> values;
     for (const CloudRecord &record : downloaded.records)
         values.push_back(record.value);
-    restore_plan = ::plan_restore(values, look_at_device(), std::bind_front(&Device::refuses, &device));
+    before = look_at_device();
+    restore_plan = ::plan_restore(values, before, std::bind_front(&Device::refuses, &device));
     exchange_report = report_planned(*restore_plan, exchange_report.backup, downloaded.records);
     exchange_report.result = ExchangeReport::Result::undecided;
     for (SettingReport &setting : exchange_report.settings) {
         setting.after = setting.before;
         setting.why = NOT_CHECKED;
     }
-    journal.emplace(exchange_report);
+    NamedValues planned;
+    for (size_t i = 0; i < SETTINGS.size(); i++)
+        if (before[i] != restore_plan->device[i])
+            planned.emplace(SETTINGS[i].member, restore_plan->device[i]);
+    if (!planned.empty())
+        history->plan(name_values(before), planned);
 }
 
-void Exchange::keep(const Change &change, const std::string &line)
+void Exchange::note(const Change &change)
 {
-    if (change.outcome == Change::Outcome::pending) {
-        const auto row =
-            std::find_if(std::begin(ALL_SETTINGS), std::end(ALL_SETTINGS), [&](const auto &known) {
-                return known.place == change.place && known.key == change.key;
-            });
-        const auto index = static_cast<size_t>(row - std::begin(ALL_SETTINGS));
-        const bool is_planned =
-            index < SETTINGS.size() && (!backup_plan || change.after == backup_plan->device[index]);
-        if (!is_planned)
-            throw PlatformError("the service must not change " + change.key + " in a " +
-                                exchange_report.operation);
-    }
-    if (journal)
-        journal->note(change, line);
+    const auto row = std::ranges::find_if(SETTINGS, [&](const SettingRow &known) {
+        return known.place == change.place && known.key == change.key;
+    });
+    const bool is_planned =
+        row != SETTINGS.end() &&
+        (restore_plan || (backup_plan && change.after == backup_plan->device[index_of(*row)]));
+    if (!is_planned)
+        throw PlatformError("the service must not change " + change.key + " in a " +
+                            exchange_report.operation);
+    if (!history->has_planned(row->member)) // what one record changes another may change back
+        history->plan(name_values(before), {{row->member, change.after}});
 }
 
 void Exchange::have_records_restored()
@@ -297,7 +303,7 @@ void Exchange::have_records_restored()
         account().note({SettingPlace::settings_store, error.what()});
     }
     std::vector<std::string> reasons = {exchange_report.reason, compare_records(),
-                                        compare_settings(read_device())};
+                                        compare_settings(after.emplace(read_device()))};
     std::erase(reasons, "");
     require_no_problem(reasons);
     report_unserved();
@@ -349,6 +355,26 @@ std::string Exchange::compare_settings(const DeviceState &state)
 
 // The result.
 
+/// The settings that are other than before, or may be.
+std::vector<std::string> Exchange::find_changed() const
+{
+    const auto is_changed = [&](const SettingRow &row) {
+        const size_t i = index_of(row);
+        const bool is_read = after && !unread.contains(row.place);
+        return (is_read && (*after)[i] != before[i]) ||
+               std::ranges::any_of(account().changes(), [&](const Change &change) {
+                   return change.place == row.place && change.key == row.key &&
+                          (change.outcome == Change::Outcome::pending ||
+                           (!is_read && change.outcome == Change::Outcome::made));
+               });
+    };
+    std::vector<std::string> changed;
+    for (const SettingRow &row : ALL_SETTINGS)
+        if (is_changed(row))
+            changed.emplace_back(row.member);
+    return changed;
+}
+
 void Exchange::decide(ExchangeReport::Result result, const std::string &reason)
 {
     exchange_report.result = result;
@@ -356,8 +382,8 @@ void Exchange::decide(ExchangeReport::Result result, const std::string &reason)
         exchange_report.reason = reason;
     exchange_report.changes = account().changes();
     report_line = encode_report(exchange_report);
-    if (journal)
-        journal->finish(report_line, !exchange_report.changes.empty());
+    if (history)
+        history->finish(result == ExchangeReport::Result::succeeded, exchange_report.reason, find_changed());
 }
 
 void Exchange::complete() const

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "device.h"
+#include "history.h"
 #include "orvanta_cloud.h"
 #include "report.h"
-#include "restore_journal.h"
 
 /// The callbacks that the service registered.
 struct Callbacks {
@@ -39,16 +39,19 @@ public:
     /// A backup without a backup callback tells its keys and dates and goes no further.
     Exchange(Direction direction, const Callbacks &callbacks);
 
+    /// Begins, once it has its turn.
+    void begin() { history.emplace(exchange_report.operation); }
+
     /// Runs the next step. A failed one throws HostError, or whatever else went wrong.
     ///
     /// @return whether it was the last
     bool run_step();
 
-    /// Keeps a change, as its line in the report, in the journal, if there is one.
+    /// Notes a change that is about to be made in the history.
     ///
-    /// @throws PlatformError when a pending one must not be made: it can't be kept, or is none that such an
-    ///         exchange makes
-    void keep(const Change &change, const std::string &line);
+    /// @throws PlatformError when it must not be made: it can't be noted, or is none that such an exchange
+    /// makes
+    void note(const Change &change);
 
     /// Gives the exchange its result, with the account as it stands.
     void decide(ExchangeReport::Result result, const std::string &reason = "");
@@ -94,6 +97,7 @@ private:
     void require_planned_backup(const CloudRecords &filled);
     std::string compare_records() const;
     std::string compare_settings(const DeviceState &state);
+    std::vector<std::string> find_changed() const;
     void report_unserved();
 
     const Direction direction;
@@ -112,7 +116,9 @@ private:
     std::string file_error;
     orvanta_cloud_source source;
     Backup downloaded;
-    std::optional<RestoreJournal> journal;
+    std::optional<HistoryWriter> history; ///< nothing before it has its turn
+    DeviceState before;                   ///< the device, when it was planned what it becomes
+    std::optional<DeviceState> after;     ///< the device at the end, but for what is unread
 
     Device &device = *host_device();
     std::set<SettingPlace> unread;

@@ -19,20 +19,14 @@ static void append(int file, const std::string &line)
 }
 
 /// Losing the report is harmless: it informs of a result, and never changes it.
-static void deliver(const Exchange &exchange, bool is_last)
+static void deliver(const Exchange &exchange)
 {
     const ExchangeReport &report = exchange.report();
     if (report.result != ExchangeReport::Result::succeeded)
         g_printerr("liborvanta-cloud-svc: %s failed: %s\n", report.operation.c_str(),
                    escaped(report.reason).c_str());
-    try {
-        if (const auto file = find_report_file(); file)
-            append(*file, exchange.encoded_report());
-        if (is_last)
-            replace_file(state_root() / LAST_REPORT, exchange.encoded_report());
-    } catch (const std::exception &error) {
-        g_printerr("liborvanta-cloud-svc: %s\n", escaped(error.what()).c_str());
-    }
+    if (const auto file = find_report_file(); file)
+        append(*file, exchange.encoded_report());
 }
 
 void ExchangeQueue::add(Direction direction, const Callbacks &callbacks)
@@ -123,18 +117,20 @@ bool ExchangeQueue::take_turn()
     has_turn = turn->try_acquire();
     if (!has_turn && time_left() == 0)
         throw TimeoutError("another exchange did not finish in time");
-    if (has_turn)
+    if (has_turn) {
         account().start([this](size_t number, const Change &change) { tell(number, change); });
+        exchanges.front().begin();
+    }
     return has_turn;
 }
 
 /// Tells of a change where it has to be known whatever comes.
 void ExchangeQueue::tell(size_t number, const Change &change)
 {
-    const std::string line = encode_change(number, change);
-    exchanges.front().keep(change, line);
+    if (change.outcome == Change::Outcome::pending)
+        exchanges.front().note(change);
     if (const auto file = find_report_file(); file)
-        append(*file, line);
+        append(*file, encode_change(number, change));
 }
 
 /// Ends the first exchange with this result, and its turn with it.
@@ -142,8 +138,7 @@ void ExchangeQueue::decide(ExchangeReport::Result result, const std::string &rea
 {
     Exchange &exchange = exchanges.front();
     exchange.decide(result, reason);
-    // Without its turn, another's exchange is the last.
-    deliver(exchange, has_turn);
+    deliver(exchange);
     account().finish();
     turn.reset();
     has_turn = false;

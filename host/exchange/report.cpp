@@ -11,6 +11,7 @@
 
 #include "contact.h"
 #include "errors.h"
+#include "value_json.h"
 
 using Json = nlohmann::json;
 using Result = ExchangeReport::Result;
@@ -138,43 +139,6 @@ WORDS(Result, "undecided", "succeeded", "failed", "no platform", "no daemon", "n
       "damaged", "timed out")
 WORDS(Outcome, "pending", "made", "refused")
 WORDS(SettingPlace, "input-method control", "settings store", "configuration")
-
-/// Member of an object that stands for a text which is no UTF-8: its bytes, in base 64.
-static constexpr char BYTES[] = "base64";
-
-template <>
-struct nlohmann::adl_serializer<DeviceValue> {
-    static void to_json(Json &json, const DeviceValue &value)
-    {
-        json = nullptr;
-        if (value)
-            std::visit([&](const auto &typed) { json = typed; }, *value);
-        const auto *text = json.get_ptr<const std::string *>();
-        if (text == nullptr ||
-            g_utf8_validate(text->data(), static_cast<gssize>(text->size()), nullptr) != FALSE)
-            return;
-        g_autofree gchar *encoded =
-            g_base64_encode(reinterpret_cast<const guchar *>(text->data()), text->size());
-        json = {{BYTES, encoded}};
-    }
-
-    static void from_json(const Json &json, DeviceValue &value)
-    {
-        if (json.is_null()) {
-            value.reset();
-        } else if (json.is_boolean()) {
-            value = json.get<bool>();
-        } else if (json.is_object()) {
-            gsize length = 0;
-            g_autofree guchar *bytes = g_base64_decode(json.value(BYTES, "").c_str(), &length);
-            value = std::string(reinterpret_cast<const char *>(bytes), length);
-        } else if (json.is_string()) {
-            value = json.get<std::string>();
-        } else {
-            value = json.get<int>();
-        }
-    }
-};
 
 template <>
 struct nlohmann::adl_serializer<SnapshotValue> {

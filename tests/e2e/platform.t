@@ -177,4 +177,4 @@ All that is made is its owner's alone. A log that has grown is put aside.
   $ $service $operation/backup 2>log
   $ find new -perm /077
   $ ls -A new new/cloud | paste -sd ' '
-  new: cloud exchange.lock last-exchange.json last-restore.json opt service.log service.log.1 settings.db settings.db.lock  new/cloud: .lock backup-000001.json backup-000002.json
+  new: cloud exchange.lock history.jsonl opt service.log service.log.1 settings.db settings.db.lock  new/cloud: .lock backup-000001.json backup-000002.json

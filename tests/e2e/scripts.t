@@ -53,7 +53,7 @@ What a script gets of each command: one document with all that it may want.
   $ ime-backupctl export 1 file --json | flat
   {"succeeded":true,"reason":"","backup":1}
   $ ime-backupctl help undo --json | flat | cut -c 1-40
-  {"help":"Putbackwhatthelastrestorechange
+  {"help":"Putbackwhatarestore,orachangeof
   $ ime-backupctl delete 2 --json | flat
   {"deleted":[2],"kept":[1,3]}
   $ ime-backupctl status --json | flat | tidy
@@ -106,7 +106,7 @@ A failure is in the document, too, and on standard error; what can't be told is 
   [3]
   {"succeeded":false,"reason":"theSCIMdaemon(atlocal:WORK/scim/socket)isn'trunning","backup":1,"dry_run":false,"records":[],"settings":[]}
   [3]
-  {"succeeded":false,"reason":"theSCIMdaemon(atlocal:WORK/scim/socket)isn'trunning","settings":[]}
+  {"succeeded":false,"reason":"theSCIMdaemon(atlocal:WORK/scim/socket)isn'trunning","entry":8,"dry_run":false,"settings":[]}
   [3]
   
   [3]
@@ -140,12 +140,12 @@ On a terminal a table fits, with remarks below the lines that they are too long 
       \x1b[33mde_DE is not downloaded\x1b[0m (esc)
   handwriting       true                            false
       \x1b[33mno restored language can be written by hand\x1b[0m (esc)
-  prediction        true                            true
-  auto_space        true                            true
-  auto_capitalize   true                            true
-  auto_punctuation  true                            true
-  key_tap_sound     true                            true
-  key_tap_vib       true                            true
+  prediction        (not set)                       true
+  auto_space        (not set)                       true
+  auto_capitalize   (not set)                       true
+  auto_punctuation  (not set)                       true
+  key_tap_sound     (not set)                       true
+  key_tap_vib       (not set)                       true
   backup 6  restored, but for selected_lang, handwriting
   $ NO_COLOR=1 on_terminal status | tail -n 4
   active keyboard  fine  0f1e2d3c-4b5a-69c8-87d6-a5b4c3d2e1f0
@@ -167,4 +167,4 @@ What only looks makes nothing, and tells what is in the way.
   cloud store      NOT FINE  can't write in HERE/fresh/cloud. Set IME_BACKUP_CLOUD_STORE to a place that you can write in
   last exchange    NOT FINE  can't open HERE/fresh/exchange.lock: Is a directory. Move it away
   $ rmdir fresh/exchange.lock; ime-backupctl status | tail -n 1
-  last exchange    NOT FINE  HERE/fresh/last-exchange.json can't be read: it is no report, or damaged. The next exchange makes it anew
+  last exchange    fine      none yet

@@ -1,12 +1,15 @@
   $ . "$TESTDIR/helpers"
   $ store=$IME_BACKUP_HOST_DIR/settings.db
-  $ ime-backupctl undo
+  $ journal=$IME_BACKUP_HOST_DIR/history.jsonl
+  $ ime-backupctl undo; ime-backupctl history
   there is nothing to undo
+  nothing was done yet
   $ ime-backupctl settings set default_keyboard kbd downloaded_lang en_US,ko_KR key_tap_sound off
   $ ime-backupctl backup
   backup 1  DAY TIME
 
-What a restore changed is as it was, what was not set included, and what no restore would let through. Once.
+What a restore changed is as it was, what was not set included, and what no restore would let through. Undo after
+undo goes further back, and an undo can be undone.
 
   $ ime-backupctl settings set default_keyboard other selected_lang xx_XX
   $ ime-backupctl settings unset key_tap_sound
@@ -15,20 +18,49 @@ What a restore changed is as it was, what was not set included, and what no rest
   backup 1  restored, but for handwriting
   $ ime-backupctl settings set prediction off key_tap_vib off
   $ ime-backupctl undo
+  setting      before  after
+  prediction   false   true
+  key_tap_vib  false   true
+  undid entry 6 (settings set)
+  $ ime-backupctl settings >restored
+  $ ime-backupctl undo --dry-run
   setting           before       after
   default_keyboard  kbd          other
   selected_lang     en_US,ko_KR  xx_XX
   handwriting       false        (not set)
-  prediction        false        (not set)
+  prediction        true         (not set)
   auto_space        true         (not set)
   auto_capitalize   true         (not set)
   auto_punctuation  true         (not set)
   key_tap_sound     false        (not set)
-  key_tap_vib       false        (not set)
-  what the restore of backup 1 changed is as it was
+  key_tap_vib       true         (not set)
+  would undo entry 5 (restore of backup 1)
+  $ ime-backupctl settings | diff restored -
+  $ ime-backupctl undo | tail -n 1
+  undid entry 5 (restore of backup 1)
   $ ime-backupctl settings | diff before -
   $ ime-backupctl undo
-  there is nothing to undo
+  setting        before     after
+  key_tap_sound  (not set)  false
+  undid entry 4 (settings unset)
+  $ ime-backupctl history
+  entry  time  what                 result  changed
+  1      DAY TIME  settings set         done    default_keyboard, key_tap_sound, downloaded_lang
+  2      DAY TIME  backup 1             done    selected_lang
+  3      DAY TIME  settings set         done    default_keyboard, selected_lang
+  4      DAY TIME  settings unset       undone  key_tap_sound
+  5      DAY TIME  restore of backup 1  undone  default_keyboard, selected_lang, handwriting, prediction, auto_space, auto_capitalize, auto_punctuation, key_tap_sound, key_tap_vib
+  6      DAY TIME  settings set         undone  prediction, key_tap_vib
+  7      DAY TIME  undo of entry 6      done    prediction, key_tap_vib
+  8      DAY TIME  undo of entry 5      done    default_keyboard, selected_lang, handwriting, prediction, auto_space, auto_capitalize, auto_punctuation, key_tap_sound, key_tap_vib
+  9      DAY TIME  undo of entry 4      done    key_tap_sound
+  $ ime-backupctl undo 7 | tail -n 1
+  undid entry 7 (undo of entry 6)
+  $ printf 'undo %s\n' 99 x 5 1 | try_each
+  4 ime-backupctl: there is no entry 99 in the history
+  4 ime-backupctl: there is no entry x in the history
+  1 ime-backupctl: entry 5 (restore of backup 1) is undone already; "ime-backupctl undo 8" takes that back
+  0 
 
 So is what is no value of its setting; a number comes back as the number that it was.
 
@@ -41,9 +73,9 @@ So is what is no value of its setting; a number comes back as the number that it
   handwriting                       often
   auto_punctuation                  maybe
   $ restore | grep -E 'often|maybe|backup'
-  handwriting       often      false        no restored language can be written by hand
+  handwriting       often      false  no restored language can be written by hand
   auto_punctuation  maybe      true
-  backup 1  restored, but for handwriting
+  backup 1  restored, but for selected_lang, handwriting
   $ ime-backupctl undo >undone
   $ ime-backupctl settings | diff before -
   $ grep -a keyloom $SCIM_HOME/.scim/config | cat -v
@@ -52,57 +84,93 @@ So is what is no value of its setting; a number comes back as the number that it
   keyloom/key_sounds_val = a\tb (esc)
   keyloom/key_vibration_val = aM-^?b
 
-A restore that changes nothing leaves nothing to undo; one that never began to leaves what there was.
+What changes nothing, fails or never begins leaves the way back from what was before.
 
   $ ime-backupctl restore | tail -n 1
-  backup 1  restored, but for handwriting
+  backup 1  restored, but for selected_lang, handwriting
   $ ime-backupctl settings >restored
   $ echo restore 9 | try_each
   4 ime-backupctl: there is no backup 9
-  $ cp $IME_BACKUP_HOST_DIR/last-restore.json kept
   $ ime-backupctl restore | tail -n 1
-  backup 1  restored, but for handwriting
+  backup 1  restored, but for selected_lang, handwriting
+  $ ime-backupctl backup | tidy
+  backup 2  DAY TIME
+  $ ime-backupctl backup --if-changed
+  backup 2 holds the same settings; nothing was stored
+  $ ime-backupctl settings set key_tap_vib off
   $ ime-backupctl undo
-  there is nothing to undo
-  $ ime-backupctl settings | diff restored -
+  setting      before  after
+  key_tap_vib  false   true
+  undid entry 19 (settings set)
+  $ ime-backupctl undo | tail -n 1
+  undid entry 14 (restore of backup 1)
+  $ ime-backupctl settings | diff before -
 
-One that was killed in the middle: status tells of it, and what it had begun is put back, with what SCIM's daemon
-lost when it was killed too; also by an undo whose first run was killed before the daemon wrote its file.
+Interrupted: status and the history tell of it, and what it was to change is put back, but nothing else.
 
-  $ head -n 4 kept >$IME_BACKUP_HOST_DIR/last-restore.json
-  $ ime-backupctl settings unset key_tap_sound
+  $ ime-backupctl restore >/dev/null
+  $ sed -i '$d' $journal
+  $ ime-backupctl settings unset auto_capitalize
   $ ime-backupctl status | grep last
-  last exchange    NOT FINE  the restore of backup 1 was interrupted. Put back what it changed with: ime-backupctl undo; or restore again
-  $ ime-backupctl undo
-  setting           before       after
-  default_keyboard  kbd          other
-  selected_lang     en_US,ko_KR  xx_XX
-  key_tap_sound     (not set)    a\x09b
-  what the restore of backup 1 changed is as it was
+  last exchange    NOT FINE  restore of backup 2 was interrupted. Put back what it changed with: ime-backupctl undo 22
+  $ ime-backupctl history | tail -n 2 | cut -c 1-80
+  22     DAY TIME  restore of backup 2  interrupted  auto_capitalize, auto_punctua
+  23     DAY TIME  settings unset       done         auto_capitalize
+  $ ime-backupctl undo | tail -n 1
+  undid entry 23 (settings unset)
+  $ ime-backupctl undo | tail -n 1
+  undid entry 22 (restore of backup 2)
+  $ ime-backupctl settings | diff before -
   $ ime-backupctl status | grep last
-  last exchange    fine  restore of backup 1 succeeded
-  $ head -n 4 kept >$IME_BACKUP_HOST_DIR/last-restore.json
-  $ sed -i 's/~other = other/~other = kbd/' $SCIM_HOME/.scim/config
-  $ ime-backupctl undo
-  what the restore of backup 1 changed is as it was
-  $ grep other $SCIM_HOME/.scim/config
-  /DefaultIMEngineFactory/~other = other
+  last exchange    fine      restore of backup 2 was undone
 
-An account that can't be read, and a place that can't be written: nothing is changed, and it can be tried again.
+What can't be read, or names what is not known, is kept, and stands in the way of nothing but itself.
 
-  $ sed 's/"key"/"kay"/; s/:/;/g' kept >$IME_BACKUP_HOST_DIR/last-restore.json
+  $ ime-backupctl restore >/dev/null
+  $ cp $journal kept
+  $ sed -i '$s/"entry"/"entri"/' $journal
   $ echo undo | try_each
-  1 ime-backupctl: what the last restore changed can't be read from WORK/state/last-restore.json: it is no report, or damaged; move it away once you have looked at it
-  $ cp kept $IME_BACKUP_HOST_DIR/last-restore.json
+  1 ime-backupctl: entry 26 of the history can't be read: it is damaged; name the entry that is to be undone
+  $ ime-backupctl history 2>&1 | tail -n 1
+  26     DAY TIME  restore              unreadable  it is damaged
+  $ ime-backupctl settings set key_tap_vib off
+  $ ime-backupctl undo | tail -n 1
+  undid entry 27 (settings set)
+  $ printf 'undo %s\n' '' 30 | try_each
+  1 ime-backupctl: entry 26 of the history can't be read: it is damaged; name the entry that is to be undone
+  4 ime-backupctl: there is no entry 30 in the history
+  $ cp kept $journal
+  $ line() { printf '%s,"sum":"%s"}\n' "$1" "$(printf %s "$1" | sha256sum | cut -c 1-16)"; }
+  $ line '{"entry":30,"time":1,"what":"settings set","before":{"emoji":true},"planned":{"emoji":false}' >>$journal
+  $ printf 'undo %s\n' '' 30 | try_each
+  1 ime-backupctl: entry 30 of the history can't be read: it names a setting that this version does not know: emoji; name the entry that is to be undone
+  1 ime-backupctl: entry 30 of the history can't be read: it names a setting that this version does not know: emoji
+  $ ime-backupctl history | tail -n 1
+  30     1970-01-01 00:00:00 UTC  settings set         unreadable  it names a setting that this version does not know: emoji
+  $ cp kept $journal
+
+A place that can't be written: nothing is changed, and it can be tried again. All that changes the device takes turns.
+
   $ stop_scim
-  $ echo undo | try_each
+  $ printf '%s\n' undo 'undo --dry-run' 'settings set key_tap_vib on' | try_each
+  3 ime-backupctl: the SCIM daemon (at local:WORK/scim/socket) isn't running
+  3 ime-backupctl: the SCIM daemon (at local:WORK/scim/socket) isn't running
   3 ime-backupctl: the SCIM daemon (at local:WORK/scim/socket) isn't running
   $ start_scim
+  $ ime-backupctl settings set key_tap_sound off
+  $ mv $journal kept; mkdir $journal
+  $ printf '%s\n' restore 'restore --dry-run' 'settings set key_tap_vib on' history | try_each
+  0 
+  0 
+  0 the history does not tell how this ended: can't open WORK/state/history.jsonl: Is a directory
+  3 ime-backupctl: can't use WORK/state/history.jsonl: it is no regular file
+  $ rmdir $journal; mv kept $journal
   $ ime-backupctl undo | head -n 1
   setting           before  after
-  $ IME_BACKUP_HOST_DIR=$PWD/new ime-backupctl undo
-  there is nothing to undo
-  $ cp kept $IME_BACKUP_HOST_DIR/last-restore.json
-  $ (flock 9; echo '--timeout 0.2 undo' | try_each; ime-backupctl status | grep last) 9>$IME_BACKUP_HOST_DIR/exchange.lock
+  $ (flock 9; printf -- '--timeout 0.2 %s\n' undo restore 'settings set key_tap_vib on' 'settings unset key_tap_vib' backup | try_each; ime-backupctl status | grep last) 9>$IME_BACKUP_HOST_DIR/exchange.lock
   124 ime-backupctl: another exchange did not finish in time
-  last exchange    fine  one is under way
+  124 ime-backupctl: another exchange did not finish in time
+  124 ime-backupctl: another exchange did not finish in time
+  124 ime-backupctl: another exchange did not finish in time
+  124 ime-backupctl: another exchange did not finish in time
+  last exchange    fine      one is under way

@@ -119,11 +119,11 @@ Help and versions. Each command's help is at most 80 columns wide and has an exa
   $ commands() { command ime-backupctl complete -- "$@" '' | grep -v '^[0-9]*$'; }
   $ each_help() { echo --help; commands | sed 's/$/ --help/'; for c in settings trace; do commands $c | sed "s/.*/$c & --help/"; done; }
   $ each_help | wc -l
-  23
+  24
   $ each_help | xargs -L 1 ime-backupctl >help; grep -E '.{81}|[A-Z]+:[A-Z]|^$' help | sort -u
   
   $ grep -c '^Example: ime-backupctl ' help
-  23
+  24
   $ ime-backupctl help settings set
   Change settings.
   
@@ -158,11 +158,11 @@ Help and versions. Each command's help is at most 80 columns wide and has an exa
   Backups:
     backup                  Make a backup
     restore                 Restore the newest backup, or the one named
-    undo                    Put back what the last restore changed
+    undo                    Put back what a restore, or a change of settings,
+                            changed
     list                    List the backups, newest last
     show                    Show the settings in the newest backup, or in the one
                             named
-    diff                    Compare a backup with the device, or with another
   $ for text in IME_BACKUP_CLOUD_STORE downloaded_lang '^  124'; do ime-backupctl --help | grep -c -- "$text"; done
   1
   1
@@ -235,7 +235,7 @@ The manuals are without fault, and tell of each member that a script gets.
   $ for page in $manual $service_manual; do
   >     mandoc -T lint -W warning $page; groff -ww -mdoc -Tutf8 -z $page; man --warnings -l $page 2>&1 >/dev/null
   > done
-  $ for command in backup 'restore --dry-run' undo list diff info status 'prune --keep 9'; do
+  $ for command in backup 'restore --dry-run' 'undo --dry-run' history list diff info status 'prune --keep 9'; do
   >     ime-backupctl $command --json
   > done | sed -En 's/^ *"([a-z]+)":.*/\1/p' | sort -u | while read -r member; do
   >     grep -qw -- "$member" <(man -l $manual | sed -n '/^JSON/,/^[EF]/p') || echo "$member is not in the manual"

@@ -2,6 +2,7 @@
 
 #include "orvanta_cloud.h"
 
+#include <algorithm>
 #include <csignal>
 #include <functional>
 #include <set>
@@ -18,6 +19,7 @@
 #include "contact.h"
 #include "device.h"
 #include "files.h"
+#include "history.h"
 #include "host.h"
 #include "paths.h"
 #include "report.h"
@@ -486,8 +488,8 @@ TEST_F(Cloud, ExchangesCallInOrder)
     EXPECT_EQ(run_exchange(true).reason + service.called, "prepare path restoration completed ");
     EXPECT_EQ(open_store()->list().numbers, std::vector<BackupNumber>{1});
 
-    for (const char *name : {LAST_REPORT, LAST_RESTORE, "cloud", "data", "cloud/backup-000001.json",
-                             "data/backup.dat", "data/restore.dat"})
+    for (const char *name : {"history.jsonl", "cloud", "data", "cloud/backup-000001.json", "data/backup.dat",
+                             "data/restore.dat"})
         EXPECT_EQ(fs::status(root.path / name).permissions() & fs::perms(077), fs::perms::none) << name;
 }
 
@@ -704,10 +706,9 @@ TEST_F(Cloud, ARestoreMakesOfTheDeviceWhatItShould)
     EXPECT_EQ(refused.settings.at(0).why, "it could not be written");
 
     device.is_readable = false;
-    const std::string kept = read_file(root.path / LAST_RESTORE);
     EXPECT_EQ(run_exchange(true).reason, "the device can't be read");
     EXPECT_EQ(service.called, "prepare path completed ") << "the service must not begin to change it";
-    EXPECT_EQ(read_file(root.path / LAST_RESTORE), kept);
+    EXPECT_TRUE(read_history().back().changed.empty());
 }
 
 TEST_F(Cloud, AnExchangeWaitsForAnother)
@@ -777,7 +778,7 @@ TEST_F(Cloud, TheResultIsGivenOnceTheLastStepIsOver)
         g_main_context_iteration(nullptr, FALSE);
     unsetenv(REPORT_VARIABLE);
     EXPECT_EQ(read_from(other, 0), "");
-    EXPECT_EQ(decode_report(read_file(root.path / LAST_REPORT)).backup, open_store()->find(""));
+    EXPECT_EQ(read_history().back().backup, open_store()->find(""));
 }
 
 TEST_F(Cloud, NothingThrownPassesTheMainLoop)
@@ -807,63 +808,44 @@ TEST_F(Cloud, NothingThrownPassesTheMainLoop)
     expect_in(run_exchange(true, {.meanwhile = [] { throw 7; }}).reason, "what is no exception");
 }
 
-std::string outcomes_in(const ExchangeReport &report)
+TEST_F(Cloud, ARestoreIsInTheHistoryBeforeItsFirstChange)
 {
-    static constexpr const char *WORDS[] = {"pending ", "made ", "refused "};
-    std::string words;
-    for (const Change &change : report.changes)
-        words += WORDS[static_cast<int>(change.outcome)];
-    return words;
-}
-
-TEST_F(Cloud, ARestoreKeepsWhatItChanges)
-{
-    const fs::path file = root.path / LAST_RESTORE;
-    const auto kept = [&] { return decode_report(read_file(file)); };
-    open_store()->add(encode_record_file({{"0", "1", snapshot_of_device()}}));
+    open_store()->add(encode_record_file({{"0", "1", R"({"prediction":true})"}}));
+    const auto last = [] { return read_history().back(); };
+    const auto names = [](const NamedValues &values) {
+        std::string text;
+        for (const auto &[member, value] : values)
+            text += member + " ";
+        return text;
+    };
+    const std::string planned =
+        "auto_capitalize auto_space handwriting key_tap_sound key_tap_vib prediction ";
     const pid_t killed = fork();
     if (killed == 0)
-        run_exchange(true, {.meanwhile = [] {
-                         device.write(HANDWRITING, false);
-                         account().begin({PREDICTION.place, PREDICTION.key, 7, "x"});
-                         raise(SIGKILL);
-                     }});
+        run_exchange(true, {.meanwhile = [] { raise(SIGKILL); }});
     waitpid(killed, nullptr, 0);
-    EXPECT_EQ(kept().operation + std::to_string(kept().backup), "restore1");
-    EXPECT_EQ(kept().result, ExchangeReport::Result::undecided);
-    EXPECT_EQ(kept().settings.at(2).before, DeviceValue(true));
-    EXPECT_EQ(outcomes_in(kept()), "made pending ");
-    EXPECT_EQ(kept().changes.at(1).before, DeviceValue(7));
+    EXPECT_EQ(last().what + std::to_string(last().backup), "restore1");
+    EXPECT_FALSE(last().succeeded.has_value());
+    EXPECT_EQ(names(last().planned), "auto_punctuation auto_space handwriting key_tap_sound prediction ");
+    EXPECT_EQ(last().before.at("prediction"), DeviceValue(false));
+    EXPECT_EQ(find_undoable(read_history())->number, 1);
 
-    // Each change is told as it is made, too: the report may never come.
-    run_exchange(true, {.meanwhile = [] {
-                     device.write(HANDWRITING, false);
-                     EXPECT_EQ(outcomes_in(decode_report(read_from(report_file, 0))), "made ");
-                     device.write(HANDWRITING, true);
-                 }});
+    // What the plan leaves as it is, but the service changes on the way, is noted as it is changed.
+    const auto change_keyboard = [&] {
+        device.write(first_of(SettingForm::identifier), "other");
+        EXPECT_TRUE(last().planned.contains("default_keyboard"));
+    };
+    run_exchange(true, {.meanwhile = change_keyboard});
+    EXPECT_EQ(last().succeeded, false);
+    EXPECT_EQ(std::ranges::count(last().changed, "default_keyboard"), 1);
 
-    // On a disk that is full for a while. How much of a line fits does not matter.
-    signal(SIGXFSZ, SIG_IGN);
-    for (rlim_t left_over = 0; left_over < 200; left_over += 30) {
-        const auto fill_disk = [&] {
-            device.write(HANDWRITING, false);
-            rlimit limit = {};
-            getrlimit(RLIMIT_FSIZE, &limit);
-            const rlimit full = {fs::file_size(file) + left_over, limit.rlim_max};
-            setrlimit(RLIMIT_FSIZE, &full);
-            EXPECT_THROW(device.write(SETTINGS[1], std::string(200, 'x')), PlatformError);
-            EXPECT_TRUE(outcomes_in(kept()).starts_with("made "));
-            setrlimit(RLIMIT_FSIZE, &limit);
-            device.write(HANDWRITING, true);
-            EXPECT_EQ(outcomes_in(kept()), "made refused made ");
-        };
-        const ExchangeReport report = run_exchange(true, {.meanwhile = fill_disk});
-        EXPECT_EQ(report.reason, "");
-        EXPECT_EQ(encode_report(kept()), encode_report(report));
-    }
+    // A change of which it is not known whether it was made may have been.
+    run_exchange(true, {.meanwhile = [] { account().begin({PREDICTION.place, PREDICTION.key, true, "x"}); }});
+    EXPECT_EQ(last().changed, std::vector<std::string>{"prediction"});
 
-    fs::remove(file);
-    fs::create_directory(file);
+    fs::remove(root.path / "history.jsonl");
+    fs::create_directory(root.path / "history.jsonl");
+    device.write(PREDICTION, false);
     const ExchangeReport report = run_exchange(true);
     EXPECT_EQ(report.result, ExchangeReport::Result::no_platform);
     expect_in(report.reason, "nothing was changed");

@@ -1,0 +1,439 @@
+#include "history.h"
+
+#include <algorithm>
+#include <set>
+#include <sstream>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <glib.h>
+#include <nlohmann/json.hpp>
+
+#include "paths.h"
+#include "value_json.h"
+
+namespace fs = std::filesystem;
+using Json = nlohmann::json;
+
+static constexpr char JOURNAL[] = "history.jsonl";
+static constexpr size_t MAX_SIZE = size_t{256} << 20;
+/// As many of the newest entries are kept, and as many of the newest that can be undone.
+static constexpr size_t KEPT = 200;
+/// The journal is written anew, without what is not kept, once in so many entries.
+static constexpr EntryNumber TIDY_INTERVAL = 100;
+/// Space for the end of an entry, reserved before its first change.
+static constexpr off_t RESERVED = 8192;
+
+static fs::path journal_file()
+{
+    return state_root() / JOURNAL;
+}
+
+NamedValues name_values(const DeviceState &device)
+{
+    NamedValues values;
+    for (const SettingRow &row : ALL_SETTINGS)
+        values.emplace(row.member, device[index_of(row)]);
+    return values;
+}
+
+// A line is a JSON object with members of one entry: later ones add to those before. A checksum of the text
+// in front of it is its last member.
+
+static constexpr char SUM[] = R"(,"sum":")";
+static constexpr size_t SUM_LENGTH = 16;
+static constexpr size_t TAIL_LENGTH = sizeof SUM - 1 + SUM_LENGTH + sizeof "\"}" - 1;
+
+static std::string checksum_of(std::string_view text)
+{
+    g_autofree gchar *sum = g_compute_checksum_for_data(
+        G_CHECKSUM_SHA256, reinterpret_cast<const guchar *>(text.data()), text.size());
+    return std::string(sum, SUM_LENGTH);
+}
+
+static std::string encode_line(const Json &object)
+{
+    std::string text = object.dump(-1, ' ', false, Json::error_handler_t::replace);
+    text.pop_back();
+    return text + SUM + checksum_of(text) + "\"}\n";
+}
+
+/// @return null unless the line, without its end, is as it was written
+static Json decode_line(std::string_view line)
+{
+    if (line.size() < TAIL_LENGTH)
+        return nullptr;
+    const std::string text(line.substr(0, line.size() - TAIL_LENGTH));
+    return text + SUM + checksum_of(text) + "\"}" == line ? Json::parse(text + "}", nullptr, false) : nullptr;
+}
+
+namespace
+{
+
+/// An entry with its text.
+struct Kept {
+    HistoryEntry entry;
+    Json members = Json::object();
+    std::string lines;
+};
+
+} // namespace
+
+static NamedValues read_values(const Json &members, const char *name)
+{
+    auto values = members.value(name, NamedValues());
+    for (const auto &[member, value] : values)
+        if (std::ranges::find(ALL_SETTINGS, member, &SettingRow::member) == std::end(ALL_SETTINGS))
+            throw HostError("it names a setting that this version does not know: " + member);
+    return values;
+}
+
+static void decode(Kept &kept)
+{
+    const Json &members = kept.members;
+    HistoryEntry &entry = kept.entry;
+    entry.fault = members.value("fault", entry.fault);
+    entry.time = members.value("time", entry.time);
+    entry.what = members.value("what", "");
+    if (!entry.fault.empty())
+        return;
+    members.at("time");
+    entry.backup = members.value("backup", entry.backup);
+    entry.store = members.value("store", "");
+    entry.undoes = members.value("undoes", entry.undoes);
+    entry.before = read_values(members, "before");
+    entry.planned = read_values(members, "planned");
+    if (members.contains("succeeded"))
+        entry.succeeded = members["succeeded"].get<bool>();
+    entry.reason = members.value("reason", "");
+    for (const auto &[member, value] : entry.planned)
+        entry.changed.push_back(member);
+    entry.changed = members.value("changed", entry.changed);
+    for (const std::string &member : entry.changed)
+        if (!entry.before.contains(member))
+            throw HostError("it does not tell what " + member + " was before");
+}
+
+/// The entries in a journal's whole lines. What a power cut left of others has no end, or has NUL in it: they
+/// were not synced, so nothing followed from them.
+static std::vector<Kept> parse(const std::string &journal)
+{
+    std::vector<Kept> entries;
+    const auto last_number = [&] { return entries.empty() ? 0 : entries.back().entry.number; };
+    size_t begin = 0;
+    for (size_t end = 0; (end = journal.find('\n', begin)) != std::string::npos; begin = end + 1) {
+        const std::string_view line(journal.data() + begin, end - begin);
+        if (line.find('\0') != std::string_view::npos)
+            continue;
+        const Json object = decode_line(line);
+        const auto number = object.is_object() ? object.value("entry", EntryNumber{0}) : 0;
+        const bool is_open = !entries.empty() && !entries.back().members.contains("succeeded");
+        if (number > last_number() || (number == 0 && !is_open)) {
+            const EntryNumber next = last_number() + 1;
+            entries.emplace_back().entry.number = std::max(number, next);
+        }
+        Kept &kept = entries.back();
+        kept.lines.append(line).append("\n");
+        if (number == kept.entry.number)
+            kept.members.update(object);
+        else
+            kept.entry.fault = "it is damaged";
+    }
+    for (Kept &kept : entries)
+        try {
+            decode(kept);
+        } catch (const Json::exception &) {
+            kept.entry.fault = "it is damaged";
+        } catch (const HostError &error) {
+            kept.entry.fault = error.what();
+        }
+    return entries;
+}
+
+// The note of the last restore, which an earlier version left.
+
+static constexpr char EARLIER_NOTE[] = "last-restore.json";
+static constexpr char EARLIER_REPORT[] = "last-exchange.json";
+static constexpr char UNREADABLE[] = ".damaged"; ///< behind its name when it can't be read
+
+static void add_earlier_change(const Json &change, Json &entry)
+{
+    const auto row = std::ranges::find(ALL_SETTINGS, change.at("key").get<std::string>(), &SettingRow::key);
+    if (row == std::end(ALL_SETTINGS))
+        throw HostError("no setting has the key " + change["key"].get<std::string>());
+    if (!entry["before"].contains(row->member))
+        entry["before"][row->member] = change.at("before");
+    entry["planned"][row->member] = change.at("after");
+}
+
+/// The members of the entry that stands for the note: its lines are reports and, in between, changes by their
+/// numbers.
+static void read_earlier_note(const std::string &note, Json &entry)
+{
+    Json report;
+    Json changes = Json::object();
+    std::istringstream lines(note);
+    for (std::string line; std::getline(lines, line) && !lines.eof();) {
+        const Json object = Json::parse(line);
+        if (object.contains("change"))
+            changes[std::to_string(object["change"].get<size_t>())] = object;
+        else
+            report = object;
+    }
+    if (!report.at("changes").empty()) // which are all
+        changes = report["changes"];
+    entry["backup"] = report.at("backup");
+    for (const Json &change : changes)
+        if (change.at("outcome") != "refused")
+            add_earlier_change(change, entry);
+    if (report.at("result") != "undecided") {
+        entry["succeeded"] = report["result"] == "succeeded";
+        entry["reason"] = report.at("reason");
+    }
+}
+
+namespace
+{
+
+/// The note as an entry behind the last one.
+struct EarlierNote {
+    bool is_there = false;
+    bool is_readable = true;
+    std::string line; ///< empty when it was taken before a power cut
+};
+
+} // namespace
+
+static EarlierNote take_earlier_note(const std::vector<Kept> &entries)
+{
+    const fs::path file = state_root() / EARLIER_NOTE;
+    struct stat status = {};
+    if (lstat(file.c_str(), &status) != 0)
+        return {};
+    EarlierNote note;
+    note.is_there = true;
+    const std::int64_t time = std::int64_t{status.st_mtim.tv_sec} * 1000 + status.st_mtim.tv_nsec / 1'000'000;
+    Json entry = {{"entry", entries.empty() ? 1 : entries.back().entry.number + 1},
+                  {"time", time},
+                  {"what", "restore"}};
+    try {
+        read_earlier_note(read_file(file, MAX_SIZE), entry);
+    } catch (const std::exception &error) {
+        note.is_readable = false;
+        entry["fault"] = std::string("it was kept by an earlier version, in ") + EARLIER_NOTE + UNREADABLE +
+                         ", and is damaged";
+    }
+    if (std::ranges::none_of(entries, [&](const Kept &kept) { return kept.entry.time == time; }))
+        note.line = encode_line(entry);
+    return note;
+}
+
+// What is kept.
+
+static bool can_be_undone(const HistoryEntry &entry)
+{
+    return !entry.changed.empty() && !entry.is_undone;
+}
+
+/// Tells which entries are undone: an undo that is undone does not count.
+static void find_undone(std::vector<Kept> &entries)
+{
+    std::set<EntryNumber> undone;
+    for (size_t i = entries.size(); i-- > 0;) {
+        HistoryEntry &entry = entries[i].entry;
+        entry.is_undone = undone.contains(entry.number);
+        if (entry.succeeded == true && !entry.is_undone)
+            undone.insert(entry.undoes);
+    }
+}
+
+static void drop_old(std::vector<Kept> &entries)
+{
+    size_t newest = 0;
+    size_t undoable = 0;
+    std::vector<Kept> kept;
+    for (size_t i = entries.size(); i-- > 0;) {
+        const HistoryEntry &entry = entries[i].entry;
+        const bool is_undoable = can_be_undone(entry) && ++undoable <= KEPT;
+        if (++newest <= KEPT || is_undoable || !entry.fault.empty())
+            kept.push_back(std::move(entries[i]));
+    }
+    entries.assign(std::make_move_iterator(kept.rbegin()), std::make_move_iterator(kept.rend()));
+}
+
+static std::vector<Kept> select(const std::string &journal)
+{
+    std::vector<Kept> entries = parse(journal);
+    find_undone(entries);
+    drop_old(entries);
+    return entries;
+}
+
+std::vector<HistoryEntry> read_history()
+{
+    std::string journal;
+    std::error_code ignored;
+    if (fs::exists(fs::symlink_status(journal_file(), ignored)))
+        journal = read_file(journal_file(), MAX_SIZE);
+    journal += take_earlier_note(parse(journal)).line;
+    std::vector<HistoryEntry> entries;
+    for (Kept &kept : select(journal))
+        entries.push_back(std::move(kept.entry));
+    return entries;
+}
+
+const HistoryEntry *find_undoable(const std::vector<HistoryEntry> &entries)
+{
+    for (size_t i = entries.size(); i-- > 0;) {
+        const HistoryEntry &entry = entries[i];
+        if (!entry.fault.empty())
+            throw HostError("entry " + std::to_string(entry.number) + " of the history can't be read: " +
+                            entry.fault + "; name the entry that is to be undone");
+        if (can_be_undone(entry) && (entry.what == "restore" || entry.what.starts_with("settings")))
+            return &entry;
+    }
+    return nullptr;
+}
+
+std::uint64_t highest_backup(const std::string &store)
+{
+    std::uint64_t highest = 0;
+    for (const HistoryEntry &entry : read_history())
+        if (entry.store == store)
+            highest = std::max(highest, entry.backup);
+    return highest;
+}
+
+// Writing.
+
+static constexpr char WHAT_TO_DO[] = "; see that this file can be written, and try again";
+
+void require_writable_history()
+{
+    std::error_code ignored;
+    if (fs::exists(fs::symlink_status(journal_file(), ignored)))
+        open_file(journal_file(), O_RDWR);
+    else if (!is_usable_folder(state_root()))
+        throw PlatformError("can't write in " + state_root().string());
+}
+
+HistoryWriter::HistoryWriter(const std::string &what, EntryNumber undoes)
+{
+    entry.time = g_get_real_time() / 1000;
+    try {
+        open();
+        Json line = {{"time", entry.time}, {"what", what}};
+        if (undoes != 0)
+            line["undoes"] = undoes;
+        append(line);
+    } catch (const HostError &error) {
+        failure = error.what();
+    }
+}
+
+void HistoryWriter::open()
+{
+    make_private_folder(state_root());
+    file = open_file(journal_file(), O_RDWR | O_CREAT);
+    if (!find_end())
+        tidy();
+    if (ftruncate(file.get(), size) != 0) // what a power cut or a full disk left of a line
+        throw HostError(std::string("can't write ") + JOURNAL + ": " + g_strerror(errno));
+}
+
+/// Finds the end of what was written whole, and the next number, in the usual case.
+///
+/// @return false when there is more to do
+bool HistoryWriter::find_end()
+{
+    static constexpr off_t TAIL = 64 * 1024;
+    const off_t begin = std::max<off_t>(lseek(file.get(), 0, SEEK_END) - TAIL, 0);
+    const std::string tail = read_from(file, begin);
+    const size_t end = tail.find_last_of('\n');
+    if (end == std::string::npos || end == 0)
+        return false;
+    const size_t before = tail.find_last_of('\n', end - 1);
+    const Json last = decode_line(std::string_view(tail).substr(before + 1, end - before - 1));
+    if (!last.is_object())
+        return false;
+    entry.number = last.at("entry").get<EntryNumber>() + 1;
+    size = begin + static_cast<off_t>(end) + 1;
+    std::error_code ignored;
+    return entry.number % TIDY_INTERVAL != 0 &&
+           !fs::exists(fs::symlink_status(state_root() / EARLIER_NOTE, ignored));
+}
+
+/// Writes the journal anew, with what is kept alone, and takes an earlier version's note into it.
+void HistoryWriter::tidy()
+{
+    std::string journal = read_from(file, 0);
+    journal.erase(journal.rfind('\n') + 1);
+    const EarlierNote note = take_earlier_note(parse(journal));
+    std::string kept;
+    entry.number = 1;
+    for (const Kept &known : select(journal + note.line)) {
+        kept += known.lines;
+        entry.number = known.entry.number + 1;
+    }
+    if (kept != journal) {
+        replace_file_durably(journal_file(), kept);
+        file = open_file(journal_file(), O_RDWR);
+    }
+    size = static_cast<off_t>(kept.size());
+    const fs::path file_of_note = state_root() / EARLIER_NOTE;
+    if (note.is_there && note.is_readable)
+        remove_file_durably(file_of_note);
+    else if (note.is_there)
+        fs::rename(file_of_note, file_of_note.string() + UNREADABLE);
+    fs::remove(state_root() / EARLIER_REPORT);
+}
+
+void HistoryWriter::append(Json line)
+{
+    if (!failure.empty())
+        throw HostError(failure);
+    line["entry"] = entry.number;
+    if (entry.backup != 0)
+        line.update({{"backup", entry.backup}, {"store", entry.store}});
+    const std::string text = encode_line(line);
+    if (!write_at(file, size, text)) {
+        failure = "can't write " + journal_file().string() + ": " + g_strerror(errno);
+        throw HostError(failure);
+    }
+    size += static_cast<off_t>(text.size());
+}
+
+void HistoryWriter::set_backup(std::uint64_t backup, const std::string &store)
+{
+    entry.backup = backup;
+    entry.store = store;
+}
+
+void HistoryWriter::plan(const NamedValues &before, const NamedValues &planned)
+{
+    entry.before.insert(before.begin(), before.end());
+    entry.planned.insert(planned.begin(), planned.end());
+    try {
+        append({{"before", entry.before}, {"planned", entry.planned}});
+        if (fdatasync(file.get()) != 0 || !sync_folder(state_root()))
+            throw HostError("can't write " + journal_file().string() + ": " + g_strerror(errno));
+    } catch (const HostError &error) {
+        throw PlatformError(std::string("nothing was changed, since it could not be undone: ") +
+                            error.what() + WHAT_TO_DO);
+    }
+    static_cast<void>(
+        fallocate(file.get(), FALLOC_FL_KEEP_SIZE, size, RESERVED)); // not every file system can
+}
+
+void HistoryWriter::finish(bool succeeded, const std::string &reason, const std::vector<std::string> &changed)
+{
+    try {
+        append({{"succeeded", succeeded}, {"reason", reason}, {"changed", changed}});
+        if (!entry.planned.empty() && fdatasync(file.get()) != 0)
+            throw HostError("can't write " + journal_file().string() + ": " + g_strerror(errno));
+    } catch (const HostError &error) {
+        g_printerr("the history does not tell how this ended: %s\n", error.what());
+    }
+}
