@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Cuts the power at each step of a command, and looks whether all is there that the command told of.
 
-Usage: crash_test.py BUILD_DIR SCIM_LAUNCHER SECONDS SEED
+Usage: crash_test.py BUILD_DIR SCIM_LAUNCHER
 
 Each command runs once, and each change that it makes to files is recorded. What a power cut may leave of the files
 comes of the record; the real programs have to cope with it, beside a SCIM daemon with its file of that moment.
@@ -29,14 +29,14 @@ import time
 from types import SimpleNamespace
 
 BUILD, LAUNCHER = pathlib.Path(sys.argv[1]).absolute(), sys.argv[2]
-SECONDS, SEED = float(sys.argv[3]), sys.argv[4]
+SECONDS, SEED = float(os.environ.get("CRASH_SECONDS", 40)), os.environ.get("CRASH_SEED", "1")
 
 ONE = ("settings set default_keyboard alpha selected_lang en_US,ko_KR handwriting on prediction on auto_space on"
        " auto_capitalize off auto_punctuation on key_tap_sound off key_tap_vib on"
        " downloaded_lang en_US,ko_KR,fr_FR downloaded_with_handwriting_lang en_US")
 OTHER = ("settings set default_keyboard beta selected_lang fr_FR handwriting off prediction off auto_space off"
          " auto_capitalize on auto_punctuation off key_tap_sound on")
-FORGET = "forget"  # all files but the backups
+FORGET = "find state -mindepth 1 -not -path state/cloud* -delete"  # all but the backups
 
 SCENARIOS = {  # what was done before, and what is cut
     "backup, the first": (["settings set default_keyboard alpha"], ["backup"]),
@@ -53,9 +53,6 @@ SCENARIOS = {  # what was done before, and what is cut
     "import": ([ONE, "backup", "export 1 exported"], ["import exported"]),
     "backup and delete": ([ONE], ["backup", "delete 1"]),
 }
-# Where nothing tells what can be undone, that is the last restore.
-HAS_HISTORY = subprocess.run([BUILD / "bin/ime-backupctl", "help", "history"], capture_output=True).returncode == 0
-CHANGING = ("restore", "undo", "settings") if HAS_HISTORY else ("restore", "undo")
 AFTERWARDS = [ONE, "backup", OTHER, "restore", "undo", "delete {newest}", "list"]
 
 
@@ -73,30 +70,23 @@ class Host:
         self.config.parent.mkdir(parents=True, exist_ok=True)
         self.daemon = subprocess.Popen([LAUNCHER, "-c", "simple", "-e", "none", "-f", "socket"], env=self.environment,
                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        for _ in range(5000):
-            for path in self.config.parent.parent.glob("socket*"):
-                with socket.socket(socket.AF_UNIX) as connection:
-                    if connection.connect_ex(str(path)) == 0:
-                        return self
+        while not any(socket.socket(socket.AF_UNIX).connect_ex(str(path)) == 0
+                      for path in self.config.parent.parent.glob("socket*")):
+            assert self.daemon.poll() is None, "the SCIM daemon does not start"
             time.sleep(0.002)
-        raise TimeoutError("the SCIM daemon does not start")
+        return self
 
     def __exit__(self, *_):
         self.daemon.kill()
         self.daemon.wait()
 
     def run(self, command, output=subprocess.PIPE, **environment):
-        return subprocess.run([BUILD / "bin/ime-backupctl", *command.split()], cwd=self.folder, timeout=60,
-                              env=self.environment | environment, stdout=output, stderr=subprocess.PIPE)
+        arguments = command.split() if command == FORGET else [BUILD / "bin/ime-backupctl", *command.split()]
+        return subprocess.run(arguments, cwd=self.folder, env=self.environment | environment, timeout=60,
+                              stdout=output, stderr=subprocess.PIPE)
 
-    def set_up(self, command):
-        if command == FORGET:
-            for path in {*self.state.iterdir()} - {self.state / "cloud"}:
-                shutil.rmtree(path) if path.is_dir() else path.unlink()
-            return b""
-        result = self.run(command)
-        assert result.returncode == 0, result
-        return result.stdout
+    def json(self, command):
+        return json.loads(self.run(command + " --json").stdout)
 
     def tree(self):
         return {str(path.relative_to(self.state)): path.read_bytes() if path.is_file() else None
@@ -114,14 +104,8 @@ class Host:
                 shutil.copy(file, copy)
             if os.path.exists(copy + "/settings.db"):
                 with contextlib.closing(sqlite3.connect(copy + "/settings.db")) as store:
-                    try:
-                        kept += store.execute("SELECT * FROM settings ORDER BY key").fetchall()
-                    except sqlite3.DatabaseError as error:
-                        kept.append(str(error))
-        return json.loads(self.run("settings --json").stdout or "{}"), kept
-
-    def history(self):
-        return json.loads(self.run("history --json").stdout) if HAS_HISTORY else []
+                    kept += store.execute("SELECT * FROM settings ORDER BY key").fetchall()
+        return self.json("settings"), kept
 
 
 def is_left_out(name):
@@ -142,14 +126,17 @@ def numbers_in(output, is_deleted=False):
 
 def record(name, folder):
     setup, commands = SCENARIOS[name]
-    made, output = folder / "record", folder / "output"
+    made, output, told = folder / "record", folder / "output", b""
     with Host(folder) as host:
-        host.state.mkdir()
-        told = b"".join(host.set_up(command) for command in setup)
-        events, before = [], host.settings()
-        recording = SimpleNamespace(name=name, commands=commands, events=events, tree=host.tree(),
-                                    configuration=host.configuration(), entries=len(host.history()),
-                                    highest=max(numbers_in(told), default=0))
+        host.state.mkdir(parents=True)
+        for command in setup:
+            result = host.run(command)
+            assert result.returncode == 0, result
+            told += result.stdout
+        before, history, events = host.settings(), host.json("history"), []
+        recording = SimpleNamespace(
+            name=name, commands=commands, events=events, tree=host.tree(), configuration=host.configuration(),
+            entry=history[-1]["entry"] if history else 0, highest=max(numbers_in(told), default=0))
         for path in made, output:
             path.touch()
         for command in commands:
@@ -158,13 +145,11 @@ def record(name, folder):
                                   CRASH_FOLDER=host.state, CRASH_WATCHED=f"{host.config}:{output}")
             assert result.returncode == 0, result
             for line in made.read_text().splitlines():
-                event, path, other, data = line.split("\t")
-                path, other = (text.removeprefix(str(host.state)).lstrip("/") for text in (path, other))
+                event, path, other, data = line.replace(f"{host.state}/", "").replace(f"{host.state}", "").split("\t")
                 if not is_left_out(os.path.basename(path)):
                     events.append((event, path, other, bytes.fromhex(data)))
             os.truncate(made, 0)
-            events.append(("seen", "config", "", host.configuration()))
-            events.append(("end", "", "", output.read_bytes()))
+            events += ("seen", "config", "", host.configuration()), ("end", "", "", output.read_bytes())
         assert Cut(recording, len(events)).left()[1] == host.tree(), f"{name}: the record misses a change"
         recording.settings = before, host.settings()
     return recording
@@ -177,16 +162,11 @@ class File:
         self.synced, self.pending = synced, []
 
     def content(self, missing="nothing", chance=random):
-        changes = list(self.pending)
-        if missing == "all":
-            changes = []
-        elif missing == "the first":
-            changes = changes[1:]
-        elif missing == "zeros":
-            changes = [(offset, data and bytes(len(data))) for offset, data in changes]
-        elif missing == "some":
-            changes = [change for change in changes if chance.random() < 0.5]
-        elif missing == "from the middle on" and changes:
+        changes = {"all": [], "the first": self.pending[1:],
+                   "zeros": [(offset, data and bytes(len(data))) for offset, data in self.pending],
+                   "some": [change for change in self.pending if chance.random() < 0.5],
+                   }.get(missing, list(self.pending))
+        if missing == "from the middle on" and changes:
             del changes[chance.randrange(len(changes)) + 1:]
             offset, data = changes[-1]
             changes[-1] = offset, data and data[:chance.randrange(len(data))]
@@ -198,14 +178,14 @@ class File:
 
 
 def change_names(names, event, path, other, what):
-    if event in ("create", "mkdir"):
-        names[path] = what
-    elif event == "remove":
+    if event == "remove":
         names.pop(path)
     elif event == "rename":
         names[other] = names.pop(path)
     elif event == "exchange":
         names[path], names[other] = names[other], names[path]
+    else:
+        names[path] = what
 
 
 class Cut:
@@ -219,10 +199,8 @@ class Cut:
         self.configuration, self.output, self.ended = recording.configuration, b"", 0
         for i, (event, path, other, data) in enumerate(recording.events[:count], 1):
             file = self.names.get(path)
-            if event == "end":
-                self.output, self.ended = data, self.ended + 1
-            elif event == "seen" and path.endswith("output"):
-                self.output = data
+            if event == "end" or (event == "seen" and path.endswith("output")):
+                self.output, self.ended = data, self.ended + (event == "end")
             elif event == "seen":
                 self.configuration = data
             elif event in ("write", "truncate"):
@@ -235,35 +213,35 @@ class Cut:
             else:
                 self.name_changes.append((i, event, path, other, File() if event == "create" else None))
                 change_names(self.names, *self.name_changes[-1][1:])
-        self.unsynced = {path: file for path, file in self.names.items() if file and file.pending}
+        made = {path: file for _, _, path, _, file in self.name_changes}
+        self.unsynced = {file: path for names in (self.before, made, self.names) for path, file in names.items()
+                         if file and file.pending}
 
     def left(self, data="nothing", names=None, chance=random):
-        """The files that are left, and what is missing: of the data of all files or of each by its path, and names
-        from this event on, or from one for each folder."""
-        tree = dict(self.before)
+        """The files that are left, and what is missing: of the data of all files or of each, and all names from this
+        event on, or from one for each folder."""
+        tree, left = dict(self.before), {}
         for i, event, path, other, what in self.name_changes:
             folder = os.path.dirname(path)
             if names is None or i <= self.synced[folder] or i < (names if isinstance(names, int) else names[folder]):
                 change_names(tree, event, path, other, what)
-        missing = {id(file): data if isinstance(data, str) else data.get(path, "nothing")
-                   for path, file in self.unsynced.items()}
-        left = {}
         for path, file in sorted(tree.items()):  # a folder comes before what is in it
             if os.path.dirname(path) in ("", *left):
-                left[path] = file and file.content(missing.get(id(file), "nothing"), chance)
-        return self, left, f"data: {data}; names from event: {names}"
+                left[path] = file and file.content(data if isinstance(data, str) else data.get(file), chance)
+        of = data if isinstance(data, str) else {self.unsynced[file]: missing for file, missing in data.items()}
+        return self, left, f"data: {of}; names from event: {names}"
 
     def worst(self):
         yield self.left("all")
-        for path in self.unsynced:
-            yield self.left({path: "all"})
+        for file in self.unsynced:
+            yield self.left({file: "all"})
         yield self.left(names=0)
         yield self.left("the first")
         yield self.left()
 
     def any(self, chance):
-        data = {path: chance.choice(["nothing", "all", "the first", "zeros", "some", "from the middle on"])
-                for path in self.unsynced}
+        data = {file: chance.choice(["nothing", "all", "the first", "zeros", "some", "from the middle on"])
+                for file in self.unsynced}
         names = chance.randint(self.last_sync, self.count) + 1  # as in a journal of all folders
         if chance.random() < 0.5:
             folders = sorted({os.path.dirname(change[2]) for change in self.name_changes})
@@ -271,23 +249,17 @@ class Cut:
         return self.left(data, names, chance)
 
 
-def in_turns(iterators):
-    while iterators:
-        for iterator in list(iterators):
-            if (item := next(iterator, None)) is None:
-                iterators.remove(iterator)
-            else:
-                yield item
+def in_turns(*iterators):
+    return filter(None, itertools.chain.from_iterable(itertools.zip_longest(*iterators)))
 
 
 def states_of(recording, chance):
     """Each state once: the worst once all is told, then the worst of each cut, and any, until hardly one is new."""
     cuts = [Cut(recording, count) for count in range(len(recording.events) + 1)]
     last = cuts[-1]
-    recording.cuts = len(cuts)
     chance.shuffle(cuts)
-    other = in_turns([in_turns([cut.worst() for cut in cuts]),
-                      (chance.choice(cuts).any(chance) for _ in itertools.count())])
+    other = in_turns(in_turns(*[cut.worst() for cut in cuts]),
+                     (chance.choice(cuts).any(chance) for _ in itertools.count()))
     known, duplicates = set(), 0
     for cut, tree, missing in itertools.chain(last.worst(), other):
         key = frozenset(tree.items()), cut.configuration, cut.output, cut.ended, *backups_in(cut.names)
@@ -317,22 +289,21 @@ def check(cut, tree, host):
     for number in numbers_in(cut.output, is_deleted=True) & listed:
         problems.append(f"backup {number} is back, though it was told to be deleted")
 
-    command = recording.commands[0].split()[0]
-    is_undo = command == "undo"
-    begun = host.history()[recording.entries - is_undo:]
     (before, before_kept), (after, after_kept) = recording.settings
+    is_undo = recording.commands == ["undo"]  # of the last entry
+    begun = [entry for entry in json.loads(succeed("history --json")) if entry["entry"] > recording.entry - is_undo
+             and entry["what"].split()[0] in ("restore", "settings")]
     is_done = cut.ended == len(recording.commands) or (len(recording.commands) == 1 and cut.output) or (
         not is_undo and any(entry["succeeded"] for entry in begun))
     for name, value in host.settings()[0].items():
         if value not in ([after[name]] if is_done else [before[name], after[name]]):
             problems.append(f"{name} is {value}; before it was {before[name]}, afterwards {after[name]}")
-    # An undo goes on; of what else was cut, what had begun is put back.
-    if command in CHANGING:
-        if not HAS_HISTORY or any(not entry["undone"] for entry in begun):
-            succeed("undo")
-        kept, wanted = host.settings()[1], after_kept if is_undo else before_kept
-        if kept != wanted:
-            problems.append(f"undo leaves {kept} instead of {wanted}")
+    # What had begun is put back, and an undo is completed.
+    if any(entry["changed"] and not entry["undone"] for entry in begun):
+        succeed("undo")
+    kept, wanted = host.settings()[1], after_kept if is_undo else before_kept
+    if kept != wanted and recording.commands[0].startswith(("restore", "settings", "undo")):
+        problems.append(f"undo leaves {kept} instead of {wanted}")
 
     highest, newest = max(numbers_in(cut.output) | {recording.highest}), 0
     for command in AFTERWARDS:
@@ -357,11 +328,8 @@ def put_down(cut, tree, folder):
 
 def run(work):
     end = time.monotonic() + SECONDS
-    recordings = []
-    for name in SCENARIOS:
-        (work / name).mkdir()
-        recordings.append(record(name, work / name))
-    states = in_turns([states_of(recording, random.Random(SEED + recording.name)) for recording in recordings])
+    recordings = [record(name, work / str(number)) for number, name in enumerate(SCENARIOS)]
+    states = in_turns(*[states_of(recording, random.Random(SEED + recording.name)) for recording in recordings])
     kept, lock = pathlib.Path(tempfile.gettempdir()) / work.name, threading.Lock()
     tried, failed = collections.Counter(), collections.Counter()
 
@@ -373,23 +341,25 @@ def run(work):
                     return
                 name = cut.recording.name
                 tried[name] += 1
-                number = str(tried.total())
+                number = f"state{tried.total()}"
             with put_down(cut, tree, work / number) as host:
-                problems = check(cut, tree, host)
+                try:
+                    problems = check(cut, tree, host)
+                except (json.JSONDecodeError, sqlite3.Error, subprocess.TimeoutExpired) as error:
+                    problems = [repr(error)]
             shutil.rmtree(work / number)
             if problems:
                 put_down(cut, tree, kept / number)
                 failed[name] += 1
-                event = " ".join(cut.recording.events[cut.count - 1][:3]) if cut.count else "nothing"
-                print(f"{name}: cut after event {cut.count} ({event}), missing: {missing}",
+                event = cut.recording.events[cut.count - 1][:3] if cut.count else "the beginning"
+                print(f"{name}: cut after event {cut.count}, {event}, missing {missing}",
                       f"the state: {kept / number}", *problems, sep="\n  ", flush=True)
 
     with concurrent.futures.ThreadPoolExecutor() as workers:
         for worker in [workers.submit(try_states) for _ in range(os.cpu_count())]:
             worker.result()
-    for recording in recordings:
-        name = recording.name
-        print(f"{name}: {recording.cuts} cuts, {tried[name]} states, {failed[name]} of them fail")
+    for name in SCENARIOS:
+        print(f"{name}: {tried[name]} states, {failed[name]} of them fail")
     print(f"{tried.total()} states, seed {SEED}")
     return 1 if failed else 0
 

@@ -17,7 +17,6 @@
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 template <class Function>
@@ -125,31 +124,6 @@ RECORDED_OPEN(open64)
     }
 RECORDED_WRITE(pwrite)
 RECORDED_WRITE(pwrite64)
-
-/// Where the next write of an open file goes.
-static off_t end_of(int file)
-{
-    struct stat status = {};
-    if ((fcntl(file, F_GETFL) & O_APPEND) != 0 && fstat(file, &status) == 0)
-        return status.st_size;
-    return lseek(file, 0, SEEK_CUR);
-}
-
-ssize_t write(int file, const void *data, size_t size)
-{
-    return record("write", path_of(file), std::to_string(end_of(file)),
-                  {static_cast<const char *>(data), size},
-                  [&] { return next<decltype(write)>("write")(file, data, size); });
-}
-
-ssize_t writev(int file, const iovec *parts, int count)
-{
-    std::string data;
-    for (int i = 0; i < count; i++)
-        data.append(static_cast<const char *>(parts[i].iov_base), parts[i].iov_len);
-    return record("write", path_of(file), std::to_string(end_of(file)), data,
-                  [&] { return next<decltype(writev)>("writev")(file, parts, count); });
-}
 
 #define RECORDED(name, call, parameters, arguments, path, argument)                                          \
     int name parameters                                                                                      \
