@@ -36,6 +36,7 @@ ONE = ("settings set default_keyboard alpha selected_lang en_US,ko_KR handwritin
        " downloaded_lang en_US,ko_KR,fr_FR downloaded_with_handwriting_lang en_US")
 OTHER = ("settings set default_keyboard beta selected_lang fr_FR handwriting off prediction off auto_space off"
          " auto_capitalize on auto_punctuation off key_tap_sound on")
+LEFT_OUT = re.compile(r"(.*/)?(service\.log|.*-shm)")  # a log is for people; SQLite makes the other anew
 FORGET = "find state -mindepth 1 -not -path state/cloud* -delete"  # all but the backups
 
 SCENARIOS = {  # what was done before, and what is cut
@@ -81,16 +82,16 @@ class Host:
         self.daemon.wait()
 
     def run(self, command, output=subprocess.PIPE, **environment):
-        arguments = command.split() if command == FORGET else [BUILD / "bin/ime-backupctl", *command.split()]
-        return subprocess.run(arguments, cwd=self.folder, env=self.environment | environment, timeout=60,
-                              stdout=output, stderr=subprocess.PIPE)
+        program = [] if command == FORGET else [BUILD / "bin/ime-backupctl"]
+        return subprocess.run(program + command.split(), cwd=self.folder, env=self.environment | environment,
+                              stdout=output, stderr=subprocess.PIPE, timeout=60)
 
     def json(self, command):
         return json.loads(self.run(command + " --json").stdout)
 
     def tree(self):
         return {str(path.relative_to(self.state)): path.read_bytes() if path.is_file() else None
-                for path in self.state.rglob("*") if not is_left_out(path.name)}
+                for path in self.state.rglob("*") if not LEFT_OUT.fullmatch(path.name)}
 
     def configuration(self):
         return self.config.read_bytes() if self.config.exists() else b""
@@ -108,14 +109,8 @@ class Host:
         return self.json("settings"), kept
 
 
-def is_left_out(name):
-    """The log is for people; its shared memory SQLite makes anew after a crash."""
-    return name == "service.log" or name.endswith("-shm")
-
-
 def backups_in(names):
-    found = {path: re.fullmatch(r"cloud/backup-(\d+)\.json", path) for path in names}
-    return {int(match[1]): path for path, match in found.items() if match}
+    return {int(match[1]): match[0] for match in map(re.compile(r"cloud/backup-(\d+)\.json$").match, names) if match}
 
 
 def numbers_in(output, is_deleted=False):
@@ -137,8 +132,7 @@ def record(name, folder):
         recording = SimpleNamespace(
             name=name, commands=commands, events=events, tree=host.tree(), configuration=host.configuration(),
             entry=history[-1]["entry"] if history else 0, highest=max(numbers_in(told), default=0))
-        for path in made, output:
-            path.touch()
+        made.touch()
         for command in commands:
             with output.open("ab") as file:
                 result = host.run(command, file, LD_PRELOAD=BUILD / "tests/libcrash-recorder.so", CRASH_RECORD=made,
@@ -146,7 +140,7 @@ def record(name, folder):
             assert result.returncode == 0, result
             for line in made.read_text().splitlines():
                 event, path, other, data = line.replace(f"{host.state}/", "").replace(f"{host.state}", "").split("\t")
-                if not is_left_out(os.path.basename(path)):
+                if not LEFT_OUT.fullmatch(path):
                     events.append((event, path, other, bytes.fromhex(data)))
             os.truncate(made, 0)
             events += ("seen", "config", "", host.configuration()), ("end", "", "", output.read_bytes())
@@ -162,10 +156,9 @@ class File:
         self.synced, self.pending = synced, []
 
     def content(self, missing="nothing", chance=random):
-        changes = {"all": [], "the first": self.pending[1:],
-                   "zeros": [(offset, data and bytes(len(data))) for offset, data in self.pending],
-                   "some": [change for change in self.pending if chance.random() < 0.5],
-                   }.get(missing, list(self.pending))
+        written = self.pending
+        changes = {"all": [], "the first": written[1:], "some": [each for each in written if chance.random() < 0.5],
+                   "zeros": [(offset, data and bytes(len(data))) for offset, data in written]}.get(missing, [*written])
         if missing == "from the middle on" and changes:
             del changes[chance.randrange(len(changes)) + 1:]
             offset, data = changes[-1]
@@ -213,9 +206,9 @@ class Cut:
             else:
                 self.name_changes.append((i, event, path, other, File() if event == "create" else None))
                 change_names(self.names, *self.name_changes[-1][1:])
-        made = {path: file for _, _, path, _, file in self.name_changes}
-        self.unsynced = {file: path for names in (self.before, made, self.names) for path, file in names.items()
-                         if file and file.pending}
+        files = itertools.chain(self.before.items(), [(change[2], change[4]) for change in self.name_changes],
+                                self.names.items())
+        self.unsynced = {file: path for path, file in files if file and file.pending}
 
     def left(self, data="nothing", names=None, chance=random):
         """The files that are left, and what is missing: of the data of all files or of each, and all names from this
@@ -232,12 +225,9 @@ class Cut:
         return self, left, f"data: {of}; names from event: {names}"
 
     def worst(self):
-        yield self.left("all")
-        for file in self.unsynced:
-            yield self.left({file: "all"})
-        yield self.left(names=0)
-        yield self.left("the first")
-        yield self.left()
+        each = [{"data": {file: "all"}} for file in self.unsynced]
+        for options in {"data": "all"}, *each, {"names": 0}, {"data": "the first"}, {}:
+            yield self.left(**options)
 
     def any(self, chance):
         data = {file: chance.choice(["nothing", "all", "the first", "zeros", "some", "from the middle on"])
@@ -336,9 +326,9 @@ def run(work):
     def try_states():
         while time.monotonic() < end:
             with lock:
-                cut, tree, missing = next(states, (None, None, None))
-                if cut is None:
+                if (state := next(states, None)) is None:
                     return
+                cut, tree, missing = state
                 name = cut.recording.name
                 tried[name] += 1
                 number = f"state{tried.total()}"
@@ -356,14 +346,13 @@ def run(work):
                       f"the state: {kept / number}", *problems, sep="\n  ", flush=True)
 
     with concurrent.futures.ThreadPoolExecutor() as workers:
-        for worker in [workers.submit(try_states) for _ in range(os.cpu_count())]:
-            worker.result()
+        list(workers.map(lambda _: try_states(), range(os.cpu_count())))
     for name in SCENARIOS:
         print(f"{name}: {tried[name]} states, {failed[name]} of them fail")
     print(f"{tried.total()} states, seed {SEED}")
-    return 1 if failed else 0
+    sys.exit(bool(failed))
 
 
 # In memory, where a sync costs nothing.
 with tempfile.TemporaryDirectory(prefix="crash-", dir="/dev/shm" if os.path.isdir("/dev/shm") else None) as folder:
-    sys.exit(run(pathlib.Path(folder)))
+    run(pathlib.Path(folder))

@@ -125,22 +125,22 @@ RECORDED_OPEN(open64)
 RECORDED_WRITE(pwrite)
 RECORDED_WRITE(pwrite64)
 
-#define RECORDED(name, call, parameters, arguments, path, argument)                                          \
+#define RECORDED(name, call, parameters, path, argument, ...)                                                \
     int name parameters                                                                                      \
     {                                                                                                        \
-        return record(call, path, argument, "", [&] { return next<decltype(name)>(#name) arguments; });      \
+        return record(call, path, argument, "", [&] { return next<decltype(name)>(#name)(__VA_ARGS__); });   \
     }
-RECORDED(ftruncate, "truncate", (int file, off_t size) noexcept, (file, size), path_of(file),
-         std::to_string(size))
-RECORDED(ftruncate64, "truncate", (int file, off64_t size) noexcept, (file, size), path_of(file),
-         std::to_string(size))
-RECORDED(fsync, "sync", (int file), (file), path_of(file), "")
-RECORDED(fdatasync, "sync", (int file), (file), path_of(file), "")
-RECORDED(mkdir, "mkdir", (const char *path, mode_t mode) noexcept, (path, mode), path, "")
-RECORDED(rmdir, "remove", (const char *path) noexcept, (path), path, "")
-RECORDED(unlink, "remove", (const char *path) noexcept, (path), path, "")
-RECORDED(remove, "remove", (const char *path) noexcept, (path), path, "")
-RECORDED(rename, "rename", (const char *from, const char *to) noexcept, (from, to), from, to)
+RECORDED(ftruncate, "truncate", (int file, off_t size) noexcept, path_of(file), std::to_string(size), file,
+         size)
+RECORDED(ftruncate64, "truncate", (int file, off64_t size) noexcept, path_of(file), std::to_string(size),
+         file, size)
+RECORDED(fsync, "sync", (int file), path_of(file), "", file)
+RECORDED(fdatasync, "sync", (int file), path_of(file), "", file)
+RECORDED(mkdir, "mkdir", (const char *path, mode_t mode) noexcept, path, "", path, mode)
+RECORDED(rmdir, "remove", (const char *path) noexcept, path, "", path)
+RECORDED(unlink, "remove", (const char *path) noexcept, path, "", path)
+RECORDED(remove, "remove", (const char *path) noexcept, path, "", path)
+RECORDED(rename, "rename", (const char *from, const char *to) noexcept, from, to, from, to)
 RECORDED(renameat2, (flags & RENAME_EXCHANGE) != 0 ? "exchange" : "rename",
-         (int from_folder, const char *from, int to_folder, const char *to, unsigned flags) noexcept,
-         (from_folder, from, to_folder, to, flags), from, to)
+         (int from_folder, const char *from, int to_folder, const char *to, unsigned flags) noexcept, from,
+         to, from_folder, from, to_folder, to, flags)
