@@ -19,14 +19,9 @@ struct NoBackupError : HostError {
     using HostError::HostError;
 };
 
-/// A backup is there, but is none that could be used.
+/// A backup was read, and is none that could be used. Of one that can't be read, UnreadableError tells.
 struct DamagedError : HostError {
     using HostError::HostError;
-};
-
-/// It can't be read; perhaps only now.
-struct UnreadableError : DamagedError {
-    using DamagedError::DamagedError;
 };
 
 struct Backup {
@@ -50,8 +45,10 @@ public:
     CloudStore &operator=(const CloudStore &) = delete;
     virtual ~CloudStore() = default;
 
-    /// Its place, for a person.
+    /// Its place, for a person: without passwords.
     const std::string &location() const { return place; }
+    /// A location, or a text with one in it, for a person.
+    static std::string without_secrets(const std::string &text);
     /// Whether its place was chosen by $IME_BACKUP_CLOUD_STORE.
     static bool is_chosen();
 
@@ -72,20 +69,23 @@ public:
     BackupNumber find(const std::string &text, const std::vector<BackupNumber> &known) const;
 
     /// @throws NoBackupError
-    /// @throws DamagedError when it can't be read, is no record file or was changed since it was written
+    /// @throws DamagedError when it is no record file or was changed since it was written
+    /// @throws UnreadableError, whose message begins with "can't be read"
     Backup read(BackupNumber number) const;
 
     /// Says that these will be read, so that a remote store hands them over together.
     virtual void fetch(const std::vector<BackupNumber> & /*numbers*/) const {}
 
-    /// Throws when it is seen already that no backup can be added. Nothing is made.
-    virtual void require_writable() const {}
+    /// Goes the way of a backup that is added, as far as it goes without one, and throws where that fails.
+    virtual void require_writable() const = 0;
 
     /// Adds a backup, whole or not at all, and durably. Makes the place if it isn't there.
     ///
+    /// @param at_least a number that is known to have been given: it, or a higher one, be it that the place
+    ///                 has lost count
     /// @return its number
     /// @throws HostError when it can't be written
-    virtual BackupNumber add(const std::string &content) = 0;
+    virtual BackupNumber add(const std::string &content, BackupNumber at_least = 0) = 0;
 
     /// Chooses some of the backups that there are.
     using Choose = std::function<std::vector<BackupNumber>(const std::vector<BackupNumber> &known)>;
@@ -103,7 +103,7 @@ public:
     virtual bool contains(const std::filesystem::path & /*file*/) const { return false; }
 
 protected:
-    explicit CloudStore(std::string location) : place(std::move(location)) {}
+    explicit CloudStore(const std::string &location) : place(without_secrets(location)) {}
 
     static std::string file_name(BackupNumber number);
     static std::optional<BackupNumber> parse_number(const std::string &digits);
@@ -120,7 +120,8 @@ private:
     /// The content of a backup's file.
     ///
     /// @throws NoBackupError
-    /// @throws DamagedError when it is there and can't be read
+    /// @throws DamagedError when it is larger than a backup, or no file
+    /// @throws UnreadableError
     virtual std::string read_content(BackupNumber number) const = 0;
 
     const std::string place;
