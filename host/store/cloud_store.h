@@ -91,7 +91,7 @@ public:
     using Choose = std::function<std::vector<BackupNumber>(const std::vector<BackupNumber> &known)>;
 
     /// Deletes the backups that are chosen, and durably. From a folder they go in this order, and meanwhile
-    /// no other process adds or deletes one.
+    /// no other process adds or deletes one. Whether they are gone, a listing tells.
     ///
     /// @throws HostError when one can't be deleted; others may be
     virtual void remove(const Choose &choose) = 0;

@@ -33,9 +33,8 @@ static constexpr char FLAGS_OF_OTHERS[] =
     "|EXCLUDE|FAST_LIST|FILES_FROM|FILTER|FIX_CASE|HASH_FILTER|IGNORE|IMMUTABLE|INCLUDE|INPLACE|INTERACTIVE"
     "|LIST_CUTOFF|LOG|MAX|MEMPROFILE|METADATA|METRICS|MIN|MODIFY_WINDOW|MULTI_THREAD|NAME_TRANSFORM"
     "|NO_CHECK_DEST|NO_TRAVERSE|NO_UPDATE|ORDER_BY|PARTIAL_SUFFIX|PROGRESS|QUIET|RC|REFRESH_TIMES"
-    "|SERVER_SIDE_ACROSS_CONFIGS|STATS|STREAMING_UPLOAD_CUTOFF|SUFFIX|SYSLOG|TRACK_RENAMES|UPDATE|USE_JSON_"
-    "LOG"
-    "|USE_SERVER_MODTIME|VERBOSE|WINDOWS_EVENT_LOG)(_.*)?"
+    "|SERVER_SIDE_ACROSS_CONFIGS|STATS|STREAMING_UPLOAD_CUTOFF|SUFFIX|SYSLOG|TRACK_RENAMES|UPDATE"
+    "|USE_JSON_LOG|USE_SERVER_MODTIME|VERBOSE|WINDOWS_EVENT_LOG)(_.*)?"
     "|ABSOLUTE|CHECK_FIRST|CHECKSUM|COUNT|CREATE_EMPTY_SRC_DIRS|CSV|DIR_SLASH|DIRS_ONLY|DISCARD|DRY_RUN"
     "|FILES_ONLY|FORMAT|HASH|HEAD|LINKS|OFFSET|RECURSIVE|RMDIRS|SEPARATOR|SIZE|SIZE_ONLY|TAIL|TIME_FORMAT"
     ")\\z";
@@ -106,9 +105,10 @@ public:
                                              {"RCLONE_LOW_LEVEL_RETRIES", "2"},
                                              {"RCLONE_CONTIMEOUT", milliseconds},
                                              {"RCLONE_TIMEOUT", milliseconds}});
-        std::erase_if(rclone.environment, [](const auto &variable) {
+        g_autoptr(GRegex) others_flags = g_regex_new(FLAGS_OF_OTHERS, G_REGEX_RAW, {}, nullptr);
+        std::erase_if(rclone.environment, [&](const auto &variable) {
             return variable.first.starts_with("IME_BACKUP_TRACE") ||
-                   g_regex_match_simple(FLAGS_OF_OTHERS, variable.first.c_str(), G_REGEX_RAW, {}) != FALSE;
+                   g_regex_match(others_flags, variable.first.c_str(), {}, nullptr) != FALSE;
         });
         if (const auto preloaded = rclone.environment.find("LD_PRELOAD");
             preloaded != rclone.environment.end()) {
