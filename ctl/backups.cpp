@@ -73,6 +73,8 @@ Backup read_whole(const CloudStore &store, BackupNumber number)
         Backup backup = store.read(number);
         snapshot_in(backup.records);
         return backup;
+    } catch (const UnreadableError &error) {
+        throw UnreadableError(name_of(number) + " " + error.what());
     } catch (const DamagedError &error) {
         throw DamagedError(name_of(number) + " is damaged: " + error.what());
     }
@@ -84,25 +86,28 @@ static Cell cell_of(const SnapshotValues &values, SettingForm form)
     return cell_of(row, device_value(row, values[index_of(row)]));
 }
 
-Table inspect(const CloudStore &store, const std::vector<BackupNumber> &numbers, size_t &damaged)
+Inspection inspect(const CloudStore &store, const std::vector<BackupNumber> &numbers)
 {
     store.fetch(numbers);
-    Table table{{{"id", "id"},
-                 {"time", "time"},
-                 {FOR_PEOPLE, "age"},
-                 {"size", FOR_SCRIPTS},
-                 {"usable", FOR_SCRIPTS},
-                 {"default_keyboard", "keyboard"},
-                 {"languages", "languages"},
-                 {"reason", ""}},
-                {},
-                Remarks::warnings};
+    Inspection inspection;
+    inspection.table = {{{"id", "id"},
+                         {"time", "time"},
+                         {FOR_PEOPLE, "age"},
+                         {"size", FOR_SCRIPTS},
+                         {"usable", FOR_SCRIPTS},
+                         {"default_keyboard", "keyboard"},
+                         {"languages", "languages"},
+                         {"reason", ""}},
+                        {},
+                        Remarks::warnings};
     for (const BackupNumber number : numbers) {
         std::string date;
-        Cell size = {nullptr, ""};
-        Cell keyboard = size;
-        Cell languages = size;
-        std::string reason;
+        Cell keyboard = {nullptr, ""};
+        Cell languages = keyboard;
+        const auto known_size = store.size(number);
+        Cell size = known_size ? *known_size : keyboard;
+        Cell usable = {true, ""};
+        Cell remark = "";
         try {
             const Backup backup = store.read(number);
             const SnapshotValues values = read_snapshot(snapshot_in(backup.records))->values;
@@ -112,18 +117,20 @@ Table inspect(const CloudStore &store, const std::vector<BackupNumber> &numbers,
             languages = cell_of(values, SettingForm::languages);
             if (const auto *texts = std::get_if<std::vector<std::string>>(&languages.json); texts != nullptr)
                 languages.json = texts->size(); // a script gets the count
+        } catch (const UnreadableError &error) {
+            usable.json = nullptr;
+            remark = error.what();
+            inspection.unreadable++;
         } catch (const DamagedError &error) {
-            reason = error.what();
-            if (const auto known = store.size(number); known)
-                size = *known;
-            damaged++;
+            usable.json = false;
+            remark = {error.what(), std::string("damaged: ") + error.what()};
+            inspection.damaged++;
         } catch (const NoBackupError &) {
             continue; // deleted meanwhile
         }
         const Cell time = {utc_time(date), format_date(date)};
-        const Cell usable = {reason.empty(), ""};
-        const Cell remark = {reason, reason.empty() ? "" : "damaged: " + reason};
-        table.rows.push_back({number, time, format_age(date), size, usable, keyboard, languages, remark});
+        inspection.table.rows.push_back(
+            {number, time, format_age(date), size, usable, keyboard, languages, remark});
     }
-    return table;
+    return inspection;
 }

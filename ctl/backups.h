@@ -28,10 +28,14 @@ std::string date_of(const CloudRecords &records);
 
 /// Reads a backup of which each record holds a snapshot.
 ///
-/// @throws DamagedError which names the backup
+/// @throws DamagedError and UnreadableError, which name the backup
 Backup read_whole(const CloudStore &store, BackupNumber number);
 
 /// Backups, read and checked.
-///
-/// @param[in,out] damaged counts those that can't be restored
-Table inspect(const CloudStore &store, const std::vector<BackupNumber> &numbers, size_t &damaged);
+struct Inspection {
+    Table table;
+    size_t damaged = 0;
+    size_t unreadable = 0;
+};
+
+Inspection inspect(const CloudStore &store, const std::vector<BackupNumber> &numbers);

@@ -183,7 +183,8 @@ inline const std::vector<Note> EXIT_STATUSES = {
      "failed; or, of diff, verify and restore --strict: not the same, or not all well"},
     {std::to_string(EXIT_USAGE), "wrong usage"},
     {std::to_string(EXIT_NO_PLATFORM),
-     "the platform isn't there: no SCIM daemon, no active input method, or state that can't be used"},
+     "the platform isn't there: no SCIM daemon, no active input method, or a backup or state that can't be "
+     "used"},
     {std::to_string(EXIT_NO_BACKUP), "there is no such backup, or no such entry in the history"},
     {std::to_string(EXIT_DAMAGED), "the backup is damaged"},
     {std::to_string(EXIT_TIMED_OUT), "the service, or a remote store, did not finish in time"},

@@ -105,7 +105,8 @@ static void add_trace(Child &service, const Cli &cli)
         throw PlatformError("there is no " + library + ", which shows the calls");
     if (library.find_first_of(": ") != std::string::npos)
         throw PlatformError("can't be preloaded, since there is a space or a colon in its path: " + library);
-    service.environment["LD_PRELOAD"] = library;
+    std::string &preloaded = service.environment["LD_PRELOAD"];
+    preloaded = library + (preloaded.empty() ? "" : ":" + preloaded);
     service.environment[TRACE_VARIABLE] = std::to_string(TRACE_DESCRIPTOR);
     service.environment[TRACE_FORMAT_VARIABLE] = cli.has("--json") ? "json" : "";
     service.environment[TRACE_FAIL_VARIABLE] = join(cli.values("--fail"), " ");
@@ -122,8 +123,6 @@ static ChildEnd run_service(const Cli &cli, const char *operation, const std::st
                             const Descriptor &report, const Descriptor &log)
 {
     Child service{.program = find_service(cli), .arguments = {operation}};
-    // Without a bus, or an instance that runs with other settings could answer in the new one's place.
-    service.environment["DBUS_SESSION_BUS_ADDRESS"] = "disabled:";
     service.environment[REPORT_VARIABLE] = name_report_file(report.get(), REPORT_DESCRIPTOR);
     service.environment[TIMEOUT_VARIABLE] =
         std::to_string(static_cast<double>(*time_left()) / G_USEC_PER_SEC * SHARE_OF_SERVICE);

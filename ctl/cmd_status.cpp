@@ -79,8 +79,8 @@ static Finding look_at_cloud()
 {
     try {
         const auto store = open_store();
-        store->require_writable();
         const CloudStore::Listing listing = store->list();
+        store->require_writable();
         if (!listing.is_there)
             return {store->location() + " isn't there yet: a backup makes it"};
         const size_t count = listing.numbers.size();
@@ -88,7 +88,8 @@ static Finding look_at_cloud()
     } catch (const PlatformError &error) {
         return {error.what(), "Set IME_BACKUP_CLOUD_STORE to a place that you can write in"};
     } catch (const HostError &error) {
-        return {error.what(), "Try again once the remote answers"};
+        return {error.what(),
+                "Try again once it can be used, or set IME_BACKUP_CLOUD_STORE to another place"};
     }
 }
 

@@ -56,8 +56,7 @@ static std::vector<BackupNumber> find_backups(const CloudStore &store, const std
 void run_list(Cli &cli)
 {
     const auto store = open_store();
-    size_t damaged = 0;
-    cli.document.set(inspect(*store, list_backups(*store), damaged));
+    cli.document.set(inspect(*store, list_backups(*store)).table);
 }
 
 void run_show(Cli &cli)
@@ -74,17 +73,21 @@ void run_show(Cli &cli)
 
 void run_verify(Cli &cli)
 {
+    cli.failure_status = EXIT_NO_PLATFORM; // 1 means that one is damaged
     const auto store = open_store();
     const std::vector<BackupNumber> numbers =
         cli.arguments.empty() ? list_backups(*store)
                               : find_backups(*store, store->list().numbers, cli.arguments);
-    size_t damaged = 0;
-    const Table table = inspect(*store, numbers, damaged);
-    cli.document.set(table);
-    const size_t count = table.rows.size();
+    const Inspection inspection = inspect(*store, numbers);
+    cli.document.set(inspection.table);
+    const size_t count = inspection.table.rows.size();
     cli.document.say(std::to_string(count) + (count == 1 ? " backup, " : " backups, ") +
-                     std::to_string(damaged) + " damaged");
-    cli.status = damaged == 0 ? EXIT_DONE : EXIT_FAILED;
+                     std::to_string(inspection.damaged) + " damaged, " +
+                     std::to_string(inspection.unreadable) + " unreadable");
+    if (inspection.damaged > 0)
+        cli.status = EXIT_FAILED;
+    else if (inspection.unreadable > 0)
+        cli.status = EXIT_NO_PLATFORM;
 }
 
 /// One of the two that are compared.
@@ -137,109 +140,134 @@ void run_diff(Cli &cli)
 
 // What deletes.
 
-/// Tells which of the backups that there were are kept.
-static void tell_deleted(Document &document, const std::vector<BackupNumber> &before,
+/// Tells which of the backups that go are gone, and which backups there are.
+static void tell_deleted(Document &document, const std::vector<BackupNumber> &going,
                          const std::vector<BackupNumber> &kept, const char *what_of_others)
 {
     std::vector<BackupNumber> deleted;
-    std::set_difference(before.begin(), before.end(), kept.begin(), kept.end(), std::back_inserter(deleted));
+    std::set_difference(going.begin(), going.end(), kept.begin(), kept.end(), std::back_inserter(deleted));
     document.set("deleted", deleted);
     document.set("kept", kept);
     for (const BackupNumber number : deleted)
         document.say(name_of(number) + "  " + what_of_others);
-    if (deleted.empty())
+    if (going.empty())
         document.say("there is nothing to delete");
+}
+
+/// Tells what a listing shows of a deletion.
+static void look_after(Document &document, const CloudStore &store, const std::vector<BackupNumber> &going)
+{
+    document.set("deleted", std::vector<BackupNumber>());
+    document.set("kept", std::vector<BackupNumber>());
+    const CloudStore::Listing listing = store.list();
+    if (!listing.is_there && !going.empty())
+        throw HostError("it is not known what was deleted: " + store.location() +
+                        " seems not to be there any more");
+    tell_deleted(document, going, listing.numbers, "deleted");
+    std::vector<std::string> left;
+    for (const BackupNumber number : going)
+        if (std::ranges::binary_search(listing.numbers, number))
+            left.push_back(name_of(number));
+    if (!left.empty())
+        throw HostError("deleted, and still listed in " + store.location() + ": " + join(left, ", "));
 }
 
 /// Deletes backups, and tells which were: also when not all that were chosen could be.
 static void delete_and_tell(Document &document, CloudStore &store, const CloudStore::Choose &choose)
 {
-    std::vector<BackupNumber> before;
+    std::vector<BackupNumber> going;
     try {
-        store.remove([&](const std::vector<BackupNumber> &known) {
-            const std::vector<BackupNumber> going = choose(known);
-            before = known;
-            return going;
-        });
+        store.remove([&](const std::vector<BackupNumber> &known) { return going = choose(known); });
     } catch (const HostError &) {
-        if (!before.empty())
-            tell_deleted(document, before, store.list().numbers, "deleted");
+        try {
+            if (!going.empty())
+                look_after(document, store, going);
+        } catch (const HostError &) { // why it failed is told
+        }
         throw;
     }
-    tell_deleted(document, before, store.list().numbers, "deleted");
+    look_after(document, store, going);
 }
 
 void run_delete(Cli &cli)
 {
-    const auto store = open_store();
+    const auto store = open_store(highest_backup);
     find_backups(*store, store->list().numbers, cli.arguments); // a store that isn't there is none to lock
     delete_and_tell(cli.document, *store,
                     [&](const auto &known) { return find_backups(*store, known, cli.arguments); });
 }
 
-/// The newest backup that can be restored; 0 if there is none.
-static BackupNumber find_newest_good(const CloudStore &store, std::vector<BackupNumber> numbers)
-{
-    std::reverse(numbers.begin(), numbers.end());
-    for (const BackupNumber number : numbers)
-        try {
-            snapshot_in(store.read(number).records);
-            return number;
-        } catch (const UnreadableError &error) { // an older one must not take its place
-            throw HostError("nothing is deleted, since of " + name_of(number) +
-                            " it is not known whether it is good: " + error.what());
-        } catch (const DamagedError &) {
-            continue;
-        } catch (const NoBackupError &) {
-            continue;
-        }
-    return 0;
-}
+/// A backup that was read.
+struct Candidate {
+    BackupNumber number;
+    bool is_kept;
+    bool is_good = false;
+    std::optional<std::int64_t> date{};
+};
 
-/// Whether a backup is younger than an age such as "30d". One that can't be read has no age.
-static bool is_younger(const CloudStore &store, BackupNumber number, const std::string &age)
+/// The backups that go. Each of them was read: one that can't be may be good, and the newest of all.
+///
+/// @param[out] unreadable tells of each that can't be read
+static std::vector<BackupNumber> choose(const CloudStore &store, const std::vector<BackupNumber> &known,
+                                        const Cli &cli, std::vector<std::string> &unreadable)
 {
+    const std::string age = cli.has("--keep-within") ? cli.value("--keep-within") : "0m";
     const char unit = age.back();
     const std::int64_t seconds = unit == 'm' ? 60 : unit == 'h' ? 3600 : unit == 'd' ? 86'400 : 7 * 86'400;
-    try {
-        const auto date = parse_date(date_of(store.read(number).records));
-        return date && g_get_real_time() / 1000 - *date < std::stoll(age) * seconds * 1000;
-    } catch (const DamagedError &) {
-        return false;
-    } catch (const NoBackupError &) {
-        return false;
-    }
-}
-
-/// The backups that go.
-static std::vector<BackupNumber> choose(const CloudStore &store, const std::vector<BackupNumber> &known,
-                                        const Cli &cli)
-{
-    const bool has_age = cli.has("--keep-within");
-    if (has_age)
-        store.fetch(known);
-    const BackupNumber newest_good = find_newest_good(store, known);
+    const std::int64_t limit = g_get_real_time() / 1000 - std::stoll(age) * seconds * 1000;
     const size_t keep = std::stoul(cli.value("--keep"));
+
+    store.fetch(known);
+    std::vector<Candidate> candidates;
+    for (size_t i = 0; i < known.size(); i++)
+        try {
+            Candidate candidate{known[i], i + keep >= known.size()};
+            try {
+                const CloudRecords records = store.read(known[i]).records;
+                candidate.date = parse_date(date_of(records));
+                snapshot_in(records);
+                candidate.is_good = true;
+            } catch (const DamagedError &) { // it may go
+            }
+            if (cli.has("--keep-within"))
+                candidate.is_kept |= candidate.date ? *candidate.date > limit : candidate.is_good;
+            candidates.push_back(candidate);
+        } catch (const UnreadableError &error) {
+            unreadable.push_back(name_of(known[i]) + " " + error.what());
+        } catch (const NoBackupError &) { // deleted meanwhile
+        }
+
+    Candidate *newest = nullptr;
+    Candidate *made_last = nullptr;
+    for (Candidate &candidate : candidates)
+        if (candidate.is_good) {
+            newest = &candidate;
+            if (made_last == nullptr || candidate.date >= made_last->date)
+                made_last = &candidate;
+        }
     std::vector<BackupNumber> going;
-    for (size_t i = 0; i + keep < known.size(); i++)
-        if (known[i] != newest_good && !(has_age && is_younger(store, known[i], cli.value("--keep-within"))))
-            going.push_back(known[i]);
+    for (const Candidate &candidate : candidates)
+        if (!candidate.is_kept && &candidate != newest && &candidate != made_last)
+            going.push_back(candidate.number);
     return going;
 }
 
 void run_prune(Cli &cli)
 {
-    const auto store = open_store();
+    const auto store = open_store(highest_backup);
     const std::vector<BackupNumber> known = list_backups(*store);
-    if (!cli.has("--dry-run") && !known.empty()) {
-        delete_and_tell(cli.document, *store,
-                        [&](const std::vector<BackupNumber> &now) { return choose(*store, now, cli); });
-        return;
+    std::vector<std::string> unreadable;
+    const auto choose_now = [&](const auto &now) { return choose(*store, now, cli, unreadable); };
+    if (cli.has("--dry-run") || known.empty()) {
+        const std::vector<BackupNumber> going = choose_now(known);
+        std::vector<BackupNumber> kept;
+        std::ranges::set_difference(known, going, std::back_inserter(kept));
+        tell_deleted(cli.document, going, kept, "would be deleted");
+    } else {
+        delete_and_tell(cli.document, *store, choose_now);
     }
-    std::vector<BackupNumber> kept = known;
-    for (const BackupNumber number : choose(*store, known, cli))
-        std::erase(kept, number);
-    tell_deleted(cli.document, known, kept, "would be deleted");
+    if (!unreadable.empty())
+        throw HostError(join(unreadable, "; ") + "; what can't be read is kept");
 }
 
 // Files of the user's.
@@ -301,7 +329,7 @@ void run_import(Cli &cli)
     cli.document.set_result(false);
     cli.document.set("backup", nullptr);
     cli.document.set("stored", false);
-    const auto store = open_store();
+    const auto store = open_store(highest_backup);
     if (!store->exists())
         refuse_missing(*store);
     Importable importable;

@@ -119,8 +119,9 @@ static const std::vector<Command> COMMANDS = {
     {"restore", BACKUPS, "Restore the newest backup, or the one named",
      "Has the service apply a backup, and shows what each setting was and has become, and why it is not as "
      "the backup has it. Only languages that are in downloaded_lang are selected, and handwriting is "
-     "switched on only if one of them is in downloaded_with_handwriting_lang. What a restore changed can be "
-     "put back with undo.",
+     "switched on only if one of them is in downloaded_with_handwriting_lang. The newest backup is the one that "
+     "was added last, with the highest number, whatever its date. What a restore changed can be put back with "
+     "undo.",
      "ime-backupctl restore 3 --dry-run", run_restore,
      {NEWEST_OR_ONE}, {{"--dry-run", 0, "Show what a restore would do, and change nothing"},
                        {"--strict", 0, "Exit with 1 if a setting is not as the backup has it"}}},
@@ -132,7 +133,7 @@ static const std::vector<Command> COMMANDS = {
      "ime-backupctl undo --dry-run", run_undo, {{"ENTRY", "The entry's number in the history", entry, at_most_once}},
      {{"--dry-run", 0, "Show what would be put back, and change nothing"}}},
     {"list", BACKUPS, "List the backups, newest last",
-     "Each is read and checked: of one that is damaged, it says why.",
+     "Each is read and checked: of one that is damaged or can't be read, it says why.",
      "ime-backupctl list", run_list},
     {"show", BACKUPS, "Show the settings in the newest backup, or in the one named",
      "With --json it is the snapshot itself, byte for byte. Of a backup with several records, it is that of "
@@ -146,13 +147,16 @@ static const std::vector<Command> COMMANDS = {
      "ime-backupctl diff 3 4", run_diff, {{"ID", "The backups' numbers, at most two", backup, any}}},
     {"verify", STORE, "Check all backups, or those named",
      "Reads each backup and checks that it is what was written, and that its records hold snapshots. The "
-     "exit status is 1 if one is damaged.",
+     "exit status is 1 if one is damaged, and else 3 if one can't be read.",
      "ime-backupctl verify", run_verify, {{"ID", "The backups' numbers", backup, any}}},
     {"delete", STORE, "Delete backups",
-     "If one of them isn't there, none is deleted. A backup's number is never given to another.",
+     "If one of them isn't there, none is deleted. What is told as deleted is no longer listed. A backup's "
+     "number is never given to another.",
      "ime-backupctl delete 1 2", run_delete, {{"ID", "The backups' numbers", backup, at_least_once}}},
     {"prune", STORE, "Delete all backups but the newest ones",
-     "The newest backup that isn't damaged is always kept.",
+     "Of the backups that aren't damaged, the one with the highest number and the one with the latest date are "
+     "always kept. So is what can't be read: the others are deleted, and the exit status is 1. With "
+     "--keep-within, a backup without a date is kept, too, unless it is damaged.",
      "ime-backupctl prune --keep 5 --keep-within 30d --dry-run", run_prune,
      {}, {{"--keep", 0, "How many of the newest backups to keep", "N", check_count, text, once},
           {"--keep-within", 0, "Keep those that are younger, too: 12h, 30d, 8w", "AGE", check_age},
@@ -178,8 +182,9 @@ static const std::vector<Command> COMMANDS = {
      "ime-backupctl history", run_history},
     {"status", DEVICE, "Show whether all that a backup needs is there",
      "Looks at the SCIM daemon, the active keyboard, the settings store, the cloud store and the last "
-     "exchange, and says what to do about each that is not fine. The exit status is 3 if something that a "
-     "backup needs is missing.",
+     "exchange, and says what to do about each that is not fine. A file is put into the cloud store and "
+     "taken away again; a remote folder may be made for it. The exit status is 3 if something that a backup "
+     "needs is missing.",
      "ime-backupctl status", run_status},
     {"info", DEVICE, "Show the keys and dates of what a backup would hold",
      "Asks the service what it would back up now. Nothing is read or stored.",

@@ -12,6 +12,11 @@ struct PlatformError : HostError {
     using HostError::HostError;
 };
 
+/// A file that can't be read; perhaps only now, or only by this user.
+struct UnreadableError : PlatformError {
+    using PlatformError::PlatformError;
+};
+
 /// The SCIM daemon isn't running, doesn't answer or refuses to do something.
 struct DaemonError : PlatformError {
     using PlatformError::PlatformError;

@@ -27,7 +27,7 @@ Descriptor open_file(const fs::path &file, int flags)
 {
     Descriptor descriptor(open(file.c_str(), flags | O_CLOEXEC | O_NONBLOCK, PRIVATE_FILE));
     if (!descriptor)
-        throw PlatformError("can't open " + file.string() + why());
+        throw UnreadableError("can't open " + file.string() + why());
     struct stat status = {};
     if (fstat(descriptor.get(), &status) != 0 || !S_ISREG(status.st_mode))
         throw PlatformError("can't use " + file.string() + ": it is no regular file");
@@ -45,7 +45,7 @@ std::string read_to_end(const Descriptor &file, size_t max_size)
             throw HostError("it is larger than " + std::to_string(max_size) + " bytes");
     }
     if (count < 0)
-        throw HostError("it can't be read" + why());
+        throw UnreadableError("it can't be read" + why());
     return content;
 }
 
@@ -144,6 +144,11 @@ void create_file_durably(const fs::path &file, const std::string &content)
     }
 }
 
+void require_creatable(const fs::path &file, const std::string &content)
+{
+    write_file(file, content, false, [](const char *from, const char *) { return unlink(from) == 0; });
+}
+
 static bool make_folder(const fs::path &folder)
 {
     int result = mkdir(folder.c_str(), PRIVATE_FOLDER);
@@ -213,7 +218,7 @@ bool FileLock::lock(int operation)
 {
     if (!descriptor) {
         make_private_folder(file.parent_path());
-        descriptor = open_file(file, O_RDWR | O_CREAT);
+        descriptor = open_file(file, O_RDWR | O_CREAT | O_NOFOLLOW);
     }
     if (TEMP_FAILURE_RETRY(flock(descriptor.get(), operation)) == 0)
         return true;

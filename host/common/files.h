@@ -34,15 +34,18 @@ private:
 /// Opens a file with the flags of open(). Only its owner can read one that is made. Anything but a regular
 /// file, such as a FIFO, is refused at once.
 ///
-/// @throws PlatformError
+/// @throws UnreadableError when it can't be opened
+/// @throws PlatformError when it is no regular file
 Descriptor open_file(const std::filesystem::path &file, int flags);
 
-/// @throws HostError when it can't be read, is no regular file or is larger than `max_size`
+/// @throws UnreadableError
+/// @throws HostError when it is no regular file or is larger than `max_size`
 std::string read_file(const std::filesystem::path &file, size_t max_size);
 
 /// What an open file, or a pipe, holds from where it stands.
 ///
-/// @throws HostError when it can't be read or is larger than `max_size`
+/// @throws UnreadableError
+/// @throws HostError when it is larger than `max_size`
 std::string read_to_end(const Descriptor &file, size_t max_size);
 
 /// What an open file holds from `offset` on, as far as it can be read.
@@ -66,6 +69,9 @@ bool sync_folder(const std::filesystem::path &folder);
 ///
 /// @throws HostError when it can't be written or is there already
 void create_file_durably(const std::filesystem::path &file, const std::string &content);
+
+/// Throws as create_file_durably() does where that can't write a file. None is made.
+void require_creatable(const std::filesystem::path &file, const std::string &content);
 
 /// Writes into an open file from `offset` on.
 ///

@@ -298,12 +298,14 @@ const HistoryEntry *find_undoable(const std::vector<HistoryEntry> &entries)
 }
 
 std::uint64_t highest_backup(const std::string &store)
-{
+try {
     std::uint64_t highest = 0;
     for (const HistoryEntry &entry : read_history())
         if (entry.store == store)
             highest = std::max(highest, entry.backup);
     return highest;
+} catch (const HostError &) {
+    return 0;
 }
 
 // Writing.

@@ -167,7 +167,7 @@ void Exchange::upload()
         throw HostError("the backup file is not what was written into it");
     require_planned_backup(check_upload(content));
     report_unserved();
-    const auto store = open_store();
+    const auto store = open_store(highest_backup);
     exchange_report.storing = true;
     exchange_report.backup = store->add(content);
     history->set_backup(exchange_report.backup, store->location());

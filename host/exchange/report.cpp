@@ -85,6 +85,8 @@ Backup read_for_restore(const CloudStore &store, BackupNumber number)
 {
     try {
         return store.read(number);
+    } catch (const UnreadableError &error) {
+        throw UnreadableError("backup " + std::to_string(number) + " " + error.what());
     } catch (const DamagedError &error) {
         throw DamagedError("backup " + std::to_string(number) + " is refused: " + error.what());
     }

@@ -56,7 +56,7 @@ void throw_failure(const ExchangeReport &report);
 
 /// Reads a backup that is to be restored.
 ///
-/// @throws DamagedError
+/// @throws DamagedError and UnreadableError, which name the backup
 Backup read_for_restore(const CloudStore &store, BackupNumber number);
 
 /// The variable's value for an open file that a new process has under this number. It tells the file, too: a

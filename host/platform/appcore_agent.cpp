@@ -11,6 +11,7 @@
 #include <gio/gio.h>
 #include <glib-unix.h>
 
+#include "contact.h"
 #include "errors.h"
 #include "files.h"
 #include "paths.h"
@@ -164,9 +165,12 @@ static int answer_option(const std::string &option)
     return fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
-/// Whether there is a session bus: where its address says so, or where a user's stands.
+/// Whether there is a session bus: where its address says so, or where a user's stands. Who waits for a
+/// report needs none: an instance that runs with other settings could answer in the new one's place.
 static bool has_session_bus()
 {
+    if (g_getenv(REPORT_VARIABLE) != nullptr)
+        return false;
     if (const char *address = g_getenv("DBUS_SESSION_BUS_ADDRESS"); address != nullptr)
         return g_str_has_prefix(address, "disabled:") == FALSE;
     std::error_code ignored;

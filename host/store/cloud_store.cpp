@@ -29,12 +29,34 @@ static std::string chosen_location()
     return location == nullptr ? "" : location;
 }
 
+std::string CloudStore::without_secrets(const std::string &text)
+{
+    static constexpr struct {
+        const char *pattern;
+        const char *shown;
+    } SECRETS[] = {
+        // A remote's parameters, but for those that tell remotes apart. In an error's text, a backslash may
+        // stand in front of a quote.
+        {R"((,(?!(?:type|provider|vendor|url|host|port|user|region|endpoint)=)[^=,:/"']*=))"
+         R"((?:\\?"(?:[^"]|"")*(?:"|\z)|'(?:[^']|'')*(?:'|\z)|[^,:]*))",
+         R"(\1***)"},
+        {R"(://[^"\s]*@)", "://***@"},
+    };
+    std::string masked = text;
+    for (const auto &[pattern, shown] : SECRETS) {
+        g_autoptr(GRegex) secret = g_regex_new(pattern, G_REGEX_RAW, {}, nullptr);
+        g_autofree gchar *replaced = g_regex_replace(secret, masked.c_str(), -1, 0, shown, {}, nullptr);
+        masked = replaced;
+    }
+    return masked;
+}
+
 bool CloudStore::is_chosen()
 {
     return !chosen_location().empty();
 }
 
-std::unique_ptr<CloudStore> open_store()
+static std::unique_ptr<CloudStore> make_store()
 {
     const std::string location = chosen_location();
     if (location.empty())
@@ -47,9 +69,16 @@ std::unique_ptr<CloudStore> open_store()
     }
     g_autofree gchar *scheme = g_uri_parse_scheme(location.c_str());
     if (scheme != nullptr)
-        throw PlatformError("the cloud store " + location +
+        throw PlatformError("the cloud store " + CloudStore::without_secrets(location) +
                             " can't be used: it must be a folder's path, or rclone:REMOTE:PATH");
     return make_folder_store(absolute_path(location));
+}
+
+std::unique_ptr<CloudStore> open_store(HighestKnown highest_known)
+{
+    std::unique_ptr<CloudStore> store = make_store();
+    store->ask_for_highest = highest_known;
+    return store;
 }
 
 std::string CloudStore::file_name(BackupNumber number)
@@ -108,7 +137,12 @@ BackupNumber CloudStore::find(const std::string &text, const std::vector<BackupN
 
 Backup CloudStore::read(BackupNumber number) const
 {
-    const std::string content = read_content(number);
+    std::string content;
+    try {
+        content = read_content(number);
+    } catch (const UnreadableError &error) {
+        throw UnreadableError(std::string("can't be read: ") + error.what());
+    }
     try {
         return {content, decode_record_file(content)};
     } catch (const HostError &error) {

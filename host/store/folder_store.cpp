@@ -1,5 +1,7 @@
 #include <algorithm>
 
+#include <sys/stat.h>
+
 #include "cloud_store.h"
 #include "files.h"
 
@@ -17,13 +19,21 @@ public:
     {
         if (!is_usable_folder(folder))
             throw PlatformError("can't write in " + folder.string());
+        std::error_code ignored;
+        if (!fs::exists(folder, ignored))
+            return;
+        const std::vector<BackupNumber> known = list().numbers;
+        BackupNumber highest = known.empty() ? 0 : known.back();
+        std::optional<FileLock> lock; // one that isn't there yet is not made
+        if (fs::exists(fs::symlink_status(lock_file, ignored)))
+            highest = highest_given(lock.emplace(take_turn()), known);
+        require_creatable(file(number_after(highest)), std::string(BLOCK_SIZE, ' '));
     }
 
     BackupNumber add(const std::string &content) override
     {
         make_private_folder(folder);
-        FileLock lock(lock_file);
-        lock.acquire();
+        const FileLock lock = take_turn();
         const BackupNumber number = number_after(highest_given(lock, list().numbers));
         create_file_durably(file(number), content);
         // As long as the backup is there its name tells the number, too. Here it takes up its space: a backup
@@ -34,8 +44,7 @@ public:
 
     void remove(const Choose &choose) override
     {
-        FileLock lock(lock_file);
-        lock.acquire();
+        const FileLock lock = take_turn();
         const std::vector<BackupNumber> known = list().numbers;
         const std::vector<BackupNumber> going = choose(known);
         // Where the newest stays its name tells the number, and nothing need be written on a disk that is
@@ -80,28 +89,55 @@ private:
     {
         try {
             return read_file(file(number), MAX_RECORD_FILE_SIZE);
-        } catch (const HostError &error) {
+        } catch (const UnreadableError &) {
             std::error_code ignored;
             if (fs::symlink_status(file(number), ignored).type() == fs::file_type::not_found)
                 throw NoBackupError("there is no backup " + std::to_string(number));
+            throw;
+        } catch (const HostError &error) {
             throw DamagedError(error.what());
         }
     }
 
     fs::path file(BackupNumber number) const { return folder / file_name(number); }
 
+    /// Locks the store.
+    ///
+    /// @throws PlatformError when the lock's file is not the store's own, which must not be written to
+    FileLock take_turn() const
+    {
+        const auto require = [this](bool is_right, const char *what) {
+            if (!is_right)
+                throw PlatformError("can't use " + lock_file.string() + ": " + what +
+                                    "; move it away, and a new one is made");
+        };
+        struct stat status = {};
+        require(lstat(lock_file.c_str(), &status) != 0 || S_ISREG(status.st_mode), "it is no regular file");
+        FileLock lock(lock_file);
+        lock.acquire("what holds " + lock_file.string());
+        require(fstat(lock.opened().get(), &status) == 0 && status.st_nlink <= 1, "it has another name, too");
+        // After a power cut, it may hold as many NUL bytes.
+        require(status.st_size <= BLOCK_SIZE &&
+                    read_from(lock.opened(), 0).find_first_not_of({"0123456789\n\0", 12}) ==
+                        std::string::npos,
+                "it holds what no store writes");
+        return lock;
+    }
+
     /// The highest number given, as the lock's file remembers it or a backup's name tells it.
-    static BackupNumber highest_given(const FileLock &lock, const std::vector<BackupNumber> &known)
+    BackupNumber highest_given(const FileLock &lock, const std::vector<BackupNumber> &known) const
     {
         const std::string content = read_from(lock.opened(), 0);
         const auto remembered = parse_number(content.substr(0, content.find('\n')));
-        return std::max(remembered.value_or(0), known.empty() ? 0 : known.back());
+        return std::max(remembered ? *remembered : highest_known(), known.empty() ? 0 : known.back());
     }
 
     static bool remember(const FileLock &lock, BackupNumber number)
     {
         return write_at(lock.opened(), 0, std::to_string(number) + "\n");
     }
+
+    static constexpr int BLOCK_SIZE = 4096;
 
     const fs::path folder;
     /// Locked while a backup is added or deleted: several state roots may share a store. It holds the highest

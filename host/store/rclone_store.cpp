@@ -25,6 +25,22 @@ static constexpr char UPLOAD_SUFFIX[] = ".new";
 static constexpr char NOTE_SUFFIX[] = ".gone";
 static constexpr char NOTE[] = "The number in this file's name is not given to another backup.\n";
 
+/// Flags of rclone that change what is copied, listed, logged or deleted. It takes them from variables, too,
+/// which are meant for other calls.
+static constexpr char FLAGS_OF_OTHERS[] =
+    "^RCLONE_("
+    "(BACKUP_DIR|COMPARE_DEST|COPY_DEST|CPUPROFILE|CUTOFF_MODE|DEFAULT_TIME|DELETE|DUMP|ERROR_ON_NO_TRANSFER"
+    "|EXCLUDE|FAST_LIST|FILES_FROM|FILTER|FIX_CASE|HASH_FILTER|IGNORE|IMMUTABLE|INCLUDE|INPLACE|INTERACTIVE"
+    "|LIST_CUTOFF|LOG|MAX|MEMPROFILE|METADATA|METRICS|MIN|MODIFY_WINDOW|MULTI_THREAD|NAME_TRANSFORM"
+    "|NO_CHECK_DEST|NO_TRAVERSE|NO_UPDATE|ORDER_BY|PARTIAL_SUFFIX|PROGRESS|QUIET|RC|REFRESH_TIMES"
+    "|SERVER_SIDE_ACROSS_CONFIGS|STATS|STREAMING_UPLOAD_CUTOFF|SUFFIX|SYSLOG|TRACK_RENAMES|UPDATE"
+    "|USE_JSON_LOG|USE_SERVER_MODTIME|VERBOSE|WINDOWS_EVENT_LOG)(_.*)?"
+    "|ABSOLUTE|CHECK_FIRST|CHECKSUM|COUNT|CREATE_EMPTY_SRC_DIRS|CSV|DIR_SLASH|DIRS_ONLY|DISCARD|DRY_RUN"
+    "|FILES_ONLY|FORMAT|HASH|HEAD|LINKS|OFFSET|RECURSIVE|RMDIRS|SEPARATOR|SIZE|SIZE_ONLY|TAIL|TIME_FORMAT"
+    ")\\z";
+/// What traces the service, among what is preloaded, is not for what it starts.
+static constexpr char TRACER[] = R"([^ :]*libime-backup-trace\.so[ :]*)";
+
 static constexpr int MAX_TRIES = 8;
 static constexpr gint32 PAUSE_US = 100'000;
 
@@ -65,7 +81,7 @@ static std::string find_reason(const std::string &errors)
     for (const char *level : {"ERROR : ", "CRITICAL: "})
         if (reason.starts_with(level))
             reason.erase(0, strlen(level));
-    return escaped(reason.substr(0, MAX_REASON));
+    return escaped(CloudStore::without_secrets(reason).substr(0, MAX_REASON));
 }
 
 namespace
@@ -89,10 +105,18 @@ public:
                                              {"RCLONE_LOW_LEVEL_RETRIES", "2"},
                                              {"RCLONE_CONTIMEOUT", milliseconds},
                                              {"RCLONE_TIMEOUT", milliseconds}});
-        // What traces the service is not for what it starts.
-        std::erase_if(rclone.environment, [](const auto &variable) {
-            return variable.first == "LD_PRELOAD" || variable.first.starts_with("IME_BACKUP_TRACE");
+        g_autoptr(GRegex) others_flags = g_regex_new(FLAGS_OF_OTHERS, G_REGEX_RAW, {}, nullptr);
+        std::erase_if(rclone.environment, [&](const auto &variable) {
+            return variable.first.starts_with("IME_BACKUP_TRACE") ||
+                   g_regex_match(others_flags, variable.first.c_str(), {}, nullptr) != FALSE;
         });
+        if (const auto preloaded = rclone.environment.find("LD_PRELOAD");
+            preloaded != rclone.environment.end()) {
+            g_autoptr(GRegex) tracer = g_regex_new(TRACER, G_REGEX_RAW, {}, nullptr);
+            g_autofree gchar *others =
+                g_regex_replace_literal(tracer, preloaded->second.c_str(), -1, 0, "", {}, nullptr);
+            preloaded->second = others;
+        }
     }
 
     void fetch(const std::vector<BackupNumber> &numbers) const override
@@ -129,17 +153,30 @@ public:
         return known == fetched.end() ? std::nullopt : std::optional(known->second.size());
     }
 
+    /// Uploads a file that takes up no number, and takes it away again. A place that wasn't there may be
+    /// there afterwards, with nothing in it.
+    void require_writable() const override
+    {
+        const BackupNumber highest = highest_taken(names_there());
+        number_after(highest);
+        const std::string trial = upload_name(std::max<BackupNumber>(highest, 1));
+        upload(trial, NOTE);
+        require_done(run({"deletefile", "--", file(trial)}));
+    }
+
     BackupNumber add(const std::string &content) override
     {
+        const BackupNumber at_least = highest_known();
         for (int tries = 0; tries < MAX_TRIES; tries++) {
             const std::vector<std::string> names = names_there();
             discard_abandoned(names);
-            const BackupNumber number = number_after(highest_taken(names));
+            const BackupNumber number = number_after(std::max(at_least, highest_taken(names)));
             if (try_to_add(number, content))
                 return number;
             // Those who got in each other's way need not do so again.
-            const std::int64_t pause = g_random_int_range(0, PAUSE_US << tries);
-            g_usleep(static_cast<gulong>(std::min(time_left().value_or(pause), pause)));
+            const gint64 end = g_get_monotonic_time() + g_random_int_range(0, PAUSE_US << tries);
+            while (g_get_monotonic_time() < end)
+                wait_for_another("another process");
         }
         throw HostError("others keep adding backups to " + location() + " at the same time");
     }
@@ -256,8 +293,8 @@ private:
         const bool is_read = result.status == 0 && !result.output.empty();
         if (!is_read && !is_there(file_name(number)))
             throw NoBackupError("there is no backup " + std::to_string(number));
-        if (result.status != 0) // and the rest of the store can be used
-            throw UnreadableError("it can't be read: " + result.reason);
+        if (!is_read) // and the rest of the store can be used
+            throw UnreadableError(result.status == 0 ? "it comes as an empty file" : result.reason);
         return result.output;
     }
 
@@ -269,48 +306,67 @@ private:
         return highest;
     }
 
+    static std::string upload_name(BackupNumber number)
+    {
+        g_autofree gchar *word = g_strdup_printf("%08x%08x", g_random_int(), g_random_int());
+        return file_name(number) + "." + word + UPLOAD_SUFFIX;
+    }
+
+    [[noreturn]] void refuse_changed() const
+    {
+        throw HostError("the cloud store " + location() + " does not hand back what was put into it");
+    }
+
+    /// Puts a file there, and sees that it is whole.
+    void upload(const std::string &name, const std::string &content) const
+    {
+        try {
+            put(name, content);
+            const Result uploaded = get(name);
+            require_done(uploaded);
+            if (uploaded.output != content)
+                refuse_changed();
+        } catch (const HostError &) {
+            discard(name);
+            throw;
+        }
+    }
+
     /// @return false when another process may take the number
     bool try_to_add(BackupNumber number, const std::string &content) const
     {
-        g_autofree gchar *word = g_strdup_printf("%08x%08x", g_random_int(), g_random_int());
-        const std::string upload = file_name(number) + "." + word + UPLOAD_SUFFIX;
+        const std::string uploaded = upload_name(number);
+        upload(uploaded, content);
         try {
-            put(upload, content);
-            if (give_name(upload, number, content))
+            if (give_name(uploaded, number, content))
                 return true;
         } catch (const HostError &) {
-            discard(upload);
+            discard(uploaded);
             throw;
         }
-        discard(upload);
+        discard(uploaded);
         return false;
     }
 
     /// Makes a backup of an upload that is whole, if no other file has its number. Of two processes that
     /// upload under one number, at least one sees the other's file here. What a remote shows late is noticed
     /// by the content.
-    bool give_name(const std::string &upload, BackupNumber number, const std::string &content) const
+    bool give_name(const std::string &uploaded, BackupNumber number, const std::string &content) const
     {
-        const std::string changed =
-            "the cloud store " + location() + " does not hand back what was put into it";
-        const Result uploaded = get(upload);
-        require_done(uploaded);
-        if (uploaded.output != content)
-            throw HostError(changed);
         for (const std::string &name : names_there())
-            if (name != upload && number_taken_by(name) == number)
+            if (name != uploaded && number_taken_by(name) == number)
                 return false;
 
         const std::string name = file_name(number);
-        const Result moved = run({"moveto", "--ignore-existing", "--", file(upload), file(name)});
+        const Result moved = run({"moveto", "--ignore-existing", "--", file(uploaded), file(name)});
         const Result named = get(name);
         if (named.status == 0 && named.output == content) // be it that the answer to the move was lost
             return true;
         const std::string doubt = "; the backup may have been stored nevertheless";
         require_done(moved, doubt);
         require_done(named, doubt);
-        if (!is_there(upload))
-            throw HostError(changed);
+        if (!is_there(uploaded))
+            refuse_changed();
         return false;
     }
 
@@ -335,12 +391,7 @@ private:
 
     const std::string target;
     mutable std::map<BackupNumber, std::string> fetched; ///< what was handed over together
-    /// Whatever the environment says, nobody is asked for anything, what is to be done is done, and standard
-    /// output holds what was asked for.
-    Child rclone{
-        .program = "rclone",
-        .arguments = {"--ask-password=false", "--interactive=false", "--dry-run=false", "--progress=false"},
-        .end_signal = SIGKILL};
+    Child rclone{.program = "rclone", .arguments = {"--ask-password=false"}, .end_signal = SIGKILL};
 };
 
 } // namespace

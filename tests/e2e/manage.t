@@ -74,10 +74,10 @@ What is in the store is checked.
   2   damaged: it has been changed since it was written, or is cut short
   3   DAY TIME  AGE  kbd       en_US,ko_KR
   4   damaged: record "a" holds no snapshot
-  4 backups, 2 damaged
+  4 backups, 2 damaged, 0 unreadable
   [1]
   $ ime-backupctl verify 1 3 | tail -n 1
-  2 backups, 0 damaged
+  2 backups, 0 damaged, 0 unreadable
   $ echo verify 9 | try_each
   4 ime-backupctl: there is no backup 9
 
@@ -100,7 +100,7 @@ Deleted: all that were named or none. A number is never given again.
   $ ime-backupctl list; ime-backupctl backup
   backup 7  DAY TIME
 
-Pruned: never the newest one that is good.
+Pruned: never the newest one that is good, nor the good one that was made last.
 
   $ for day in 1 30; do
   >     put_backup $((40 - day)) "$(record 0 $(($(date +%s -d "$day days ago") * 1000)) '{"default_keyboard":"kbd"}')"
@@ -109,7 +109,7 @@ Pruned: never the newest one that is good.
   $ ime-backupctl prune --keep 1 --keep-within 2d --dry-run
   backup 10  would be deleted
   $ ime-backupctl prune --keep 0 --dry-run --json | tr -d ' \n'
-  {"deleted":[7,10,40],"kept":[39]} (no-eol)
+  {"deleted":[10,40],"kept":[7,39]} (no-eol)
   $ ime-backupctl prune --keep 1 --keep-within 12h
   backup 10  deleted
   $ ime-backupctl list | cut -c 1-3
@@ -117,8 +117,37 @@ Pruned: never the newest one that is good.
   7  
   39 
   40 
-  $ ime-backupctl prune --keep 1
+  $ ime-backupctl prune --keep 0
+  backup 40  deleted
+
+What can't be read is not what may go: it may be good, and others are pruned as if it were not there.
+
+  $ put_backup 37 "$(record 0 1 '{}')"; ln -s nowhere $cloud/backup-000038.json; cp $cloud/backup-000039.json whole
+  $ ln -s nowhere $cloud/backup-000040.json; put_backup 36 "$(record 0 1 'no JSON')"
+  $ ime-backupctl prune --keep 0 --keep-within 1d --dry-run --json 2>/dev/null | tr -d ' \n'
+  {"deleted":[36,37],"kept":[7,38,39,40]} (no-eol)
+  $ ime-backupctl prune --keep 0
+  backup 36  deleted
+  backup 37  deleted
+  ime-backupctl: backup 38 can't be read: can't open WORK/state/cloud/backup-000038.json: No such file or directory; backup 40 can't be read: can't open WORK/state/cloud/backup-000040.json: No such file or directory; what can't be read is kept
+  [1]
+  $ printf '%s\n' verify 'verify 39' restore 'show 38' | try_each
+  3 
+  0 
+  3 ime-backupctl: backup 40 can't be read: can't open WORK/state/cloud/backup-000040.json: No such file or directory
+  3 ime-backupctl: backup 38 can't be read: can't open WORK/state/cloud/backup-000038.json: No such file or directory
+  $ rm $cloud/backup-0000{38,40}.json; put_backup 40 "$(record 0 1 'no JSON')"; ime-backupctl delete 7
   backup 7  deleted
+
+What a backup would fail for in the store is seen before; nothing is stored.
+
+  $ try_store() { ime-backupctl --timeout 0.5 status | sed -n 's/^cloud store *//p'; }
+  $ ls -A $cloud >before; try_store; ls -A $cloud | diff before -
+  fine      WORK/state/cloud, 2 backups
+  $ mkdir -p $cloud/backup-000041.json.new/x; try_store; rm -r $cloud/*.new
+  NOT FINE  can't write WORK/state/cloud/backup-000041.json: File exists. Try again once it can be used, or set IME_BACKUP_CLOUD_STORE to another place
+  $ flock $cloud/.lock sleep 2 & sleep 0.1; try_store; kill $!
+  NOT FINE  what holds WORK/state/cloud/.lock did not finish in time. Try again once it can be used, or set IME_BACKUP_CLOUD_STORE to another place
 
 Out of the store and into it: a backup, a bare snapshot, whatever is odd about it.
 
@@ -195,3 +224,12 @@ Out of the store and into it: a backup, a bare snapshot, whatever is odd about i
   backup 41  deleted
   backup 42  deleted
   backup 43  deleted
+
+A number that the history knows is not given again, though the store's lock is lost.
+
+  $ mkdir lost && export IME_BACKUP_HOST_DIR=$PWD/lost
+  $ for i in 1 2 3; do ime-backupctl backup >/dev/null; done
+  $ ime-backupctl delete 3 && rm lost/cloud/.lock && ime-backupctl delete 2 && rm lost/cloud/.lock && ime-backupctl backup
+  backup 3  deleted
+  backup 2  deleted
+  backup 4  DAY TIME

@@ -115,7 +115,7 @@ State that can't be used, or is elsewhere.
   > done
   3 ime-backupctl: can't use WORK/state/service.log: it is no regular file
   3 ime-backupctl: can't use WORK/state/exchange.lock: it is no regular file
-  3 ime-backupctl: can't use WORK/state/cloud/.lock: it is no regular file
+  3 ime-backupctl: can't use WORK/state/cloud/.lock: it is no regular file; move it away, and a new one is made
   $ IME_BACKUP_CLOUD_STORE='a store' ime-backupctl backup
   backup 1  DAY TIME
   $ IME_BACKUP_CLOUD_STORE="$PWD/a store" ime-backupctl list

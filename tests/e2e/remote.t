@@ -31,7 +31,7 @@ A remote store is like a folder.
   setting     backup 1  device
   auto_space  true      false
   [1]
-  $ restore 1 | tail -n 1
+  $ ime-backupctl restore 1 | tail -n 1
   backup 1  restored, but for handwriting
   $ ime-backupctl show 1 | head -n 2
   default_keyboard  kbd
@@ -47,7 +47,7 @@ A remote store is like a folder.
   2   DAY TIME  AGE  kbd       en_US,ko_KR
   3   damaged: it has been changed since it was written, or is cut short
   4   damaged: it is larger than 16777216 bytes
-  4 backups, 2 damaged
+  4 backups, 2 damaged, 0 unreadable
   [1]
   $ printf '%s\n' 'show 3' 'show 4' 'show 5' 'restore 3' | try_each
   5 ime-backupctl: backup 3 is damaged: it has been changed since it was written, or is cut short
@@ -101,7 +101,7 @@ What needs no store does not run rclone, and what reads all backups does so at o
   list: 2
   verify: 2
   prune --keep 3 --dry-run: 2
-  status: 1
+  status: 5
   diff 6: 2
   $ IME_BACKUP_CLOUD_STORE= ime-backupctl complete -- --store = rclone : dav : 'a "desk" * $x/--b' show ''
   5
@@ -121,6 +121,40 @@ What rclone says to have done counts only once it is seen.
   $ ls "$folder" | tail -n 2
   backup-000009.json
   backup-000010.json
+
+  $ lie_and() { PATH=$PWD/bin:$PATH ime-backupctl "$@"; }
+  $ rclone_does '[[ $* != *cat*/backup-000006.json && $* != *\ copy\ * ]] || { echo 503 Service Unavailable >&2; exit 1; }'
+  $ lie_and prune --keep 1
+  backup 5  deleted
+  backup 7  deleted
+  backup 8  deleted
+  backup 9  deleted
+  ime-backupctl: backup 6 can't be read: 503 Service Unavailable; what can't be read is kept
+  [1]
+  $ rclone_does '[[ $* != *\ delete\ * ]] || exit 0'; lie_and delete 6 --json | paste -s
+  ime-backupctl: deleted, and still listed in rclone:dav:a "desk" * $x/--b: backup 6
+  {\t  "deleted": [],\t  "kept": [\t    6,\t    10\t  ]\t} (esc)
+  $ rclone_does '[[ $* != *\ delete\ * ]] || : >gone; [[ $* != *lsf* || ! -e gone ]] || exit 3'; lie_and delete 6 --json | paste -s
+  ime-backupctl: it is not known what was deleted: rclone:dav:a "desk" * $x/--b seems not to be there any more
+  {\t  "deleted": [],\t  "kept": []\t} (esc)
+  $ rclone_does '[[ $* != *rcat* ]] || { echo 403 Forbidden >&2; exit 1; }'; lie_and status | grep ^cloud
+  cloud store      NOT FINE  the cloud store rclone:dav:a "desk" * $x/--b can't be used: 403 Forbidden. Try again once it can be used, or set IME_BACKUP_CLOUD_STORE to another place
+
+What is meant for other calls of rclone changes nothing; what unlocks a remote reaches it, also from the service.
+
+  $ rclone_does 'env >>seen'
+  $ ( export DBUS_SESSION_BUS_ADDRESS=unix:path=/none RCLONE_BUFFER_SIZE=1M RCLONE_WEBDAV_USER=me
+  >   export RCLONE_{EXCLUDE,FILTER,INCLUDE}=x RCLONE_{MIN,MAX}_AGE=1s RCLONE_MAX_DEPTH=1 RCLONE_FORMAT=ps RCLONE_DUMP=headers
+  >   export RCLONE_FILES_ONLY=true RCLONE_HEAD=1 RCLONE_DRY_RUN=true RCLONE_LOG_FILE=$PWD/log RCLONE_BACKUP_DIR=dav:x RCLONE_RC=true
+  >   lie_and list | cut -c 1-3; LD_PRELOAD=libutil.so.1 lie_and -q trace backup )
+  id 
+  10 
+  $ ls . "$folder" | grep 'log\|000011'; grep -E '^(DBUS_SESSION_BUS_ADDRESS|LD_PRELOAD|RCLONE_.*|IME_BACKUP_TRACE.*)=' seen | grep -v 'TIMEOUT\|RETRIES\|_CONFIG' | sort -u
+  backup-000011.json
+  DBUS_SESSION_BUS_ADDRESS=unix:path=/none
+  LD_PRELOAD=libutil.so.1
+  RCLONE_BUFFER_SIZE=1M
+  RCLONE_WEBDAV_USER=me
 
 A remote that can't be used: rclone's reason, and nothing is lost.
 
@@ -147,7 +181,7 @@ A remote that can't be used: rclone's reason, and nothing is lost.
 A remote that hangs: every command ends in time, and when it is asked to.
 
   $ signal_daemon remote STOP
-  $ printf -- '--timeout %s\n' '2 list' '3 backup' '3 restore 1' '1 status' | try_each | sed 's/:.*\(timeout\|deadline\).*/: ... timeout/'
+  $ printf -- '--timeout %s\n' '1.2 list' '2 backup' '2 restore 1' '0.5 status' | try_each | sed 's/:.*\(timeout\|deadline\).*/: ... timeout/'
   1 ime-backupctl: ... timeout
   1 ime-backupctl: ... timeout
   1 ime-backupctl: ... timeout
@@ -177,23 +211,20 @@ Uploads that are cut off, by the remote's end or by the client's, leave no backu
   $ upload; kill $!; wait $!; echo "$? $(tail -n 1 errors)"
   130 ime-backupctl: interrupted; what the remote store was asked to do may be done
   $ ime-backupctl list | cut -c 1-3 | paste -s
-  id \t5  \t6  \t7  \t8  \t9  \t10  (esc)
+  id \t10 \t11  (esc)
 
 Two devices at one path by mistake: what was said to be stored is there, under the number that was said.
 
   $ for device in 1 2; do
-  >     for i in 1 2; do
-  >         printf '{"default_keyboard":"%s"}\n' $device-$i >$device-$i
-  >         echo "$device-$i $(command ime-backupctl import $device-$i 2>errors.$device)" >>said.$device; grep -v 'it has no' errors.$device
-  >     done &
-  > done; wait
+  >     printf '{"default_keyboard":"%s"}\n' $device >device-$device
+  >     echo "device-$device $(command ime-backupctl import device-$device 2>errors.$device)" >said.$device &
+  > done; wait; grep -v 'it has no' errors.*
+  [1]
   $ cat said.[12] | while read -r name backup number imported; do
   >     ime-backupctl show $number --json | cmp - $name && echo $name $imported
   > done
-  1-1 imported
-  1-2 imported
-  2-1 imported
-  2-2 imported
+  device-1 imported
+  device-2 imported
 
 Encrypted. A backup that can't be decrypted hides no other.
 
@@ -206,27 +237,19 @@ Encrypted. A backup that can't be decrypted hides no other.
   $ ime-backupctl verify
   id  time  age  keyboard  languages
   1   DAY TIME  AGE  kbd       en_US,ko_KR
-  2   damaged: it can't be read: Failed to cat: unexpected EOF
-  2 backups, 1 damaged
-  [1]
-  $ ime-backupctl prune --keep 0
-  ime-backupctl: nothing is deleted, since of backup 2 it is not known whether it is good: it can't be read: Failed to cat: unexpected EOF
-  [1]
+  2   can't be read: Failed to cat: unexpected EOF
+  2 backups, 0 damaged, 1 unreadable
+  [3]
 
 By SFTP.
 
   $ stop_daemon remote; start_remote sftp
   $ rclone config create --obscure box sftp host 127.0.0.1 port $port user me pass right >created
   $ export IME_BACKUP_CLOUD_STORE=rclone:box:desk
-  $ ime-backupctl backup; ime-backupctl import file; ime-backupctl delete 2; ime-backupctl list; ls $WORK/remote/desk
+  $ ime-backupctl backup; ime-backupctl restore 1 | tail -n 1; ime-backupctl delete 1; ls $WORK/remote/desk
   backup 1  DAY TIME
-  backup 2  imported
-  backup 2  deleted
-  id  time  age  keyboard  languages
-  1   DAY TIME  AGE  kbd       en_US,ko_KR
-  backup-000001.json
-  backup-000002.json.gone
-  $ restore 1 | tail -n 1
   backup 1  restored, but for handwriting
+  backup 1  deleted
+  backup-000001.json.gone
   $ ls -d $TMPDIR/{ime-backup-*,rclone-*} 2>/dev/null
   [2]
