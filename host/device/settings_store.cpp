@@ -37,6 +37,12 @@ static auto with_clear_errors(Work work)
         refuse_store(error.what());
     } catch (const fs::filesystem_error &error) {
         refuse_store(error.what());
+    } catch (const PlatformError &) {
+        throw;
+    } catch (const TimeoutError &) {
+        throw;
+    } catch (const HostError &error) {
+        refuse_store(error.what());
     }
 }
 
@@ -52,30 +58,36 @@ static void make_tables(SQLite::Database &database)
     transaction.commit();
 }
 
+/// The content of a new store. It is made in memory, and keeps a log once it is a file.
+static std::string new_store()
+{
+    static constexpr size_t VERSION_TO_WRITE = 18; // offsets in the file's header
+    static constexpr size_t VERSION_TO_READ = 19;
+    static constexpr char WITH_LOG = 2;
+    SQLite::Database database(":memory:", SQLite::OPEN_READWRITE);
+    make_tables(database);
+    sqlite3_int64 size = 0;
+    const std::unique_ptr<unsigned char, decltype(&sqlite3_free)> image(
+        sqlite3_serialize(database.getHandle(), "main", &size, 0), sqlite3_free);
+    if (!image)
+        throw std::bad_alloc();
+    std::string content(image.get(), image.get() + size);
+    content.at(VERSION_TO_WRITE) = content.at(VERSION_TO_READ) = WITH_LOG;
+    return content;
+}
+
 /// Makes the store, whole or not at all: what lies in its place is a store, or a damaged one.
 static void make_store(const fs::path &file)
 {
-    make_private_folder(file.parent_path());
     FileLock lock(file.string() + ".lock");
     lock.acquire();
     if (fs::exists(file))
         return;
-
-    // Left behind by a process that was killed, or by a store that was taken away.
-    const fs::path partial = file.string() + ".new";
-    for (const char *suffix : {"", "-wal", "-shm", "-journal"})
-        fs::remove(partial.string() + suffix);
-    for (const char *suffix : {"-wal", "-shm"})
-        fs::remove(file.string() + suffix);
-
-    // SQLite would let others read it, and gives its side files the mode of the database.
-    open_file(partial, O_RDWR | O_CREAT | O_EXCL);
-    {
-        SQLite::Database database(partial.string(), SQLite::OPEN_READWRITE);
-        database.exec("PRAGMA journal_mode = WAL");
-        make_tables(database);
-    }
-    fs::rename(partial, file);
+    // A log of a store that was taken away would be replayed onto the new one.
+    for (const char *suffix : {"-wal", "-shm", "-journal"})
+        if (const fs::path left = file.string() + suffix; fs::exists(fs::symlink_status(left)))
+            remove_file_durably(left);
+    create_file_durably(file, new_store());
 }
 
 std::shared_ptr<SettingsStore> SettingsStore::open()
