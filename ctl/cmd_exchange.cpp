@@ -191,6 +191,7 @@ void run_undo(Cli &cli)
             failures.push_back(failure);
         cli.document.set("settings", undone);
     }
+    open_device().make_durable();
     if (!failures.empty())
         throw HostError("not put back: " + join(failures, ", "));
     if (!restore.settings.empty())

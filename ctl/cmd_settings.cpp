@@ -42,6 +42,7 @@ static void change_settings(Cli &cli, const NewValues &values)
         changed.rows.push_back({row.member, cell_of(row, before), cell_of(row, value)});
         cli.document.set("settings", changed);
     }
+    device.make_durable();
     cli.document.set_result(true);
     changed.is_for_people = false;
     cli.document.set("settings", changed);

@@ -82,6 +82,12 @@ static bool sync_folder(const fs::path &folder)
     return descriptor && fsync(descriptor.get()) == 0;
 }
 
+bool sync_file(const fs::path &file)
+{
+    const Descriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    return descriptor && fdatasync(descriptor.get()) == 0 && sync_folder(file.parent_path());
+}
+
 /// Writes `content` beside `file`, and has `put_in_place` rename that.
 static void write_file(const fs::path &file, const std::string &content, bool durable,
                        bool (*put_in_place)(const char *from, const char *to))

@@ -109,8 +109,7 @@ public:
             daemon->erase(config_key(row));
         else
             std::visit([&](const auto &typed) { daemon->write(config_key(row), typed); }, *value);
-        daemon->flush();
-        daemon->reload();
+        written = daemon;
     }
 
     void require_writable(const SettingRow &row) override
@@ -124,15 +123,14 @@ public:
     void make_durable() override
     {
         SettingsStore::open()->make_durable();
-        const std::vector<Change> &changes = account().changes();
-        if (std::all_of(changes.begin(), changes.end(),
-                        [](const Change &change) { return change.place == SettingPlace::settings_store; }))
-            return;
-        const std::shared_ptr<ScimDaemon> daemon = ScimDaemon::connect();
-        if (daemon->has_unflushed()) {
-            daemon->flush();
-            daemon->reload();
-        }
+        if (const auto daemon = written_daemon(); daemon)
+            daemon->make_durable();
+    }
+
+    std::string not_assured() override
+    {
+        const auto daemon = written_daemon();
+        return daemon ? daemon->not_assured() : "";
     }
 
     bool serves(const SettingRow &row) override
@@ -143,6 +141,19 @@ public:
     }
 
     std::string daemon_address() override { return scim::scim_get_default_socket_config_address(); }
+
+private:
+    /// The daemon, if something was written to it in this process.
+    std::shared_ptr<ScimDaemon> written_daemon() const
+    {
+        const std::vector<Change> &changes = account().changes();
+        if (std::all_of(changes.begin(), changes.end(),
+                        [](const Change &change) { return change.place == SettingPlace::settings_store; }))
+            return written.lock();
+        return ScimDaemon::connect();
+    }
+
+    std::weak_ptr<ScimDaemon> written;
 };
 
 } // namespace
