@@ -32,8 +32,15 @@ struct Change {
 
 /// A place that could not be used.
 struct Problem {
+    enum class Kind {
+        failure,
+        lateness,    ///< the time of the process was over
+        interruption ///< the process was asked to end
+    };
+
     SettingPlace place;
     std::string reason; ///< for a person, on one line
+    Kind kind = Kind::failure;
 };
 
 class Account
@@ -107,6 +114,10 @@ Result with_account(SettingPlace place, Result failed, Work work)
         return work();
     } catch (const PlatformError &error) {
         account().note({place, error.what()});
-        return failed;
+    } catch (const TimeoutError &error) {
+        account().note({place, error.what(), Problem::Kind::lateness});
+    } catch (const InterruptedError &error) {
+        account().note({place, error.what(), Problem::Kind::interruption});
     }
+    return failed;
 }

@@ -11,10 +11,10 @@
 #include "errors.h"
 #include "files.h"
 #include "paths.h"
+#include "process.h"
 
 namespace fs = std::filesystem;
 
-static constexpr int BUSY_TIMEOUT_MS = 10'000;
 static constexpr int SCHEMA_VERSION = 1;
 
 static fs::path store_file()
@@ -27,6 +27,21 @@ static fs::path store_file()
     throw PlatformError("the settings store " + store_file().string() + " can't be used: " + reason);
 }
 
+/// Why the last wait for another's lock was in vain.
+static std::exception_ptr wait_failure;
+
+/// Waits a moment for another's lock. SQLite gives up at 0.
+static int wait_for_lock(void *, int)
+{
+    try {
+        wait_for_another("another process that holds the settings store");
+        return 1;
+    } catch (...) {
+        wait_failure = std::current_exception();
+        return 0;
+    }
+}
+
 /// Runs `work`, and tells of its failure what a person needs to know.
 template <class Work>
 static auto with_clear_errors(Work work)
@@ -34,6 +49,8 @@ static auto with_clear_errors(Work work)
     try {
         return work();
     } catch (const SQLite::Exception &error) {
+        if (wait_failure)
+            std::rethrow_exception(std::exchange(wait_failure, nullptr));
         refuse_store(error.what());
     } catch (const fs::filesystem_error &error) {
         refuse_store(error.what());
@@ -115,7 +132,8 @@ void SettingsStore::open_database()
     // it is only looked at.
     std::error_code ignored;
     const bool is_left_alone = fs::exists(file.string() + "-wal", ignored);
-    database.emplace(file.string(), SQLite::OPEN_READWRITE, BUSY_TIMEOUT_MS);
+    database.emplace(file.string(), SQLite::OPEN_READWRITE);
+    sqlite3_busy_handler(database->getHandle(), wait_for_lock, nullptr);
     sqlite3_db_config(database->getHandle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, is_left_alone ? 1 : 0,
                       nullptr);
     // Either way the store is never half written, whatever comes.
@@ -132,11 +150,11 @@ template <class Work>
 auto SettingsStore::read(Work work)
 {
     if (unreadable)
-        throw PlatformError(*unreadable);
+        std::rethrow_exception(unreadable);
     try {
         return with_clear_errors(work);
-    } catch (const PlatformError &error) {
-        unreadable = unwritable = error;
+    } catch (...) {
+        unreadable = unwritable = std::current_exception();
         throw;
     }
 }
@@ -145,11 +163,11 @@ template <class Work>
 void SettingsStore::write(Work work)
 {
     if (unwritable)
-        throw PlatformError(*unwritable);
+        std::rethrow_exception(unwritable);
     try {
         with_clear_errors(work);
-    } catch (const PlatformError &error) {
-        unwritable = error;
+    } catch (...) {
+        unwritable = std::current_exception();
         throw;
     }
 }

@@ -81,11 +81,17 @@ DeviceState Exchange::read_device()
 static void require_no_problem(std::vector<std::string> reasons = {})
 {
     bool is_daemon = false;
+    Problem::Kind kind = Problem::Kind::failure;
     for (const Problem &problem : account().problems()) {
         if (std::find(reasons.begin(), reasons.end(), problem.reason) == reasons.end())
             reasons.push_back(problem.reason);
         is_daemon = is_daemon || problem.place != SettingPlace::settings_store;
+        kind = std::max(kind, problem.kind);
     }
+    if (kind == Problem::Kind::interruption)
+        throw InterruptedError(join(reasons, "; "));
+    if (kind == Problem::Kind::lateness)
+        throw TimeoutError(join(reasons, "; "));
     if (is_daemon)
         throw DaemonError(join(reasons, "; "));
     if (!account().problems().empty())

@@ -86,9 +86,10 @@ One that another program locks for too long can be backed up, and is not restore
   $ coproc sqlite3 $store
   $ echo "BEGIN EXCLUSIVE; SELECT 'locked';" >&${COPROC[1]}; read -r <&${COPROC[0]}; echo $REPLY
   locked
-  $ printf '%s\n' backup restore | try_each
+  $ printf '%s\n' backup '--timeout 1 restore' '--timeout 1 settings set prediction on' | try_each
   0 
-  3 ime-backupctl: the settings store WORK/state/settings.db can't be used: database is locked
+  124 ime-backupctl: another process that holds the settings store did not finish in time
+  124 ime-backupctl: another process that holds the settings store did not finish in time
   $ eval "exec ${COPROC[1]}>&-"; wait
 
 State that can't be used, or is elsewhere.
