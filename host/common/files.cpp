@@ -15,6 +15,7 @@ namespace fs = std::filesystem;
 
 static constexpr mode_t PRIVATE_FOLDER = 0700;
 static constexpr mode_t PRIVATE_FILE = 0600;
+static constexpr size_t BUFFER_SIZE = size_t{64} << 10;
 
 static std::string why()
 {
@@ -35,10 +36,10 @@ Descriptor open_file(const fs::path &file, int flags)
 std::string read_to_end(const Descriptor &file, size_t max_size)
 {
     std::string content;
-    char buffer[64 * 1024];
+    std::string buffer(BUFFER_SIZE, '\0');
     ssize_t count = 0;
-    while ((count = read(file.get(), buffer, sizeof buffer)) > 0) {
-        content.append(buffer, static_cast<size_t>(count));
+    while ((count = read(file.get(), buffer.data(), buffer.size())) > 0) {
+        content.append(buffer, 0, static_cast<size_t>(count));
         if (content.size() > max_size)
             throw HostError("it is larger than " + std::to_string(max_size) + " bytes");
     }
@@ -55,10 +56,10 @@ std::string read_file(const fs::path &file, size_t max_size)
 std::string read_from(const Descriptor &file, off_t offset)
 {
     std::string content;
-    char buffer[64 * 1024];
+    std::string buffer(BUFFER_SIZE, '\0');
     ssize_t count = 0;
-    while ((count = pread(file.get(), buffer, sizeof buffer, offset)) > 0) {
-        content.append(buffer, static_cast<size_t>(count));
+    while ((count = pread(file.get(), buffer.data(), buffer.size(), offset)) > 0) {
+        content.append(buffer, 0, static_cast<size_t>(count));
         offset += count;
     }
     return content;
