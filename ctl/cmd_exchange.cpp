@@ -33,14 +33,6 @@ static std::optional<BackupNumber> find_same()
     }
 }
 
-static void tell_success(Document &document, const ExchangeReport &report, const std::string &sentence)
-{
-    document.set_result(true, report.reason);
-    document.say(sentence);
-    if (!report.reason.empty())
-        document.say(report.reason);
-}
-
 void run_backup(Cli &cli)
 {
     cli.document.set_result(false);
@@ -60,7 +52,8 @@ void run_backup(Cli &cli)
     cli.document.set("backup", report.backup == 0 ? Json() : Json(report.backup));
     cli.document.set("stored", report.stored);
     throw_failure(report);
-    tell_success(cli.document, report, name_of(report.backup) + "  " + format_date(date_of(report.records)));
+    tell_success(cli.document, report.reason,
+                 name_of(report.backup) + "  " + format_date(date_of(report.records)));
 }
 
 static void show_restore(Cli &cli, const ExchangeReport &report)
@@ -132,7 +125,7 @@ void run_restore(Cli &cli)
             different.push_back(setting.member);
     if (cli.has("--strict") && !(different.empty() && report.reason.empty()))
         cli.status = EXIT_FAILED;
-    tell_success(cli.document, report,
+    tell_success(cli.document, report.reason,
                  name_of(report.backup) + (cli.has("--dry-run") ? "  would be restored" : "  restored") +
                      (different.empty() ? "" : ", but for " + join(different, ", ")));
 }

@@ -135,6 +135,6 @@ void run_undo(Cli &cli)
     } else {
         change_device(cli, "undo", values, entry->number);
     }
-    cli.document.set_result(true);
-    cli.document.say((is_dry ? "would undo " : "undid ") + entry_name(*entry));
+    tell_success(cli.document, is_dry ? "" : open_device().not_assured(),
+                 (is_dry ? "would undo " : "undid ") + entry_name(*entry));
 }

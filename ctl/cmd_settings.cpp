@@ -32,7 +32,7 @@ static void change_settings(Cli &cli, const std::string &what, const NewValues &
             throw UsageError(std::string(row.member) + ": " + reason);
     const FileLock turn = wait_for_turn(false);
     Table changed = change_device(cli, what, values);
-    cli.document.set_result(true);
+    tell_success(cli.document, open_device().not_assured());
     changed.is_for_people = false;
     cli.document.set("settings", changed);
 }

@@ -64,6 +64,14 @@ void Document::set_result(bool succeeded, const std::string &reason)
     set("reason", reason);
 }
 
+void tell_success(Document &document, const std::string &doubt, const std::string &sentence)
+{
+    document.set_result(true, doubt);
+    for (const std::string &text : {sentence, doubt})
+        if (!text.empty())
+            document.say(text);
+}
+
 void Document::print_json() const
 {
     if (json->is_null() && !exact_json)

@@ -86,3 +86,8 @@ private:
     std::vector<std::string> sentences;
     std::optional<std::string> exact_json;
 };
+
+/// Tells that a command did what it should.
+///
+/// @param doubt what is not known of that, or empty
+void tell_success(Document &document, const std::string &doubt, const std::string &sentence = "");

@@ -81,6 +81,6 @@ try {
                         (errno != 0 ? strerror(errno) : "some of it is lost"));
     return status;
 } catch (const std::exception &error) {
-    fprintf(stderr, "ime-backupctl: %s\n", error.what());
+    fprintf(stderr, "ime-backupctl: %s\n", escaped(error.what()).c_str());
     return EXIT_FAILED;
 }

@@ -67,6 +67,15 @@ static bool parse_switch(const std::string &text)
     throw UsageError("\"" + text + "\" is neither true nor false");
 }
 
+/// A regular expression would need more stack, the longer the text is.
+static bool is_language(const std::string &text)
+{
+    static constexpr std::string_view MARKS = "_@.-";
+    return g_ascii_isalpha(text.front()) != FALSE && std::all_of(text.begin(), text.end(), [](char c) {
+               return g_ascii_isalnum(c) != FALSE || MARKS.find(c) != std::string_view::npos;
+           });
+}
+
 /// Each identifier, with the delimiter behind it.
 static std::string parse_languages(const std::string &text)
 {
@@ -75,7 +84,7 @@ static std::string parse_languages(const std::string &text)
     for (std::string piece; std::getline(pieces, piece, ',');) {
         if (piece.empty())
             continue;
-        if (g_regex_match_simple(R"(^[A-Za-z][A-Za-z0-9_@.-]*\z)", piece.c_str(), {}, {}) == FALSE)
+        if (!is_language(piece))
             throw UsageError(
                 "\"" + piece +
                 "\" can't be a language's identifier, such as en_US; between several there are commas");

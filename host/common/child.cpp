@@ -65,10 +65,11 @@ static int execute(void *data)
     close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
     for (auto &[number, file] : files) // one's number may be that of another here
         file = fcntl(file, F_DUPFD_CLOEXEC, FREE_DESCRIPTOR);
-    if (std::all_of(files.begin(), files.end(),
-                    [](const auto &given) { return dup2(given.second, given.first) >= 0; }))
+    const bool has_files = std::all_of(
+        files.begin(), files.end(), [](const auto &given) { return dup2(given.second, given.first) >= 0; });
+    if (has_files)
         execvpe(start.arguments[0], start.arguments.data(), start.environment.data());
-    start.error = errno;
+    start.error = has_files ? errno : EMFILE;
     return EXIT_FAILURE;
 }
 

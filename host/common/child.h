@@ -26,7 +26,7 @@ struct Child {
     std::optional<gint64> microseconds{}; ///< that it may take
     /// Asks it to end: when its time is over, this process is asked to end, or this process is killed.
     int end_signal = SIGTERM;
-    /// Handles SIGTERM and SIGINT from its end on; else what did so before does.
+    /// Handles what TerminationSignals takes from its end on; else what did so before does.
     void (*on_late_signal)(int) = nullptr;
 };
 
@@ -39,7 +39,6 @@ struct ChildEnd {
     Stop stopped = Stop::none;
 };
 
-/// Runs a program to its end. It is asked to end when its time is over, or when this process gets SIGTERM or
-/// SIGINT; it is killed at a second signal, or two seconds after its time. What handled the signals before
-/// gets one afterwards.
+/// Runs a program to its end. It is asked to end when its time is over, or when this process is; it is killed
+/// at a second signal, or two seconds after its time. What handled the signals before gets one afterwards.
 ChildEnd run_child(Child child);

@@ -17,6 +17,7 @@ static constexpr mode_t PRIVATE_FOLDER = 0700;
 static constexpr mode_t PRIVATE_FILE = 0600;
 /// Behind the name of a file that is being written.
 static constexpr char PARTIAL[] = ".new";
+static constexpr size_t BUFFER_SIZE = size_t{64} << 10;
 
 static std::string why()
 {
@@ -37,10 +38,10 @@ Descriptor open_file(const fs::path &file, int flags)
 std::string read_to_end(const Descriptor &file, size_t max_size)
 {
     std::string content;
-    char buffer[64 * 1024];
+    std::string buffer(BUFFER_SIZE, '\0');
     ssize_t count = 0;
-    while ((count = read(file.get(), buffer, sizeof buffer)) > 0) {
-        content.append(buffer, static_cast<size_t>(count));
+    while ((count = read(file.get(), buffer.data(), buffer.size())) > 0) {
+        content.append(buffer, 0, static_cast<size_t>(count));
         if (content.size() > max_size)
             throw HostError("it is larger than " + std::to_string(max_size) + " bytes");
     }
@@ -57,10 +58,10 @@ std::string read_file(const fs::path &file, size_t max_size)
 std::string read_from(const Descriptor &file, off_t offset)
 {
     std::string content;
-    char buffer[64 * 1024];
+    std::string buffer(BUFFER_SIZE, '\0');
     ssize_t count = 0;
-    while ((count = pread(file.get(), buffer, sizeof buffer, offset)) > 0) {
-        content.append(buffer, static_cast<size_t>(count));
+    while ((count = pread(file.get(), buffer.data(), buffer.size(), offset)) > 0) {
+        content.append(buffer, 0, static_cast<size_t>(count));
         offset += count;
     }
     return content;
@@ -82,6 +83,12 @@ bool sync_folder(const fs::path &folder)
 {
     const Descriptor descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return descriptor && fsync(descriptor.get()) == 0;
+}
+
+bool sync_file(const fs::path &file)
+{
+    const Descriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    return descriptor && fdatasync(descriptor.get()) == 0 && sync_folder(file.parent_path());
 }
 
 /// Writes `content` beside `file`, and has `put_in_place` rename that.

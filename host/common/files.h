@@ -78,6 +78,11 @@ void require_creatable(const std::filesystem::path &file, const std::string &con
 /// @return false when not all of it is written
 bool write_at(const Descriptor &file, off_t offset, const std::string &content);
 
+/// Has a file that another wrote outlive a power cut, and its name, too.
+///
+/// @return false when it can't be synced
+bool sync_file(const std::filesystem::path &file);
+
 /// @throws HostError when it can't be removed, or may come back after a power cut
 void remove_file_durably(const std::filesystem::path &file);
 

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <iterator>
+#include <vector>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -12,10 +14,14 @@
 #include <unistd.h>
 
 #include "errors.h"
+#include "files.h"
 
 using Clock = std::chrono::steady_clock;
 
-static constexpr int SIGNALS[] = {SIGTERM, SIGINT};
+static constexpr int SIGNALS[] = {SIGTERM, SIGINT, SIGHUP};
+
+/// What a command or a request needs at most to be open, but for what others have it open.
+static constexpr int NEEDED_DESCRIPTORS = 20;
 
 void prepare_process()
 {
@@ -24,6 +30,11 @@ void prepare_process()
     for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
         if (fcntl(stream, F_GETFD) < 0)
             static_cast<void>(open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY));
+    // Libraries end the process where they find none left.
+    std::vector<Descriptor> spare(NEEDED_DESCRIPTORS);
+    for (Descriptor &descriptor : spare)
+        if (descriptor = Descriptor(dup(STDERR_FILENO)); !descriptor)
+            throw PlatformError(std::string("can't open the files that are needed: ") + strerror(errno));
 }
 
 static std::optional<Clock::time_point> end_of_time;
@@ -59,21 +70,28 @@ int TerminationSignals::file()
     return count;
 }
 
-static void on_signal(int)
+static volatile std::sig_atomic_t last_signal = SIGTERM;
+
+static void on_signal(int signal)
 {
     const int error = errno;
+    last_signal = signal;
     eventfd_write(TerminationSignals::file(), 1);
     errno = error;
 }
 
 TerminationSignals::TerminationSignals(void (*later)(int))
 {
-    file(); // not for the first time in the handler
+    if (file() < 0) // which must not be made in the handler
+        throw PlatformError("can't take signals: too many open files");
     struct sigaction action = {};
     action.sa_handler = on_signal;
     action.sa_flags = SA_RESTART;
     for (size_t i = 0; i < std::size(SIGNALS); i++) {
-        sigaction(SIGNALS[i], &action, &before[i]);
+        sigaction(SIGNALS[i], nullptr, &before[i]);
+        if (before[i].sa_handler == SIG_IGN) // by who started this process
+            continue;
+        sigaction(SIGNALS[i], &action, nullptr);
         if (later != nullptr) {
             before[i] = action;
             before[i].sa_handler = later;
@@ -85,8 +103,11 @@ TerminationSignals::~TerminationSignals()
 {
     for (size_t i = 0; i < std::size(SIGNALS); i++)
         sigaction(SIGNALS[i], &before[i], nullptr);
-    if (take() || (has_told && before[0].sa_handler != SIG_DFL))
-        raise(SIGNALS[0]);
+    const bool is_untold = take();
+    struct sigaction current = {};
+    sigaction(last_signal, nullptr, &current);
+    if (is_untold || (has_told && current.sa_handler != SIG_DFL))
+        raise(last_signal);
 }
 
 bool TerminationSignals::take()

@@ -32,8 +32,15 @@ struct Change {
 
 /// A place that could not be used.
 struct Problem {
+    enum class Kind {
+        failure,
+        lateness,    ///< the time of the process was over
+        interruption ///< the process was asked to end
+    };
+
     SettingPlace place;
     std::string reason; ///< for a person, on one line
+    Kind kind = Kind::failure;
 };
 
 class Account
@@ -84,16 +91,18 @@ private:
 /// The account of this process.
 Account &account();
 
-/// The one object of its type, made when it is first needed, which all share for as long as one of them or
-/// the account keeps it.
+/// The one object of its type, while there is one.
+template <class Object>
+inline std::weak_ptr<Object> shared_object;
+
+/// The same, made when it is first needed. All share it for as long as one of them or the account keeps it.
 template <class Object>
 std::shared_ptr<Object> share_in_account()
 {
-    static std::weak_ptr<Object> shared;
-    std::shared_ptr<Object> object = shared.lock();
+    std::shared_ptr<Object> object = shared_object<Object>.lock();
     if (!object) {
         object = std::make_shared<Object>();
-        shared = object;
+        shared_object<Object> = object;
         account().keep(object);
     }
     return object;
@@ -107,6 +116,10 @@ Result with_account(SettingPlace place, Result failed, Work work)
         return work();
     } catch (const PlatformError &error) {
         account().note({place, error.what()});
-        return failed;
+    } catch (const TimeoutError &error) {
+        account().note({place, error.what(), Problem::Kind::lateness});
+    } catch (const InterruptedError &error) {
+        account().note({place, error.what(), Problem::Kind::interruption});
     }
+    return failed;
 }

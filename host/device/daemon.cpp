@@ -4,6 +4,8 @@
 #include <charconv>
 #include <chrono>
 #include <fcntl.h>
+#include <pwd.h>
+#include <sstream>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
@@ -127,6 +129,115 @@ ScimDaemon::ScimDaemon() : connection(connect_to(address, timeout_ms)), socket(c
         throw DaemonError(name() + "does not answer");
 }
 
+// The daemon's file.
+
+static constexpr size_t MAX_FILE_SIZE = size_t{16} << 20;
+
+/// Where the process at the other end of a local socket keeps its configuration, seen from here.
+///
+/// @return an empty path when that can't be told, or it isn't SCIM's own module that keeps it
+static std::filesystem::path find_file(const Descriptor &connection)
+{
+    static constexpr std::string_view HOME = "SCIM_HOME=";
+    ucred peer = {};
+    socklen_t size = sizeof peer;
+    if (getsockopt(connection.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 || peer.pid <= 0)
+        return {};
+    const std::filesystem::path process = "/proc/" + std::to_string(peer.pid);
+    try {
+        if (read_file(process / "maps", MAX_FILE_SIZE).find("/Config/simple.so\n") == std::string::npos)
+            return {};
+        std::istringstream variables(read_file(process / "environ", MAX_FILE_SIZE));
+        const passwd *user = getpwuid(peer.uid);
+        std::string home = user == nullptr ? "" : user->pw_dir;
+        for (std::string variable; std::getline(variables, variable, '\0');)
+            if (variable.starts_with(HOME))
+                home = variable.substr(HOME.length());
+        if (home.starts_with("/"))
+            return process / "root" / home.substr(1) / ".scim/config";
+    } catch (const HostError &) { // another user's
+    }
+    return {};
+}
+
+/// The texts in the daemon's file by their keys, but for one whose line is cut.
+///
+/// @return nothing when it can't be read
+std::optional<ScimDaemon::Texts> ScimDaemon::texts_in(const std::filesystem::path &file)
+{
+    static constexpr std::string_view SEPARATOR = " = ";
+    try {
+        std::istringstream lines(read_file(file, MAX_FILE_SIZE));
+        Texts texts;
+        for (std::string line; std::getline(lines, line) && !lines.eof();)
+            if (const size_t end = line.find(SEPARATOR); end != std::string::npos)
+                texts[line.substr(0, end)] = line.substr(end + SEPARATOR.length());
+        return texts;
+    } catch (const HostError &) {
+        return std::nullopt;
+    }
+}
+
+const ScimDaemon::Texts &ScimDaemon::look_into_file()
+{
+    if (!before) {
+        file = find_file(connection);
+        before = texts_in(file).value_or(Texts());
+    }
+    return *before;
+}
+
+void ScimDaemon::compare_file()
+{
+    const std::optional<Texts> now = texts_in(file);
+    if (!now) {
+        file.clear();
+        return;
+    }
+    std::vector<std::string> lacking;
+    for (const auto &[key, text] : expected) {
+        const auto held = now->find(key);
+        // The value for all users takes the place of one that was erased.
+        if (held == now->end() ? text.has_value() : held->second != (text ? text : read<scim::String>(key)))
+            lacking.push_back(key);
+    }
+    const auto foreign = std::count_if(before->begin(), before->end(), [&](const auto &line) {
+        return !expected.contains(line.first) && !now->contains(line.first);
+    });
+    if (foreign > 0)
+        lacking.push_back(std::to_string(foreign) + " other keys");
+    cut.reset();
+    if (lacking.empty())
+        return;
+    static constexpr std::string_view ROOT = "/root"; // of the process, in front of the path that it uses
+    const std::string path = file.string().substr(file.string().find(ROOT) + ROOT.length());
+    cut = DaemonError(name() + "did not write all of " + path + ", which lacks " + join(lacking, ", ") +
+                      "; free space on its disk, and do this again before the daemon ends");
+    throw DaemonError(*cut);
+}
+
+void ScimDaemon::make_durable()
+{
+    if (cut)
+        throw DaemonError(*cut);
+    if (has_unflushed()) {
+        flush();
+        reload();
+    }
+    is_doubtful = is_doubtful || (is_unsynced && !sync_file(file));
+    is_unsynced = false;
+}
+
+std::string ScimDaemon::not_assured() const
+{
+    return is_doubtful ? "what was written to " + name() +
+                             "is not assured to outlive a power cut, since its file can't be " +
+                             (file.empty() ? "found" : "synced")
+                       : "";
+}
+
+// What it is asked.
+
 std::string ScimDaemon::name() const
 {
     return "the SCIM daemon (at " + address.get_address() + ") ";
@@ -210,15 +321,22 @@ void ScimDaemon::write(const scim::String &key, const Value &value)
     Question question(magic_key, Wire<Value>::SET);
     question.put_data(key);
     question.put_data(static_cast<typename Wire<Value>::Type>(value));
+    look_into_file();
     require(question, "store " + key);
+    expected[key] = config_text(value);
 }
 
 template <class Value>
 void ScimDaemon::write_on_account(Change change, const scim::String &key, const Value &value)
 {
     const auto stored = read<scim::String>(key);
-    if (stored == config_text(change.after))
+    const Texts &lines = look_into_file();
+    if (const auto line = lines.find(key);
+        stored == config_text(change.after) &&
+        (file.empty() || (line != lines.end() && line->second == *stored))) {
+        is_unsynced = true; // by a process that was killed
         return;
+    }
     change.before = parse_config_text(stored.value_or(""));
     const size_t number = account().begin(change);
     try {
@@ -237,13 +355,17 @@ void ScimDaemon::erase(const scim::String &key)
         return;
     Question question(magic_key, scim::SCIM_TRANS_CMD_ERASE_CONFIG);
     question.put_data(key);
+    look_into_file();
     require(question, "erase " + key);
+    expected[key] = std::nullopt;
 }
 
 void ScimDaemon::flush()
 {
-    const auto end_changes = [changes = std::exchange(unflushed, {})](Change::Outcome outcome) {
-        for (const size_t change : changes)
+    const auto end_changes = [this](Change::Outcome outcome) {
+        expected.clear();
+        before.reset();
+        for (const size_t change : std::exchange(unflushed, {}))
             account().end(change, outcome);
     };
     try {
@@ -254,11 +376,17 @@ void ScimDaemon::flush()
             end_changes(Change::Outcome::refused);
         throw;
     }
+    if (has_unflushed()) {
+        is_unsynced = true;
+        compare_file();
+    }
     end_changes(Change::Outcome::made);
 }
 
 void ScimDaemon::reload()
 {
+    if (cut)
+        throw DaemonError(*cut);
     Question question(magic_key, scim::SCIM_TRANS_CMD_RELOAD_CONFIG);
     require(question, "reload its configuration");
 }

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <filesystem>
+#include <map>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #define Uses_SCIM_SOCKET
@@ -33,6 +36,9 @@ const scim::String &active_engine();
 /// set and for a daemon that doesn't answer. Here a lost daemon stays lost, with the values that it had not
 /// yet flushed, and a key isn't set only when the daemon says so.
 ///
+/// SCIM's daemon answers that all is well when its disk is full, and cuts its file. So what the file holds
+/// after a flush is compared with what was written, where the file can be found.
+///
 /// Every function throws DaemonError: when the daemon refuses, and when it is lost or doesn't answer, which
 /// makes each one throw from then on.
 class ScimDaemon
@@ -60,21 +66,34 @@ public:
     /// Erases a key, if it is set.
     void erase(const scim::String &key);
 
-    /// The same on the account, unless the key holds the value already. The change is pending until it is
-    /// flushed; with a daemon that is lost it stays so, since it may have arrived.
+    /// The same on the account, unless the key holds the value already, also in the file. The change is
+    /// pending until it is flushed; with a daemon that is lost it stays so, since it may have arrived.
     ///
     /// @param change with the place, and the key by which the account knows it
     template <class Value>
     void write_on_account(Change change, const scim::String &key, const Value &value);
 
-    bool has_unflushed() const { return !unflushed.empty(); }
+    bool has_unflushed() const { return !expected.empty(); }
 
+    /// Throws, too, when the daemon's file lacks something then.
     void flush();
 
-    /// Has the daemon take over what has changed in its files.
+    /// Has the daemon take over what has changed in its files. Not after a flush that left something out: the
+    /// daemon would forget what it still has.
     void reload();
 
+    /// Flushes what was written, and has it outlive a power cut as far as not_assured() doesn't deny it.
+    void make_durable();
+
+    /// Why what was written may not outlive a power cut, or an empty text.
+    std::string not_assured() const;
+
 private:
+    using Texts = std::map<std::string, std::string>;
+
+    static std::optional<Texts> texts_in(const std::filesystem::path &file);
+    const Texts &look_into_file();
+    void compare_file();
     bool ask(scim::Transaction &question);
     void require(scim::Transaction &question, const std::string &what);
     [[noreturn]] void lose(const std::string &how);
@@ -86,5 +105,11 @@ private:
     const scim::Socket socket;
     scim::uint32 magic_key = 0;
     std::optional<DaemonError> lost;
-    std::vector<size_t> unflushed; ///< changes on the account
+    std::vector<size_t> unflushed;                              ///< changes on the account
+    std::map<std::string, std::optional<std::string>> expected; ///< that the next flush writes or erases
+    std::filesystem::path file;     ///< of the daemon, or empty when it is not known
+    std::optional<Texts> before;    ///< what it held before that flush
+    std::optional<DaemonError> cut; ///< how the file is not what it should be
+    bool is_unsynced = false;       ///< something was flushed since it was synced
+    bool is_doubtful = false;       ///< something was flushed that can't be synced
 };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <span>
+#include <string>
 
 #include "errors.h"
 #include "setting_value.h"
@@ -31,8 +32,11 @@ public:
     /// Throws when the place of a setting can't be written. Nothing is made.
     virtual void require_writable(const SettingRow &row) = 0;
 
-    /// Has what was written outlive a power cut.
+    /// Has what was written outlive a power cut, as far as not_assured() doesn't deny it.
     virtual void make_durable() = 0;
+
+    /// Why what was written may not outlive a power cut, for a person, or an empty text.
+    virtual std::string not_assured() = 0;
 
     /// Whether the service, in this process, keeps the setting on this device. Else the platform's library
     /// for it is another's.

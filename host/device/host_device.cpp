@@ -109,8 +109,6 @@ public:
             daemon->erase(config_key(row));
         else
             std::visit([&](const auto &typed) { daemon->write(config_key(row), typed); }, *value);
-        daemon->flush();
-        daemon->reload();
     }
 
     void require_writable(const SettingRow &row) override
@@ -124,15 +122,14 @@ public:
     void make_durable() override
     {
         SettingsStore::open()->make_durable();
-        const std::vector<Change> &changes = account().changes();
-        if (std::all_of(changes.begin(), changes.end(),
-                        [](const Change &change) { return change.place == SettingPlace::settings_store; }))
-            return;
-        const std::shared_ptr<ScimDaemon> daemon = ScimDaemon::connect();
-        if (daemon->has_unflushed()) {
-            daemon->flush();
-            daemon->reload();
-        }
+        if (const auto daemon = shared_object<ScimDaemon>.lock(); daemon)
+            daemon->make_durable();
+    }
+
+    std::string not_assured() override
+    {
+        const auto daemon = shared_object<ScimDaemon>.lock();
+        return daemon ? daemon->not_assured() : "";
     }
 
     bool serves(const SettingRow &row) override

@@ -11,10 +11,10 @@
 #include "errors.h"
 #include "files.h"
 #include "paths.h"
+#include "process.h"
 
 namespace fs = std::filesystem;
 
-static constexpr int BUSY_TIMEOUT_MS = 10'000;
 static constexpr int SCHEMA_VERSION = 1;
 
 static fs::path store_file()
@@ -27,6 +27,21 @@ static fs::path store_file()
     throw PlatformError("the settings store " + store_file().string() + " can't be used: " + reason);
 }
 
+/// Why the last wait for another's lock was in vain.
+static std::exception_ptr wait_failure;
+
+/// Waits a moment for another's lock. SQLite gives up at 0.
+static int wait_for_lock(void *, int)
+{
+    try {
+        wait_for_another("another process that holds the settings store");
+        return 1;
+    } catch (...) {
+        wait_failure = std::current_exception();
+        return 0;
+    }
+}
+
 /// Runs `work`, and tells of its failure what a person needs to know.
 template <class Work>
 static auto with_clear_errors(Work work)
@@ -34,8 +49,16 @@ static auto with_clear_errors(Work work)
     try {
         return work();
     } catch (const SQLite::Exception &error) {
+        if (wait_failure)
+            std::rethrow_exception(std::exchange(wait_failure, nullptr));
         refuse_store(error.what());
     } catch (const fs::filesystem_error &error) {
+        refuse_store(error.what());
+    } catch (const PlatformError &) {
+        throw;
+    } catch (const TimeoutError &) {
+        throw;
+    } catch (const HostError &error) {
         refuse_store(error.what());
     }
 }
@@ -52,30 +75,36 @@ static void make_tables(SQLite::Database &database)
     transaction.commit();
 }
 
+/// The content of a new store. It is made in memory, and keeps a log once it is a file.
+static std::string new_store()
+{
+    static constexpr size_t VERSION_TO_WRITE = 18; // offsets in the file's header
+    static constexpr size_t VERSION_TO_READ = 19;
+    static constexpr char WITH_LOG = 2;
+    SQLite::Database database(":memory:", SQLite::OPEN_READWRITE);
+    make_tables(database);
+    sqlite3_int64 size = 0;
+    const std::unique_ptr<unsigned char, decltype(&sqlite3_free)> image(
+        sqlite3_serialize(database.getHandle(), "main", &size, 0), sqlite3_free);
+    if (!image)
+        throw std::bad_alloc();
+    std::string content(image.get(), image.get() + size);
+    content.at(VERSION_TO_WRITE) = content.at(VERSION_TO_READ) = WITH_LOG;
+    return content;
+}
+
 /// Makes the store, whole or not at all: what lies in its place is a store, or a damaged one.
 static void make_store(const fs::path &file)
 {
-    make_private_folder(file.parent_path());
     FileLock lock(file.string() + ".lock");
     lock.acquire();
     if (fs::exists(file))
         return;
-
-    // Left behind by a process that was killed, or by a store that was taken away.
-    const fs::path partial = file.string() + ".new";
-    for (const char *suffix : {"", "-wal", "-shm", "-journal"})
-        fs::remove(partial.string() + suffix);
-    for (const char *suffix : {"-wal", "-shm"})
-        fs::remove(file.string() + suffix);
-
-    // SQLite would let others read it, and gives its side files the mode of the database.
-    open_file(partial, O_RDWR | O_CREAT | O_EXCL);
-    {
-        SQLite::Database database(partial.string(), SQLite::OPEN_READWRITE);
-        database.exec("PRAGMA journal_mode = WAL");
-        make_tables(database);
-    }
-    fs::rename(partial, file);
+    // A log of a store that was taken away would be replayed onto the new one.
+    for (const char *suffix : {"-wal", "-shm", "-journal"})
+        if (const fs::path left = file.string() + suffix; fs::exists(fs::symlink_status(left)))
+            remove_file_durably(left);
+    create_file_durably(file, new_store());
 }
 
 std::shared_ptr<SettingsStore> SettingsStore::open()
@@ -103,7 +132,8 @@ void SettingsStore::open_database()
     // it is only looked at.
     std::error_code ignored;
     const bool is_left_alone = fs::exists(file.string() + "-wal", ignored);
-    database.emplace(file.string(), SQLite::OPEN_READWRITE, BUSY_TIMEOUT_MS);
+    database.emplace(file.string(), SQLite::OPEN_READWRITE);
+    sqlite3_busy_handler(database->getHandle(), wait_for_lock, nullptr);
     sqlite3_db_config(database->getHandle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, is_left_alone ? 1 : 0,
                       nullptr);
     // Either way the store is never half written, whatever comes.
@@ -120,11 +150,11 @@ template <class Work>
 auto SettingsStore::read(Work work)
 {
     if (unreadable)
-        throw PlatformError(*unreadable);
+        std::rethrow_exception(unreadable);
     try {
         return with_clear_errors(work);
-    } catch (const PlatformError &error) {
-        unreadable = unwritable = error;
+    } catch (...) {
+        unreadable = unwritable = std::current_exception();
         throw;
     }
 }
@@ -133,11 +163,11 @@ template <class Work>
 void SettingsStore::write(Work work)
 {
     if (unwritable)
-        throw PlatformError(*unwritable);
+        std::rethrow_exception(unwritable);
     try {
         with_clear_errors(work);
-    } catch (const PlatformError &error) {
-        unwritable = error;
+    } catch (...) {
+        unwritable = std::current_exception();
         throw;
     }
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <exception>
 #include <map>
 #include <memory>
 #include <optional>
@@ -17,8 +18,8 @@ using Settings = std::map<std::string, DeviceValue>;
 /// is first needed, and made when it is first written.
 ///
 /// Every function throws PlatformError when the database can't be read or written, or holds what no store
-/// does. The first failure is the last attempt: another would wait as long, and who could not read does not
-/// overwrite.
+/// does; while another locks it, they throw as wait_for_another() does. The first failure is the last
+/// attempt: another would wait as long, and who could not read does not overwrite.
 class SettingsStore
 {
 public:
@@ -55,6 +56,6 @@ private:
     std::optional<SQLite::Database> database;
     std::optional<SQLite::Statement> select; ///< prepared when it is first run, as is the next
     std::optional<SQLite::Statement> replace;
-    std::optional<PlatformError> unreadable; ///< why, once it is known
-    std::optional<PlatformError> unwritable;
+    std::exception_ptr unreadable; ///< why, once it is known
+    std::exception_ptr unwritable;
 };

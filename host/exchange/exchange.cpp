@@ -81,11 +81,17 @@ DeviceState Exchange::read_device()
 static void require_no_problem(std::vector<std::string> reasons = {})
 {
     bool is_daemon = false;
+    Problem::Kind kind = Problem::Kind::failure;
     for (const Problem &problem : account().problems()) {
         if (std::find(reasons.begin(), reasons.end(), problem.reason) == reasons.end())
             reasons.push_back(problem.reason);
         is_daemon = is_daemon || problem.place != SettingPlace::settings_store;
+        kind = std::max(kind, problem.kind);
     }
+    if (kind == Problem::Kind::interruption)
+        throw InterruptedError(join(reasons, "; "));
+    if (kind == Problem::Kind::lateness)
+        throw TimeoutError(join(reasons, "; "));
     if (is_daemon)
         throw DaemonError(join(reasons, "; "));
     if (!account().problems().empty())
@@ -101,22 +107,19 @@ DeviceState Exchange::look_at_device()
     return state;
 }
 
-/// What the service changed in one of its callbacks outlives a power cut from now on.
-void Exchange::make_changes_durable()
-{
-    if (!account().changes().empty())
-        device.make_durable();
-}
-
-/// Tells of the settings that another library keeps in the service's process.
-void Exchange::report_unserved()
+/// Tells what is not known of a success: the settings that another library keeps in the service's process,
+/// and what may not outlive a power cut.
+void Exchange::report_doubts()
 {
     std::vector<std::string> unserved;
     for (const SettingRow &row : SETTINGS)
         if (!device.serves(row))
             unserved.emplace_back(row.member);
+    std::vector<std::string> doubts = {device.not_assured()};
     if (!unserved.empty())
-        exchange_report.reason = "not checked, since another library keeps it: " + join(unserved, ", ");
+        doubts.insert(doubts.begin(), "not checked, since another library keeps it: " + join(unserved, ", "));
+    std::erase(doubts, "");
+    exchange_report.reason = join(doubts, "; ");
 }
 
 /// The change from one value to another, for a person.
@@ -148,7 +151,8 @@ void Exchange::plan_backup()
 void Exchange::have_records_filled()
 {
     ask(Answer::backup_path, callbacks.backup, make_list(*records));
-    make_changes_durable(); // the service sets languages that were not set
+    if (!account().changes().empty()) // the service sets languages that were not set
+        device.make_durable();
     require_no_problem();
     for (const Obstacle &obstacle : backup_plan->obstacles)
         if (device.serves(obstacle.row))
@@ -166,7 +170,7 @@ void Exchange::upload()
     if (content != written)
         throw HostError("the backup file is not what was written into it");
     require_planned_backup(check_upload(content));
-    report_unserved();
+    report_doubts();
     const auto store = open_store(highest_backup);
     exchange_report.storing = true;
     exchange_report.backup = store->add(content);
@@ -296,7 +300,7 @@ void Exchange::have_records_restored()
 {
     ask(Answer::record_list, callbacks.restoration, &source);
     try {
-        make_changes_durable();
+        device.make_durable(); // also what a process that was killed left
     } catch (const DaemonError &error) {
         account().note({SettingPlace::configuration, error.what()});
     } catch (const PlatformError &error) {
@@ -306,7 +310,7 @@ void Exchange::have_records_restored()
                                         compare_settings(after.emplace(read_device()))};
     std::erase(reasons, "");
     require_no_problem(reasons);
-    report_unserved();
+    report_doubts();
 }
 
 /// @return how the records that the service handed back are not those of the plan

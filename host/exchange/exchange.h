@@ -91,14 +91,13 @@ private:
 
     DeviceState read_device();
     DeviceState look_at_device();
-    void make_changes_durable();
 
     CloudRecords check_upload(const std::string &content) const;
     void require_planned_backup(const CloudRecords &filled);
     std::string compare_records() const;
     std::string compare_settings(const DeviceState &state);
     std::vector<std::string> find_changed() const;
-    void report_unserved();
+    void report_doubts();
 
     const Direction direction;
     const Callbacks callbacks;

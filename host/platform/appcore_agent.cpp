@@ -17,6 +17,7 @@
 #include "paths.h"
 #include "process.h"
 #include "request.h"
+#include "text.h"
 
 static constexpr char APPLICATION_ID[] = "com.orvanta.ime-backup-service";
 
@@ -137,7 +138,7 @@ static bool lock_launches(bool (FileLock::*lock)())
         if (!running->launches)
             running->launches.emplace(state_root() / LAUNCH_LOCK);
         return (*running->launches.*lock)();
-    } catch (const HostError &) {
+    } catch (const std::runtime_error &) { // or the process is asked to end, or late
         return true;
     }
 }
@@ -159,7 +160,7 @@ static int answer_option(const std::string &option)
     } else if (option == "--version") {
         printf("%s\n", IME_BACKUP_VERSION);
     } else {
-        fprintf(stderr, "ime-backup-service: there is no option %s; see --help\n", option.c_str());
+        fprintf(stderr, "ime-backup-service: there is no option %s; see --help\n", escaped(option).c_str());
         return EXIT_USAGE;
     }
     return fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
@@ -226,20 +227,26 @@ static int run_on_bus(ServiceApp &app, int argc, char **argv, bool is_started_by
 }
 
 int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, void *user_data)
-{
+try {
     prepare_process();
+    signal(SIGPIPE, SIG_IGN); // when nobody reads the log any more, a restore still ends in order
     const bool is_started_by_bus = argc == 2 && strcmp(argv[1], STARTED_BY_BUS) == 0;
     if (argc > 1 && argv[1][0] == '-' && !is_started_by_bus)
         return answer_option(argv[1]);
 
     ServiceApp app{*callbacks, user_data};
     running = &app;
+    if (const char *seconds = g_getenv(TIMEOUT_VARIABLE); seconds != nullptr)
+        limit_time(g_ascii_strtod(seconds, nullptr));
     app.signals.emplace(); // before the name on the bus tells others that the service is there
     g_unix_fd_add(TerminationSignals::file(), G_IO_IN, on_termination, nullptr);
     const int status = is_started_by_bus || has_session_bus() ? run_on_bus(app, argc, argv, is_started_by_bus)
                                                               : run_alone(app, argc > 1 ? argv[1] : nullptr);
     running = nullptr;
     return status;
+} catch (const PlatformError &error) {
+    fprintf(stderr, "ime-backup-service: %s\n", error.what());
+    return EXIT_FAILURE;
 }
 
 static gboolean try_to_end(void *)

@@ -2,14 +2,9 @@
 
 #include "orvanta_cloud.h"
 
-#include <cstdlib>
 #include <memory>
 
-#include <glib.h>
-
-#include "contact.h"
 #include "handles.h"
-#include "process.h"
 #include "queue.h"
 
 namespace
@@ -73,8 +68,6 @@ int orvanta_cloud_initialize(void)
     if (library != nullptr)
         return ORVANTA_CLOUD_ERROR_NONE;
     library = std::make_unique<Library>();
-    if (const char *seconds = getenv(TIMEOUT_VARIABLE); seconds != nullptr)
-        limit_time(g_ascii_strtod(seconds, nullptr));
     return ORVANTA_CLOUD_ERROR_NONE;
 }
 

@@ -86,9 +86,10 @@ One that another program locks for too long can be backed up, and is not restore
   $ coproc sqlite3 $store
   $ echo "BEGIN EXCLUSIVE; SELECT 'locked';" >&${COPROC[1]}; read -r <&${COPROC[0]}; echo $REPLY
   locked
-  $ printf '%s\n' backup restore | try_each
+  $ printf '%s\n' backup '--timeout 1 restore' '--timeout 1 settings set prediction on' | try_each
   0 
-  3 ime-backupctl: the settings store WORK/state/settings.db can't be used: database is locked
+  124 ime-backupctl: another process that holds the settings store did not finish in time
+  124 ime-backupctl: another process that holds the settings store did not finish in time
   $ eval "exec ${COPROC[1]}>&-"; wait
 
 State that can't be used, or is elsewhere.
@@ -141,6 +142,29 @@ Several at once, and a disk that is full (here, a file that may not grow). Nothi
   7   DAY 
   8   DAY 
 
+The SCIM daemon's disk is full: it says that all is well, and cuts its file. The same again mends that.
+
+  $ stop_scim; (trap '' XFSZ; start_scim)
+  $ limit_file() { prlimit --pid $(cat $WORK/scim.pid) --fsize=$1:unlimited; }
+  $ ime-backupctl settings set default_keyboard kbd auto_space on key_tap_sound on
+  $ ime-backupctl backup
+  backup 9  DAY TIME
+  $ ime-backupctl settings set default_keyboard other auto_space off
+  $ keys() { cut -d = -f 1 $SCIM_HOME/.scim/config; }; keys >keys
+  $ limit_file 50; printf '%s\n' 'settings set auto_space on' restore | try_each | sed 's/, [0-9]* other/, MANY other/'
+  3 ime-backupctl: the SCIM daemon (at local:WORK/scim/socket) did not write all of WORK/scim/.scim/config, which lacks keyloom/auto_spacing_val, MANY other keys; free space on its disk, and do this again before the daemon ends
+  3 ime-backupctl: the SCIM daemon (at local:WORK/scim/socket) did not write all of WORK/scim/.scim/config, which lacks /DefaultIMEngineFactory/~other, keyloom/auto_capitalization_val, keyloom/auto_punctuate_val, keyloom/auto_spacing_val, keyloom/key_sounds_val, keyloom/key_vibration_val; free space on its disk, and do this again before the daemon ends
+  $ limit_file unlimited; try_each <<<restore; keys | diff keys - | grep -c '<'
+  0 
+  0
+  [1]
+  $ limit_file 50; try_each <<<undo | cut -c 1-40; limit_file unlimited; try_each <<<undo; keys | diff keys -
+  3 ime-backupctl: the SCIM daemon (at loc
+  0 
+  $ stop_scim; start_scim; ime-backupctl settings | grep -E 'keyboard|space'
+  default_keyboard                  other
+  auto_space                        true
+
 A service that never finishes, and does not mind being asked to; then one that waits, whose launcher is killed.
 
   $ printf '%s\n' '#!/bin/sh' "trap '' TERM" 'echo $$ >pid' 'while :; do sleep 0.05; done' >stubborn
@@ -161,7 +185,7 @@ A request to the session bus starts the service, which makes a backup and ends. 
   $ on_bus() { XDG_DATA_DIRS=$BUILD/share dbus-run-session -- bash -c "$1" 2>bus.log; }
   $ on_bus 'gapplication launch $bus $operation/backup && ends'
   $ ime-backupctl list | tail -n 1 | cut -c 1-8
-  9   DAY 
+  10  DAY 
   $ on_bus 'call_bus StartServiceByName 0 && call_bus NameHasOwner && ends'
   (uint32 1,)
   (true,)

@@ -78,6 +78,7 @@ struct FakeDevice : Device {
         if (!is_durable)
             throw PlatformError("the disk is broken");
     }
+    std::string not_assured() override { return ""; }
     bool serves(const SettingRow &row) override { return row.place != foreign; }
     std::string daemon_address() override { return ""; }
 

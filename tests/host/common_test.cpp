@@ -105,11 +105,13 @@ TEST(Child, IsStoppedAndWaitedFor)
         {"trap '' TERM; exec sleep 20", 100'000, 0, SIGKILL, Stop::timed_out, 0},
         {"kill -TERM $PPID; exec sleep 20", LONG_US, 0, SIGTERM, Stop::interrupted, 1},
         {"kill -INT $PPID; exec sleep 20", LONG_US, 0, SIGTERM, Stop::interrupted, 1},
+        {"kill -HUP $PPID; exec sleep 20", LONG_US, 0, SIGTERM, Stop::interrupted, 1},
         {"trap '' TERM; kill -INT $PPID; sleep 0.2; kill -INT $PPID; exec sleep 20", LONG_US, 0, SIGKILL,
          Stop::interrupted, 1},
     };
     const auto ignored = std::signal(SIGPIPE, SIG_IGN);
-    const auto before = std::signal(SIGTERM, learn_of_signal);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP})
+        std::signal(signal, learn_of_signal);
     for (const auto &test : cases) {
         SCOPED_TRACE(test.script);
         signals_learnt_of = 0;
@@ -122,7 +124,10 @@ TEST(Child, IsStoppedAndWaitedFor)
         EXPECT_EQ(end.stopped, test.stopped);
         EXPECT_EQ(signals_learnt_of, test.learnt_of);
     }
-    EXPECT_EQ(std::signal(SIGTERM, before), learn_of_signal);
+    EXPECT_EQ(std::signal(SIGHUP, SIG_IGN), learn_of_signal);
+    EXPECT_EQ(run_child(shell("kill -HUP $PPID; exit 7")).stopped, Stop::none) << "as nohup has it";
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP})
+        std::signal(signal, SIG_DFL);
     std::signal(SIGPIPE, ignored);
 
     EXPECT_EQ(run_child({.program = "/dev/null/none"}).error, ENOTDIR);

@@ -298,6 +298,9 @@ TEST(Config, TheActiveInputMethodIsPendingUntilTheExchangeFlushesIt)
         else
             EXPECT_THROW(host_device()->make_durable(), DaemonError);
         EXPECT_EQ(outcomes(), test.outcomes);
+        if (test.fault == Fault::none) {
+            EXPECT_NE(host_device()->not_assured().find("can't be found"), std::string::npos);
+        }
     }
 }
 

@@ -193,16 +193,31 @@ TEST_F(Store, AKilledProcessLeavesWholeSets)
 
 TEST_F(Store, IsItsOwnersAloneAndMadeWhole)
 {
-    // What a process that was killed while it made the store may have left.
+    // Of a store that is taken away, what a process that is killed leaves beside it.
+    run([this] {
+        SettingsStore old;
+        old.set({{"old", true}});
+        for (const char *suffix : {"-wal", "-shm"})
+            std::filesystem::copy(root.path / (std::string("settings.db") + suffix), root.path / suffix);
+    });
+    std::filesystem::remove(root.path / "settings.db");
+    for (const char *suffix : {"-wal", "-shm"})
+        std::filesystem::rename(root.path / suffix, root.path / (std::string("settings.db") + suffix));
+    write_file(root.path / "settings.db-journal", "of an older one");
     write_file(root.path / "settings.db.new", "half a store");
-    write_file(root.path / "settings.db-wal", "of a store that is gone");
     run([] {
         umask(022);
         SettingsStore().set({{"a", true}});
         EXPECT_EQ(SettingsStore().get("a"), DeviceValue(true));
+        EXPECT_EQ(SettingsStore().get("old"), DeviceValue());
     });
-    EXPECT_EQ(std::filesystem::status(root.path / "settings.db").permissions(), std::filesystem::perms(0600));
-    EXPECT_FALSE(std::filesystem::exists(root.path / "settings.db.new"));
+    EXPECT_EQ(open_raw().execAndGet("PRAGMA journal_mode").getString(), "wal");
+    std::set<std::string> left;
+    for (const auto &entry : std::filesystem::directory_iterator(root.path)) {
+        left.insert(entry.path().filename());
+        EXPECT_EQ(entry.status().permissions(), std::filesystem::perms(0600)) << entry.path();
+    }
+    EXPECT_EQ(left, (std::set<std::string>{"settings.db", "settings.db.lock"}));
 }
 
 /// The value of a key in the store's file alone, without the log beside it, which a power cut may take away.
