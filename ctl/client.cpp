@@ -25,7 +25,7 @@ namespace fs = std::filesystem;
 
 static constexpr unsigned GRACE_SECONDS = 2;
 /// The service may take this much of the time left, so that its own reason comes in time.
-static constexpr double SHARE_OF_SERVICE = 0.9;
+static constexpr double SHARE_OF_SERVICE = 0.8;
 /// The numbers of the report's file and of the trace's in the service.
 static constexpr int REPORT_DESCRIPTOR = 3;
 static constexpr int TRACE_DESCRIPTOR = 4;

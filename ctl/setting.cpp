@@ -142,27 +142,29 @@ static void write_values(Device &device, const NewValues &values)
         throw HostError("not changed: " + join(failures, ", "));
 }
 
-static NamedValues read_those(Device &device, const NewValues &values)
+/// The settings that are to be changed, as they are.
+static NamedValues read_targets(Device &device, const NewValues &values)
 {
-    NamedValues named;
     std::vector<SettingRow> rows;
     for (const auto &[row, value] : values)
         rows.push_back(row);
     const std::vector<DeviceValue> read = device.read(rows);
+    NamedValues named;
     for (size_t i = 0; i < rows.size(); i++)
-        named[rows[i].member] = read[i];
+        named.emplace(rows[i].member, read[i]);
     return named;
 }
 
-/// The same after a failure. Where they can't be read, they may be as they were to become.
-static NamedValues read_again(Device &device, const NewValues &values, NamedValues before)
+/// The same after a failure. Where they can't be read, each counts as changed.
+static NamedValues read_again(Device &device, const NewValues &values)
 {
     try {
-        return read_those(device, values);
+        return read_targets(device, values);
     } catch (const HostError &) {
+        NamedValues named;
         for (const auto &[row, value] : values)
-            before[row.member] = value;
-        return before;
+            named.emplace(row.member, value);
+        return named;
     }
 }
 
@@ -171,7 +173,7 @@ Table change_device(Cli &cli, const std::string &what, const NewValues &values, 
     Device &device = open_device();
     for (const auto &[row, value] : values)
         device.require_writable(row);
-    const NamedValues before = read_those(device, values);
+    const NamedValues before = read_targets(device, values);
     Table all = CHANGES;
     NamedValues planned;
     for (const auto &[row, value] : values) {
@@ -192,7 +194,7 @@ Table change_device(Cli &cli, const std::string &what, const NewValues &values, 
         reason = error.what();
         failure = std::current_exception();
     }
-    const NamedValues after = read_again(device, values, before);
+    const NamedValues after = read_again(device, values);
     Table changes = CHANGES;
     std::vector<std::string> changed;
     for (const SettingRow &row : ALL_SETTINGS)

@@ -108,8 +108,9 @@ static void decode(Kept &kept)
     if (members.contains("succeeded"))
         entry.succeeded = members["succeeded"].get<bool>();
     entry.reason = members.value("reason", "");
-    for (const auto &[member, value] : entry.planned)
-        entry.changed.push_back(member);
+    for (const SettingRow &row : ALL_SETTINGS)
+        if (entry.planned.contains(row.member))
+            entry.changed.emplace_back(row.member);
     entry.changed = members.value("changed", entry.changed);
     for (const std::string &member : entry.changed)
         if (!entry.before.contains(member))

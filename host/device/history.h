@@ -48,6 +48,7 @@ std::vector<HistoryEntry> read_history();
 ///
 /// @throws HostError when an entry is in the way that can't be read
 const HistoryEntry *find_undoable(const std::vector<HistoryEntry> &entries);
+const HistoryEntry *find_undoable(std::vector<HistoryEntry> &&) = delete;
 
 /// The highest number of a backup in this store that the history knows; 0 if it knows none.
 std::uint64_t highest_backup(const std::string &store);

@@ -163,7 +163,7 @@ What only looks makes nothing, and tells what is in the way.
   >     command ime-backupctl $command >/dev/null 2>&1; test -e fresh && ls -R fresh
   > done
   [1]
-  $ mkdir -p fresh/exchange.lock; echo >fresh/last-exchange.json; ln -s nowhere fresh/cloud; ime-backupctl status | tail -n 3
+  $ mkdir -p fresh/exchange.lock; ln -s nowhere fresh/cloud; ime-backupctl status | tail -n 3
   exchange files   NOT FINE  can't open HERE/fresh/exchange.lock: Is a directory. Move away what is in the way, or set IME_BACKUP_HOST_DIR to another folder
   cloud store      NOT FINE  can't write in HERE/fresh/cloud. Set IME_BACKUP_CLOUD_STORE to a place that you can write in
   last exchange    NOT FINE  can't open HERE/fresh/exchange.lock: Is a directory. Move it away

@@ -114,7 +114,7 @@ Interrupted: status and the history tell of it, and what it was to change is put
   $ ime-backupctl status | grep last
   last exchange    NOT FINE  restore of backup 2 was interrupted. Put back what it changed with: ime-backupctl undo 22
   $ ime-backupctl history | tail -n 2 | cut -c 1-80
-  22     DAY TIME  restore of backup 2  interrupted  auto_capitalize, auto_punctua
+  22     DAY TIME  restore of backup 2  interrupted  default_keyboard, handwriting
   23     DAY TIME  settings unset       done         auto_capitalize
   $ ime-backupctl undo | tail -n 1
   undid entry 23 (settings unset)
@@ -167,7 +167,7 @@ A place that can't be written: nothing is changed, and it can be tried again. Al
   $ rmdir $journal; mv kept $journal
   $ ime-backupctl undo | head -n 1
   setting           before  after
-  $ (flock 9; printf -- '--timeout 0.2 %s\n' undo restore 'settings set key_tap_vib on' 'settings unset key_tap_vib' backup | try_each; ime-backupctl status | grep last) 9>$IME_BACKUP_HOST_DIR/exchange.lock
+  $ (flock 9; printf -- '--timeout 0.5 %s\n' undo restore 'settings set key_tap_vib on' 'settings unset key_tap_vib' backup | try_each; ime-backupctl status | grep last) 9>$IME_BACKUP_HOST_DIR/exchange.lock
   124 ime-backupctl: another exchange did not finish in time
   124 ime-backupctl: another exchange did not finish in time
   124 ime-backupctl: another exchange did not finish in time
