@@ -182,7 +182,7 @@ static void delete_and_tell(Document &document, CloudStore &store, const CloudSt
         try {
             if (!going.empty())
                 look_after(document, store, going);
-        } catch (const HostError &) { // why it failed is told
+        } catch (const HostError &) { // the failure of the deletion is reported
         }
         throw;
     }

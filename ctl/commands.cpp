@@ -150,8 +150,8 @@ static const std::vector<Command> COMMANDS = {
      "exit status is 1 if one is damaged, and else 3 if one can't be read.",
      "ime-backupctl verify", run_verify, {{"ID", "The backups' numbers", backup, any}}},
     {"delete", STORE, "Delete backups",
-     "If one of them isn't there, none is deleted. What is told as deleted is no longer listed. A backup's "
-     "number is never given to another.",
+     "If one of them isn't there, none is deleted. A backup is reported as deleted once it is no longer "
+     "listed. A backup's number is never given to another.",
      "ime-backupctl delete 1 2", run_delete, {{"ID", "The backups' numbers", backup, at_least_once}}},
     {"prune", STORE, "Delete all backups but the newest ones",
      "Of the backups that aren't damaged, the one with the highest number and the one with the latest date are "

@@ -20,7 +20,7 @@ using Clock = std::chrono::steady_clock;
 
 static constexpr int SIGNALS[] = {SIGTERM, SIGINT, SIGHUP};
 
-/// What a command or a request needs at most to be open, but for what others have it open.
+/// What a command or a request needs to have open at most, besides what it was started with.
 static constexpr int NEEDED_DESCRIPTORS = 20;
 
 void prepare_process()

@@ -24,9 +24,9 @@ std::optional<std::int64_t> time_left();
 /// @throws InterruptedError when TerminationSignals has something to tell, which stays there to be taken
 void wait_for_another(const std::string &who);
 
-/// Takes SIGTERM, SIGINT and SIGHUP, which ask this process to end, while the object is there, but for those
-/// that are ignored. Then what handled them before does so again. It also gets one that came meanwhile, but
-/// what take() has told of does not end the process.
+/// Takes SIGTERM, SIGINT and SIGHUP, which ask this process to end, while the object is there, except
+/// those that are ignored. Then what handled them before does so again. It also gets one that came meanwhile,
+/// but what take() has told of does not end the process.
 class TerminationSignals
 {
 public:

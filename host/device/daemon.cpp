@@ -160,7 +160,7 @@ static std::filesystem::path find_file(const Descriptor &connection)
     return {};
 }
 
-/// The texts in the daemon's file by their keys, but for one whose line is cut.
+/// The texts in the daemon's file by their keys, except one whose line is cut.
 ///
 /// @return nothing when it can't be read
 std::optional<ScimDaemon::Texts> ScimDaemon::texts_in(const std::filesystem::path &file)

@@ -117,7 +117,7 @@ private:
     Backup downloaded;
     std::optional<HistoryWriter> history; ///< nothing before it has its turn
     DeviceState before;                   ///< the device, when it was planned what it becomes
-    std::optional<DeviceState> after;     ///< the device at the end, but for what is unread
+    std::optional<DeviceState> after;     ///< the device at the end, except what is unread
 
     Device &device = *host_device();
     std::set<SettingPlace> unread;

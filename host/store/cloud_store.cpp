@@ -35,7 +35,7 @@ std::string CloudStore::without_secrets(const std::string &text)
         const char *pattern;
         const char *shown;
     } SECRETS[] = {
-        // A remote's parameters, but for those that tell remotes apart. In an error's text, a backslash may
+        // A remote's parameters, except those that tell remotes apart. In an error's text, a backslash may
         // stand in front of a quote.
         {R"((,(?!(?:type|provider|vendor|url|host|port|user|region|endpoint)=)[^=,:/"']*=))"
          R"((?:\\?"(?:[^"]|"")*(?:"|\z)|'(?:[^']|'')*(?:'|\z)|[^,:]*))",

@@ -109,7 +109,7 @@ TEST_F(History, AnyDamageShows)
     add("settings set", {{"key_tap_vib", 1}});
     const std::string text = read_file(journal);
     const std::vector<HistoryEntry> entries = read_history();
-    for (size_t i = 0; i < text.size(); i += 5) {
+    for (size_t i = 0; i < text.size(); i += 13) {
         for (const char change : {'\x01', '\x20', '\x80'}) {
             std::string damaged = text;
             damaged[i] = static_cast<char>(damaged[i] ^ change);
