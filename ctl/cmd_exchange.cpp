@@ -13,23 +13,24 @@
 #include "setting.h"
 #include "text.h"
 
-/// The newest backup, if it holds what a backup of this device would. What can't be told now, a backup tells.
-static std::optional<BackupNumber> find_same()
+/// The newest backup, if it holds what a backup of this device would, else 0. What can't be told now, a
+/// backup tells.
+static BackupNumber find_same()
 {
     try {
         const auto store = open_store();
         const std::vector<BackupNumber> known = store->list().numbers;
         if (known.empty())
-            return std::nullopt;
+            return 0;
         const CloudRecords records = store->read(known.back()).records;
         const BackupPlan plan = plan_backup_here();
         const bool is_same = plan.obstacles.empty() && records.size() == 1 && records[0].key == RECORD_KEY &&
                              is_same_snapshot(read_snapshot(snapshot_in(records))->values, plan.snapshot);
-        return is_same ? std::optional(known.back()) : std::nullopt;
+        return is_same ? known.back() : 0;
     } catch (const TimeoutError &) {
         throw;
     } catch (const HostError &) {
-        return std::nullopt;
+        return 0;
     }
 }
 
@@ -38,14 +39,14 @@ void run_backup(Cli &cli)
     cli.document.set_result(false);
     cli.document.set("backup", nullptr);
     cli.document.set("stored", false);
-    if (const auto same = cli.has("--if-changed") ? find_same() : std::nullopt; same) {
+    if (const BackupNumber same = cli.has("--if-changed") ? find_same() : 0; same != 0) {
         const FileLock turn = wait_for_turn(false);
         HistoryWriter entry("backup");
-        entry.set_backup(*same, open_store()->location());
-        entry.finish(true, "nothing was stored: " + name_of(*same) + " holds the same settings", {});
+        entry.set_backup(same, open_store()->location());
+        entry.finish(true, "nothing was stored: " + name_of(same) + " holds the same settings", {});
         cli.document.set_result(true);
-        cli.document.set("backup", *same);
-        cli.document.say(name_of(*same) + " holds the same settings; nothing was stored");
+        cli.document.set("backup", same);
+        cli.document.say(name_of(same) + " holds the same settings; nothing was stored");
         return;
     }
     const ExchangeReport report = run_exchange(cli, OPERATION_BACKUP);
