@@ -98,17 +98,12 @@ static int record_open(const char *name, const char *path, int flags, mode_t mod
     return record(makes ? "create" : "truncate", path, "0", "", open_it);
 }
 
-static mode_t mode_in(int flags, va_list arguments)
-{
-    return (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
-}
-
 #define RECORDED_OPEN(name)                                                                                  \
     int name(const char *path, int flags, ...)                                                               \
     {                                                                                                        \
         va_list arguments;                                                                                   \
         va_start(arguments, flags);                                                                          \
-        const mode_t mode = mode_in(flags, arguments);                                                       \
+        const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;                          \
         va_end(arguments);                                                                                   \
         return record_open(#name, path, flags, mode);                                                        \
     }
