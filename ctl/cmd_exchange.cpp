@@ -6,12 +6,9 @@
 
 #include "backups.h"
 #include "commands.h"
-#include "contact.h"
 #include "history.h"
 #include "orvanta_cloud_operations.h"
-#include "paths.h"
 #include "setting.h"
-#include "text.h"
 
 /// The newest backup, if it holds what a backup of this device would, else 0. What can't be told now, a
 /// backup tells.

@@ -4,9 +4,7 @@
 
 #include "backups.h"
 #include "commands.h"
-#include "contact.h"
 #include "history.h"
-#include "paths.h"
 #include "setting.h"
 
 std::string describe(const HistoryEntry &entry)
@@ -23,7 +21,7 @@ static std::string entry_name(const HistoryEntry &entry)
     return "entry " + std::to_string(entry.number) + " (" + describe(entry) + ")";
 }
 
-/// What came of an entry, and why.
+/// The result of an entry, and its reason.
 static std::pair<std::string, std::string> result_of(const HistoryEntry &entry, bool is_under_way)
 {
     if (!entry.fault.empty())

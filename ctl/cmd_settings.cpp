@@ -21,8 +21,7 @@ void run_settings_get(Cli &cli)
     cli.document.say(value.text);
 }
 
-/// Changes settings, once it is known that all can be changed. People are told only of a failure, and what
-/// had been changed by then.
+/// Changes settings if all can be changed. Prints for people only a failure, with the changes made before it.
 static void change_settings(Cli &cli, const std::string &what, const NewValues &values)
 {
     cli.document.set_result(false);

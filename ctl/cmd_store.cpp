@@ -207,7 +207,7 @@ struct Candidate {
 
 /// The backups that go. Each of them was read: one that can't be may be good, and the newest of all.
 ///
-/// @param[out] unreadable tells of each that can't be read
+/// @param[out] unreadable the backups that can't be read, each with the reason
 static std::vector<BackupNumber> choose(const CloudStore &store, const std::vector<BackupNumber> &known,
                                         const Cli &cli, std::vector<std::string> &unreadable)
 {

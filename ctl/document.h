@@ -25,7 +25,8 @@ struct Cell {
     std::string text;
 };
 
-/// A column is for scripts when it has a member name, and for people when it has a heading, be it empty.
+/// A column is for scripts when it has a member name, and for people when it has a heading, even an empty
+/// one.
 struct Column {
     const char *member;
     std::optional<std::string> heading;

@@ -60,7 +60,7 @@ static std::string encode_line(const Json &object)
     return text + SUM + checksum_of(text) + "\"}\n";
 }
 
-/// @return null unless the line, without its end, is as it was written
+/// @return the object in a line without its newline; null if the checksum does not match
 static Json decode_line(std::string_view line)
 {
     if (line.size() < TAIL_LENGTH)
@@ -342,7 +342,7 @@ void HistoryWriter::open()
         throw HostError(std::string("can't write ") + JOURNAL + ": " + g_strerror(errno));
 }
 
-/// Finds the end of what was written whole, and the next number, in the usual case.
+/// Finds the end of the last whole line, and the next number, from the end of the journal alone.
 ///
 /// @return false when there is more to do
 bool HistoryWriter::find_end()

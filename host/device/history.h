@@ -30,7 +30,7 @@ struct HistoryEntry {
     std::uint64_t backup = 0; ///< that was made or restored; 0 if there is none
     std::string store;        ///< the location of the backup's store
     EntryNumber undoes = 0;   ///< the entry that an undo takes back; else 0
-    NamedValues before;       ///< the device as it was; empty if nothing was to be changed
+    NamedValues before;       ///< the old values; empty if no change was planned
     NamedValues planned;      ///< the settings that were to be changed
     std::optional<bool> succeeded; ///< nothing while it has no end: it is under way, or was interrupted
     std::string reason;

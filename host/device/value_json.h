@@ -8,7 +8,7 @@
 /// Member of an object that stands for a text which is no UTF-8: its bytes, in base 64.
 inline constexpr char BYTES[] = "base64";
 
-/// A device's value, exactly as it is.
+/// Converts a device's value without loss.
 template <>
 struct nlohmann::adl_serializer<DeviceValue> {
     static void to_json(nlohmann::json &json, const DeviceValue &value)

@@ -101,7 +101,7 @@ public:
     /// The size of a backup's file, if it is known.
     virtual std::optional<std::uintmax_t> size(BackupNumber number) const = 0;
 
-    /// Whether this is the path of a file, be it to be made, that would stand among those of the store.
+    /// Whether a file of this path, which may not exist yet, lies among those of the store.
     virtual bool contains(const std::filesystem::path & /*file*/) const { return false; }
 
 protected:

@@ -44,8 +44,8 @@ static constexpr char TRACER[] = R"([^ :]*libime-backup-trace\.so[ :]*)";
 static constexpr int MAX_TRIES = 8;
 static constexpr gint32 PAUSE_US = 100'000;
 
-/// How long a silent server is waited for: no longer than this, and no longer than this part of the time
-/// left. Twice that leaves time to tell of it.
+/// A silent server has failed after this time, and after this part of the time left. rclone tries twice, and
+/// there is time to report its reason.
 static constexpr std::int64_t MAX_PATIENCE_US = 10'000'000;
 static constexpr std::int64_t SHARE_OF_PATIENCE = 4;
 
@@ -135,7 +135,7 @@ public:
         std::string names;
         for (const BackupNumber number : numbers)
             names += "/" + file_name(number) + "\n";
-        // What is left out here, be it that it can't be read, is read alone, which tells why.
+        // A file that is not copied here is read alone later, which shows the reason.
         const Result copied = run({"copy", "--include-from", "-", "--max-size",
                                    std::to_string(MAX_RECORD_FILE_SIZE) + "B", "--", target, folder.get()},
                                   names);
@@ -360,7 +360,7 @@ private:
         const std::string name = file_name(number);
         const Result moved = run({"moveto", "--ignore-existing", "--", file(uploaded), file(name)});
         const Result named = get(name);
-        if (named.status == 0 && named.output == content) // be it that the answer to the move was lost
+        if (named.status == 0 && named.output == content) // the answer to the move may be lost
             return true;
         const std::string doubt = "; the backup may have been stored nevertheless";
         require_done(moved, doubt);
