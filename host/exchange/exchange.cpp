@@ -10,6 +10,7 @@
 #include "contact.h"
 #include "files.h"
 #include "handles.h"
+#include "ime_backup_trusted_folder.h"
 #include "paths.h"
 
 Exchange::Exchange(Direction which, const Callbacks &registered) : direction(which), callbacks(registered)
@@ -431,6 +432,9 @@ int Exchange::write_file(orvanta_cloud_list_handle list, const char *device_path
     try {
         const std::string text = encode_record_file(*content);
         const std::filesystem::path file = host_path(device_path);
+        if (const auto folder = file.parent_path();
+            folder != host_path(IME_BACKUP_TRUSTED_FOLDER) && !std::filesystem::is_directory(folder))
+            throw HostError("there is no folder " + folder.string());
         replace_file(file, text);
         written_path = device_path;
         written = text;

@@ -30,6 +30,12 @@ public:
     bool write(const scim::String &key, int value) override { return set(key, value); }
     bool write(const scim::String &key, bool value) override { return set(key, value); }
 
+    /// Not in an exchange, whose history could not put back what is erased.
+    bool erase(const scim::String &key) override
+    {
+        return !account().is_started() && with_daemon([&] { daemon->erase(key); });
+    }
+
     bool flush() override
     {
         return with_daemon([this] { daemon->flush(); });

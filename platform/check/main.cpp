@@ -1,0 +1,325 @@
+// ime-backup-check: runs the checks, and prints what they come to in TAP, the Test Anything Protocol.
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <sstream>
+#include <stdexcept>
+#include <vector>
+
+#include <fnmatch.h>
+#include <getopt.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "check.h"
+#include "report.h"
+
+static constexpr int EXIT_USAGE = 2;
+static constexpr int EXIT_CANNOT_RUN = 3;
+static constexpr int LIMIT_SECONDS = 10;
+
+static constexpr char HELP[] =
+    "Usage: ime-backup-check [OPTION]...\n"
+    "Checks what the IME backup service relies on in the platform's libraries, on this\n"
+    "device, and puts back what it changes. Prints TAP, which prove(1) reads.\n"
+    "\n"
+    "  -l, --list          list the checks, and run none\n"
+    "  -o, --only PATTERN  run only checks whose description contains PATTERN, in which\n"
+    "                      *, ? and [...] are wildcards; may be repeated\n"
+    "  -r, --read-only     leave out checks that change something or run an exchange\n"
+    "  -k, --keep-going    go on after a failed check (the default)\n"
+    "  -h, --help          show this help\n"
+    "  -V, --version       show the version\n"
+    "\n"
+    "Exit status: 0 all checks passed or were skipped, 1 a check failed, 2 usage error,\n"
+    "3 the checks could not be run.\n";
+
+namespace
+{
+
+struct Row {
+    const Library *library;
+    const Check *check;
+
+    std::string description() const { return std::string(library->name) + ": " + check->promise; }
+};
+
+struct Options {
+    std::vector<std::string> patterns;
+    bool lists = false;
+    bool reads_only = false;
+};
+
+} // namespace
+
+// Running a check.
+
+static sigset_t make_set(std::initializer_list<int> signals)
+{
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : signals)
+        sigaddset(&set, signal);
+    return set;
+}
+
+/// The signals that end the program once the device is as it was. They are taken one at a time, by waiting.
+static const sigset_t TERMINATION = make_set({SIGINT, SIGTERM, SIGHUP});
+
+/// The signal that asked the program to end, or 0.
+static int interruption = 0;
+
+/// Waits for a signal, at most until a time of the monotonic clock.
+///
+/// @return the signal, or -1 when the time is over
+static int wait_for_signal(sigset_t signals, double deadline)
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const double left =
+        std::max(0.0, deadline - static_cast<double>(now.tv_sec) - static_cast<double>(now.tv_nsec) / 1e9);
+    const timespec time = {static_cast<time_t>(left),
+                           static_cast<long>((left - static_cast<double>(static_cast<time_t>(left))) * 1e9)};
+    return sigtimedwait(&signals, nullptr, &time);
+}
+
+/// What the check that ran wrote on standard error.
+static int log_file = -1;
+
+/// Runs a function in a process group of its own, so that all of it ends at the latest with the time limit.
+static void run_limited(void (*work)(), bool can_be_interrupted)
+{
+    *report = {};
+    close(log_file);
+    log_file = memfd_create("log", MFD_CLOEXEC);
+    const pid_t child = start_apart([work] {
+        dup2(log_file, STDERR_FILENO);
+        setpgid(0, 0); // Ctrl-C is for the process that puts things back
+        const sigset_t all = make_set({SIGCHLD, SIGINT, SIGTERM, SIGHUP});
+        sigprocmask(SIG_UNBLOCK, &all, nullptr);
+        work();
+    });
+    setpgid(child, child);
+
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const double deadline = static_cast<double>(now.tv_sec) + LIMIT_SECONDS;
+    const sigset_t signals =
+        can_be_interrupted ? make_set({SIGCHLD, SIGINT, SIGTERM, SIGHUP}) : make_set({SIGCHLD});
+    int status = 0;
+    while (waitpid(child, &status, WNOHANG) == 0) {
+        const int signal = wait_for_signal(signals, deadline);
+        if (signal == SIGCHLD || (signal < 0 && errno == EINTR))
+            continue;
+        kill(-child, SIGKILL);
+        waitpid(child, &status, 0);
+        if (signal < 0)
+            report_failure("a return", "none in " + std::to_string(LIMIT_SECONDS) + " seconds");
+        else
+            interruption = signal;
+        return;
+    }
+    kill(-child, SIGKILL); // what it left running
+    report_end(status);
+}
+
+// Printing.
+
+/// A text between quotation marks, on one line.
+static std::string quote(const std::string &text)
+{
+    std::string quoted = "\"";
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        char escaped[5];
+        snprintf(escaped, sizeof escaped, byte < ' ' || byte == 0x7f ? "\\x%02x" : "%c", byte);
+        quoted += c == '"' || c == '\\' ? std::string("\\") + c : escaped;
+    }
+    return quoted + "\"";
+}
+
+static void print_failure(const Report &failure, const char *means, const std::string &log)
+{
+    printf("  ---\n  call: %s\n  expected: %s\n  got: %s\n  means: %s\n  ...\n", quote(failure.call).c_str(),
+           quote(failure.expected).c_str(), quote(failure.got).c_str(), quote(means).c_str());
+    printf("%s", log.c_str());
+}
+
+/// The end of the log, as comments.
+static std::string read_log()
+{
+    char text[1000];
+    const off_t begin = lseek(log_file, 0, SEEK_END) - static_cast<off_t>(sizeof text);
+    const ssize_t size = pread(log_file, text, sizeof text, std::max<off_t>(begin, 0));
+    std::istringstream lines(std::string(text, static_cast<size_t>(std::max<ssize_t>(size, 0))));
+    std::string comments;
+    for (std::string line; std::getline(lines, line);)
+        comments += "# " + quote(line) + "\n";
+    return comments;
+}
+
+/// Has the device as it was. Where that fails, it is said.
+static bool put_back(const Library &library)
+{
+    run_limited(library.put_back, false);
+    if (report->verdict == Report::Verdict::none)
+        return true;
+    printf("# %s: not put back: %s should be %s and is %s\n", library.name, quote(report->call).c_str(),
+           quote(report->expected).c_str(), quote(report->got).c_str());
+    return false;
+}
+
+/// @param saving  how the device's state was saved: what could not be saved is not changed
+/// @return whether it did not fail
+static bool run_row(const Row &row, size_t number, const Report &saving)
+{
+    const bool changes = row.check->access == Check::changes;
+    Report result = saving;
+    std::string log;
+    bool is_back = true;
+    if (!changes || saving.verdict == Report::Verdict::none) {
+        run_limited(row.check->run, true);
+        result = *report;
+        log = read_log();
+        is_back = !changes || row.library->put_back == nullptr || put_back(*row.library);
+        if (interruption != 0)
+            return false;
+    }
+
+    const bool failed = result.verdict == Report::Verdict::failed || !is_back;
+    printf("%s %zu - %s", failed ? "not ok" : "ok", number, row.description().c_str());
+    if (!failed && result.verdict == Report::Verdict::skipped)
+        printf(" # SKIP %s", result.got);
+    printf("\n");
+    if (failed)
+        print_failure(result.verdict == Report::Verdict::failed ? result : *report, row.check->means, log);
+    return !failed;
+}
+
+// The program.
+
+static int run_rows(const std::vector<Row> &rows)
+{
+    const sigset_t blocked = make_set({SIGCHLD, SIGINT, SIGTERM, SIGHUP});
+    sigprocmask(SIG_BLOCK, &blocked, nullptr);
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    // Perl's harness may be too old for version 14, of which only what version 13 has is used.
+    printf("TAP version %d\n1..%zu\n", getenv("HARNESS_ACTIVE") == nullptr ? 14 : 13, rows.size());
+
+    bool passed = true;
+    Report saving = {};
+    const Library *library = nullptr;
+    for (size_t i = 0; i < rows.size(); i++) {
+        if (rows[i].library != library) {
+            library = rows[i].library;
+            *report = {};
+            if (library->save != nullptr)
+                run_limited(library->save, true);
+            saving = *report;
+        }
+        if (interruption == 0)
+            passed = run_row(rows[i], i + 1, saving) && passed;
+        if (interruption != 0) {
+            printf("Bail out! Interrupted by SIG%s\n", sigabbrev_np(interruption));
+            fflush(stdout);
+            std::signal(interruption, SIG_DFL);
+            raise(interruption);
+            sigprocmask(SIG_UNBLOCK, &TERMINATION, nullptr);
+        }
+    }
+    return passed ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+static std::vector<Row> choose_rows(const Options &options)
+{
+    std::vector<Row> rows;
+    for (const Library *library :
+         {&DLOG, &APP_CONTROL, &APPCORE_AGENT, &VCONF, &SCIM, &ISF_CONTROL, &ORVANTA_CLOUD})
+        for (const Check &check : library->checks) {
+            const Row row = {library, &check};
+            const auto matches = [&](const std::string &pattern) {
+                return fnmatch(("*" + pattern + "*").c_str(), row.description().c_str(), 0) == 0;
+            };
+            if ((options.patterns.empty() || std::ranges::any_of(options.patterns, matches)) &&
+                (!options.reads_only || check.access == Check::reads))
+                rows.push_back(row);
+        }
+    return rows;
+}
+
+/// @return the exit status, if there is nothing to run
+static int parse_options(int argc, char **argv, Options &options)
+{
+    static const option LONG_OPTIONS[] = {{"list", no_argument, nullptr, 'l'},
+                                          {"only", required_argument, nullptr, 'o'},
+                                          {"read-only", no_argument, nullptr, 'r'},
+                                          {"keep-going", no_argument, nullptr, 'k'},
+                                          {"help", no_argument, nullptr, 'h'},
+                                          {"version", no_argument, nullptr, 'V'},
+                                          {}};
+    for (int letter; (letter = getopt_long(argc, argv, "lo:rkhV", LONG_OPTIONS, nullptr)) != -1;) {
+        switch (letter) {
+        case 'l':
+            options.lists = true;
+            break;
+        case 'o':
+            options.patterns.emplace_back(optarg);
+            break;
+        case 'r':
+            options.reads_only = true;
+            break;
+        case 'k':
+            break;
+        case 'h':
+            printf("%s", HELP);
+            return EXIT_SUCCESS;
+        case 'V':
+            printf("%s\n", IME_BACKUP_VERSION);
+            return EXIT_SUCCESS;
+        default:
+            return EXIT_USAGE;
+        }
+    }
+    if (optind == argc)
+        return -1;
+    fprintf(stderr, "ime-backup-check: unexpected argument \"%s\"\n", argv[optind]);
+    return EXIT_USAGE;
+}
+
+static int run(int argc, char **argv)
+{
+    Options options;
+    if (const int status = parse_options(argc, argv, options); status >= 0) {
+        if (status == EXIT_USAGE)
+            fprintf(stderr, "\"ime-backup-check --help\" tells more.\n");
+        return status;
+    }
+    const std::vector<Row> rows = choose_rows(options);
+    if (rows.empty()) {
+        fprintf(stderr, "ime-backup-check: no check matches; \"ime-backup-check --list\" lists them\n");
+        return EXIT_USAGE;
+    }
+    if (!options.lists)
+        return run_rows(rows);
+    for (const Row &row : rows)
+        printf("%s\n", row.description().c_str());
+    return EXIT_SUCCESS;
+}
+
+int main(int argc, char **argv)
+try {
+    const int status = run(argc, argv);
+    if (fflush(stdout) == 0 && ferror(stdout) == 0)
+        return status;
+    fprintf(stderr, "ime-backup-check: can't write to standard output\n");
+    return EXIT_CANNOT_RUN;
+} catch (const std::exception &error) {
+    fprintf(stderr, "ime-backup-check: %s\n", error.what());
+    return EXIT_CANNOT_RUN;
+}

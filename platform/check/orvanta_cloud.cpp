@@ -1,0 +1,523 @@
+// The cloud library: lists and records, the exchange, and the record file.
+
+#include "orvanta_cloud.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <utility>
+#include <vector>
+
+#include <glib.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "check.h"
+#include "ime_backup_trusted_folder.h"
+#include "main_loop.h"
+#include "report.h"
+
+using List = orvanta_cloud_list_handle;
+using Record = orvanta_cloud_record_handle;
+
+// Lists and records.
+
+static Record make_record(const char *value = nullptr)
+{
+    Record record = nullptr;
+    expect(CALL(orvanta_cloud_record_create(&record)), 0);
+    if (record == nullptr)
+        fail("a record", "null");
+    if (value != nullptr)
+        expect(CALL(orvanta_cloud_record_set_value(record, value)), 0);
+    return record;
+}
+
+static List make_list(const std::vector<std::string> &values = {})
+{
+    List list = nullptr;
+    expect(CALL(orvanta_cloud_list_create(&list)), 0);
+    if (list == nullptr)
+        fail("a list", "null");
+    for (const std::string &value : values)
+        expect(CALL(orvanta_cloud_list_add(list, make_record(value.c_str()))), 0);
+    return list;
+}
+
+static std::string get_value(Record record)
+{
+    char *value = nullptr;
+    expect(CALL(orvanta_cloud_record_get_value(record, &value)), 0);
+    if (value == nullptr)
+        fail("a text", "null");
+    const std::string copy = value;
+    g_free(value);
+    return copy;
+}
+
+static Record get_current(List list)
+{
+    Record record = nullptr;
+    expect(CALL(orvanta_cloud_list_get_current_record(list, &record)), 0);
+    if (record == nullptr)
+        fail("a record", "null");
+    return record;
+}
+
+/// What no call hands out, to see whether one that fails writes its output.
+template <class Handle>
+static Handle bad_handle()
+{
+    static char memory[4096] = {};
+    return reinterpret_cast<Handle>(memory + sizeof memory / 2);
+}
+
+/// @param spare  a record that is in no list
+static void expect_list_refused(List list, Record spare)
+{
+    int count = 42;
+    Record record = bad_handle<Record>();
+    expect_error(CALL(orvanta_cloud_list_get_record_count(list, &count)));
+    expect(count, 42, "the output: ");
+    expect_error(CALL(orvanta_cloud_list_get_current_record(list, &record)));
+    expect(record == bad_handle<Record>(), true, "the output is left: ");
+    expect_error(CALL(orvanta_cloud_list_move_to_first(list)));
+    expect_error(CALL(orvanta_cloud_list_move_to_next(list)));
+    expect_error(CALL(orvanta_cloud_list_add(list, spare)));
+    expect_error(CALL(orvanta_cloud_list_destroy(list)));
+}
+
+static void expect_record_refused(Record record, List spare)
+{
+    char text[] = "";
+    char *value = text;
+    expect_error(CALL(orvanta_cloud_record_get_value(record, &value)));
+    expect(value == text, true, "the output is left: ");
+    expect_error(CALL(orvanta_cloud_record_set_key(record, "0")));
+    expect_error(CALL(orvanta_cloud_record_set_date(record, "0")));
+    expect_error(CALL(orvanta_cloud_record_set_value(record, "")));
+    expect_error(CALL(orvanta_cloud_record_set_fail(record)));
+    expect_error(CALL(orvanta_cloud_list_add(spare, record)));
+}
+
+// The exchange.
+
+enum class Set { info, backup };
+
+static bool is_ready = true;
+static void (*on_list)(List list) = nullptr;
+
+static void send_keys_and_dates()
+{
+    const Record record = make_record();
+    expect(CALL(orvanta_cloud_record_set_key(record, "0")), 0);
+    expect(CALL(orvanta_cloud_record_set_date(record, "1700000000999")), 0);
+    const List list = make_list();
+    expect(CALL(orvanta_cloud_list_add(list, record)), 0);
+    expect(CALL(orvanta_cloud_backup_record_send_keys_and_dates(list, ORVANTA_CLOUD_SEND_VALID)), 0);
+    expect(CALL(orvanta_cloud_list_destroy(list)), 0);
+}
+
+static void register_set(Set set)
+{
+    const auto prepare = [] {
+        note_event("preparation");
+        run_to_end([] {
+            expect(CALL(orvanta_cloud_backup_record_send_preparation_completed_response(is_ready ? 1 : 0)),
+                   0);
+        });
+    };
+    const auto tell_keys_and_dates = [] {
+        note_event("keys_and_dates");
+        run_to_end(send_keys_and_dates);
+    };
+    const auto back_up = [](List list) {
+        note_event("backup");
+        run_to_end([list] { on_list(list); });
+        run_to_end([] {
+            expect(CALL(orvanta_cloud_backup_record_send_backup_path(nullptr, ORVANTA_CLOUD_SEND_NOTHING)),
+                   0);
+        });
+        orvanta_cloud_list_destroy(list);
+    };
+    const auto complete = [](int result) { note_event("completed(" + std::to_string(result) + ")"); };
+
+    expect(CALL(orvanta_cloud_initialize()), 0);
+    expect(CALL(orvanta_cloud_backup_record_set_preparation_cb(prepare, nullptr)), 0);
+    expect(CALL(orvanta_cloud_backup_record_set_sending_keys_and_dates_cb(tell_keys_and_dates, nullptr)), 0);
+    if (set == Set::backup)
+        expect(CALL(orvanta_cloud_backup_record_set_backup_cb(back_up, nullptr)), 0);
+    expect(CALL(orvanta_cloud_backup_record_set_completed_cb(complete, nullptr)), 0);
+}
+
+/// Has the library run an exchange.
+///
+/// @return its events
+static std::string run_exchange(Set set)
+{
+    const auto create = [set, is_created = false]() mutable {
+        is_registering = !std::exchange(is_created, true); // a platform may be wrong, and call it again
+        const bool is_registered = !is_registering || run_to_end([set] { register_set(set); });
+        is_registering = false;
+        return is_registered;
+    };
+    const Run run = {.create = create, .last = "completed"};
+    const Events events = run_main_loop(run);
+    if (events.application.empty())
+        skip("the main loop does not run");
+    if (events.exchange.empty())
+        skip("no exchange begins by itself");
+    note("an exchange");
+    return events.exchange;
+}
+
+/// Has the library run a backup up to its record callback, which ends it without a file.
+static void run_backup(void (*with_list)(List list))
+{
+    on_list = with_list;
+    const std::string events = run_exchange(Set::backup);
+    if (events == " preparation keys_and_dates completed(0)")
+        skip("the library does not ask for the records");
+    expect(events, " preparation keys_and_dates backup completed(0)");
+}
+
+// The record file.
+
+static constexpr char FILE_NAME[] = "/ime-backup-check.dat";
+static constexpr char FOLDER_NAME[] = "/ime-backup-check";
+static const std::string FILE_PATH = std::string(IME_BACKUP_TRUSTED_FOLDER) + FILE_NAME;
+static constexpr rlim_t SIZE_LIMIT = 65'521;
+
+/// Where the library really writes: a platform may keep the device's folders below another one.
+struct Place {
+    char partial[4096]; ///< the file that the last record file was written into
+    char folder[4096];
+};
+
+static auto &place = *make_shared_memory<Place>();
+
+static std::string read_file(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// Called in the middle of a write, when the file has reached the limit: finds the file, and ends the
+/// process.
+static void die_in_write(int)
+{
+    for (int file = STDERR_FILENO + 1; file < 1024 && *place.folder == '\0'; file++) {
+        struct stat status = {};
+        if (fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_size == SIZE_LIMIT &&
+            readlink(("/proc/self/fd/" + std::to_string(file)).c_str(), place.partial,
+                     sizeof place.partial - 1) > 0)
+            snprintf(place.folder, sizeof place.folder, "%.*s",
+                     static_cast<int>(std::string(place.partial).rfind('/')), place.partial);
+    }
+    _exit(0);
+}
+
+/// A list that takes this much of a file.
+static List make_sized_list(size_t size)
+{
+    const List list = make_list({std::string(size, 'x')});
+    const Record record = get_current(list);
+    expect(CALL(orvanta_cloud_record_set_key(record, "0")), 0);
+    expect(CALL(orvanta_cloud_record_set_date(record, "1700000000999")), 0);
+    return list;
+}
+
+/// Writes more than the limit lets it.
+static int write_too_much(void (*on_limit)(int))
+{
+    const List list = make_sized_list(4 * SIZE_LIMIT);
+    const rlimit limit = {SIZE_LIMIT, RLIM_INFINITY};
+    std::signal(SIGXFSZ, on_limit);
+    setrlimit(RLIMIT_FSIZE, &limit);
+    return CALL(orvanta_cloud_file_create_file(list, FILE_PATH.c_str()));
+}
+
+static void die_while_writing()
+{
+    int status = 0;
+    waitpid(start_apart([] { write_too_much(die_in_write); }), &status, 0);
+}
+
+static std::string write_small(List list = make_sized_list(1))
+{
+    expect(CALL(orvanta_cloud_file_create_file(list, FILE_PATH.c_str())), 0);
+    return read_file(place.folder + std::string(FILE_NAME));
+}
+
+/// Expects the file to stay as it is while `work` fails to write another.
+static void expect_file_stays(void (*work)())
+{
+    die_while_writing(); // so that the place is known
+    const std::string before = write_small();
+    if (before.empty() || before != write_small())
+        skip("the files that the library writes can't be compared");
+    work();
+    const std::string after = read_file(place.folder + std::string(FILE_NAME));
+    note("orvanta_cloud_file_create_file(), which can't write all of the file");
+    if (after != before)
+        fail("the file that was there", std::to_string(after.size()) + " bytes of another");
+}
+
+static void remove_files()
+{
+    if (*place.folder == '\0')
+        return;
+    const std::string file = place.folder + std::string(FILE_NAME);
+    const std::string folder = place.folder + std::string(FOLDER_NAME);
+    for (const std::string &made : {std::string(place.partial), file, folder + FILE_NAME, folder})
+        if (remove(made.c_str()) != 0 && errno != ENOENT && errno != ENOTDIR) {
+            note(made.c_str());
+            fail("removed", strerror(errno));
+        }
+}
+
+// The promises.
+
+static constexpr Check CHECKS[] = {
+    {"orvanta_cloud_initialize() may be called again", "It would not serve a second request.",
+     [] {
+         expect(CALL(orvanta_cloud_initialize()), 0);
+         expect(CALL(orvanta_cloud_initialize()), 0);
+         orvanta_cloud_list_destroy(make_list());
+         expect(CALL(orvanta_cloud_deinitialize()), 0);
+     }},
+
+    {"a list gives each of its records once, in order, and an error behind the last",
+     "It would back up or restore a record twice, or not at all.",
+     [] {
+         orvanta_cloud_initialize();
+         for (const auto &values : {std::vector<std::string>(), {"one"}, {"one", "two", "three"}}) {
+             const List list = make_list(values);
+             int count = -1;
+             expect(CALL(orvanta_cloud_list_get_record_count(list, &count)), 0);
+             expect(count, static_cast<int>(values.size()));
+             for (int pass = 0; pass < 2; pass++) {
+                 if (pass > 0 && count > 0)
+                     expect(CALL(orvanta_cloud_list_move_to_first(list)), 0);
+                 for (size_t i = 0; i < values.size(); i++) {
+                     expect(get_value(get_current(list)), values[i]);
+                     if (i + 1 < values.size())
+                         expect(CALL(orvanta_cloud_list_move_to_next(list)), 0);
+                 }
+                 expect_error(CALL(orvanta_cloud_list_move_to_next(list)));
+             }
+             if (count == 0) {
+                 Record record = bad_handle<Record>();
+                 expect_error(CALL(orvanta_cloud_list_move_to_first(list)));
+                 expect_error(CALL(orvanta_cloud_list_get_current_record(list, &record)));
+                 expect(record == bad_handle<Record>(), true, "the output is left: ");
+             }
+             expect(CALL(orvanta_cloud_list_destroy(list)), 0);
+         }
+     }},
+
+    {"a record copies the value that it is given", "It would back up a text that it has freed.",
+     [] {
+         orvanta_cloud_initialize();
+         const Record record = make_record();
+         for (const std::string &text :
+              {std::string("{\"a\":\"\xc3\xa9\"}"), std::string(), std::string(100'000, 'x')}) {
+             std::string buffer = text;
+             expect(CALL(orvanta_cloud_record_set_value(record, buffer.c_str())), 0);
+             buffer.assign(buffer.size(), '?');
+             expect(get_value(record), text);
+         }
+     }},
+
+    {"orvanta_cloud_record_get_value() gives a new text each time, to be freed with g_free()",
+     "It would free a text twice, or one that is in use.",
+     [] {
+         orvanta_cloud_initialize();
+         const Record record = make_record("value");
+         char *one = nullptr;
+         char *other = nullptr;
+         expect(CALL(orvanta_cloud_record_get_value(record, &one)), 0);
+         expect(CALL(orvanta_cloud_record_get_value(record, &other)), 0);
+         expect(one == other, false, "the same text: ");
+         one[0] = '?';
+         g_free(one);
+         expect(other, "value");
+         g_free(other);
+     }},
+
+    {"orvanta_cloud_record_get_value() of a record without a value gives null",
+     "It would restore a text that no backup has.",
+     [] {
+         orvanta_cloud_initialize();
+         char text[] = "";
+         char *value = text;
+         expect(CALL(orvanta_cloud_record_get_value(make_record(), &value)), 0);
+         expect(value, nullptr);
+     }},
+
+    {"key, date and failure of a record can be set",
+     "It would back up no record, and could not tell that one is not restored.",
+     [] {
+         orvanta_cloud_initialize();
+         const Record record = make_record();
+         expect(CALL(orvanta_cloud_record_set_key(record, "0")), 0);
+         expect(CALL(orvanta_cloud_record_set_date(record, "1700000000999")), 0);
+         expect(CALL(orvanta_cloud_record_set_fail(record)), 0);
+     }},
+
+    {"null is refused, and outputs are left",
+     "It would crash where a call before has failed, since it goes on.",
+     [] {
+         orvanta_cloud_initialize();
+         expect_list_refused(nullptr, make_record());
+         expect_record_refused(nullptr, make_list());
+         expect_error(CALL(orvanta_cloud_list_create(nullptr)));
+         expect_error(CALL(orvanta_cloud_record_create(nullptr)));
+         const List list = make_list({""});
+         expect_error(CALL(orvanta_cloud_list_get_record_count(list, nullptr)));
+         expect_error(CALL(orvanta_cloud_list_get_current_record(list, nullptr)));
+         const Record record = make_record();
+         expect_error(CALL(orvanta_cloud_record_set_key(record, nullptr)));
+         expect_error(CALL(orvanta_cloud_record_set_date(record, nullptr)));
+         expect_error(CALL(orvanta_cloud_record_set_value(record, nullptr)));
+         expect_error(CALL(orvanta_cloud_record_get_value(record, nullptr)));
+     }},
+
+    {"a list that is destroyed is refused with its records, and outputs are left",
+     "It would read memory that is freed.",
+     [] {
+         orvanta_cloud_initialize();
+         const List list = make_list({"value"});
+         const Record record = get_current(list);
+         const Record spare = make_record(); // before, so that nothing takes the place of what is destroyed
+         const List spare_list = make_list();
+         expect(CALL(orvanta_cloud_list_destroy(list)), 0);
+         expect_list_refused(list, spare);
+         expect_record_refused(record, spare_list);
+     }},
+
+    {"what is no handle, or a handle of another kind, is refused, and outputs are left",
+     "It would read memory that is none.",
+     [] {
+         orvanta_cloud_initialize();
+         const Record record = make_record();
+         const List list = make_list();
+         expect_list_refused(bad_handle<List>(), record);
+         expect_record_refused(bad_handle<Record>(), list);
+         expect_list_refused(reinterpret_cast<List>(record), record);
+         expect_record_refused(reinterpret_cast<Record>(list), list);
+     }},
+
+    {"an answer that no exchange waits for is refused",
+     "It would take an exchange for under way that is over.",
+     [] {
+         orvanta_cloud_initialize();
+         const List list = make_list({""});
+         const char *path = FILE_PATH.c_str();
+         expect_error(CALL(orvanta_cloud_backup_record_send_preparation_completed_response(1)));
+         expect_error(CALL(orvanta_cloud_backup_record_send_keys_and_dates(list, ORVANTA_CLOUD_SEND_VALID)));
+         expect_error(CALL(orvanta_cloud_backup_record_send_backup_path(path, ORVANTA_CLOUD_SEND_VALID)));
+         expect_error(CALL(orvanta_cloud_restore_record_send_preparation_completed_response(1)));
+         expect_error(
+             CALL(orvanta_cloud_restore_record_send_restoration_path(path, ORVANTA_CLOUD_SEND_VALID)));
+         expect_error(CALL(orvanta_cloud_restore_record_send_record_list(list, ORVANTA_CLOUD_SEND_VALID)));
+     }},
+
+    {"a service that is not ready is asked for nothing more, and is told of the failure",
+     "It would take part in an exchange that it has declined.",
+     [] {
+         is_ready = false;
+         expect(run_exchange(Set::info), " preparation completed(0)");
+     },
+     Check::changes},
+
+    {"a backup asks for one record for each key, without a value",
+     "It would back up nothing, or under a key of which the client does not know.",
+     [] {
+         run_backup([](List list) {
+             int count = 0;
+             expect(CALL(orvanta_cloud_list_get_record_count(list, &count)), 0);
+             expect(count, 1);
+             expect(CALL(orvanta_cloud_list_move_to_first(list)), 0);
+             char *value = nullptr;
+             expect(CALL(orvanta_cloud_record_get_value(get_current(list), &value)), 0);
+             expect(value, nullptr);
+         });
+     },
+     Check::changes},
+
+    {"orvanta_cloud_file_create_file() writes a file into the trusted folder, with the texts as they were "
+     "set",
+     "It would hand over no backup.",
+     [] {
+         run_backup([](List) {
+             die_while_writing();
+             const std::string content = write_small();
+             std::string key = "0";
+             std::string date = "1700000000999";
+             const List list = make_sized_list(1);
+             orvanta_cloud_record_set_key(get_current(list), key.c_str());
+             orvanta_cloud_record_set_date(get_current(list), date.c_str());
+             key = "?";
+             date.assign(date.size(), '?');
+             const std::string again = write_small(list);
+             note("orvanta_cloud_file_create_file(), after the texts that were set have changed");
+             expect(again, content);
+         });
+     },
+     Check::changes},
+
+    {"orvanta_cloud_file_create_file() gives an error for a folder that is missing, and makes none",
+     "It would hand over a file that is not there.",
+     [] {
+         run_backup([](List list) {
+             die_while_writing();
+             const std::string path = std::string(IME_BACKUP_TRUSTED_FOLDER) + FOLDER_NAME + FILE_NAME;
+             expect_error(CALL(orvanta_cloud_file_create_file(list, path.c_str())));
+             expect(access((place.folder + std::string(FOLDER_NAME)).c_str(), F_OK) != 0, true,
+                    "no folder: ");
+             expect_error(CALL(orvanta_cloud_file_create_file(list, nullptr)));
+             expect_error(CALL(orvanta_cloud_file_create_file(nullptr, FILE_PATH.c_str())));
+         });
+     },
+     Check::changes},
+
+    {"orvanta_cloud_file_create_file() leaves the file as it was when its process is killed",
+     "It would have half a backup replace a whole one.",
+     [] { run_backup([](List) { expect_file_stays(die_while_writing); }); }, Check::changes},
+
+    {"orvanta_cloud_file_create_file() gives an error when it can't write all, and leaves the file as it was",
+     "It would have half a backup replace a whole one.",
+     [] {
+         run_backup([](List) {
+             expect_file_stays([] { run_apart([] { expect_error(write_too_much(SIG_IGN)); }); });
+         });
+     },
+     Check::changes},
+
+    {"the trusted folder lets the service's user make, write, rename and remove a file",
+     "The cloud library could not hand over a backup, or take one.",
+     [] {
+         const std::string folder = *place.folder == '\0' ? IME_BACKUP_TRUSTED_FOLDER : place.folder;
+         if (access(folder.c_str(), F_OK) != 0)
+             skip("the cloud library keeps it elsewhere");
+         const std::string file = folder + FILE_NAME;
+         const std::string other = file + ".new";
+         note(file.c_str());
+         expect(std::ofstream(other) << "content" << std::flush ? 0 : errno, 0, "errno of writing: ");
+         expect(rename(other.c_str(), file.c_str()), 0, "the result of rename: ");
+         expect(read_file(file), "content");
+         expect(unlink(file.c_str()), 0, "the result of unlink: ");
+     },
+     Check::changes},
+
+    {"an info calls back in order, from the main loop and on its thread, and completes once",
+     "Its callbacks would come when nothing waits for them, and the exchange would fail or never end.",
+     [] { expect(run_exchange(Set::info), " preparation keys_and_dates completed(1)"); }, Check::changes},
+};
+
+extern const Library ORVANTA_CLOUD = {"orvanta-cloud-svc", CHECKS, nullptr, remove_files};

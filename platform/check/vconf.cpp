@@ -1,0 +1,379 @@
+// The settings store. It can't unset a key, so only keys that are set are written, and put back.
+
+#include "vconf.h"
+
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <vector>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "check.h"
+#include "ime_backup_settings.h"
+#include "report.h"
+
+namespace
+{
+
+/// What a key holds.
+struct Held {
+    enum Form { nothing, boolean, text } form;
+    int number;
+    char content[1 << 14];
+};
+
+/// A list that is filled with a key, or with the keys below a folder.
+struct List {
+    explicit List(const std::string &directory = "")
+    {
+        if (handle == nullptr)
+            fail("a list", "null");
+        if (!directory.empty())
+            expect(CALL(vconf_get(handle, directory.c_str(), VCONF_GET_KEYS)), 0);
+    }
+    ~List() { vconf_keylist_free(handle); }
+    List(const List &) = delete;
+    List &operator=(const List &) = delete;
+
+    const vconf_keylist_handle handle = CALL(vconf_keylist_new());
+};
+
+using Texts = std::vector<std::pair<std::string, std::string>>;
+
+} // namespace
+
+/// What the settings held before the checks, by their rows.
+static auto &saved = *make_shared_memory<std::array<Held, SETTINGS.size()>>();
+
+static constexpr char MISSING[] = "db/ise/ime_backup_check/missing";
+
+/// What no list has, to see whether a call that fails writes its output.
+static const auto NO_NODE = reinterpret_cast<vconf_keynode_handle>(&saved);
+
+// The device, as it was.
+
+static Held look(const char *key)
+{
+    Held held = {};
+    int value = -1;
+    if (CALL(vconf_get_bool(key, &value)) != -1 && value != -1)
+        return {Held::boolean, value, ""};
+    char *text = CALL(vconf_get_str(key));
+    if (text != nullptr && std::string(text).size() < sizeof held.content) {
+        held.form = Held::text;
+        std::string(text).copy(held.content, sizeof held.content);
+    }
+    free(text);
+    return held;
+}
+
+static bool is_stored(size_t row)
+{
+    return SETTINGS[row].place == SettingPlace::settings_store;
+}
+
+static void save()
+{
+    for (size_t i = 0; i < SETTINGS.size(); i++)
+        if (is_stored(i))
+            saved[i] = look(SETTINGS[i].key);
+}
+
+static int store_texts(const Texts &texts)
+{
+    const List list;
+    for (const auto &[key, value] : texts)
+        if (const int result = CALL(vconf_keylist_add_str(list.handle, key.c_str(), value.c_str()));
+            result < 0)
+            return result;
+    return CALL(vconf_set(list.handle));
+}
+
+static std::string describe(const Held &held)
+{
+    return held.form == Held::nothing ? "not set"
+           : held.form == Held::text  ? show(held.content)
+                                      : show(held.number);
+}
+
+static void put_back()
+{
+    for (size_t i = 0; i < SETTINGS.size(); i++) {
+        const char *key = SETTINGS[i].key;
+        if (!is_stored(i) || describe(look(key)) == describe(saved[i]))
+            continue;
+        if (saved[i].form == Held::boolean)
+            vconf_set_bool(key, saved[i].number);
+        else if (saved[i].form == Held::text)
+            store_texts({{key, saved[i].content}});
+        if (const Held now = look(key); describe(now) != describe(saved[i])) {
+            note(key);
+            report_failure(describe(saved[i]), describe(now));
+        }
+    }
+}
+
+// Keys to check with.
+
+static bool is_any(const Held &held)
+{
+    return held.form != Held::nothing;
+}
+
+static bool is_text(const Held &held)
+{
+    return held.form == Held::text;
+}
+
+static std::vector<std::string> find_keys(size_t count, bool (*fits)(const Held &) = is_any)
+{
+    std::vector<std::string> keys;
+    for (size_t i = 0; i < SETTINGS.size(); i++)
+        if (is_stored(i) && fits(saved[i]))
+            keys.emplace_back(SETTINGS[i].key);
+    if (keys.size() < count)
+        skip("too few of the service's keys are set on this device");
+    return keys;
+}
+
+static std::string find_key()
+{
+    return find_keys(1).back();
+}
+
+static int get_bool(const std::string &key)
+{
+    int value = -42;
+    expect(CALL(vconf_get_bool(key.c_str(), &value)), 0);
+    return value;
+}
+
+static void expect_no_bool(const char *key)
+{
+    int value = 42;
+    expect(CALL(vconf_get_bool(key, &value)), -1);
+    expect(value, 42, "the output: ");
+}
+
+static std::string get_text(const std::string &key)
+{
+    char *text = CALL(vconf_get_str(key.c_str()));
+    if (text == nullptr)
+        fail("a text", "null");
+    const std::string copy = text;
+    free(text);
+    return copy;
+}
+
+static vconf_keynode_handle find_node(const List &list, const std::string &key)
+{
+    vconf_keynode_handle node = nullptr;
+    if (const int result = CALL(vconf_keylist_lookup(list.handle, key.c_str(), &node)); result < 0)
+        fail("0 or more", show(result));
+    if (node == nullptr)
+        fail("a node", "null");
+    return node;
+}
+
+static std::string folder_of(const std::string &path)
+{
+    return path.substr(0, path.rfind('/'));
+}
+
+// The promises.
+
+static constexpr Check CHECKS[] = {
+    {"vconf_get_bool() of a missing key gives -1, and leaves its output",
+     "It would back up a switch that is not set as off, and it stands for on.",
+     [] { expect_no_bool(MISSING); }},
+
+    {"vconf_get_bool() gives 0, and a value of 0 or 1",
+     "It would take a switch that was read for one that was not, or log a failure that is none.",
+     [] {
+         const auto keys = find_keys(1, [](const Held &held) { return held.form == Held::boolean; });
+         if (const int value = get_bool(keys[0]); value != 0 && value != 1)
+             fail("0 or 1", show(value));
+     }},
+
+    {"vconf_get_str() of a missing key gives null", "It would take languages for downloaded that are not.",
+     [] { expect(CALL(vconf_get_str(MISSING)), nullptr); }},
+
+    {"vconf_get() of nothing gives a negative value",
+     "It would not store the default languages where none are selected.",
+     [] {
+         const List list;
+         expect_negative(CALL(vconf_get(list.handle, MISSING, VCONF_GET_KEYS)));
+     }},
+
+    {"vconf_get() finds a key by its name, and below each folder above it",
+     "It would back up no languages, or overwrite the selected ones with the default.",
+     [] {
+         const std::string key = find_key();
+         for (std::string path = key; path.find('/') != std::string::npos; path = folder_of(path))
+             find_node(List(path), key);
+     }},
+
+    {"vconf_keylist_lookup() finds a key by its full name only, and leaves its output else",
+     "It would back up the languages of another key.",
+     [] {
+         const std::string key = find_key();
+         const List list(folder_of(key));
+         for (const std::string &part : {key.substr(0, key.size() - 1), key + "x", folder_of(key),
+                                         key.substr(key.rfind('/') + 1), std::string()}) {
+             vconf_keynode_handle node = NO_NODE;
+             expect_negative(CALL(vconf_keylist_lookup(list.handle, part.c_str(), &node)));
+             expect(node == NO_NODE, true, "the output is left: ");
+         }
+     }},
+
+    {"vconf_keynode_get_str() gives a text that lives as long as its list",
+     "It would back up a text that another call has overwritten.",
+     [] {
+         const std::string key = find_keys(1, is_text).front();
+         const std::string text = get_text(key);
+         const List list(key);
+         const char *kept = CALL(vconf_keynode_get_str(find_node(list, key)));
+         expect(kept, text);
+         for (int i = 0; i < 100; i++) {
+             const List other(key);
+             vconf_keynode_get_str(find_node(other, key));
+             get_text(key);
+         }
+         note("vconf_keynode_get_str(), after other calls");
+         expect(kept, text);
+     }},
+
+    {"vconf_get_str() gives a new text each time", "It would free a text twice, or read one that is gone.",
+     [] {
+         const std::string key = find_keys(1, is_text).front();
+         char *one = CALL(vconf_get_str(key.c_str()));
+         char *other = CALL(vconf_get_str(key.c_str()));
+         expect(one == other, false, "the same text: ");
+         const std::string text = other;
+         one[0] = '?';
+         free(one);
+         expect(other, text);
+         free(other);
+     }},
+
+    {"null handles and texts are refused", "It would crash where a call before has failed, since it goes on.",
+     [] {
+         const List list;
+         int value = 0;
+         vconf_keynode_handle node = nullptr;
+         expect(CALL(vconf_get_bool(nullptr, &value)), -1);
+         expect(CALL(vconf_get_bool(MISSING, nullptr)), -1);
+         expect(CALL(vconf_set_bool(nullptr, 1)), -1);
+         expect(CALL(vconf_get_str(nullptr)), nullptr);
+         expect_negative(CALL(vconf_get(nullptr, MISSING, VCONF_GET_KEYS)));
+         expect_negative(CALL(vconf_get(list.handle, nullptr, VCONF_GET_KEYS)));
+         expect_negative(CALL(vconf_keylist_lookup(nullptr, MISSING, &node)));
+         expect_negative(CALL(vconf_keylist_lookup(list.handle, nullptr, &node)));
+         expect(CALL(vconf_keynode_get_str(nullptr)), nullptr);
+         expect_negative(CALL(vconf_keylist_add_str(nullptr, MISSING, "")));
+         expect_negative(CALL(vconf_keylist_add_str(list.handle, nullptr, "")));
+         expect_negative(CALL(vconf_keylist_add_str(list.handle, MISSING, nullptr)));
+         expect_error(CALL(vconf_set(nullptr)));
+         expect_negative(CALL(vconf_keylist_free(nullptr)));
+     }},
+
+    {"vconf_set_bool() stores what vconf_get_bool() reads, any value but 0 as 1",
+     "A restored switch would stay as it was, or change to its opposite.",
+     [] {
+         const std::string key = find_key();
+         for (const int value : {1, 0, 5, 0, -1}) {
+             expect(CALL(vconf_set_bool(key.c_str(), value)), 0);
+             expect(get_bool(key), value == 0 ? 0 : 1);
+         }
+     },
+     Check::changes},
+
+    {"a boolean replaces a text, and a text a boolean",
+     "It would read a switch from a text, or languages from a switch.",
+     [] {
+         const std::string key = find_key();
+         expect(store_texts({{key, "1"}}), 0);
+         expect_no_bool(key.c_str());
+         expect(CALL(vconf_set_bool(key.c_str(), 1)), 0);
+         expect(get_bool(key), 1);
+         expect(CALL(vconf_get_str(key.c_str())), nullptr);
+         const List list(key);
+         expect(CALL(vconf_keynode_get_str(find_node(list, key))), nullptr);
+     },
+     Check::changes},
+
+    {"a value outlives the process that stored it, and is seen by another at once",
+     "What it restores would be gone when it ends.",
+     [] {
+         const std::string key = find_key();
+         run_apart([&] { expect(store_texts({{key, "kept"}}), 0); });
+         run_apart([&] { expect(get_text(key), "kept"); });
+         const pid_t reader = start_apart([&] {
+             get_text(key); // so that the library may remember it
+             raise(SIGSTOP);
+             expect(get_bool(key), 1);
+         });
+         int status = 0;
+         waitpid(reader, &status, WUNTRACED);
+         if (WIFSTOPPED(status)) {
+             run_apart([&] { expect(CALL(vconf_set_bool(key.c_str(), 1)), 0); });
+             kill(reader, SIGCONT);
+             waitpid(reader, &status, 0);
+         }
+         end_as(status);
+     },
+     Check::changes},
+
+    {"vconf_set() stores each text of a list, as it was when it was added",
+     "It would restore no languages, or other ones.",
+     [] {
+         const std::vector<std::string> keys = find_keys(1);
+         for (const std::string &text : {std::string(), std::string("xx_XX#"), std::string(10'000, 'x'),
+                                         std::string("\xc3\xa9 %s\n\\\"")}) {
+             const List list;
+             for (const std::string &key : keys) {
+                 std::string buffer = text;
+                 std::string name = key;
+                 if (CALL(vconf_keylist_add_str(list.handle, name.c_str(), buffer.c_str())) < 0)
+                     fail("0 or more", "a negative value");
+                 buffer.assign(buffer.size(), '?');
+                 name.assign(name.size(), '?');
+             }
+             expect(CALL(vconf_set(list.handle)), 0);
+             for (const std::string &key : keys)
+                 expect(get_text(key), text);
+         }
+     },
+     Check::changes},
+
+    {"vconf_set() stores all texts or none", "It would leave a device between two states.",
+     [] {
+         std::vector<std::string> keys = find_keys(2);
+         keys.resize(2);
+         run_apart([&] {
+             expect(store_texts({{keys[0], "old"}, {keys[1], "old"}}), 0);
+             if (store_texts({{keys[0], "new"}, {keys[1], "\xff is no UTF-8"}}) != 0)
+                 for (const std::string &key : keys)
+                     expect(get_text(key), "old");
+         });
+         for (int round = 0; round < 8; round++) {
+             const pid_t writer = start_apart([&] {
+                 for (int i = 0;; i++)
+                     store_texts({{keys[0], std::to_string(i)}, {keys[1], std::to_string(i)}});
+             });
+             usleep(5000);
+             kill(writer, SIGKILL);
+             waitpid(writer, nullptr, 0);
+             run_apart([&] {
+                 const std::string texts[] = {get_text(keys[0]), get_text(keys[1])};
+                 note("vconf_set() in a process that is killed");
+                 expect(texts[0], texts[1]);
+             });
+         }
+     },
+     Check::changes},
+};
+
+extern const Library VCONF = {"vconf", CHECKS, save, put_back};
