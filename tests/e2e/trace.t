@@ -50,7 +50,7 @@ A call that fails is not made. What the service makes of it is seen, and so is w
   $ tidy <errors | head -n 1
   ime-backupctl: record "0" has no value: the settings could not be read
   $ command ime-backupctl trace backup --fail scim::ConfigModule::create_config --json 2>errors | grep 'made_to_fail":true' | untimed
-  {"event":"call","depth":2,"callback":false,"function":"scim::ConfigModule::create_config","arguments":{"module":"module#1"},"result":null,"made_to_fail":true,"us":N}
+  {"event":"call","depth":2,"callback":false,"function":"scim::ConfigModule::create_config","arguments":{"module":"module#1"},"written":[],"result":null,"made_to_fail":true,"us":N,"thread":null}
   $ tidy <errors | head -n 1
   ime-backupctl: record "0" has no value: the settings could not be read
   $ command ime-backupctl trace backup --fail orvanta_cloud_backup_record_set_backup_cb=0 2>&1 >/dev/null | head -n 1
@@ -69,13 +69,34 @@ A script gets an object on each line, with the members that the manual tells of,
   > assert keyboards == ['k"\\é😀'], keyboards
   > END
   $ grep -c . members
-  11
+  13
   $ while read -r member; do man -l $BUILD/share/man/man1/ime-backupctl.1 | grep -qw -- "$member" || echo $member; done <members
+
+Callbacks and calls on other threads are told apart, and so is what a failing call has set all the same.
+
+  $ threads() { THREADS=1 LD_PRELOAD=$BUILD/tests/libliar.so:$BUILD/tests/libforeign-vconf.so command ime-backupctl trace backup "$@" 2>/dev/null; }
+  $ threads >lines
+  $ grep thread lines | sed -E 's/[0-9]+ µs  //; s/[0-9]+$/N/; s/#[0-9]+/#N/; s/".*IME.*"/MESSAGE/' | sort | uniq -c
+        1     log 4 MESSAGE  on thread N
+        1     orvanta_cloud_backup_record_send_preparation_completed_response(1) = 0  on thread N
+        1   callback preparation() {  on thread N
+      200   vconf_get_bool("no key", &0 (written)) = -1  on thread N
+      200   vconf_keylist_free(keylist#N) = 0  on thread N
+      200   vconf_keylist_new() = keylist#N  on thread N
+        1   }  on thread N
+  $ grep -o '= keylist#.* ' lines | sort | uniq -d
+  $ threads --json | python3 -c '
+  > import json, sys
+  > lines = [json.loads(line) for line in sys.stdin]
+  > print(sorted({(line["function"], *line["arguments"].values()) for line in lines if line.get("written") == ["value"]}))
+  > print(len({line["thread"] for line in lines}), len({line["thread"] for line in lines if line["depth"] == 2}))'
+  [('vconf_get_bool', 'db/ise/engine/prediction_val', 0), ('vconf_get_bool', 'no key', 0)]
+  4 2
 
 Without anyone to read the trace, the exchange goes on to its end.
 
   $ (sleep 0.2; command ime-backupctl trace backup; echo $? >status) 2>errors | head -n 0; cat status; tidy <errors
   1
-  backup 2  DAY TIME
+  backup 4  DAY TIME
   ime-backupctl: can't write to standard output: some of it is lost
   $ ime-backupctl -q trace info
