@@ -93,10 +93,72 @@ Callbacks and calls on other threads are told apart, and so is what a failing ca
   [('vconf_get_bool', 'db/ise/engine/prediction_val', 0), ('vconf_get_bool', 'no key', 0)]
   4 2
 
+A trace from elsewhere tells whether the calls are the same here: not their times, handles, threads and lines.
+
+  $ ime-backupctl settings set default_keyboard kbd selected_lang ko_KR
+  $ trace() { command ime-backupctl trace "$@" 2>errors; }
+  $ trace backup >lines
+  $ sed -E '1s/\[.*\]/["other"]/; 1i\can not open(display)' lines | sed -E 's/([0-9]+ µs|made to fail)$/7 µs  on thread 7/
+  >     s/#[0-9]+/#77/g; s/"1[0-9]{12}"/"7"/; s/\([0-9]+\) >/(7) >/; s/$/\r/' >elsewhere
+  $ trace --compare elsewhere
+  the same 50 calls
+  $ sed '/hand_write/d; s/= "ko_KR#"/= "en_US#"/; s/completed(1)/completed(0)/' elsewhere | tee other | trace backup --compare -
+  --- -
+  +++ here
+   service_app_main([...], null) {
+  ...
+     callback backup(list) {
+  ...
+       vconf_get(keylist, "db/ise/engine/lpm/selected_lang", 0) = 0
+       vconf_keylist_lookup(keylist, "db/ise/engine/lpm/selected_lang", &keynode) = 0
+  -    vconf_keynode_get_str(keynode) = "en_US#"
+  +    vconf_keynode_get_str(keynode) = "ko_KR#"
+       vconf_keylist_free(keylist) = 0
+  +    vconf_get_bool("db/ise/hand_write", &) = -1
+       log 6 "IME_BACKUP" "ime_backup_service_json_writer.cpp: _ime_backup_get_json_value(LINE) > \u001b[0;31m* Critical * Failed to get VCONFKEY_ISE_HANDWRITING_VAL\u001b[0;m"
+       vconf_get_bool("db/ise/engine/prediction_val", &) = -1
+  ...
+       orvanta_cloud_list_destroy(list) = 0
+     }
+  -  callback completed(0) {
+  +  callback completed(1) {
+       service_app_exit()
+     }
+  [1]
+  $ trace --compare other --json | python3 -c '
+  > import json, sys
+  > document = json.load(sys.stdin)
+  > print(document["succeeded"], document["calls"], *document["differences"][2:], sep="\n")'
+  True
+  50
+  {'callback': 'backup', 'from': None, 'to': 'vconf_get_bool("db/ise/hand_write", &) = -1'}
+  {'callback': None, 'from': 'callback completed(0) {', 'to': None}
+  {'callback': None, 'from': None, 'to': 'callback completed(1) {'}
+  $ for exchange in info restore; do trace $exchange >other; trace --compare other; done
+  the same 25 calls
+  the same 45 calls
+  $ trace backup --json >json; cat lines lines >twice; head -n 3 lines >cut
+  $ try_each <<'END'
+  > trace --compare nowhere
+  > trace --compare json
+  > trace --compare twice
+  > trace --compare cut
+  > trace restore --compare lines
+  > trace --compare lines --service false
+  > trace --compare lines --fail orvanta_cloud_record_set_value
+  > END
+  3 ime-backupctl: nowhere can't be compared: No such file or directory
+  2 ime-backupctl: json holds no trace in text
+  2 ime-backupctl: twice holds the traces of several exchanges
+  2 ime-backupctl: cut does not tell its exchange: name backup, restore or info
+  2 ime-backupctl: lines is the trace of another exchange: backup
+  3 ime-backupctl: the service gave no result of an exchange (exit status 1); nothing on the device had been changed by then
+  3 ime-backupctl: record "0" has no value: the settings could not be read
+
 Without anyone to read the trace, the exchange goes on to its end.
 
   $ (sleep 0.2; command ime-backupctl trace backup; echo $? >status) 2>errors | head -n 0; cat status; tidy <errors
   1
-  backup 4  DAY TIME
+  backup 9  DAY TIME
   ime-backupctl: can't write to standard output: some of it is lost
   $ ime-backupctl -q trace info
