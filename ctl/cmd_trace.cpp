@@ -110,11 +110,15 @@ static std::vector<size_t> lines_around(const std::vector<ComparedLine> &lines, 
 {
     std::vector<size_t> around;
     size_t indent = lines[line].text.find_first_not_of(' ');
-    for (size_t i = line; i-- > 0 && indent > 0;)
-        if (const size_t outer = lines[i].text.find_first_not_of(' '); outer < indent) {
+    for (size_t i = line; i-- > 0;) {
+        const auto &[mark, text] = lines[i];
+        const size_t outer = text.find_first_not_of(' ');
+        // Lines of other threads may be in between.
+        if (outer < indent && text.ends_with(" {") && (mark == ' ' || mark == lines[line].mark)) {
             around.push_back(i);
             indent = outer;
         }
+    }
     return around;
 }
 
@@ -132,9 +136,9 @@ static void show_differences(Cli &cli, const std::string &file, const Trace &fro
         Json callback;
         for (const size_t around : lines_around(lines, i)) {
             shown.insert(around);
-            const std::string &name = lines[around].text;
-            if (const size_t at = name.find(CALLBACK); at != std::string::npos && callback == Json())
-                callback = name.substr(at + CALLBACK.size(), name.find('(') - at - CALLBACK.size());
+            const std::string call = call_in(lines[around].text);
+            if (callback == Json() && call.starts_with(CALLBACK))
+                callback = call.substr(CALLBACK.size(), call.find('(') - CALLBACK.size());
         }
         for (size_t near = i - std::min(i, CONTEXT); near < std::min(i + CONTEXT + 1, lines.size()); near++)
             shown.insert(near);
@@ -142,16 +146,16 @@ static void show_differences(Cli &cli, const std::string &file, const Trace &fro
         differences.rows.push_back(
             {{callback, ""}, {mark == '-' ? call : Json(), ""}, {mark == '+' ? call : Json(), ""}});
     }
-    const auto calls = static_cast<std::uint64_t>(
-        std::count_if(to.lines.begin(), to.lines.end(),
-                      [](const std::string &line) { return line.find('(') < line.find('"'); }));
+    // A message has quotation marks first, and an end has no bracket.
+    const auto calls = std::count_if(to.lines.begin(), to.lines.end(),
+                                     [](const std::string &line) { return line.find('(') < line.find('"'); });
     cli.status = shown.empty() ? EXIT_DONE : EXIT_FAILED;
-    cli.document.set("calls", calls);
+    cli.document.set("calls", Json(std::int64_t{calls}));
     cli.document.set("differences", differences);
     if (cli.quiet || cli.has("--json"))
         return;
     if (shown.empty())
-        printf("the same %s calls\n", std::to_string(calls).c_str());
+        printf("the same %td calls\n", calls);
     else
         printf("--- %s\n+++ here\n", escaped(file).c_str());
     size_t next = 0;
