@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <optional>
+#include <span>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -47,20 +48,22 @@ inline constexpr const char *KIND<void *> = "data";
 
 /// Whether a call sets what this argument points to.
 template <class Value>
-inline constexpr bool IS_OUTPUT =
-    std::is_pointer_v<Value> &&KIND<Value> == nullptr && !std::is_convertible_v<Value, std::string> &&
-    !std::is_function_v<std::remove_pointer_t<Value>>;
+inline constexpr bool IS_OUTPUT = std::is_pointer_v<Value> && (KIND<Value> == nullptr) &&
+                                  !std::is_convertible_v<Value, std::string> &&
+                                  !std::is_function_v<std::remove_pointer_t<Value>>;
 
 /// What an output holds, to tell whether a call has changed it. It may hold no value of its type before.
 template <class Value>
 auto held_by([[maybe_unused]] const Value &value)
 {
-    if constexpr (!IS_OUTPUT<Value>)
+    if constexpr (!IS_OUTPUT<Value>) {
         return nullptr;
-    else if constexpr (!std::is_trivial_v<std::remove_pointer_t<Value>>)
+    } else if constexpr (!std::is_trivial_v<std::remove_pointer_t<Value>>) {
         return value == nullptr ? std::nullopt : std::optional(*value);
-    else
-        return std::string(reinterpret_cast<const char *>(value), value == nullptr ? 0 : sizeof *value);
+    } else {
+        const auto bytes = std::as_bytes(std::span(value, value == nullptr ? 0 : 1));
+        return std::vector(bytes.begin(), bytes.end());
+    }
 }
 
 /// A value in the trace's format. One that a call sets is shown when it is set.
@@ -191,7 +194,12 @@ Result cross(const Shape &shape, Real real, Args... args)
         };
         return std::vector<ShownArgument>{show_one(args, held_by(args) != before)...};
     };
-    Frame frame(shape, show_all(shape.is_callback));
+    std::vector<ShownArgument> shown = show_all(shape.is_callback);
+    Frame frame(shape, shown);
+    // Before the call: once it is made, another thread may get a handle in the same place.
+    const bool releases = shape.success == Success::zero_releases && !frame.failure;
+    if (releases)
+        forget_handle(owner_in(args...));
     if constexpr (std::is_void_v<Result>) {
         if (!frame.failure)
             real(args...);
@@ -205,9 +213,9 @@ Result cross(const Shape &shape, Real real, Args... args)
         bool succeeded = !frame.failure;
         if constexpr (std::is_arithmetic_v<Result>)
             succeeded = succeeded && has_succeeded(shape.success, result);
-        frame.end(show_all(succeeded), show(result));
-        if (succeeded && shape.success == Success::zero_releases)
-            forget_handle(owner_in(args...));
+        if (!releases)
+            shown = show_all(succeeded);
+        frame.end(shown, show(result));
         return result;
     }
 }
