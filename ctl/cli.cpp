@@ -185,6 +185,9 @@ std::vector<const Option *> options_of(const std::vector<const Command *> &path)
     std::vector<const Option *> options;
     for (size_t i = path.size(); i-- > 0;)
         for (const Option &option : path[i]->options)
-            options.push_back(&option);
+            if (std::none_of(options.begin(), options.end(), [&option](const Option *known) {
+                    return std::string_view(known->name) == option.name;
+                }))
+                options.push_back(&option);
     return options;
 }

@@ -110,6 +110,7 @@ struct Cli {
 
     bool quiet = false;
     bool traces = false; ///< the service's calls, on standard output
+    std::string trace{}; ///< those calls, where they are compared instead
 
     Document document{};
     int status = EXIT_DONE;
@@ -180,7 +181,7 @@ struct Note {
 inline const std::vector<Note> EXIT_STATUSES = {
     {std::to_string(EXIT_DONE), "done"},
     {std::to_string(EXIT_FAILED),
-     "failed; or, of diff, verify and restore --strict: not the same, or not all well"},
+     "failed; or, of diff, trace --compare, verify and restore --strict: not the same, or not all well"},
     {std::to_string(EXIT_USAGE), "wrong usage"},
     {std::to_string(EXIT_NO_PLATFORM),
      "the platform isn't there: no SCIM daemon, no active input method, or a backup or state that can't be "

@@ -98,7 +98,7 @@ static void on_late_signal(int signal)
 }
 
 /// Has a service show its calls as it makes them.
-static void add_trace(Child &service, const Cli &cli)
+static void add_trace(Child &service, Cli &cli)
 {
     const std::string library = find_beside(LIBDIR_FROM_BINDIR "/libime-backup-trace.so");
     if (!fs::exists(library))
@@ -108,18 +108,20 @@ static void add_trace(Child &service, const Cli &cli)
     std::string &preloaded = service.environment["LD_PRELOAD"];
     preloaded = library + (preloaded.empty() ? "" : ":" + preloaded);
     service.environment[TRACE_VARIABLE] = std::to_string(TRACE_DESCRIPTOR);
-    service.environment[TRACE_FORMAT_VARIABLE] = cli.has("--json") ? "json" : "";
+    service.environment[TRACE_FORMAT_VARIABLE] = cli.has("--json") && !cli.has("--compare") ? "json" : "";
     service.environment[TRACE_FAIL_VARIABLE] = join(cli.values("--fail"), " ");
     service.output = TRACE_DESCRIPTOR;
-    service.on_output = [is_hidden = cli.quiet](std::string_view text) {
-        if (is_hidden)
-            return;
-        fwrite(text.data(), 1, text.size(), stdout);
-        fflush(stdout);
+    service.on_output = [&cli](std::string_view text) {
+        if (cli.has("--compare")) {
+            cli.trace += text;
+        } else if (!cli.quiet) {
+            fwrite(text.data(), 1, text.size(), stdout);
+            fflush(stdout);
+        }
     };
 }
 
-static ChildEnd run_service(const Cli &cli, const char *operation, const std::string &backup,
+static ChildEnd run_service(Cli &cli, const char *operation, const std::string &backup,
                             const Descriptor &report, const Descriptor &log)
 {
     Child service{.program = find_service(cli), .arguments = {operation}};

@@ -1,7 +1,6 @@
 // The commands that have the service take part in an exchange.
 
 #include <algorithm>
-#include <csignal>
 #include <functional>
 
 #include "backups.h"
@@ -143,16 +142,4 @@ void run_info(Cli &cli)
     cli.document.set("records", table);
     throw_failure(report);
     cli.document.set_result(true);
-}
-
-/// Traces the command of the same name.
-void run_trace(Cli &cli)
-{
-    const Command &traced = cli.command();
-    if (!traced.commands.empty())
-        throw UsageError("trace lacks what it is to show: backup, restore or info");
-    cli.traces = true;
-    // When nobody reads the trace any more, the exchange still ends in order, and what is lost is told.
-    std::signal(SIGPIPE, SIG_IGN);
-    find_command(PROGRAM, traced.name).run(cli);
 }

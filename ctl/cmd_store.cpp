@@ -3,10 +3,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <fcntl.h>
 #include <iterator>
 #include <set>
-#include <unistd.h>
 
 #include <glib.h>
 
@@ -332,12 +330,10 @@ void run_import(Cli &cli)
     const auto store = open_store(highest_backup);
     if (!store->exists())
         refuse_missing(*store);
+    const std::string content = read_input(name, MAX_RECORD_FILE_SIZE, "imported");
     Importable importable;
     try {
-        const Descriptor file(name == "-" ? dup(STDIN_FILENO) : open(name.c_str(), O_RDONLY | O_CLOEXEC));
-        if (!file)
-            throw HostError(g_strerror(errno));
-        importable = make_importable(read_to_end(file, MAX_RECORD_FILE_SIZE));
+        importable = make_importable(content);
     } catch (const DamagedError &error) {
         throw DamagedError(name + " can't be imported: " + error.what());
     } catch (const HostError &error) {

@@ -61,11 +61,15 @@ static constexpr Argument ONE_FILE = {"FILE", "The file", file, once};
 // A row of the tables stands on few lines.
 // clang-format off
 
-static constexpr Option FAIL = {
-    "--fail", 0,
-    "Have a call fail with a code (-1) instead of being made: the N-th call of the function, or the first. May "
-    "be repeated",
-    "FUNCTION[#N][=CODE]", check_failure, function, any};
+static const std::vector<Option> TRACE_OPTIONS = {
+    {"--fail", 0,
+     "Have a call fail with a code (-1) instead of being made: the N-th call of the function, or the first. May "
+     "be repeated",
+     "FUNCTION[#N][=CODE]", check_failure, function, any},
+    {"--compare", 0,
+     "Show only how the calls differ from those in FILE: a trace in text, made elsewhere; \"-\" is standard input",
+     "FILE", check_filled, file},
+};
 
 static const std::vector<Option> COMMON_OPTIONS = {
     {"--json", 0, "Write one JSON document, for scripts"},
@@ -99,14 +103,14 @@ static const std::vector<Command> SETTINGS_COMMANDS = {
 static const std::vector<Command> TRACE_COMMANDS = {
     {"backup", "Commands", "Show the calls of a backup",
      "The backup is stored.",
-     "ime-backupctl trace backup --fail vconf_get_bool#2=-1", run_trace, {}, {FAIL}},
+     "ime-backupctl trace backup --fail vconf_get_bool#2=-1", run_trace, {}, TRACE_OPTIONS},
     {"restore", "Commands", "Show the calls of a restore",
      "The newest backup is restored, or the one named. What is changed can be put back with undo.",
      "ime-backupctl trace restore 3 --fail scim::ConfigBase::flush", run_trace,
-     {NEWEST_OR_ONE}, {FAIL}},
+     {NEWEST_OR_ONE}, TRACE_OPTIONS},
     {"info", "Commands", "Show the calls that tell the keys and dates of a backup",
      "Nothing is read or stored.",
-     "ime-backupctl trace info --json", run_trace, {}, {FAIL}},
+     "ime-backupctl trace info --json", run_trace, {}, TRACE_OPTIONS},
 };
 
 static const std::vector<Command> COMMANDS = {
@@ -193,9 +197,12 @@ static const std::vector<Command> COMMANDS = {
      "Each call that the service makes, with its arguments, its result and the time that it took, stands "
      "below the callback that made it. What is set by the call has an & in front. The trace goes to standard "
      "output as the exchange runs; what the command without trace would tell goes to standard error. With "
-     "--json, each line is an object.",
-     "ime-backupctl trace backup", run_trace,
-     {}, {}, TRACE_COMMANDS},
+     "--json, each line is an object. With --compare, the differences from another trace go to standard output "
+     "instead, and the exchange is the one in FILE if none is named. Times, dates, threads, the numbers of "
+     "handles and the lines of the source are not compared. The exit status is then 0 if the calls are the same, "
+     "1 if they differ, and another one if that can't be told or the exchange fails.",
+     "ime-backupctl trace --compare device.trace", run_trace,
+     {}, TRACE_OPTIONS, TRACE_COMMANDS},
     {"help", "Help", "Explain a command",
      "",
      "ime-backupctl help restore", run_help, {{"COMMAND", "The command", command, any}}},

@@ -1,9 +1,24 @@
 #include "import.h"
 
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <glib.h>
 
 #include "cloud_store.h"
+#include "files.h"
 #include "snapshot.h"
+
+std::string read_input(const std::string &name, size_t max_size, const char *use)
+try {
+    const Descriptor file(name == "-" ? dup(STDIN_FILENO) : open(name.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file)
+        throw HostError(g_strerror(errno));
+    return read_to_end(file, max_size);
+} catch (const HostError &error) {
+    throw HostError(name + " can't be " + use + ": " + error.what());
+}
 
 Importable make_importable(const std::string &content)
 {

@@ -64,7 +64,7 @@ int __dlog_print(int buffer, int priority, const char *tag, const char *format, 
         if (writes_json())
             write_line(R"({"event":"log","depth":)" + show(depth) + ",\"priority\":" + show(priority) +
                        ",\"tag\":" + show(tag) + ",\"message\":" + show(text) +
-                       ",\"made_to_fail\":" + show(failure.has_value()) + "}");
+                       ",\"made_to_fail\":" + show(failure.has_value()));
         else
             write_line(std::string(2 * depth, ' ') + "log " + show(priority) + " " + show(tag) + " " +
                        show(text) + (failure ? "  made to fail" : ""));

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <mutex>
 #include <sstream>
 #include <utility>
 
@@ -51,6 +52,9 @@ std::string quote(const std::string &text)
 namespace
 {
 
+/// Held by the thread that uses what follows, or the frames; never while a call is made.
+std::recursive_mutex mutex;
+
 struct NamedHandle {
     std::string name;
     const void *owner;
@@ -69,6 +73,7 @@ struct Failure {
 
 std::string show_handle(const char *kind, const void *handle, const void *owner)
 {
+    const std::lock_guard lock(mutex);
     static std::map<std::string, int> counts;
     NamedHandle &named = handles[handle];
     if (named.name.empty())
@@ -80,6 +85,7 @@ std::string show_handle(const char *kind, const void *handle, const void *owner)
 
 void forget_handle(const void *handle)
 {
+    const std::lock_guard lock(mutex);
     std::erase_if(handles,
                   [&](const auto &known) { return known.first == handle || known.second.owner == handle; });
 }
@@ -118,6 +124,7 @@ static std::vector<Failure> parse_failures()
 
 std::optional<int> take_failure(const std::string &function)
 {
+    const std::lock_guard lock(mutex);
     static const std::vector<Failure> failures = parse_failures();
     static std::map<std::string, int> calls;
     const int call = ++calls[function];
@@ -141,10 +148,16 @@ static int open_output()
     return file > STDERR_FILENO ? file : fcntl(file, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
 }
 
-/// Writes one line, at once. What can't be written is lost: the service goes on.
-void write_line(const std::string &line)
+void write_line(std::string line)
 {
+    const std::lock_guard lock(mutex);
     static const int file = open_output();
+    const std::string thread = gettid() == getpid() ? "" : std::to_string(gettid());
+    if (writes_json())
+        line += ",\"thread\":" + (thread.empty() ? "null" : thread) + "}";
+    else if (!thread.empty())
+        line += "  on thread " + thread;
+    line += "\n";
     // That nobody reads the trace any more is no reason for the service to end.
     sigset_t broken_pipe;
     sigset_t before;
@@ -153,9 +166,9 @@ void write_line(const std::string &line)
     pthread_sigmask(SIG_BLOCK, &broken_pipe, &before);
     const int error = errno;
     ssize_t count = 0;
-    for (std::string rest = line + "\n"; !rest.empty() && (count >= 0 || errno == EINTR);) {
-        count = write(file, rest.data(), rest.size());
-        rest.erase(0, static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    while (!line.empty() && (count >= 0 || errno == EINTR)) {
+        count = write(file, line.data(), line.size());
+        line.erase(0, static_cast<size_t>(std::max<ssize_t>(count, 0)));
     }
     if (errno == EPIPE) {
         const timespec at_once = {};
@@ -165,11 +178,21 @@ void write_line(const std::string &line)
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-Frame::Frame(const Shape &call, std::vector<std::string> arguments_before)
+Frame::Frame(const Shape &call, std::vector<ShownArgument> arguments_before)
     : failure(call.is_callback ? std::nullopt : take_failure(call.function)), shape(call),
-      arguments(std::move(arguments_before)), outer(innermost), depth(outer == nullptr ? 0 : outer->depth + 1)
+      arguments(std::move(arguments_before)), outer(innermost)
 {
+    const std::lock_guard lock(mutex);
+    depth = outer != nullptr ? outer->depth + 1 : begin(outermost);
     innermost = this;
+    if (outermost == nullptr)
+        outermost = this;
+}
+
+size_t Frame::begin()
+{
+    const std::lock_guard lock(mutex);
+    return begin(innermost != nullptr ? innermost : outermost);
 }
 
 size_t Frame::begin(Frame *frame)
@@ -178,22 +201,25 @@ size_t Frame::begin(Frame *frame)
         return 0;
     if (!std::exchange(frame->is_begun, true)) {
         begin(frame->outer);
-        write_line(frame->describe("begin") + (writes_json() ? "}" : " {"));
+        write_line(frame->describe("begin") + (writes_json() ? "" : " {"));
     }
     return frame->depth + 1;
 }
 
-void Frame::end(std::vector<std::string> arguments_after, const std::string &result)
+void Frame::end(std::vector<ShownArgument> arguments_after, const std::string &result)
 {
+    const std::lock_guard lock(mutex);
     const auto duration = std::chrono::steady_clock::now() - start;
     const std::string microseconds =
         std::to_string(std::chrono::duration_cast<std::chrono::microseconds>(duration).count());
     arguments = std::move(arguments_after);
     innermost = outer;
+    if (outermost == this)
+        outermost = nullptr;
     begin(outer);
     if (writes_json())
         write_line(describe(is_begun ? "end" : "call") + ",\"result\":" + (result.empty() ? "null" : result) +
-                   ",\"made_to_fail\":" + show(failure.has_value()) + ",\"us\":" + microseconds + "}");
+                   ",\"made_to_fail\":" + show(failure.has_value()) + ",\"us\":" + microseconds);
     else
         write_line((is_begun ? std::string(2 * depth, ' ') + "}" : describe("call")) +
                    (result.empty() ? "" : " = " + result) +
@@ -203,11 +229,14 @@ void Frame::end(std::vector<std::string> arguments_after, const std::string &res
 std::string Frame::describe(const char *event) const
 {
     std::string all;
+    std::vector<std::string> written;
     const char *rest = shape.names + 1;
-    for (const std::string &argument : arguments) {
+    for (const auto &[text, is_written] : arguments) {
         const std::string name(rest, strcspn(rest, ",)"));
         all += all.empty() ? "" : writes_json() ? "," : ", ";
-        all += (writes_json() ? quote(name) + ":" : "") + argument;
+        all += writes_json() ? quote(name) + ":" + text : text + (is_written ? " (written)" : "");
+        if (is_written)
+            written.push_back(name);
         rest += name.size() + 2;
     }
     if (!writes_json())
@@ -215,5 +244,5 @@ std::string Frame::describe(const char *event) const
                all + ")";
     return R"({"event":)" + quote(event) + ",\"depth\":" + std::to_string(depth) +
            ",\"callback\":" + show(shape.is_callback) + ",\"function\":" + quote(shape.function) +
-           ",\"arguments\":{" + all + "}";
+           ",\"arguments\":{" + all + "},\"written\":" + show(written);
 }

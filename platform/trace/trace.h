@@ -1,9 +1,10 @@
-// A call that crosses the boundary: shown, and made or not. All of it happens on the thread of
-// service_app_main().
+// A call that crosses the boundary: shown, and made or not. Threads share all but the frame that each is in.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <optional>
+#include <span>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -45,6 +46,26 @@ inline constexpr const char *KIND<vconf_keynode_handle> = "keynode";
 template <>
 inline constexpr const char *KIND<void *> = "data";
 
+/// Whether a call sets what this argument points to.
+template <class Value>
+inline constexpr bool IS_OUTPUT = std::is_pointer_v<Value> && (KIND<Value> == nullptr) &&
+                                  !std::is_convertible_v<Value, std::string> &&
+                                  !std::is_function_v<std::remove_pointer_t<Value>>;
+
+/// What an output holds, to tell whether a call has changed it. It may hold no value of its type before.
+template <class Value>
+auto held_by([[maybe_unused]] const Value &value)
+{
+    if constexpr (!IS_OUTPUT<Value>) {
+        return nullptr;
+    } else if constexpr (!std::is_trivial_v<std::remove_pointer_t<Value>>) {
+        return value == nullptr ? std::nullopt : std::optional(*value);
+    } else {
+        const auto bytes = std::as_bytes(std::span(value, value == nullptr ? 0 : 1));
+        return std::vector(bytes.begin(), bytes.end());
+    }
+}
+
 /// A value in the trace's format. One that a call sets is shown when it is set.
 template <class Value>
 std::string show(const Value &value, bool is_set = true, const void *owner = nullptr)
@@ -60,17 +81,16 @@ std::string show(const Value &value, bool is_set = true, const void *owner = nul
         return std::to_string(value);
     } else if constexpr (std::is_convertible_v<Value, std::string>) {
         return quote(value);
-    } else if constexpr (!std::is_pointer_v<Value>) { // several
+    } else if constexpr (IS_OUTPUT<Value>) {
+        const std::string held = is_set ? show(*value, true, owner) : "";
+        return !writes_json() ? "&" + held : is_set ? held : "null";
+    } else if constexpr (std::is_pointer_v<Value>) {
+        return writes_json() ? "\"callback\"" : "callback";
+    } else { // several
         std::string all;
         for (const auto &element : value)
             all += (all.empty() ? "" : ", ") + show(element);
         return "[" + all + "]";
-    } else if constexpr (std::is_function_v<std::remove_pointer_t<Value>>) {
-        return writes_json() ? "\"callback\"" : "callback";
-    } else if (writes_json()) {
-        return is_set ? show(*value, true, owner) : "null";
-    } else {
-        return "&" + (is_set ? show(*value, true, owner) : "");
     }
 }
 
@@ -84,12 +104,10 @@ const void *owner_in(const First &first = {}, const Rest &...)
         return nullptr;
 }
 
-template <class... Args>
-std::vector<std::string> show_arguments([[maybe_unused]] bool are_set, const Args &...args)
-{
-    [[maybe_unused]] const void *owner = owner_in(args...);
-    return {show(args, are_set, owner)...};
-}
+struct ShownArgument {
+    std::string text;
+    bool is_written = false; ///< by a call that failed all the same
+};
 
 /// What says that a call succeeded, so that it has set what it is to set.
 enum class Success { always, zero, zero_releases, not_negative, positive };
@@ -117,34 +135,41 @@ public:
     /// The code, if this call is to fail instead of being made.
     const std::optional<int> failure;
 
-    Frame(const Shape &call, std::vector<std::string> arguments_before);
+    Frame(const Shape &call, std::vector<ShownArgument> arguments_before);
 
     /// Ends it with the arguments, with those that it was to set, and the result, if it has one.
-    void end(std::vector<std::string> arguments_after, const std::string &result = "");
+    void end(std::vector<ShownArgument> arguments_after, const std::string &result = "");
 
-    /// Shows a frame that is not over, and those around it: what comes is to stand below it.
+    /// Shows the frames that this thread is in: what comes is to stand below them.
     ///
     /// @return how deep that is
-    static size_t begin(Frame *frame = innermost);
+    static size_t begin();
 
-    /// Whether the platform runs, so that a call does not come from the service.
+    /// Whether the platform runs on this thread, so that a call does not come from the service.
     static bool is_in_platform() { return innermost != nullptr && !innermost->shape.is_callback; }
 
 private:
+    static size_t begin(Frame *frame);
     std::string describe(const char *event) const;
 
-    /// The one that the service, or the platform, is in now.
-    static inline Frame *innermost = nullptr;
+    /// The one that this thread is in now.
+    static inline thread_local Frame *innermost = nullptr;
+    /// The first one that is not over: what other threads do stands below it.
+    static inline Frame *outermost = nullptr;
 
     const Shape shape;
-    std::vector<std::string> arguments;
+    std::vector<ShownArgument> arguments;
     Frame *const outer;
-    const size_t depth;
+    size_t depth = 0;
     bool is_begun = false;
     const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
 };
 
-void write_line(const std::string &line);
+/// Writes one line, at once, with the thread, if it is not the main one. What can't be written is lost: the
+/// service goes on.
+///
+/// @param line of JSON without the brace that ends it
+void write_line(std::string line);
 
 /// The code with which the call of a function that comes now is to fail, if it is.
 std::optional<int> take_failure(const std::string &function);
@@ -162,11 +187,23 @@ Result cross(const Shape &shape, Real real, Args... args)
 {
     if (!shape.is_callback && Frame::is_in_platform())
         return real(args...);
-    Frame frame(shape, show_arguments(shape.is_callback, args...));
+    const auto show_all = [&args..., ... before = held_by(args)](bool are_set) {
+        [[maybe_unused]] const void *owner = owner_in(args...);
+        [[maybe_unused]] const auto show_one = [&](const auto &argument, bool is_changed) {
+            return ShownArgument{show(argument, are_set || is_changed, owner), !are_set && is_changed};
+        };
+        return std::vector<ShownArgument>{show_one(args, held_by(args) != before)...};
+    };
+    std::vector<ShownArgument> shown = show_all(shape.is_callback);
+    Frame frame(shape, shown);
+    // Before the call: once it is made, another thread may get a handle in the same place.
+    const bool releases = shape.success == Success::zero_releases && !frame.failure;
+    if (releases)
+        forget_handle(owner_in(args...));
     if constexpr (std::is_void_v<Result>) {
         if (!frame.failure)
             real(args...);
-        frame.end(show_arguments(true, args...));
+        frame.end(show_all(true));
     } else {
         Result result{};
         if (!frame.failure)
@@ -176,9 +213,9 @@ Result cross(const Shape &shape, Real real, Args... args)
         bool succeeded = !frame.failure;
         if constexpr (std::is_arithmetic_v<Result>)
             succeeded = succeeded && has_succeeded(shape.success, result);
-        frame.end(show_arguments(succeeded, args...), show(result));
-        if (succeeded && shape.success == Success::zero_releases)
-            forget_handle(owner_in(args...));
+        if (!releases)
+            shown = show_all(succeeded);
+        frame.end(shown, show(result));
         return result;
     }
 }
@@ -187,10 +224,10 @@ Result cross(const Shape &shape, Real real, Args... args)
 template <auto PLACE, class Result, class... Args>
 auto wrap(Result (*callback)(Args...), const char *name, const char *names)
 {
-    static Result (*registered)(Args...);
-    static Shape shape;
+    static std::atomic<Result (*)(Args...)> registered;
+    static const Shape shape = {name, names, Success::always, true};
     registered = callback;
-    shape = {name, names, Success::always, true};
-    return callback == nullptr ? nullptr
-                               : +[](Args... args) { return cross<Result>(shape, registered, args...); };
+    return callback == nullptr ? nullptr : +[](Args... args) {
+        return cross<Result>(shape, registered.load(), args...);
+    };
 }

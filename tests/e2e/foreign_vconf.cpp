@@ -1,4 +1,5 @@
-// Another settings store than the host's: it keeps values in a process alone.
+// Another settings store than the host's: it keeps values in a process alone, and sets a switch that it can't
+// read.
 
 #include <cstdlib>
 #include <cstring>
@@ -16,10 +17,9 @@ struct vconf_keylist {
 
 int vconf_get_bool(const char *key, int *value)
 {
-    if (!switches.contains(key))
-        return -1;
-    *value = switches[key] ? 1 : 0;
-    return 0;
+    const auto found = switches.find(key);
+    *value = found != switches.end() && found->second ? 1 : 0;
+    return found != switches.end() ? 0 : -1;
 }
 
 int vconf_set_bool(const char *key, int value)
