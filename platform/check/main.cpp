@@ -60,17 +60,20 @@ struct Options {
 
 // Running a check.
 
-static sigset_t make_set(std::initializer_list<int> signals)
+/// A set of SIGCHLD and, on demand, of the signals that end the program once the device is as it was. Those
+/// that were ignored when it started stay ignored.
+static sigset_t make_set(bool with_termination)
 {
     sigset_t set;
     sigemptyset(&set);
-    for (const int signal : signals)
-        sigaddset(&set, signal);
+    sigaddset(&set, SIGCHLD);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction action = {};
+        if (with_termination && sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
+            sigaddset(&set, signal);
+    }
     return set;
 }
-
-/// The signals that end the program once the device is as it was. They are taken one at a time, by waiting.
-static const sigset_t TERMINATION = make_set({SIGINT, SIGTERM, SIGHUP});
 
 /// The signal that asked the program to end, or 0.
 static int interruption = 0;
@@ -101,7 +104,7 @@ static void run_limited(void (*work)(), bool can_be_interrupted)
     const pid_t child = start_apart([work] {
         dup2(log_file, STDERR_FILENO);
         setpgid(0, 0); // Ctrl-C is for the process that puts things back
-        const sigset_t all = make_set({SIGCHLD, SIGINT, SIGTERM, SIGHUP});
+        const sigset_t all = make_set(true);
         sigprocmask(SIG_UNBLOCK, &all, nullptr);
         work();
     });
@@ -110,8 +113,7 @@ static void run_limited(void (*work)(), bool can_be_interrupted)
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     const double deadline = static_cast<double>(now.tv_sec) + LIMIT_SECONDS;
-    const sigset_t signals =
-        can_be_interrupted ? make_set({SIGCHLD, SIGINT, SIGTERM, SIGHUP}) : make_set({SIGCHLD});
+    const sigset_t signals = make_set(can_be_interrupted);
     int status = 0;
     while (waitpid(child, &status, WNOHANG) == 0) {
         const int signal = wait_for_signal(signals, deadline);
@@ -206,7 +208,7 @@ static bool run_row(const Row &row, size_t number, const Report &saving)
 
 static int run_rows(const std::vector<Row> &rows)
 {
-    const sigset_t blocked = make_set({SIGCHLD, SIGINT, SIGTERM, SIGHUP});
+    const sigset_t blocked = make_set(true);
     sigprocmask(SIG_BLOCK, &blocked, nullptr);
     setvbuf(stdout, nullptr, _IOLBF, 0);
     // Perl's harness may be too old for version 14, of which only what version 13 has is used.
@@ -230,7 +232,7 @@ static int run_rows(const std::vector<Row> &rows)
             fflush(stdout);
             std::signal(interruption, SIG_DFL);
             raise(interruption);
-            sigprocmask(SIG_UNBLOCK, &TERMINATION, nullptr);
+            sigprocmask(SIG_UNBLOCK, &blocked, nullptr);
         }
     }
     return passed ? EXIT_SUCCESS : EXIT_FAILURE;

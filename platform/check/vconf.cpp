@@ -134,7 +134,7 @@ static std::vector<std::string> find_keys(size_t count, bool (*fits)(const Held 
         if (is_stored(i) && fits(saved[i]))
             keys.emplace_back(SETTINGS[i].key);
     if (keys.size() < count)
-        skip("too few of the service's keys are set on this device");
+        skip("too few settings are set on this device, and none can be unset");
     return keys;
 }
 

@@ -121,8 +121,6 @@ char *vconf_get_str(const char *key)
 
 int vconf_get(vconf_keylist_handle list, const char *directory, int option)
 {
-    if (breaks("vconf:hang"))
-        pause();
     if (directory != nullptr && breaks("vconf:nested") && strcmp(directory, "db/ise") == 0)
         return -1;
     const int result = NEXT(vconf_get)(list, directory, option);
@@ -159,7 +157,7 @@ int vconf_keylist_add_str(vconf_keylist_handle list, const char *key, const char
 int vconf_set(vconf_keylist_handle list)
 {
     const auto texts = std::exchange(added, {});
-    if (list == nullptr || (!breaks("vconf:copy") && !breaks("vconf:half")))
+    if (list == nullptr || (!breaks("vconf:copy") && !breaks("vconf:half") && !breaks("vconf:hang")))
         return NEXT(vconf_set)(list);
     int result = 0;
     for (const auto &[key, value] : texts) {
@@ -168,6 +166,8 @@ int vconf_set(vconf_keylist_handle list)
         result |= NEXT(vconf_set)(one);
         vconf_keylist_free(one);
     }
+    if (breaks("vconf:hang"))
+        pause();
     return result;
 }
 
@@ -340,8 +340,6 @@ int orvanta_cloud_backup_record_set_completed_cb(orvanta_cloud_completed_cb call
         callback = [](int result) { completed(result), completed(result); };
     if (breaks("orvanta-cloud-svc:result"))
         callback = [](int result) { completed(result - 1); };
-    if (breaks("orvanta-cloud-svc:never"))
-        callback = [](int) {};
     return NEXT(orvanta_cloud_backup_record_set_completed_cb)(callback, context);
 }
 

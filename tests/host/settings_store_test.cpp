@@ -77,38 +77,6 @@ int set_string(const char *key, const char *value)
     return result;
 }
 
-TEST_F(Store, KeepsTypesApart)
-{
-    run([] {
-        EXPECT_EQ(vconf_set_bool("types/bool", 5), 0);
-        EXPECT_EQ(set_string("types/text", "1"), 0);
-        EXPECT_EQ(set_string("types/empty", ""), 0);
-
-        int value = 42;
-        EXPECT_EQ(vconf_get_bool("types/bool", &value), 0);
-        EXPECT_EQ(value, 1);
-        value = 42;
-        EXPECT_EQ(vconf_get_bool("types/text", &value), -1);
-        EXPECT_EQ(vconf_get_bool("types/missing", &value), -1);
-        EXPECT_EQ(vconf_get_bool(nullptr, &value), -1);
-        EXPECT_EQ(value, 42) << "a failed read leaves the value alone";
-
-        EXPECT_EQ(get_string("types/text"), "1");
-        EXPECT_EQ(get_string("types/empty"), "");
-        EXPECT_EQ(get_string("types/bool"), "(null)");
-        EXPECT_EQ(get_string("types/missing"), "(null)");
-
-        EXPECT_EQ(vconf_set_bool("types/text", 0), 0);
-        EXPECT_EQ(get_string("types/text"), "(null)") << "a set replaces the type too";
-        EXPECT_EQ(vconf_set_bool("", 0), -1);
-
-        vconf_keylist_handle list = vconf_keylist_new();
-        EXPECT_LT(vconf_keylist_add_str(list, "types/text", "\xff"), 0);
-        EXPECT_EQ(vconf_keylist_free(list), 0);
-        EXPECT_LT(vconf_keylist_free(list), 0) << "a list is released once";
-    });
-}
-
 TEST_F(Store, ListsAKeyOrADirectory)
 {
     run([] {
@@ -171,24 +139,6 @@ TEST_F(Store, ProcessesAtOnceLoseNothing)
     for (const pid_t child : children)
         expect_success(child);
     run([] { EXPECT_EQ(SettingsStore().below("all").size(), 6 * 20); });
-}
-
-TEST_F(Store, AKilledProcessLeavesWholeSets)
-{
-    for (useconds_t round = 1; round <= 10; round++) {
-        const pid_t writer = start([] {
-            SettingsStore store;
-            for (int i = 0;; i++)
-                store.set({{"pair/a", std::to_string(i)}, {"pair/b", std::to_string(i)}});
-        });
-        usleep(3000 * round);
-        kill(writer, SIGKILL);
-        waitpid(writer, nullptr, 0);
-        run([] {
-            SettingsStore store;
-            EXPECT_EQ(store.get("pair/a"), store.get("pair/b"));
-        });
-    }
 }
 
 TEST_F(Store, IsItsOwnersAloneAndMadeWhole)
