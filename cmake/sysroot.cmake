@@ -15,7 +15,7 @@ foreach(kind LIBRARY INCLUDE PACKAGE)
 endforeach()
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 
-# pkg-config knows of one sysroot: here the first with GLib.
+# pkg-config, which a build of the host platform asks, knows of one sysroot: here the first with GLib.
 set(ENV{PKG_CONFIG_PATH} "")
 set(ENV{PKG_CONFIG_LIBDIR} /nowhere)
 foreach(root IN LISTS sysroots)

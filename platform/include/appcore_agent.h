@@ -1,6 +1,9 @@
 /** @file
  * The service-application framework (libappcore-agent): the main loop of an application without windows. It
  * starts the process for the first request, and hands those that come while it runs to the same process.
+ *
+ * The loop may be of any kind; the service needs no GLib main loop. The cloud library's callbacks come from
+ * the same loop: how the two libraries arrange that is their own matter.
  */
 #pragma once
 
@@ -32,7 +35,7 @@ typedef struct service_app_callbacks {
  */
 int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, void *user_data);
 
-/** Ends the main loop once the current callback has returned. */
+/** Ends the main loop once the current callback, its own or the cloud library's, has returned. */
 void service_app_exit(void);
 
 #ifdef __cplusplus

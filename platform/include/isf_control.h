@@ -13,7 +13,8 @@ extern "C" {
 /**
  * Asks for the active input method.
  *
- * @param[out] identifier  its identifier, a new text to be released with g_free(); untouched on failure
+ * @param[out] identifier  its identifier, a new text to be released with g_free(), which malloc() may have
+ *                         allocated (see orvanta_cloud.h); untouched on failure
  * @return the identifier's length in bytes, or 0 or a negative value on failure
  */
 int isf_control_get_active_ime(char **identifier);

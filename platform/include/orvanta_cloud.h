@@ -1,11 +1,14 @@
 /** @file
  * The cloud backup client library (liborvanta-cloud-svc): a service takes part in a backup or a restore by
- * registering callbacks, which the library then calls from the main loop, one after the other.
+ * registering callbacks. The library calls them from the main loop, on the thread that runs
+ * service_app_main(), one at a time, and never from within one of its own functions, such as a registration.
  *
  * A record is a text value under a key, with a date. Records travel in lists.
  *
  * Every function returns 0 (#ORVANTA_CLOUD_ERROR_NONE) or an error code. An out-parameter is written only
- * on success. All texts are NUL-terminated UTF-8; the library copies those that it is given.
+ * on success. All texts are NUL-terminated UTF-8; the library copies those that it is given. A text that
+ * it returns is released with g_free(); malloc() may have allocated it, since GLib (2.46 or newer) uses the
+ * same allocator.
  */
 #pragma once
 
@@ -27,10 +30,14 @@ enum orvanta_cloud_error {
     ORVANTA_CLOUD_ERROR_BAD_FILE = -5,
 };
 
-/** A list of records with a cursor. Whoever creates a list destroys it, and its records with it. */
+/**
+ * A list of records with a cursor. The service destroys every list, and its records with it: those from
+ * orvanta_cloud_list_create() and orvanta_cloud_file_create_record_list(), and the one that its backup
+ * callback receives. The library destroys only what is left at orvanta_cloud_deinitialize().
+ */
 typedef struct orvanta_cloud_list *orvanta_cloud_list_handle;
 
-/** One record. It belongs to the list that it was added to. */
+/** One record. It belongs to the list that it was added to; without one, to the library. */
 typedef struct orvanta_cloud_record *orvanta_cloud_record_handle;
 
 /** Restored data, which orvanta_cloud_file_create_record_list() turns into a list. */
@@ -42,16 +49,28 @@ typedef struct orvanta_cloud_source *orvanta_cloud_source_handle;
 
 /** Asks for something without an argument: get ready, send keys and dates, name a path. */
 typedef void (*orvanta_cloud_request_cb)(void);
-/** Hands over the records to be filled, as their keys and dates were sent; the callback destroys the list. */
+/**
+ * Hands over the records to be filled, with the keys and dates that were sent. The library makes the list,
+ * and the callback destroys it.
+ */
 typedef void (*orvanta_cloud_backup_cb)(orvanta_cloud_list_handle list);
 /** Hands over restored data, valid until the callback returns. */
 typedef void (*orvanta_cloud_restoration_cb)(orvanta_cloud_source_handle source);
-/** Ends an exchange, also one that failed at any step before: then `result` is 0, else 1. */
+/**
+ * Ends an exchange, also one that failed at an earlier step. `result` is 1 for success and 0 for failure,
+ * unlike the results of the functions here.
+ */
 typedef void (*orvanta_cloud_completed_cb)(int result);
 
-/** Opens the library; may be called again. */
+/**
+ * Opens the library, unless it is open. Calls are not counted: the service makes one for each request, and
+ * closes the library once, before it ends.
+ */
 int orvanta_cloud_initialize(void);
-/** Closes the library and gives up what is still under way; not from a callback that sends an answer. */
+/**
+ * Closes the library: what is still under way is given up, and lists and records are released. Refused in a
+ * callback that sends an answer.
+ */
 int orvanta_cloud_deinitialize(void);
 
 /**
@@ -78,19 +97,29 @@ int orvanta_cloud_restore_record_set_completed_cb(orvanta_cloud_completed_cb cal
 /**
  * @name Answers
  * Each answers one callback and is sent before that callback returns. `flag` is #ORVANTA_CLOUD_SEND_VALID
- * with a list or path, or #ORVANTA_CLOUD_SEND_NOTHING with null. The caller keeps the list.
- * `ready` is 1, or 0. An exchange fails without an answer, and with one that says 0 or nothing.
+ * with a list or path, or #ORVANTA_CLOUD_SEND_NOTHING with null. The library copies what it needs of
+ * a list before it returns, since the service destroys the list next. `ready` is 1, or 0. An exchange fails
+ * without an answer, and with one that says 0 or nothing.
  * @{
  */
 int orvanta_cloud_backup_record_send_preparation_completed_response(int ready);
 int orvanta_cloud_backup_record_send_keys_and_dates(orvanta_cloud_list_handle list, int flag);
-/** `path`: the file to upload, as orvanta_cloud_file_create_file() wrote it. */
+/**
+ * `path`: the file to upload, as orvanta_cloud_file_create_file() wrote it for this exchange. The service
+ * sends it as valid even when that function failed, and when a record has no value because the settings could
+ * not be read. In both cases the library must fail the exchange and keep the last good backup: it must not
+ * upload what lies at `path` from an earlier exchange, nor a record without a value.
+ */
 int orvanta_cloud_backup_record_send_backup_path(const char *path, int flag);
 
 int orvanta_cloud_restore_record_send_preparation_completed_response(int ready);
 /** `path`: where the library is to put the restored data. */
 int orvanta_cloud_restore_record_send_restoration_path(const char *path, int flag);
-/** `list`: the restored records, those that could not be applied marked as failed. */
+/**
+ * `list`: the restored records; those that could not be applied are marked as failed. Each of the others has
+ * its index in the list as a new key and the present time as a new date, so that the client shows when it was
+ * last brought in line with the device.
+ */
 int orvanta_cloud_restore_record_send_record_list(orvanta_cloud_list_handle list, int flag);
 /** @} */
 
@@ -105,6 +134,7 @@ int orvanta_cloud_list_add(orvanta_cloud_list_handle list, orvanta_cloud_record_
 int orvanta_cloud_list_get_record_count(orvanta_cloud_list_handle list, int *count);
 /** A list's cursor starts on its first record. */
 int orvanta_cloud_list_move_to_first(orvanta_cloud_list_handle list);
+/** On the last record, fails with #ORVANTA_CLOUD_ERROR_NO_RECORD, and the cursor stays. */
 int orvanta_cloud_list_move_to_next(orvanta_cloud_list_handle list);
 /** The record under the cursor; it stays the list's. */
 int orvanta_cloud_list_get_current_record(orvanta_cloud_list_handle list,
@@ -120,7 +150,7 @@ int orvanta_cloud_record_set_key(orvanta_cloud_record_handle record, const char 
 /** `date`: milliseconds since the Unix epoch, in decimal. */
 int orvanta_cloud_record_set_date(orvanta_cloud_record_handle record, const char *date);
 int orvanta_cloud_record_set_value(orvanta_cloud_record_handle record, const char *value);
-/** `value`: a new text to be released with g_free(), or null when the record has no value. */
+/** `value`: a new text, or null when the record has no value, which is no error. */
 int orvanta_cloud_record_get_value(orvanta_cloud_record_handle record, char **value);
 /** Marks a record as one that could not be restored. */
 int orvanta_cloud_record_set_fail(orvanta_cloud_record_handle record);
@@ -132,7 +162,7 @@ int orvanta_cloud_record_set_fail(orvanta_cloud_record_handle record);
  */
 /** Writes a list's records into a file, whole or not at all, replacing the one that was there. */
 int orvanta_cloud_file_create_file(orvanta_cloud_list_handle list, const char *path);
-/** Makes a list of the records held in `source`; the caller destroys it. */
+/** Makes a list of the records held in `source`. */
 int orvanta_cloud_file_create_record_list(orvanta_cloud_source_handle source,
                                           orvanta_cloud_list_handle *list);
 /** @} */

@@ -22,16 +22,18 @@ typedef struct vconf_keynode *vconf_keynode_handle;
  * Reads a boolean.
  *
  * @param[out] value  1 or 0; untouched on failure
- * @return 0, or -1 when the key is missing or no boolean, or the store can't be read
+ * @return 0, or -1 when the key is missing or no boolean, or the store can't be read; the service takes every
+ *         result except -1 for success
  */
 int vconf_get_bool(const char *key, int *value);
 
 /**
- * Stores a boolean, whatever the key held before. It outlives the process at once, and a power cut at the
- * latest when the exchange is over in which it was stored.
+ * Stores a boolean, whatever the key held before. When the call returns, the value outlives the
+ * process; a power cut may lose only the values of the last seconds. The store knows nothing of an exchange,
+ * so it must not wait for the end of one.
  *
- * @param value  any value but 0 is true
- * @return 0, or -1 when the store refuses it
+ * @param value  0 is false, any other value true
+ * @return 0, or -1 when the store refuses it; the service takes every result except -1 for success
  */
 int vconf_set_bool(const char *key, int value);
 
@@ -47,11 +49,13 @@ char *vconf_get_str(const char *key);
 vconf_keylist_handle vconf_keylist_new(void);
 
 /**
- * Fills a list from the store.
+ * Adds keys with their values from the store to a list. Where the list has the key already, its value is
+ * replaced, and no longer one for vconf_set() to store.
  *
  * @param directory  a directory, for all keys below it, or a key's own full name, for that key
  * @param option     #VCONF_GET_KEYS
- * @return 0, or a negative value when there is no such key or the store can't be read
+ * @return 0, or a negative value when there is no such key or the store can't be read: then the list stays
+ *         as it was
  */
 int vconf_get(vconf_keylist_handle list, const char *directory, int option);
 
