@@ -17,7 +17,7 @@
 // The main loop.
 
 static constexpr useconds_t POLL_MICROSECONDS = 1000;
-static constexpr int PATIENCE = 3000; ///< polls without an event
+static constexpr int PATIENCE = 2000; ///< polls without an event
 static constexpr int AFTERMATH = 50;  ///< polls after the last one
 
 /// The events of a run, for the process that waits for them.

@@ -95,12 +95,8 @@ What can't be put back is named. A check that hangs ends, and so does one that i
     means: "It would read a switch from a text, or languages from a switch."
     ...
   [1]
-  $ ime-backupctl settings | diff before -
-  4c4
-  < prediction                        false
-  ---
-  > prediction                        1
-  [1]
+  $ ime-backupctl settings get prediction
+  1
   $ prepare
   $ broken vconf:hang --only 'vconf: a boolean replaces' | grep got; ime-backupctl settings | diff before -
     got: "none in 10 seconds"

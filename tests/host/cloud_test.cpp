@@ -21,6 +21,7 @@
 #include "files.h"
 #include "history.h"
 #include "host.h"
+#include "ime_backup_trusted_folder.h"
 #include "paths.h"
 #include "report.h"
 
@@ -368,8 +369,8 @@ struct Service {
     bool add_record = false;
     bool tamper = false;                        ///< with the file that was written
     std::optional<std::string> value = "right"; ///< which stands for the plan's
-    std::string written_path = "/data/backup.dat";
-    std::string sent_path = "/data/backup.dat";
+    std::string written_path = IME_BACKUP_BACKUP_FILE;
+    std::string sent_path = IME_BACKUP_BACKUP_FILE;
     std::set<std::string> failing = {}; ///< values
     bool hand_back = true;
     bool hand_back_all = true;
@@ -442,7 +443,7 @@ void on_prepare_restore()
 void on_path()
 {
     service.called += "path ";
-    orvanta_cloud_restore_record_send_restoration_path("/data/restore.dat", 1);
+    orvanta_cloud_restore_record_send_restoration_path(IME_BACKUP_RESTORE_FILE, 1);
 }
 
 void on_restoration(orvanta_cloud_source_handle source)
@@ -521,8 +522,8 @@ TEST_F(Cloud, ExchangesCallInOrder)
     EXPECT_EQ(run_exchange(true).reason + service.called, "prepare path restoration completed ");
     EXPECT_EQ(open_store()->list().numbers, std::vector<BackupNumber>{1});
 
-    for (const char *name : {"history.jsonl", "cloud", "data", "cloud/backup-000001.json", "data/backup.dat",
-                             "data/restore.dat"})
+    for (const char *name : {"history.jsonl", "cloud", "opt", "cloud/backup-000001.json",
+                             &IME_BACKUP_BACKUP_FILE[1], &IME_BACKUP_RESTORE_FILE[1]})
         EXPECT_EQ(fs::status(root.path / name).permissions() & fs::perms(077), fs::perms::none) << name;
 }
 
@@ -546,6 +547,7 @@ TEST_F(Cloud, ABackupSucceedsOnlyWhole)
         {"wrote no backup file", [](Service &s) { s.written_path = ""; }},
         {"wrote no backup file", [](Service &s) { s.sent_path = "/elsewhere"; }},
         {"blocked", [](Service &s) { s.written_path = s.sent_path = "/blocked/backup.dat"; }},
+        {"no folder", [](Service &s) { s.written_path = s.sent_path = "/missing/backup.dat"; }},
         {"absolute path", [](Service &s) { s.written_path = s.sent_path = "/../backup.dat"; }},
     };
     for (const auto &test : cases) {
