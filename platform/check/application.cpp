@@ -17,8 +17,9 @@
 // The main loop.
 
 static constexpr useconds_t POLL_MICROSECONDS = 1000;
-static constexpr int PATIENCE = 2000; ///< polls without an event
-static constexpr int AFTERMATH = 50;  ///< polls after the last one
+static constexpr int PATIENCE = 2000;      ///< polls without an event
+static constexpr int LONG_PATIENCE = 6000; ///< the same, in an exchange, which may wait for a network
+static constexpr int AFTERMATH = 50;       ///< polls after the last one
 
 /// The events of a run, for the process that waits for them.
 struct Seen {
@@ -29,7 +30,7 @@ struct Seen {
 
 static auto &seen = *make_shared_memory<Seen>();
 static pid_t main_thread = 0;
-bool is_registering = false;
+bool is_calling = false;
 
 static void add(char (&events)[Report::SIZE], const std::string &event)
 {
@@ -37,8 +38,7 @@ static void add(char (&events)[Report::SIZE], const std::string &event)
     const std::lock_guard lock(mutex);
     const size_t length = std::string(events).size();
     snprintf(events + length, sizeof events - length, " %s%s%s", event.c_str(),
-             gettid() == main_thread ? "" : "[on another thread]",
-             is_registering ? "[in a registration]" : "");
+             gettid() == main_thread ? "" : "[on another thread]", is_calling ? "[within a call]" : "");
     seen.count++;
 }
 
@@ -82,7 +82,8 @@ Events run_main_loop(const Run &run)
         }
         const bool is_over =
             (std::string(seen.application) + seen.exchange).find(run.last) != std::string::npos;
-        if (polls == (is_over ? AFTERMATH : PATIENCE)) {
+        const int patience = is_over ? AFTERMATH : *seen.exchange == '\0' ? PATIENCE : LONG_PATIENCE;
+        if (polls == patience) {
             kill(child, SIGKILL);
             waitpid(child, &status, 0);
             end_if_reported();

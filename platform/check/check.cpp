@@ -49,6 +49,31 @@ void report_failure(const std::string &expected, const std::string &got)
     end(Report::Verdict::failed, expected, got);
 }
 
+std::string show_text(const std::string &text)
+{
+    static constexpr size_t SHOWN = 100;
+    const std::string rest = text.size() > SHOWN ? "... (" + std::to_string(text.size()) + " bytes)" : "";
+    return "\"" + text.substr(0, SHOWN) + "\"" + rest;
+}
+
+void Differences::compare(const std::string &name, const std::string &saved, const std::string &found)
+{
+    if (saved == found)
+        return;
+    const std::string comma = names.empty() ? "" : ", ";
+    names += comma + name;
+    expected += comma + saved;
+    got += comma + found;
+}
+
+void Differences::end() const
+{
+    if (names.empty())
+        return;
+    note(names.c_str());
+    fail(expected, got);
+}
+
 void fail(const std::string &expected, const std::string &got)
 {
     report_failure(expected, got);

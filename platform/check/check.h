@@ -44,6 +44,9 @@ extern const Library DLOG, APP_CONTROL, APPCORE_AGENT, VCONF, SCIM, ISF_CONTROL,
 void note(const char *call);
 #define CALL(...) (note(#__VA_ARGS__), __VA_ARGS__)
 
+/// The text between quotation marks, or its begin and size.
+std::string show_text(const std::string &text);
+
 template <class Value>
 std::string show(Value value)
 {
@@ -54,11 +57,11 @@ std::string show(Value value)
     else if constexpr (std::is_arithmetic_v<Value>)
         return std::to_string(value);
     else if constexpr (std::is_convertible_v<Value, const char *>)
-        return static_cast<const char *>(value) == nullptr ? "null" : std::string("\"") + value + "\"";
+        return static_cast<const char *>(value) == nullptr ? "null" : show_text(value);
     else if constexpr (std::is_pointer_v<Value>)
         return value == nullptr ? "null" : "a pointer";
     else
-        return "\"" + value + "\"";
+        return show_text(value);
 }
 
 /// Ends the check unless a result, or what is named as such, is as expected.
@@ -87,6 +90,18 @@ inline void expect_error(int result)
     if (result == 0)
         fail("an error code", "0");
 }
+
+/// What could not be put back.
+struct Differences {
+    void compare(const std::string &name, const std::string &saved, const std::string &found);
+    /// Ends the check if there are any.
+    void end() const;
+
+private:
+    std::string names;
+    std::string expected;
+    std::string got;
+};
 
 // Processes.
 

@@ -24,6 +24,8 @@ static std::string get_active()
     const std::string identifier = text;
     g_free(text);
     expect(length, static_cast<int>(identifier.size()));
+    if (identifier.empty())
+        fail("an identifier", show(identifier));
     return identifier;
 }
 

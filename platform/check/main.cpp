@@ -11,9 +11,12 @@
 #include <stdexcept>
 #include <vector>
 
+#include <fcntl.h>
 #include <fnmatch.h>
 #include <getopt.h>
+#include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -95,6 +98,14 @@ static int wait_for_signal(sigset_t signals, double deadline)
 /// What the check that ran wrote on standard error.
 static int log_file = -1;
 
+/// Ends a process group. Those that are killed may still write until they are gone.
+static void end_group(pid_t group)
+{
+    kill(-group, SIGKILL);
+    while (waitpid(-group, nullptr, 0) > 0) {
+    }
+}
+
 /// Runs a function in a process group of its own, so that all of it ends at the latest with the time limit.
 static void run_limited(void (*work)(), bool can_be_interrupted)
 {
@@ -102,7 +113,8 @@ static void run_limited(void (*work)(), bool can_be_interrupted)
     close(log_file);
     log_file = memfd_create("log", MFD_CLOEXEC);
     const pid_t child = start_apart([work] {
-        dup2(log_file, STDERR_FILENO);
+        for (const int file : {STDOUT_FILENO, STDERR_FILENO})
+            dup2(log_file, file);
         setpgid(0, 0); // Ctrl-C is for the process that puts things back
         const sigset_t all = make_set(true);
         sigprocmask(SIG_UNBLOCK, &all, nullptr);
@@ -119,15 +131,14 @@ static void run_limited(void (*work)(), bool can_be_interrupted)
         const int signal = wait_for_signal(signals, deadline);
         if (signal == SIGCHLD || (signal < 0 && errno == EINTR))
             continue;
-        kill(-child, SIGKILL);
-        waitpid(child, &status, 0);
+        end_group(child);
         if (signal < 0)
             report_failure("a return", "none in " + std::to_string(LIMIT_SECONDS) + " seconds");
         else
             interruption = signal;
         return;
     }
-    kill(-child, SIGKILL); // what it left running
+    end_group(child); // what it left running
     report_end(status);
 }
 
@@ -208,6 +219,9 @@ static bool run_row(const Row &row, size_t number, const Report &saving)
 
 static int run_rows(const std::vector<Row> &rows)
 {
+    flock(open("/proc/self/exe", O_RDONLY | O_CLOEXEC),
+          LOCK_EX);                   // two at once would see each other's changes
+    prctl(PR_SET_CHILD_SUBREAPER, 1); // so that it can wait for all of a group
     const sigset_t blocked = make_set(true);
     sigprocmask(SIG_BLOCK, &blocked, nullptr);
     setvbuf(stdout, nullptr, _IOLBF, 0);

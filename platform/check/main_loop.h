@@ -26,8 +26,8 @@ struct Run {
 Events run_main_loop(const Run &run);
 
 /// Notes an event of the exchange, with where it comes: it must be on the thread of service_app_main(), and
-/// not in a registration.
+/// not within a call of the library's own functions.
 void note_event(const std::string &event);
 
-/// Set while the exchange's callbacks are registered.
-extern bool is_registering;
+/// Set within such a call.
+extern bool is_calling;

@@ -106,29 +106,73 @@ static void expect_record_refused(Record record, List spare)
 
 // The exchange.
 
-enum class Set { info, backup };
+enum class Set { info, backup, restore };
 
-static bool is_ready = true;
+static int is_ready = 1;
 static void (*on_list)(List list) = nullptr;
+
+/// Answers a callback.
+static void answer(int (*send)())
+{
+    is_calling = true;
+    const int result = send();
+    is_calling = false;
+    expect(result, 0);
+}
 
 static void send_keys_and_dates()
 {
     const Record record = make_record();
     expect(CALL(orvanta_cloud_record_set_key(record, "0")), 0);
     expect(CALL(orvanta_cloud_record_set_date(record, "1700000000999")), 0);
-    const List list = make_list();
+    static List list;
+    list = make_list();
     expect(CALL(orvanta_cloud_list_add(list, record)), 0);
-    expect(CALL(orvanta_cloud_backup_record_send_keys_and_dates(list, ORVANTA_CLOUD_SEND_VALID)), 0);
+    answer(
+        [] { return CALL(orvanta_cloud_backup_record_send_keys_and_dates(list, ORVANTA_CLOUD_SEND_VALID)); });
     expect(CALL(orvanta_cloud_list_destroy(list)), 0);
 }
 
-static void register_set(Set set)
+static void complete(int result)
+{
+    note_event("completed(" + std::to_string(result) + ")");
+}
+
+static void register_restore()
 {
     const auto prepare = [] {
         note_event("preparation");
         run_to_end([] {
-            expect(CALL(orvanta_cloud_backup_record_send_preparation_completed_response(is_ready ? 1 : 0)),
-                   0);
+            answer([] {
+                return CALL(orvanta_cloud_restore_record_send_preparation_completed_response(is_ready));
+            });
+        });
+    };
+    const auto tell_path = [] {
+        note_event("restoration_path");
+        run_to_end([] {
+            answer([] {
+                return CALL(
+                    orvanta_cloud_restore_record_send_restoration_path(nullptr, ORVANTA_CLOUD_SEND_NOTHING));
+            });
+        });
+    };
+    const auto restore = [](orvanta_cloud_source_handle) { note_event("restoration"); };
+
+    expect(CALL(orvanta_cloud_restore_record_set_preparation_cb(prepare, nullptr)), 0);
+    expect(CALL(orvanta_cloud_restore_record_set_sending_restoration_path_cb(tell_path, nullptr)), 0);
+    expect(CALL(orvanta_cloud_restore_record_set_restoration_cb(restore, nullptr)), 0);
+    expect(CALL(orvanta_cloud_restore_record_set_completed_cb(complete, nullptr)), 0);
+}
+
+static void register_backup(Set set)
+{
+    const auto prepare = [] {
+        note_event("preparation");
+        run_to_end([] {
+            answer([] {
+                return CALL(orvanta_cloud_backup_record_send_preparation_completed_response(is_ready));
+            });
         });
     };
     const auto tell_keys_and_dates = [] {
@@ -139,14 +183,14 @@ static void register_set(Set set)
         note_event("backup");
         run_to_end([list] { on_list(list); });
         run_to_end([] {
-            expect(CALL(orvanta_cloud_backup_record_send_backup_path(nullptr, ORVANTA_CLOUD_SEND_NOTHING)),
-                   0);
+            answer([] {
+                return CALL(
+                    orvanta_cloud_backup_record_send_backup_path(nullptr, ORVANTA_CLOUD_SEND_NOTHING));
+            });
         });
         orvanta_cloud_list_destroy(list);
     };
-    const auto complete = [](int result) { note_event("completed(" + std::to_string(result) + ")"); };
 
-    expect(CALL(orvanta_cloud_initialize()), 0);
     expect(CALL(orvanta_cloud_backup_record_set_preparation_cb(prepare, nullptr)), 0);
     expect(CALL(orvanta_cloud_backup_record_set_sending_keys_and_dates_cb(tell_keys_and_dates, nullptr)), 0);
     if (set == Set::backup)
@@ -160,9 +204,17 @@ static void register_set(Set set)
 static std::string run_exchange(Set set)
 {
     const auto create = [set, is_created = false]() mutable {
-        is_registering = !std::exchange(is_created, true); // a platform may be wrong, and call it again
-        const bool is_registered = !is_registering || run_to_end([set] { register_set(set); });
-        is_registering = false;
+        if (std::exchange(is_created, true)) // a platform may be wrong, and call it again
+            return true;
+        is_calling = true;
+        const bool is_registered = run_to_end([set] {
+            expect(CALL(orvanta_cloud_initialize()), 0);
+            if (set == Set::restore)
+                register_restore();
+            else
+                register_backup(set);
+        });
+        is_calling = false;
         return is_registered;
     };
     const Run run = {.create = create, .last = "completed"};
@@ -180,7 +232,7 @@ static void run_backup(void (*with_list)(List list))
 {
     on_list = with_list;
     const std::string events = run_exchange(Set::backup);
-    if (events == " preparation keys_and_dates completed(0)")
+    if (events.find("backup") == std::string::npos)
         skip("the library does not ask for the records");
     expect(events, " preparation keys_and_dates backup completed(0)");
 }
@@ -189,13 +241,14 @@ static void run_backup(void (*with_list)(List list))
 
 static constexpr char FILE_NAME[] = "/ime-backup-check.dat";
 static constexpr char FOLDER_NAME[] = "/ime-backup-check";
+static constexpr char OTHER_NAME[] = "/ime-backup-check.new";
 static const std::string FILE_PATH = std::string(IME_BACKUP_TRUSTED_FOLDER) + FILE_NAME;
 static constexpr rlim_t SIZE_LIMIT = 65'521;
 
 /// Where the library really writes: a platform may keep the device's folders below another one.
 struct Place {
-    char partial[4096]; ///< the file that the last record file was written into
-    char folder[4096];
+    char partial[4096]; ///< the file that a killed process wrote, or "" where another process writes
+    char folder[4096] = IME_BACKUP_TRUSTED_FOLDER;
 };
 
 static auto &place = *make_shared_memory<Place>();
@@ -210,24 +263,35 @@ static std::string read_file(const std::string &path)
 /// process.
 static void die_in_write(int)
 {
-    for (int file = STDERR_FILENO + 1; file < 1024 && *place.folder == '\0'; file++) {
+    for (int file = STDERR_FILENO + 1; file < 1024; file++) {
         struct stat status = {};
-        if (fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_size == SIZE_LIMIT &&
-            readlink(("/proc/self/fd/" + std::to_string(file)).c_str(), place.partial,
-                     sizeof place.partial - 1) > 0)
-            snprintf(place.folder, sizeof place.folder, "%.*s",
-                     static_cast<int>(std::string(place.partial).rfind('/')), place.partial);
+        char path[sizeof place.partial] = "";
+        if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode) || status.st_size != SIZE_LIMIT ||
+            readlink(("/proc/self/fd/" + std::to_string(file)).c_str(), path, sizeof path - 1) <= 0)
+            continue;
+        const std::string name = path;
+        snprintf(place.partial, sizeof place.partial, "%s", path);
+        snprintf(place.folder, sizeof place.folder, "%s", name.substr(0, name.rfind('/')).c_str());
+        if (!name.ends_with(FILE_NAME)) // each process may write one of another name
+            unlink(path);
     }
     _exit(0);
 }
 
-/// A list that takes this much of a file.
-static List make_sized_list(size_t size)
+/// A list that takes this much of a file. The key and the date that it is given change after that.
+static List make_sized_list(size_t size, const char *given_key = "0",
+                            const char *given_date = "1700000000999")
 {
+    static std::string key;
+    static std::string date;
+    key = given_key;
+    date = given_date;
     const List list = make_list({std::string(size, 'x')});
     const Record record = get_current(list);
-    expect(CALL(orvanta_cloud_record_set_key(record, "0")), 0);
-    expect(CALL(orvanta_cloud_record_set_date(record, "1700000000999")), 0);
+    expect(CALL(orvanta_cloud_record_set_key(record, key.c_str())), 0);
+    expect(CALL(orvanta_cloud_record_set_date(record, date.c_str())), 0);
+    key.assign(key.size(), '?');
+    date.assign(date.size(), '?');
     return list;
 }
 
@@ -247,19 +311,38 @@ static void die_while_writing()
     waitpid(start_apart([] { write_too_much(die_in_write); }), &status, 0);
 }
 
+/// @return the file
 static std::string write_small(List list = make_sized_list(1))
 {
     expect(CALL(orvanta_cloud_file_create_file(list, FILE_PATH.c_str())), 0);
-    return read_file(place.folder + std::string(FILE_NAME));
+    std::string content = read_file(place.folder + std::string(FILE_NAME));
+    if (content.empty()) { // what was found may be another folder, in which the file is begun
+        snprintf(place.folder, sizeof place.folder, "%s", IME_BACKUP_TRUSTED_FOLDER);
+        content = read_file(FILE_PATH);
+    }
+    if (content.empty() && access(IME_BACKUP_TRUSTED_FOLDER, F_OK) == 0)
+        fail("a file at " + FILE_PATH, "none, or an empty one");
+    if (content.empty())
+        skip("the file that the library wrote as " + FILE_PATH + " can't be found");
+    return content;
+}
+
+/// The same, where the library writes the same file for the same list.
+static std::string write_comparable()
+{
+    const std::string content = write_small();
+    if (write_small() != content)
+        skip("the library writes a different file each time");
+    return content;
 }
 
 /// Expects the file to stay as it is while `work` fails to write another.
 static void expect_file_stays(void (*work)())
 {
     die_while_writing(); // so that the place is known
-    const std::string before = write_small();
-    if (before.empty() || before != write_small())
-        skip("the files that the library writes can't be compared");
+    const std::string before = write_comparable();
+    if (*place.partial == '\0')
+        skip("another process writes the library's files");
     work();
     const std::string after = read_file(place.folder + std::string(FILE_NAME));
     note("orvanta_cloud_file_create_file(), which can't write all of the file");
@@ -269,12 +352,10 @@ static void expect_file_stays(void (*work)())
 
 static void remove_files()
 {
-    if (*place.folder == '\0')
-        return;
-    const std::string file = place.folder + std::string(FILE_NAME);
-    const std::string folder = place.folder + std::string(FOLDER_NAME);
-    for (const std::string &made : {std::string(place.partial), file, folder + FILE_NAME, folder})
-        if (remove(made.c_str()) != 0 && errno != ENOENT && errno != ENOTDIR) {
+    const std::string folder = place.folder;
+    for (const std::string &made : {place.partial + std::string(), folder + FILE_NAME, folder + OTHER_NAME,
+                                    folder + FOLDER_NAME + FILE_NAME, folder + FOLDER_NAME})
+        if (access(made.c_str(), F_OK) == 0 && remove(made.c_str()) != 0) {
             note(made.c_str());
             fail("removed", strerror(errno));
         }
@@ -309,6 +390,8 @@ static constexpr Check CHECKS[] = {
                          expect(CALL(orvanta_cloud_list_move_to_next(list)), 0);
                  }
                  expect_error(CALL(orvanta_cloud_list_move_to_next(list)));
+                 if (count > 0)
+                     expect(get_value(get_current(list)), values.back());
              }
              if (count == 0) {
                  Record record = bad_handle<Record>();
@@ -369,7 +452,7 @@ static constexpr Check CHECKS[] = {
          expect(CALL(orvanta_cloud_record_set_fail(record)), 0);
      }},
 
-    {"null is refused, and outputs are left",
+    {"null and a text that is not UTF-8 are refused, and outputs are left",
      "It would crash where a call before has failed, since it goes on.",
      [] {
          orvanta_cloud_initialize();
@@ -384,6 +467,7 @@ static constexpr Check CHECKS[] = {
          expect_error(CALL(orvanta_cloud_record_set_key(record, nullptr)));
          expect_error(CALL(orvanta_cloud_record_set_date(record, nullptr)));
          expect_error(CALL(orvanta_cloud_record_set_value(record, nullptr)));
+         expect_error(CALL(orvanta_cloud_record_set_value(record, "\xff")));
          expect_error(CALL(orvanta_cloud_record_get_value(record, nullptr)));
      }},
 
@@ -430,9 +514,15 @@ static constexpr Check CHECKS[] = {
     {"a service that is not ready is asked for nothing more, and is told of the failure",
      "It would take part in an exchange that it has declined.",
      [] {
-         is_ready = false;
-         expect(run_exchange(Set::info), " preparation completed(0)");
+         is_ready = 0;
+         for (const Set set : {Set::info, Set::restore})
+             expect(run_exchange(set), " preparation completed(0)");
      },
+     Check::changes},
+
+    {"a restore asks for a path, and ends without one",
+     "It would restore nothing, or what it has not asked for.",
+     [] { expect(run_exchange(Set::restore), " preparation restoration_path completed(0)"); },
      Check::changes},
 
     {"a backup asks for one record for each key, without a value",
@@ -450,23 +540,18 @@ static constexpr Check CHECKS[] = {
      },
      Check::changes},
 
-    {"orvanta_cloud_file_create_file() writes a file into the trusted folder, with the texts as they were "
-     "set",
+    {"orvanta_cloud_file_create_file() writes a file into the trusted folder, with the keys and dates "
+     "as they were set",
      "It would hand over no backup.",
      [] {
          run_backup([](List) {
              die_while_writing();
-             const std::string content = write_small();
-             std::string key = "0";
-             std::string date = "1700000000999";
-             const List list = make_sized_list(1);
-             orvanta_cloud_record_set_key(get_current(list), key.c_str());
-             orvanta_cloud_record_set_date(get_current(list), date.c_str());
-             key = "?";
-             date.assign(date.size(), '?');
-             const std::string again = write_small(list);
-             note("orvanta_cloud_file_create_file(), after the texts that were set have changed");
-             expect(again, content);
+             const std::string content = write_comparable();
+             const bool has_key = write_small(make_sized_list(1, "1")) != content;
+             const bool has_date = write_small(make_sized_list(1, "0", "1700000000998")) != content;
+             note("orvanta_cloud_file_create_file(), with another key, then with a date 1 ms earlier");
+             expect(has_key, true, "another file for another key: ");
+             expect(has_date, true, "another file for another date: ");
          });
      },
      Check::changes},
@@ -502,11 +587,10 @@ static constexpr Check CHECKS[] = {
     {"the trusted folder lets the service's user make, write, rename and remove a file",
      "The cloud library could not hand over a backup, or take one.",
      [] {
-         const std::string folder = *place.folder == '\0' ? IME_BACKUP_TRUSTED_FOLDER : place.folder;
-         if (access(folder.c_str(), F_OK) != 0)
+         const std::string file = place.folder + std::string(FILE_NAME);
+         const std::string other = place.folder + std::string(OTHER_NAME);
+         if (access(place.folder, F_OK) != 0 && errno == ENOENT)
              skip("the cloud library keeps it elsewhere");
-         const std::string file = folder + FILE_NAME;
-         const std::string other = file + ".new";
          note(file.c_str());
          expect(std::ofstream(other) << "content" << std::flush ? 0 : errno, 0, "errno of writing: ");
          expect(rename(other.c_str(), file.c_str()), 0, "the result of rename: ");
