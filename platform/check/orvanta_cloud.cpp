@@ -592,10 +592,14 @@ static constexpr Check CHECKS[] = {
          if (access(place.folder, F_OK) != 0 && errno == ENOENT)
              skip("the cloud library keeps it elsewhere");
          note(file.c_str());
-         expect(std::ofstream(other) << "content" << std::flush ? 0 : errno, 0, "errno of writing: ");
-         expect(rename(other.c_str(), file.c_str()), 0, "the result of rename: ");
+         const auto expect_done = [](bool is_done, const char *what) {
+             if (!is_done)
+                 fail(what, strerror(errno));
+         };
+         expect_done(!!(std::ofstream(other) << "content" << std::flush), "written");
+         expect_done(rename(other.c_str(), file.c_str()) == 0, "renamed");
          expect(read_file(file), "content");
-         expect(unlink(file.c_str()), 0, "the result of unlink: ");
+         expect_done(unlink(file.c_str()) == 0, "removed");
      },
      Check::changes},
 

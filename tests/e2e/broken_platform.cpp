@@ -100,6 +100,8 @@ int vconf_get_bool(const char *key, int *value)
         *value *= 255;
     if (result != 0 && breaks("vconf:output"))
         *value = 0;
+    if (result != 0 && breaks("vconf:parsed") && NEXT(vconf_get_str)(key) != nullptr)
+        return *value = 0;
     return result != 0 && breaks("vconf:code") ? -2 : result == 0 && breaks("vconf:read") ? 1 : result;
 }
 
@@ -107,6 +109,12 @@ int vconf_set_bool(const char *key, int value)
 {
     if (key != nullptr && breaks("vconf:lost"))
         return 0;
+    if (breaks("vconf:hang")) {
+        NEXT(vconf_set_bool)(key, value);
+        pause();
+    }
+    if (key != nullptr && breaks("vconf:neighbour"))
+        NEXT(vconf_set_bool)("db/ise/hand_write", value);
     if (breaks("vconf:kept-type") && NEXT(vconf_get_str)(key) != nullptr)
         return -1;
     return NEXT(vconf_set_bool)(key, breaks("vconf:inverse") ? !value : value);
@@ -123,7 +131,9 @@ int vconf_get(vconf_keylist_handle list, const char *directory, int option)
 {
     if (directory != nullptr && breaks("vconf:nested") && strcmp(directory, "db/ise") == 0)
         return -1;
-    const int result = NEXT(vconf_get)(list, directory, option);
+    int result = NEXT(vconf_get)(list, directory, option);
+    for (char next = 'a'; directory != nullptr && result < 0 && next <= 'z' && breaks("vconf:part"); next++)
+        result = NEXT(vconf_get)(list, (std::string(directory) + next).c_str(), option);
     if (result < 0)
         return breaks("vconf:nothing") ? 0 : result;
     return breaks("vconf:one") ? 1 : result;
@@ -157,8 +167,8 @@ int vconf_keylist_add_str(vconf_keylist_handle list, const char *key, const char
 int vconf_set(vconf_keylist_handle list)
 {
     const auto texts = std::exchange(added, {});
-    if (list == nullptr || (!breaks("vconf:copy") && !breaks("vconf:half") && !breaks("vconf:hang")))
-        return NEXT(vconf_set)(list);
+    if (list == nullptr || (!breaks("vconf:copy") && !breaks("vconf:half")))
+        return list != nullptr && breaks("vconf:unstored") ? 0 : NEXT(vconf_set)(list);
     int result = 0;
     for (const auto &[key, value] : texts) {
         vconf_keylist_handle one = vconf_keylist_new();
@@ -166,8 +176,6 @@ int vconf_set(vconf_keylist_handle list)
         result |= NEXT(vconf_set)(one);
         vconf_keylist_free(one);
     }
-    if (breaks("vconf:hang"))
-        pause();
     return result;
 }
 
@@ -179,7 +187,11 @@ int isf_control_get_active_ime(char **identifier)
     const int result = NEXT(isf_control_get_active_ime)(identifier);
     if (result > 0 && breaks("isf-control:static"))
         *identifier = strcpy(text, *identifier);
-    return result > 0 && breaks("isf-control:length") ? 1 : result;
+    if (result > 0 && breaks("isf-control:none"))
+        **identifier = '\0';
+    return result > 0 && breaks("isf-control:none")     ? 0
+           : result > 0 && breaks("isf-control:length") ? 1
+                                                        : result;
 }
 
 int isf_control_set_active_ime(const char *identifier)
@@ -208,6 +220,8 @@ public:
     bool read(const scim::String &key, bool *value) const override { return get(key, value); }
     bool write(const scim::String &key, int value) override
     {
+        if (breaks("scim:neighbour"))
+            real->write("keyloom/auto_spacing_val", value);
         return breaks("scim:write") || real->write(key, breaks("scim:integer") ? 1 : value);
     }
     bool write(const scim::String &key, bool value) override
@@ -270,6 +284,8 @@ int orvanta_cloud_list_move_to_first(orvanta_cloud_list_handle list)
 int orvanta_cloud_list_move_to_next(orvanta_cloud_list_handle list)
 {
     const int result = NEXT(orvanta_cloud_list_move_to_next)(list);
+    if (result != 0 && breaks("orvanta-cloud-svc:wraps"))
+        NEXT(orvanta_cloud_list_move_to_first)(list);
     return list != nullptr && breaks("orvanta-cloud-svc:behind") ? 0 : result;
 }
 
@@ -290,7 +306,8 @@ static const char *last_value;
 int orvanta_cloud_record_set_value(orvanta_cloud_record_handle record, const char *value)
 {
     last_value = value;
-    return NEXT(orvanta_cloud_record_set_value)(record, value);
+    const int result = NEXT(orvanta_cloud_record_set_value)(record, value);
+    return value != nullptr && breaks("orvanta-cloud-svc:utf-8") ? 0 : result;
 }
 
 int orvanta_cloud_record_get_value(orvanta_cloud_record_handle record, char **value)
@@ -309,6 +326,8 @@ int orvanta_cloud_record_get_value(orvanta_cloud_record_handle record, char **va
 int orvanta_cloud_record_set_date(orvanta_cloud_record_handle record, const char *date)
 {
     const bool is_late = date != nullptr && strlen(date) > 10; // for seconds
+    if (is_late && breaks("orvanta-cloud-svc:seconds"))
+        return NEXT(orvanta_cloud_record_set_date)(record, std::string(date, 10).c_str());
     return is_late && breaks("orvanta-cloud-svc:date") ? -1
                                                        : NEXT(orvanta_cloud_record_set_date)(record, date);
 }
@@ -341,6 +360,14 @@ int orvanta_cloud_backup_record_set_completed_cb(orvanta_cloud_completed_cb call
     if (breaks("orvanta-cloud-svc:result"))
         callback = [](int result) { completed(result - 1); };
     return NEXT(orvanta_cloud_backup_record_set_completed_cb)(callback, context);
+}
+
+int orvanta_cloud_restore_record_set_sending_restoration_path_cb(orvanta_cloud_request_cb callback,
+                                                                 void *context)
+{
+    if (breaks("orvanta-cloud-svc:restore"))
+        callback = [] {};
+    return NEXT(orvanta_cloud_restore_record_set_sending_restoration_path_cb)(callback, context);
 }
 
 int orvanta_cloud_file_create_file(orvanta_cloud_list_handle list, const char *path)
