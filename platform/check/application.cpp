@@ -145,12 +145,12 @@ static constexpr Check APP_CONTROL_CHECKS[] = {
          expect(CALL(app_control_destroy(other)), 0);
      }},
 
-    {"null is refused, and outputs are left", "It would go on with a request that it does not have.",
+    {"null is refused, and outputs stay untouched", "It would go on with a request that it does not have.",
      [] {
          char text[] = "";
          char *operation = text;
          expect_error(CALL(app_control_get_operation(nullptr, &operation)));
-         expect(operation == text, true, "the output is left: ");
+         expect(operation == text, true, "the output is untouched: ");
          expect_error(CALL(app_control_create(nullptr)));
          expect_error(CALL(app_control_destroy(nullptr)));
          expect_error(CALL(app_control_reply_to_launch_request(nullptr, nullptr, 0)));

@@ -84,7 +84,7 @@ static void expect_list_refused(List list, Record spare)
     expect_error(CALL(orvanta_cloud_list_get_record_count(list, &count)));
     expect(count, 42, "the output: ");
     expect_error(CALL(orvanta_cloud_list_get_current_record(list, &record)));
-    expect(record == bad_handle<Record>(), true, "the output is left: ");
+    expect(record == bad_handle<Record>(), true, "the output is untouched: ");
     expect_error(CALL(orvanta_cloud_list_move_to_first(list)));
     expect_error(CALL(orvanta_cloud_list_move_to_next(list)));
     expect_error(CALL(orvanta_cloud_list_add(list, spare)));
@@ -96,7 +96,7 @@ static void expect_record_refused(Record record, List spare)
     char text[] = "";
     char *value = text;
     expect_error(CALL(orvanta_cloud_record_get_value(record, &value)));
-    expect(value == text, true, "the output is left: ");
+    expect(value == text, true, "the output is untouched: ");
     expect_error(CALL(orvanta_cloud_record_set_key(record, "0")));
     expect_error(CALL(orvanta_cloud_record_set_date(record, "0")));
     expect_error(CALL(orvanta_cloud_record_set_value(record, "")));
@@ -115,9 +115,8 @@ static void (*on_list)(List list) = nullptr;
 static void answer(int (*send)())
 {
     is_calling = true;
-    const int result = send();
+    run_to_end([send] { expect(send(), 0); });
     is_calling = false;
-    expect(result, 0);
 }
 
 static void send_keys_and_dates()
@@ -142,19 +141,14 @@ static void register_restore()
 {
     const auto prepare = [] {
         note_event("preparation");
-        run_to_end([] {
-            answer([] {
-                return CALL(orvanta_cloud_restore_record_send_preparation_completed_response(is_ready));
-            });
-        });
+        answer(
+            [] { return CALL(orvanta_cloud_restore_record_send_preparation_completed_response(is_ready)); });
     };
     const auto tell_path = [] {
         note_event("restoration_path");
-        run_to_end([] {
-            answer([] {
-                return CALL(
-                    orvanta_cloud_restore_record_send_restoration_path(nullptr, ORVANTA_CLOUD_SEND_NOTHING));
-            });
+        answer([] {
+            return CALL(
+                orvanta_cloud_restore_record_send_restoration_path(nullptr, ORVANTA_CLOUD_SEND_NOTHING));
         });
     };
     const auto restore = [](orvanta_cloud_source_handle) { note_event("restoration"); };
@@ -169,11 +163,8 @@ static void register_backup(Set set)
 {
     const auto prepare = [] {
         note_event("preparation");
-        run_to_end([] {
-            answer([] {
-                return CALL(orvanta_cloud_backup_record_send_preparation_completed_response(is_ready));
-            });
-        });
+        answer(
+            [] { return CALL(orvanta_cloud_backup_record_send_preparation_completed_response(is_ready)); });
     };
     const auto tell_keys_and_dates = [] {
         note_event("keys_and_dates");
@@ -182,11 +173,8 @@ static void register_backup(Set set)
     const auto back_up = [](List list) {
         note_event("backup");
         run_to_end([list] { on_list(list); });
-        run_to_end([] {
-            answer([] {
-                return CALL(
-                    orvanta_cloud_backup_record_send_backup_path(nullptr, ORVANTA_CLOUD_SEND_NOTHING));
-            });
+        answer([] {
+            return CALL(orvanta_cloud_backup_record_send_backup_path(nullptr, ORVANTA_CLOUD_SEND_NOTHING));
         });
         orvanta_cloud_list_destroy(list);
     };
@@ -397,7 +385,7 @@ static constexpr Check CHECKS[] = {
                  Record record = bad_handle<Record>();
                  expect_error(CALL(orvanta_cloud_list_move_to_first(list)));
                  expect_error(CALL(orvanta_cloud_list_get_current_record(list, &record)));
-                 expect(record == bad_handle<Record>(), true, "the output is left: ");
+                 expect(record == bad_handle<Record>(), true, "the output is untouched: ");
              }
              expect(CALL(orvanta_cloud_list_destroy(list)), 0);
          }
@@ -452,7 +440,7 @@ static constexpr Check CHECKS[] = {
          expect(CALL(orvanta_cloud_record_set_fail(record)), 0);
      }},
 
-    {"null and a text that is not UTF-8 are refused, and outputs are left",
+    {"null and a text that is not UTF-8 are refused, and outputs stay untouched",
      "It would crash where a call before has failed, since it goes on.",
      [] {
          orvanta_cloud_initialize();
@@ -471,7 +459,7 @@ static constexpr Check CHECKS[] = {
          expect_error(CALL(orvanta_cloud_record_get_value(record, nullptr)));
      }},
 
-    {"a list that is destroyed is refused with its records, and outputs are left",
+    {"a list that is destroyed is refused with its records, and outputs stay untouched",
      "It would read memory that is freed.",
      [] {
          orvanta_cloud_initialize();
@@ -484,7 +472,7 @@ static constexpr Check CHECKS[] = {
          expect_record_refused(record, spare_list);
      }},
 
-    {"what is no handle, or a handle of another kind, is refused, and outputs are left",
+    {"what is no handle, or a handle of another kind, is refused, and outputs stay untouched",
      "It would read memory that is none.",
      [] {
          orvanta_cloud_initialize();
@@ -520,8 +508,7 @@ static constexpr Check CHECKS[] = {
      },
      Check::changes},
 
-    {"a restore asks for a path, and ends without one",
-     "It would restore nothing, or what it has not asked for.",
+    {"a restore asks for a path, and ends without one", "A restore would never begin, or never end.",
      [] { expect(run_exchange(Set::restore), " preparation restoration_path completed(0)"); },
      Check::changes},
 
@@ -603,7 +590,8 @@ static constexpr Check CHECKS[] = {
      },
      Check::changes},
 
-    {"an info calls back in order, from the main loop and on its thread, and completes once",
+    {"an exchange for backup info calls back in order, from the main loop and on its thread, and completes "
+     "once",
      "Its callbacks would come when nothing waits for them, and the exchange would fail or never end.",
      [] { expect(run_exchange(Set::info), " preparation keys_and_dates completed(1)"); }, Check::changes},
 };

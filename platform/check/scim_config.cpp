@@ -155,7 +155,7 @@ static constexpr Check CHECKS[] = {
          create_config();
      }},
 
-    {"read() of a key that is not set gives false, and leaves its output",
+    {"read() of a key that is not set gives false, and leaves its output untouched",
      "It would back up a switch that is not set as off, and it stands for on.",
      [] {
          const scim::ConfigPointer config = create_config();

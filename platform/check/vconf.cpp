@@ -92,13 +92,20 @@ static bool is_text(const Held &held)
     return held.form == Held::text;
 }
 
+static std::string describe(const Held &held)
+{
+    return held.form == Held::nothing ? "not set"
+           : held.form == Held::text  ? show(held.content)
+                                      : show(held.number);
+}
+
 static void save()
 {
     for (size_t i = 0; i < SETTINGS.size(); i++)
         if (is_stored(i))
             saved[i] = look(SETTINGS[i].key);
-    if (is_any(look(MISSING)))
-        fail("no value of a key that is not set", "one");
+    if (const Held missing = look(MISSING); is_any(missing))
+        fail("nothing under " + show(MISSING), describe(missing));
 }
 
 static int store_texts(const Texts &texts)
@@ -109,13 +116,6 @@ static int store_texts(const Texts &texts)
             result < 0)
             return result;
     return CALL(vconf_set(list.handle));
-}
-
-static std::string describe(const Held &held)
-{
-    return held.form == Held::nothing ? "not set"
-           : held.form == Held::text  ? show(held.content)
-                                      : show(held.number);
 }
 
 static void put_back()
@@ -145,7 +145,7 @@ static std::vector<std::string> find_keys(size_t count, bool (*fits)(const Held 
         if (is_stored(i) && fits(saved[i]))
             keys.emplace_back(SETTINGS[i].key);
     if (keys.size() < count)
-        skip("too few settings are set on this device, and none can be unset");
+        skip("too few settings are set: set the keyboard's settings first");
     return keys;
 }
 
@@ -202,7 +202,7 @@ static std::string folder_of(const std::string &path)
 // The promises.
 
 static constexpr Check CHECKS[] = {
-    {"vconf_get_bool() of a missing key gives -1, and leaves its output",
+    {"vconf_get_bool() of a missing key gives -1, and leaves its output untouched",
      "It would back up a switch that is not set as off, and it stands for on.",
      [] { expect_no_bool(MISSING); }},
 
@@ -217,7 +217,7 @@ static constexpr Check CHECKS[] = {
     {"vconf_get_str() of a missing key gives null", "It would take languages for downloaded that are not.",
      [] { expect(CALL(vconf_get_str(MISSING)), nullptr); }},
 
-    {"vconf_get() of nothing, and of a part of a name, gives a negative value",
+    {"vconf_get() of nothing, or of part of a key's name, gives a negative value",
      "It would not store the default languages where none are selected.",
      [] {
          const List list;
@@ -235,7 +235,7 @@ static constexpr Check CHECKS[] = {
              find_node(List(path), key);
      }},
 
-    {"vconf_keylist_lookup() finds a key by its full name only, and leaves its output else",
+    {"vconf_keylist_lookup() finds a key by its full name only, and otherwise leaves its output untouched",
      "It would back up the languages of another key.",
      [] {
          const std::string key = find_key();
@@ -244,7 +244,7 @@ static constexpr Check CHECKS[] = {
                                          key.substr(key.rfind('/') + 1), std::string()}) {
              vconf_keynode_handle node = NO_NODE;
              expect_negative(CALL(vconf_keylist_lookup(list.handle, part.c_str(), &node)));
-             expect(node == NO_NODE, true, "the output is left: ");
+             expect(node == NO_NODE, true, "the output is untouched: ");
          }
      }},
 

@@ -45,7 +45,7 @@ A platform that breaks a promise is found out, and its library is named.
   $ broken vconf:output --only 'vconf: vconf_get*missing'
   TAP version 14
   1..2
-  not ok 1 - vconf: vconf_get_bool() of a missing key gives -1, and leaves its output
+  not ok 1 - vconf: vconf_get_bool() of a missing key gives -1, and leaves its output untouched
     ---
     call: "vconf_get_bool(key, &value)"
     expected: "the output: 42"
