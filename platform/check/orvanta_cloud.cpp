@@ -80,7 +80,7 @@ static Handle bad_handle()
 static void expect_list_refused(List list, Record spare)
 {
     int count = 42;
-    Record record = bad_handle<Record>();
+    auto record = bad_handle<Record>();
     expect_error(CALL(orvanta_cloud_list_get_record_count(list, &count)));
     expect(count, 42, "the output: ");
     expect_error(CALL(orvanta_cloud_list_get_current_record(list, &record)));
@@ -382,7 +382,7 @@ static constexpr Check CHECKS[] = {
                      expect(get_value(get_current(list)), values.back());
              }
              if (count == 0) {
-                 Record record = bad_handle<Record>();
+                 auto record = bad_handle<Record>();
                  expect_error(CALL(orvanta_cloud_list_move_to_first(list)));
                  expect_error(CALL(orvanta_cloud_list_get_current_record(list, &record)));
                  expect(record == bad_handle<Record>(), true, "the output is untouched: ");

@@ -37,7 +37,7 @@ struct List {
     List(const List &) = delete;
     List &operator=(const List &) = delete;
 
-    const vconf_keylist_handle handle = CALL(vconf_keylist_new());
+    vconf_keylist_handle handle = CALL(vconf_keylist_new());
 };
 
 using Texts = std::vector<std::pair<std::string, std::string>>;
