@@ -163,6 +163,7 @@ void parse(Cli &cli, const std::vector<std::string> &words)
         }
     }
     cli.quiet = cli.has("--quiet");
+    cli.writes_json = cli.has("--json");
     limit_time(cli.has("--timeout") ? std::stod(cli.value("--timeout")) : DEFAULT_TIMEOUT);
     if (cli.has("--store"))
         g_setenv(STORE_VARIABLE, cli.value("--store").c_str(), TRUE);

@@ -109,8 +109,9 @@ struct Cli {
     const Option *unfinished = nullptr; ///< the option whose value is missing at the end
 
     bool quiet = false;
-    bool traces = false; ///< the service's calls, on standard output
-    std::string trace{}; ///< those calls, where they are compared instead
+    bool writes_json = false; ///< the document, also for a person
+    bool traces = false;      ///< the service's calls, on standard output
+    std::string trace{};      ///< those calls, where they are compared instead
 
     Document document{};
     int status = EXIT_DONE;

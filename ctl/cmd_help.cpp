@@ -119,7 +119,7 @@ using Words = std::vector<std::string>;
 
 static Words backup_numbers()
 {
-    Words numbers;
+    Words numbers = {LATEST};
     limit_time(STORE_SECONDS);
     for (const BackupNumber number : open_store()->list().numbers)
         numbers.push_back(std::to_string(number));

@@ -168,7 +168,7 @@ static NamedValues read_again(Device &device, const NewValues &values)
     }
 }
 
-Table change_device(Cli &cli, const std::string &what, const NewValues &values, EntryNumber undoes)
+Table change_device(Cli &cli, const Cause &cause, const NewValues &values)
 {
     Device &device = open_device();
     for (const auto &[row, value] : values)
@@ -182,7 +182,9 @@ Table change_device(Cli &cli, const std::string &what, const NewValues &values, 
         if (old != value)
             planned.emplace(row.member, value);
     }
-    HistoryWriter entry(what, undoes);
+    HistoryWriter entry(cause.what, cause.undoes);
+    if (cause.backup != 0)
+        entry.set_backup(cause.backup, cause.store);
     if (!planned.empty())
         entry.plan(before, planned);
 
