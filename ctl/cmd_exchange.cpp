@@ -116,7 +116,7 @@ static void apply_plan(Cli &cli, ExchangeReport &report, const std::string &stor
         if (setting.before != setting.after)
             values.emplace_back(find_setting(setting.member), setting.after);
     try {
-        change_device(cli, {"restore", 0, report.backup, store}, values);
+        change_device(cli, {"restore", 0, report.backup, store, report.reason}, values);
         if (report.result == ExchangeReport::Result::succeeded)
             report.reason = open_device().not_assured();
     } catch (const HostError &) {

@@ -177,7 +177,7 @@ static const std::vector<Command> COMMANDS = {
      "local time; of each, the backup with the latest date counts. Of the backups that aren't damaged, the one with "
      "the highest number and the one with the latest date are always kept. So is what can't be read: the others are "
      "deleted, and the exit status is 1. Rules that go by dates keep a backup without a date, unless it is damaged.",
-     "ime-backupctl prune --keep-daily 7 --keep-weekly 4 --keep-monthly 6 --dry-run", run_prune,
+     "ime-backupctl prune --keep-daily 7 --keep-weekly 4 --dry-run", run_prune,
      {}, {{"--keep", 0, "Keep the N newest", "N", check_count},
           {"--keep-within", 0, "Keep those that are younger than AGE: 12h, 30d, 8w", "AGE", check_age},
           {"--keep-daily", 0, "Keep the last one of each of the last N days that have one", "N", check_count},

@@ -188,7 +188,7 @@ Table change_device(Cli &cli, const Cause &cause, const NewValues &values)
     if (!planned.empty())
         entry.plan(before, planned);
 
-    std::string reason;
+    std::string reason = cause.failure;
     std::exception_ptr failure;
     try {
         write_values(device, values);
@@ -206,7 +206,7 @@ Table change_device(Cli &cli, const Cause &cause, const NewValues &values)
             changed.emplace_back(row.member);
         }
     cli.document.set("settings", changes);
-    entry.finish(failure == nullptr, reason, changed);
+    entry.finish(reason.empty(), reason, changed);
     if (failure != nullptr)
         std::rethrow_exception(failure);
     return all;

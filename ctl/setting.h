@@ -44,6 +44,7 @@ struct Cause {
     EntryNumber undoes = 0;
     std::uint64_t backup = 0;
     std::string store{};
+    std::string failure{}; ///< why it fails even when all settings are changed; empty if it does not
 };
 
 /// Changes settings of this device, as an entry of its history, and checks that they hold the new values.

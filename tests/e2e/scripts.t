@@ -62,7 +62,7 @@ What a script gets of each command: one document with all that it may want.
   {"what":"settings_store","fine":true,"found":"inWORK/state","do":""},
   {"what":"exchange","fine":true,"found":"inWORK/state","do":""},
   {"what":"cloud_store","fine":true,"found":"WORK/state/cloud,2backups","do":""},
-  {"what":"last_exchange","fine":false,"found":"restoreofbackup3:notrestored:record\"a\"","do":"SeeWORK/state/service.log"}]
+  {"what":"last_exchange","fine":false,"found":"restoreofbackup3onDAYTIME:notrestored:record\"a\"","do":"SeeWORK/state/service.log"}]
 
 A failure is in the document, too, and on standard error; what can't be told is no document.
 

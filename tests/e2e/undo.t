@@ -112,7 +112,7 @@ Interrupted: status and the history tell of it, and what it was to change is put
   $ sed -i '$d' $journal
   $ ime-backupctl settings unset auto_capitalize
   $ ime-backupctl status | grep last
-  last exchange    NOT FINE  restore of backup 2 was interrupted. Put back what it changed with: ime-backupctl undo 22
+  last exchange    failed  restore of backup 2 was interrupted. Put back what it changed with: ime-backupctl undo 22
   $ ime-backupctl history | tail -n 2 | cut -c 1-80
   22     DAY TIME  restore of backup 2  interrupted  default_keyboard, handwriting
   23     DAY TIME  settings unset       done         auto_capitalize
