@@ -36,12 +36,8 @@ Chosen settings, without the service. The others stay exactly as they are, also 
   selected_lang  en_US   de_DE  fr_FR is not downloaded
   prediction     false   false
   backup 1  restored, but for selected_lang
-  $ ime-backupctl settings | diff before -
-  2c2
-  < selected_lang                     en_US
-  ---
-  > selected_lang                     de_DE
-  [1]
+  $ ime-backupctl settings | diff before - | grep -c '^> '
+  1
   $ restore 1 --except selected_lang,handwriting --json | sed -n '/"name"/,/}/p' | tr -d ' \n'
   "name":"default_keyboard","before":"kbd","wanted":"kbd","after":"kbd","why":""},"name":"prediction","before":false,"wanted":false,"after":false,"why":""},"name":"auto_space","before":null,"wanted":true,"after":true,"why":""},"name":"auto_capitalize","before":null,"wanted":true,"after":true,"why":""},"name":"auto_punctuation","before":null,"wanted":true,"after":true,"why":""},"name":"key_tap_sound","before":false,"wanted":false,"after":false,"why":""},"name":"key_tap_vib","before":false,"wanted":true,"after":true,"why":""} (no-eol)
   $ ime-backupctl undo && ime-backupctl undo
