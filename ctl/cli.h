@@ -182,7 +182,7 @@ struct Note {
 inline const std::vector<Note> EXIT_STATUSES = {
     {std::to_string(EXIT_DONE), "done"},
     {std::to_string(EXIT_FAILED),
-     "failed; or, of diff, trace --compare, verify and restore --strict: not the same, or not all well"},
+     "failed; diff and trace --compare: different; verify: damaged; restore --strict: a setting differs"},
     {std::to_string(EXIT_USAGE), "wrong usage"},
     {std::to_string(EXIT_NO_PLATFORM),
      "the platform isn't there: no SCIM daemon, no active input method, or a backup or state that can't be "

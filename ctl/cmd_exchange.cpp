@@ -189,7 +189,7 @@ void run_restore(Cli &cli)
         cli.status = EXIT_FAILED;
     tell_success(cli.document, report.reason,
                  name_of(report.backup) + (cli.has("--dry-run") ? "  would be restored" : "  restored") +
-                     (different.empty() ? "" : ", but for " + join(different, ", ")));
+                     (different.empty() ? "" : ", except " + join(different, ", ")));
 }
 
 void run_info(Cli &cli)

@@ -154,7 +154,9 @@ void run_status(Cli &cli)
         const bool is_fine = finding.advice.empty();
         const std::string remark = finding.found + (is_fine ? "" : ". " + finding.advice);
         table.rows.push_back({{thing.what, thing.name},
-                              {is_fine, is_fine ? "fine" : finding.is_needed ? "NOT FINE" : "failed"},
+                              {is_fine, is_fine             ? "fine"
+                                        : finding.is_needed ? "NOT FINE"
+                                                            : "failed"},
                               finding.found,
                               finding.advice,
                               remark});

@@ -77,8 +77,8 @@ static const std::vector<Option> COMMON_OPTIONS = {
     {"--verbose", 'v', "Show the service's log as it runs"},
     {"--timeout", 0, "How long to wait for the service, or a remote store (30)", "SECONDS", check_seconds},
     {"--store", 0,
-     "Where the backups are: a folder, or a remote place such as rclone:s3:desk; else cloud in the folder of "
-     "all state",
+     "Where the backups are: a folder, or a remote place such as rclone:s3:desk (default: cloud in the state "
+     "folder)",
      "LOCATION", check_filled, file},
     {"--service", 0, "The service's program", "PROGRAM", check_filled, file},
     {"--help", 'h', "Show help"},
@@ -94,8 +94,8 @@ static const std::vector<Command> SETTINGS_COMMANDS = {
      "them for a list, and an input method's identifier for default_keyboard.",
      "ime-backupctl settings set selected_lang en_US,ko_KR key_tap_sound off", run_settings_set,
      {{"NAME VALUE", "A setting, and its new value", setting_and_value, at_least_once}}},
-    {"unset", "Commands", "Take settings' values away",
-     "A keyboard that was never changed has none: a setting that is not set is at its default.",
+    {"unset", "Commands", "Unset settings",
+     "They are then at their defaults, as on a device where they were never changed.",
      "ime-backupctl settings unset prediction", run_settings_unset,
      {{"NAME", "The settings", setting, at_least_once}}},
     {"dump", "Commands", "Write the settings as JSON",
@@ -154,10 +154,9 @@ static const std::vector<Command> COMMANDS = {
      "the last one, which is in force after a restore.",
      "ime-backupctl show 3", run_show, {NEWEST_OR_ONE}},
     {"diff", BACKUPS, "Compare a backup with the device, or with another backup",
-     "Without a number, the newest backup is compared with the device; with one, that backup. The device is "
-     "taken as a backup of it would be, with what is not set at its default; the order of languages does not "
-     "matter. The exit status is 0 if the settings are the same, 1 if they differ, and another one if that "
-     "can't be told.",
+     "Without a number, the newest backup is compared with the device; with one, that backup. Unset settings "
+     "compare as their defaults; the order of languages does not matter. The exit status is 0 if the settings are "
+     "the same, 1 if they differ, and another one if that can't be told.",
      "ime-backupctl diff 3 4", run_diff, {{"ID", "The backups' numbers, at most two, or latest", backup, any}}},
     {"log", BACKUPS, "Show what each backup changed",
      "Each backup, oldest first, is compared with the one before. With names, only backups in which one of these "
@@ -190,9 +189,8 @@ static const std::vector<Command> COMMANDS = {
      "ime-backupctl export 3 keyboard.json", run_export,
      {{"ID", "The backup's number, or latest", backup, once}, ONE_FILE}},
     {"import", STORE, "Take a backup from a file into the store",
-     "The file is one that export wrote, or a bare snapshot: any JSON object, such as one that was taken "
-     "from a device. What is odd about a snapshot is told, and does not keep it out. \"-\" is standard "
-     "input.",
+     "The file is one that export wrote, or a bare snapshot: any JSON object, such as one taken from a device. "
+     "Problems of a snapshot are reported; it is imported anyway. \"-\" is standard input.",
      "ime-backupctl import keyboard.json", run_import, {ONE_FILE}},
     {"settings", DEVICE, "Show the settings as they are now, or change them",
      "The two downloaded lists are no part of a backup: they decide what of one a restore can bring back.",
@@ -203,7 +201,7 @@ static const std::vector<Command> COMMANDS = {
      "200 entries are kept, and of older ones those that can be undone. The exit status is 1 if an entry can't be "
      "read.",
      "ime-backupctl history", run_history},
-    {"status", DEVICE, "Show whether all that a backup needs is there",
+    {"status", DEVICE, "Check that everything a backup needs is available",
      "Looks at the SCIM daemon, the active keyboard, the settings store, the cloud store and the last "
      "exchange, and says what to do about each that is not fine. A file is put into the cloud store and "
      "taken away again; a remote folder may be made for it. The exit status is 3 if something that a backup "

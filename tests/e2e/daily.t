@@ -35,7 +35,7 @@ Chosen settings, without the service. The others stay exactly as they are, also 
   setting        before  after
   selected_lang  en_US   de_DE  fr_FR is not downloaded
   prediction     false   false
-  backup 1  restored, but for selected_lang
+  backup 1  restored, except selected_lang
   $ ime-backupctl settings | diff before - | grep -c '^> '
   1
   $ restore 1 --except selected_lang,handwriting --json | sed -n '/"name"/,/}/p' | tr -d ' \n'

@@ -32,7 +32,7 @@ A remote store is like a folder.
   auto_space  true      false
   [1]
   $ ime-backupctl restore 1 | tail -n 1
-  backup 1  restored, but for handwriting
+  backup 1  restored, except handwriting
   $ ime-backupctl show 1 | head -n 2
   default_keyboard  kbd
   selected_lang     en_US,ko_KR
@@ -255,7 +255,7 @@ By SFTP.
   $ export IME_BACKUP_CLOUD_STORE=rclone:box:desk
   $ ime-backupctl backup; ime-backupctl restore 1 | tail -n 1; ime-backupctl delete 1; ls $WORK/remote/desk
   backup 1  DAY TIME
-  backup 1  restored, but for handwriting
+  backup 1  restored, except handwriting
   backup 1  deleted
   backup-000001.json.gone
   $ ls -d $TMPDIR/{ime-backup-*,rclone-*} 2>/dev/null

@@ -143,8 +143,8 @@ Help and versions. Each command's help is at most 80 columns wide and has an exa
     --timeout SECONDS       How long to wait for the service, or a remote store
                             (30)
     --store LOCATION        Where the backups are: a folder, or a remote place
-                            such as rclone:s3:desk; else cloud in the folder of
-                            all state
+                            such as rclone:s3:desk (default: cloud in the state
+                            folder)
     --service PROGRAM       The service's program
     -h, --help              Show help
     --version               Show the version
