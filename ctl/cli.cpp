@@ -47,13 +47,22 @@ std::string did_you_mean(const std::string &word, const std::vector<std::string>
 
 // Commands and options.
 
+/// What other programs call the commands.
+static constexpr const char *OTHER_NAMES[][2] = {
+    {"ls", "list"},      {"rm", "delete"},   {"remove", "delete"}, {"check", "verify"},
+    {"forget", "prune"}, {"revert", "undo"}, {"save", "backup"},   {"compare", "diff"},
+};
+
 const Command &find_command(const Command &parent, const std::string &name)
 {
     for (const Command &command : parent.commands)
         if (command.name == name)
             return command;
-    throw UsageError("there is no command \"" + name + "\"" +
-                     did_you_mean(name, names_of(commands_below(parent))));
+    std::string hint = did_you_mean(name, names_of(commands_below(parent)));
+    for (const auto &[other, known] : OTHER_NAMES)
+        if (name == other && &parent == &PROGRAM)
+            hint = std::string("; did you mean ") + known + "?";
+    throw UsageError("there is no command \"" + name + "\"" + hint);
 }
 
 std::vector<const Command *> commands_below(const Command &command)
@@ -163,6 +172,7 @@ void parse(Cli &cli, const std::vector<std::string> &words)
         }
     }
     cli.quiet = cli.has("--quiet");
+    cli.writes_json = cli.has("--json");
     limit_time(cli.has("--timeout") ? std::stod(cli.value("--timeout")) : DEFAULT_TIMEOUT);
     if (cli.has("--store"))
         g_setenv(STORE_VARIABLE, cli.value("--store").c_str(), TRUE);

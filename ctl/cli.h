@@ -109,8 +109,9 @@ struct Cli {
     const Option *unfinished = nullptr; ///< the option whose value is missing at the end
 
     bool quiet = false;
-    bool traces = false; ///< the service's calls, on standard output
-    std::string trace{}; ///< those calls, where they are compared instead
+    bool writes_json = false; ///< the document, also for a person
+    bool traces = false;      ///< the service's calls, on standard output
+    std::string trace{};      ///< those calls, where they are compared instead
 
     Document document{};
     int status = EXIT_DONE;
@@ -181,7 +182,7 @@ struct Note {
 inline const std::vector<Note> EXIT_STATUSES = {
     {std::to_string(EXIT_DONE), "done"},
     {std::to_string(EXIT_FAILED),
-     "failed; or, of diff, trace --compare, verify and restore --strict: not the same, or not all well"},
+     "failed; diff and trace --compare: different; verify: damaged; restore --strict: a setting differs"},
     {std::to_string(EXIT_USAGE), "wrong usage"},
     {std::to_string(EXIT_NO_PLATFORM),
      "the platform isn't there: no SCIM daemon, no active input method, or a backup or state that can't be "

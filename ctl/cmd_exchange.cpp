@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <functional>
+#include <set>
+#include <sstream>
+#include <utility>
 
 #include "backups.h"
 #include "commands.h"
@@ -83,8 +86,60 @@ static void show_restore(Cli &cli, const ExchangeReport &report)
     cli.document.set("settings", settings);
 }
 
-/// What a restore would come to.
-static ExchangeReport plan_restore_of(Cli &cli)
+/// The settings that a restore leaves alone.
+static std::set<std::string> left_alone(const Cli &cli)
+{
+    if (cli.has("--only") && cli.has("--except"))
+        throw UsageError("--only and --except exclude each other");
+    const bool names_chosen = cli.has("--only");
+    std::set<std::string> named;
+    if (names_chosen || cli.has("--except")) {
+        std::istringstream names(cli.value(names_chosen ? "--only" : "--except"));
+        for (std::string name; std::getline(names, name, ',');)
+            if (index_of(find_setting(name)) >= SETTINGS.size())
+                throw UsageError(name + " is not part of a backup");
+            else
+                named.insert(name);
+    }
+    std::set<std::string> left;
+    for (const SettingRow &row : SETTINGS)
+        if (named.contains(row.member) == !names_chosen)
+            left.insert(row.member);
+    return left;
+}
+
+/// Changes the device as the report plans. When that fails, the report tells what the device holds.
+static void apply_plan(Cli &cli, ExchangeReport &report, const std::string &store)
+{
+    NewValues values;
+    for (const SettingReport &setting : report.settings)
+        if (setting.before != setting.after)
+            values.emplace_back(find_setting(setting.member), setting.after);
+    try {
+        change_device(cli, {"restore", 0, report.backup, store, report.reason}, values);
+        if (report.result == ExchangeReport::Result::succeeded)
+            report.reason = open_device().not_assured();
+    } catch (const HostError &) {
+        for (SettingReport &setting : report.settings) {
+            const SettingRow &row = find_setting(setting.member);
+            const DeviceValue planned = setting.after;
+            try {
+                setting.after = open_device().read_one(row);
+                if (setting.after != planned)
+                    setting.why = "it should be " + format_value(row, planned);
+            } catch (const HostError &) {
+                setting.after = setting.before;
+                setting.why = NOT_CHECKED;
+            }
+        }
+        show_restore(cli, report);
+        throw;
+    }
+}
+
+/// What a restore without the service comes to, which restores whole backups only: a trial, or one of chosen
+/// settings.
+static ExchangeReport restore_here(Cli &cli, const std::set<std::string> &left)
 {
     const auto store = open_store();
     ExchangeReport report;
@@ -95,24 +150,34 @@ static ExchangeReport plan_restore_of(Cli &cli)
     for (const CloudRecord &record : records)
         values.push_back(record.value);
 
-    const FileLock turn = wait_for_turn(true);
+    const FileLock turn = wait_for_turn(cli.has("--dry-run"));
     Device &device = open_device();
+    RestorePlan plan = plan_restore(values, device.read_all(), std::bind_front(&Device::refuses, &device));
     for (const SettingRow &row : SETTINGS)
-        device.require_writable(row);
-    const RestorePlan plan =
-        plan_restore(values, device.read_all(), std::bind_front(&Device::refuses, &device));
-    for (const RestoredSetting &setting : plan.settings)
-        if (setting.before != setting.after)
-            require_writable_history();
-    return report_planned(plan, report.backup, records);
+        if (left.contains(row.member))
+            std::erase(plan.refusals, std::exchange(plan.settings[index_of(row)].refusal, ""));
+        else
+            device.require_writable(row);
+    report = report_planned(plan, report.backup, records);
+    std::erase_if(report.settings,
+                  [&](const SettingReport &setting) { return left.contains(setting.member); });
+    const bool changes = std::ranges::any_of(
+        report.settings, [](const SettingReport &setting) { return setting.before != setting.after; });
+    if (changes)
+        require_writable_history();
+    if (!cli.has("--dry-run"))
+        apply_plan(cli, report, store->location());
+    return report;
 }
 
 void run_restore(Cli &cli)
 {
     cli.document.set_result(false);
     show_restore(cli, {});
-    const ExchangeReport report =
-        cli.has("--dry-run") ? plan_restore_of(cli) : run_exchange(cli, OPERATION_RESTORE, cli.argument());
+    const std::set<std::string> left = left_alone(cli);
+    const ExchangeReport report = cli.has("--dry-run") || !left.empty()
+                                      ? restore_here(cli, left)
+                                      : run_exchange(cli, OPERATION_RESTORE, cli.argument());
     show_restore(cli, report);
     throw_failure(report);
 
@@ -124,7 +189,7 @@ void run_restore(Cli &cli)
         cli.status = EXIT_FAILED;
     tell_success(cli.document, report.reason,
                  name_of(report.backup) + (cli.has("--dry-run") ? "  would be restored" : "  restored") +
-                     (different.empty() ? "" : ", but for " + join(different, ", ")));
+                     (different.empty() ? "" : ", except " + join(different, ", ")));
 }
 
 void run_info(Cli &cli)

@@ -119,7 +119,7 @@ using Words = std::vector<std::string>;
 
 static Words backup_numbers()
 {
-    Words numbers;
+    Words numbers = {LATEST};
     limit_time(STORE_SECONDS);
     for (const BackupNumber number : open_store()->list().numbers)
         numbers.push_back(std::to_string(number));
@@ -160,13 +160,28 @@ static Words words_of(Kind kind, const Words &arguments)
     return {};
 }
 
+/// An option's values, behind its name and a sign.
+static Words values_of(const Option &option, const std::string &name)
+{
+    Words words = words_of(option.kind, {});
+    for (std::string &word : words)
+        if (word != FILES)
+            word.insert(0, name);
+    return words;
+}
+
 /// What may come next on a command line.
 static Words next_words(const Cli &line, const std::string &typed)
 {
     if (line.unfinished != nullptr)
         return words_of(line.unfinished->kind, {});
-    if (typed.starts_with("-"))
+    if (typed.starts_with("-")) {
+        const std::string name = typed.substr(0, typed.find('='));
+        for (const Option *option : options_of(line.path))
+            if (name != typed && option->name == name)
+                return values_of(*option, name + "=");
         return names_of(options_of(line.path));
+    }
     if (!line.command().commands.empty())
         return names_of(commands_below(line.command()));
     const Argument *next = argument_after(line.command(), line.arguments.size());

@@ -131,7 +131,7 @@ void run_undo(Cli &cli)
         require_writable_history();
         show_changes(cli, values);
     } else {
-        change_device(cli, "undo", values, entry->number);
+        change_device(cli, {"undo", entry->number}, values);
     }
     tell_success(cli.document, is_dry ? "" : open_device().not_assured(),
                  (is_dry ? "would undo " : "undid ") + entry_name(*entry));

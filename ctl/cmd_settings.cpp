@@ -1,4 +1,7 @@
+#include <nlohmann/json.hpp>
+
 #include "commands.h"
+#include "import.h"
 #include "setting.h"
 
 void run_settings(Cli &cli)
@@ -30,7 +33,7 @@ static void change_settings(Cli &cli, const std::string &what, const NewValues &
         if (const std::string reason = open_device().refuses(row, value); !reason.empty())
             throw UsageError(std::string(row.member) + ": " + reason);
     const FileLock turn = wait_for_turn(false);
-    Table changed = change_device(cli, what, values);
+    Table changed = change_device(cli, {what}, values);
     tell_success(cli.document, open_device().not_assured());
     changed.is_for_people = false;
     cli.document.set("settings", changed);
@@ -57,4 +60,47 @@ void run_settings_unset(Cli &cli)
     for (const std::string &name : cli.arguments)
         values.emplace_back(find_setting(name), std::nullopt);
     change_settings(cli, "settings unset", values);
+}
+
+void run_settings_dump(Cli &cli)
+{
+    run_settings(cli);
+    cli.writes_json = true;
+}
+
+/// A value as a dump has it.
+static DeviceValue load_value(const SettingRow &row, const nlohmann::json &json)
+{
+    if (json.is_null())
+        return std::nullopt;
+    if (is_switch(row) && json.is_boolean())
+        return parse_value(row, json.get<bool>() ? "true" : "false");
+    if (row.form == SettingForm::languages && json.is_array())
+        return parse_value(row, join(json.get<std::vector<std::string>>(), ","));
+    if (row.form != SettingForm::languages && json.is_string()) // a switch may hold one, by a mistake
+        return json.get<std::string>();
+    throw UsageError("the value has another type");
+}
+
+void run_settings_load(Cli &cli)
+{
+    static constexpr size_t MAX_SIZE = size_t{1} << 20;
+    const std::string name = cli.arguments.empty() ? "-" : cli.argument();
+    cli.document.set_result(false);
+    NewValues values;
+    try {
+        const auto dump = nlohmann::json::parse(read_input(name, MAX_SIZE, "loaded"));
+        if (!dump.is_object())
+            throw UsageError(name + " can't be loaded: it holds no JSON object");
+        for (const auto &[member, value] : dump.items())
+            try {
+                const SettingRow &row = find_setting(member);
+                values.emplace_back(row, load_value(row, value));
+            } catch (const HostError &error) {
+                throw UsageError(name + " can't be loaded: " + member + ": " + error.what());
+            }
+    } catch (const nlohmann::json::exception &error) {
+        throw UsageError(name + " can't be loaded: it is no JSON text");
+    }
+    change_settings(cli, "settings load", values);
 }

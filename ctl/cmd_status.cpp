@@ -125,7 +125,8 @@ static Finding look_at_last_exchange()
             return {"none yet"};
         if (last->succeeded == true || last->is_undone)
             return {describe(*last) + (last->is_undone ? " was undone" : " succeeded")};
-        return {describe(*last) + ": " + (last->succeeded ? last->reason : "interrupted"),
+        return {describe(*last) + " on " + format_date(std::to_string(last->time)) + ": " +
+                    (last->succeeded ? last->reason : "interrupted"),
                 "See " + (state_root() / SERVICE_LOG).string(), false};
     } catch (const HostError &error) {
         return {error.what(), "Move the history away", false};
@@ -153,7 +154,9 @@ void run_status(Cli &cli)
         const bool is_fine = finding.advice.empty();
         const std::string remark = finding.found + (is_fine ? "" : ". " + finding.advice);
         table.rows.push_back({{thing.what, thing.name},
-                              {is_fine, is_fine ? "fine" : "NOT FINE"},
+                              {is_fine, is_fine             ? "fine"
+                                        : finding.is_needed ? "NOT FINE"
+                                                            : "failed"},
                               finding.found,
                               finding.advice,
                               remark});

@@ -12,6 +12,7 @@
 #include "commands.h"
 #include "files.h"
 #include "import.h"
+#include "retention.h"
 #include "setting.h"
 #include "snapshot.h"
 #include "text.h"
@@ -88,6 +89,19 @@ void run_verify(Cli &cli)
         cli.status = EXIT_NO_PLATFORM;
 }
 
+/// The settings that differ, each with its name and both values.
+static std::vector<std::vector<Cell>> find_differences(const SnapshotValues &from, const SnapshotValues &to)
+{
+    std::vector<std::vector<Cell>> differences;
+    for (const SettingRow &row : SETTINGS) {
+        const DeviceValue one = device_value(row, from[index_of(row)]);
+        const DeviceValue other = device_value(row, to[index_of(row)]);
+        if (!is_same_value(row, one, other))
+            differences.push_back({row.member, cell_of(row, one), cell_of(row, other)});
+    }
+    return differences;
+}
+
 /// One of the two that are compared.
 struct Side {
     Json id;
@@ -121,12 +135,7 @@ void run_diff(Cli &cli)
     const Side to = ids.size() == 2 ? take_backup(*store, ids[1]) : take_device();
 
     Table table{{{"name", "setting"}, {"from", from.name}, {"to", to.name}}};
-    for (const SettingRow &row : SETTINGS) {
-        const DeviceValue one = device_value(row, from.values[index_of(row)]);
-        const DeviceValue other = device_value(row, to.values[index_of(row)]);
-        if (!is_same_value(row, one, other))
-            table.rows.push_back({row.member, cell_of(row, one), cell_of(row, other)});
-    }
+    table.rows = find_differences(from.values, to.values);
     cli.status = table.rows.empty() ? EXIT_DONE : EXIT_FAILED;
     if (table.rows.empty())
         cli.document.say(from.name + " and " + (to.name == "device" ? "the device" : to.name) +
@@ -134,6 +143,55 @@ void run_diff(Cli &cli)
     cli.document.set("from", from.id);
     cli.document.set("to", to.id);
     cli.document.set("differences", table);
+}
+
+void run_log(Cli &cli)
+{
+    for (const std::string &name : cli.arguments)
+        find_setting(name);
+    const auto is_left_out = [&](const std::vector<Cell> &change) {
+        return !cli.arguments.empty() &&
+               std::ranges::find(cli.arguments, change[0].text) == cli.arguments.end();
+    };
+    const auto store = open_store();
+    const std::vector<BackupNumber> numbers = list_backups(*store);
+    store->fetch(numbers);
+    Table log{{{"id", ""}, {"time", ""}, {"changes", ""}, {"reason", ""}}};
+    Table lines{{{"", "id"}, {"", "time"}, {"", "setting"}, {"", "from"}, {"", "to"}, {"", ""}},
+                {},
+                Remarks::warnings};
+    std::optional<SnapshotValues> before;
+    for (const BackupNumber number : numbers) {
+        auto changes = std::make_shared<Table>(Table{{{"name", ""}, {"from", ""}, {"to", ""}}});
+        const std::string unchanged = before ? "no change" : "the first";
+        std::string date;
+        std::string reason;
+        try {
+            const CloudRecords records = store->read(number).records;
+            const SnapshotValues values = read_snapshot(snapshot_in(records))->values;
+            date = date_of(records);
+            if (before)
+                changes->rows = find_differences(*before, values);
+            std::erase_if(changes->rows, is_left_out);
+            before = values;
+        } catch (const UnreadableError &error) {
+            reason = error.what();
+        } catch (const DamagedError &error) {
+            reason = std::string("damaged: ") + error.what();
+        } catch (const NoBackupError &) {
+            continue; // deleted meanwhile
+        }
+        if (!cli.arguments.empty() && changes->rows.empty() && reason.empty())
+            continue;
+        const std::string time = format_date(date);
+        log.rows.push_back({number, {utc_time(date), time}, {changes, ""}, reason});
+        if (changes->rows.empty())
+            lines.rows.push_back({number, time, "", "", "", reason.empty() ? unchanged : reason});
+        for (const std::vector<Cell> &change : changes->rows)
+            lines.rows.push_back({number, time, change[0], change[1], change[2], ""});
+    }
+    cli.document.set(log);
+    cli.document.show(lines);
 }
 
 // What deletes.
@@ -195,77 +253,97 @@ void run_delete(Cli &cli)
                     [&](const auto &known) { return find_backups(*store, known, cli.arguments); });
 }
 
-/// A backup that was read.
-struct Candidate {
-    BackupNumber number;
-    bool is_kept;
-    bool is_good = false;
-    std::optional<std::int64_t> date{};
+static Retention read_retention(const Cli &cli)
+{
+    const auto count = [&](const char *option) {
+        return cli.has(option) ? std::stoul(cli.value(option)) : 0;
+    };
+    Retention retention{
+        count("--keep"), count("--keep-daily"), count("--keep-weekly"), count("--keep-monthly"), {}};
+    const std::vector<std::string> options = {"--keep", "--keep-within", "--keep-daily", "--keep-weekly",
+                                              "--keep-monthly"};
+    if (std::ranges::none_of(options, [&](const std::string &option) { return cli.has(option); }))
+        throw UsageError("what to keep is missing: one of " + join(options, ", "));
+    if (cli.has("--keep-within")) {
+        const std::string age = cli.value("--keep-within");
+        const char unit = age.back();
+        const std::int64_t seconds = unit == 'm'   ? 60
+                                     : unit == 'h' ? 3600
+                                     : unit == 'd' ? 86'400
+                                                   : 7 * 86'400;
+        retention.within = std::stoll(age) * seconds * 1000;
+    }
+    return retention;
+}
+
+/// The backups that go, and the table of those that stay.
+struct Selection {
+    std::vector<BackupNumber> going;
+    Table kept{{{"id", "kept"}, {"time", ""}, {"kept_by", "by"}}};
+    std::vector<std::string> unreadable; ///< each with the reason
 };
 
-/// The backups that go. Each of them was read: one that can't be may be good, and the newest of all.
-///
-/// @param[out] unreadable the backups that can't be read, each with the reason
-static std::vector<BackupNumber> choose(const CloudStore &store, const std::vector<BackupNumber> &known,
-                                        const Cli &cli, std::vector<std::string> &unreadable)
+/// Reads each backup: one that can't be read may be good, and the newest of all.
+static Selection select(const CloudStore &store, const std::vector<BackupNumber> &known,
+                        const Retention &retention)
 {
-    const std::string age = cli.has("--keep-within") ? cli.value("--keep-within") : "0m";
-    const char unit = age.back();
-    const std::int64_t seconds = unit == 'm' ? 60 : unit == 'h' ? 3600 : unit == 'd' ? 86'400 : 7 * 86'400;
-    const std::int64_t limit = g_get_real_time() / 1000 - std::stoll(age) * seconds * 1000;
-    const size_t keep = std::stoul(cli.value("--keep"));
-
+    Selection selection;
+    std::vector<BackupNumber> numbers;
+    std::vector<std::string> dates;
+    std::vector<RatedBackup> backups;
     store.fetch(known);
-    std::vector<Candidate> candidates;
-    for (size_t i = 0; i < known.size(); i++)
+    for (const BackupNumber number : known) {
+        std::string date;
+        RatedBackup backup{RatedBackup::State::damaged, {}};
         try {
-            Candidate candidate{known[i], i + keep >= known.size()};
-            try {
-                const CloudRecords records = store.read(known[i]).records;
-                candidate.date = parse_date(date_of(records));
-                snapshot_in(records);
-                candidate.is_good = true;
-            } catch (const DamagedError &) { // it may go
-            }
-            if (cli.has("--keep-within"))
-                candidate.is_kept |= candidate.date ? *candidate.date > limit : candidate.is_good;
-            candidates.push_back(candidate);
+            const CloudRecords records = store.read(number).records;
+            date = date_of(records);
+            snapshot_in(records);
+            backup.state = RatedBackup::State::good;
         } catch (const UnreadableError &error) {
-            unreadable.push_back(name_of(known[i]) + " " + error.what());
+            backup.state = RatedBackup::State::unreadable;
+            selection.unreadable.push_back(name_of(number) + " " + error.what());
+        } catch (const DamagedError &) {  // it may go
         } catch (const NoBackupError &) { // deleted meanwhile
+            continue;
         }
-
-    Candidate *newest = nullptr;
-    Candidate *made_last = nullptr;
-    for (Candidate &candidate : candidates)
-        if (candidate.is_good) {
-            newest = &candidate;
-            if (made_last == nullptr || candidate.date >= made_last->date)
-                made_last = &candidate;
-        }
-    std::vector<BackupNumber> going;
-    for (const Candidate &candidate : candidates)
-        if (!candidate.is_kept && &candidate != newest && &candidate != made_last)
-            going.push_back(candidate.number);
-    return going;
+        backup.date = parse_date(date);
+        numbers.push_back(number);
+        dates.push_back(date);
+        backups.push_back(backup);
+    }
+    const auto kept_by = apply_retention(retention, backups, g_get_real_time() / 1000);
+    for (size_t i = 0; i < numbers.size(); i++)
+        if (kept_by[i].empty())
+            selection.going.push_back(numbers[i]);
+        else
+            selection.kept.rows.push_back({numbers[i],
+                                           {utc_time(dates[i]), format_date(dates[i])},
+                                           {kept_by[i], join(kept_by[i], ", ")}});
+    return selection;
 }
 
 void run_prune(Cli &cli)
 {
+    const Retention retention = read_retention(cli);
     const auto store = open_store(highest_backup);
     const std::vector<BackupNumber> known = list_backups(*store);
-    std::vector<std::string> unreadable;
-    const auto choose_now = [&](const auto &now) { return choose(*store, now, cli, unreadable); };
+    Selection selection;
+    const auto select_now = [&](const auto &now) {
+        selection = select(*store, now, retention);
+        cli.document.set("rules", selection.kept);
+        return selection.going;
+    };
     if (cli.has("--dry-run") || known.empty()) {
-        const std::vector<BackupNumber> going = choose_now(known);
+        const std::vector<BackupNumber> going = select_now(known);
         std::vector<BackupNumber> kept;
         std::ranges::set_difference(known, going, std::back_inserter(kept));
         tell_deleted(cli.document, going, kept, "would be deleted");
     } else {
-        delete_and_tell(cli.document, *store, choose_now);
+        delete_and_tell(cli.document, *store, select_now);
     }
-    if (!unreadable.empty())
-        throw HostError(join(unreadable, "; ") + "; what can't be read is kept");
+    if (!selection.unreadable.empty())
+        throw HostError(join(selection.unreadable, "; ") + "; what can't be read is kept");
 }
 
 // Files of the user's.

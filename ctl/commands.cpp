@@ -56,7 +56,7 @@ static constexpr char BACKUPS[] = "Backups";
 static constexpr char STORE[] = "The store of backups";
 static constexpr char DEVICE[] = "The device";
 
-static constexpr Argument NEWEST_OR_ONE = {"ID", "The backup's number", backup, at_most_once};
+static constexpr Argument NEWEST_OR_ONE = {"ID", "The backup's number, or latest", backup, at_most_once};
 static constexpr Argument ONE_FILE = {"FILE", "The file", file, once};
 // A row of the tables stands on few lines.
 // clang-format off
@@ -77,8 +77,8 @@ static const std::vector<Option> COMMON_OPTIONS = {
     {"--verbose", 'v', "Show the service's log as it runs"},
     {"--timeout", 0, "How long to wait for the service, or a remote store (30)", "SECONDS", check_seconds},
     {"--store", 0,
-     "Where the backups are: a folder, or a remote place such as rclone:s3:desk; else cloud in the folder of "
-     "all state",
+     "Where the backups are: a folder, or a remote place such as rclone:s3:desk (default: cloud in the state "
+     "folder)",
      "LOCATION", check_filled, file},
     {"--service", 0, "The service's program", "PROGRAM", check_filled, file},
     {"--help", 'h', "Show help"},
@@ -94,10 +94,17 @@ static const std::vector<Command> SETTINGS_COMMANDS = {
      "them for a list, and an input method's identifier for default_keyboard.",
      "ime-backupctl settings set selected_lang en_US,ko_KR key_tap_sound off", run_settings_set,
      {{"NAME VALUE", "A setting, and its new value", setting_and_value, at_least_once}}},
-    {"unset", "Commands", "Take settings' values away",
-     "A keyboard that was never changed has none: a setting that is not set is at its default.",
+    {"unset", "Commands", "Unset settings",
+     "They are then at their defaults, as on a device where they were never changed.",
      "ime-backupctl settings unset prediction", run_settings_unset,
      {{"NAME", "The settings", setting, at_least_once}}},
+    {"dump", "Commands", "Write the settings as JSON",
+     "The document is that of settings --json. load takes it back.",
+     "ime-backupctl settings dump >settings.json", run_settings_dump},
+    {"load", "Commands", "Set the settings that a dump holds",
+     "A setting that is null in FILE is unset; one that FILE does not have stays as it is. Without FILE, or with "
+     "\"-\", it is standard input.",
+     "ime-backupctl settings load settings.json", run_settings_load, {{"FILE", "The file", file, at_most_once}}},
 };
 
 static const std::vector<Command> TRACE_COMMANDS = {
@@ -125,9 +132,12 @@ static const std::vector<Command> COMMANDS = {
      "the backup has it. Only languages that are in downloaded_lang are selected, and handwriting is "
      "switched on only if one of them is in downloaded_with_handwriting_lang. The newest backup is the one that "
      "was added last, with the highest number, whatever its date. What a restore changed can be put back with "
-     "undo.",
+     "undo. With --only or --except, ime-backupctl applies the backup itself, and the other settings stay exactly "
+     "as they are.",
      "ime-backupctl restore 3 --dry-run", run_restore,
-     {NEWEST_OR_ONE}, {{"--dry-run", 0, "Show what a restore would do, and change nothing"},
+     {NEWEST_OR_ONE}, {{"--only", 0, "Restore only these settings", "NAME[,NAME...]", check_filled, setting},
+                       {"--except", 0, "Restore all settings except these", "NAME[,NAME...]", check_filled, setting},
+                       {"--dry-run", 0, "Show what a restore would do, and change nothing"},
                        {"--strict", 0, "Exit with 1 if a setting is not as the backup has it"}}},
     {"undo", BACKUPS, "Put back what a restore, or a change of settings, changed",
      "Each setting that it changed gets the value that it had before, or none if it had none. Without a number, "
@@ -144,36 +154,43 @@ static const std::vector<Command> COMMANDS = {
      "the last one, which is in force after a restore.",
      "ime-backupctl show 3", run_show, {NEWEST_OR_ONE}},
     {"diff", BACKUPS, "Compare a backup with the device, or with another backup",
-     "Without a number, the newest backup is compared with the device; with one, that backup. The device is "
-     "taken as a backup of it would be, with what is not set at its default; the order of languages does not "
-     "matter. The exit status is 0 if the settings are the same, 1 if they differ, and another one if that "
-     "can't be told.",
-     "ime-backupctl diff 3 4", run_diff, {{"ID", "The backups' numbers, at most two", backup, any}}},
+     "Without a number, the newest backup is compared with the device; with one, that backup. Unset settings "
+     "compare as their defaults; the order of languages does not matter. The exit status is 0 if the settings are "
+     "the same, 1 if they differ, and another one if that can't be told.",
+     "ime-backupctl diff 3 4", run_diff, {{"ID", "The backups' numbers, at most two, or latest", backup, any}}},
+    {"log", BACKUPS, "Show what each backup changed",
+     "Each backup, oldest first, is compared with the one before. With names, only backups in which one of these "
+     "settings changed are shown. Of a backup that can't be read, it says why; the next one is compared with the last "
+     "that can.",
+     "ime-backupctl log selected_lang", run_log, {{"NAME", "The settings", setting, any}}},
     {"verify", STORE, "Check all backups, or those named",
      "Reads each backup and checks that it is what was written, and that its records hold snapshots. The "
      "exit status is 1 if one is damaged, and else 3 if one can't be read.",
-     "ime-backupctl verify", run_verify, {{"ID", "The backups' numbers", backup, any}}},
+     "ime-backupctl verify", run_verify, {{"ID", "The backups' numbers, or latest", backup, any}}},
     {"delete", STORE, "Delete backups",
      "If one of them isn't there, none is deleted. A backup is reported as deleted once it is no longer "
      "listed. A backup's number is never given to another.",
-     "ime-backupctl delete 1 2", run_delete, {{"ID", "The backups' numbers", backup, at_least_once}}},
-    {"prune", STORE, "Delete all backups but the newest ones",
-     "Of the backups that aren't damaged, the one with the highest number and the one with the latest date are "
-     "always kept. So is what can't be read: the others are deleted, and the exit status is 1. With "
-     "--keep-within, a backup without a date is kept, too, unless it is damaged.",
-     "ime-backupctl prune --keep 5 --keep-within 30d --dry-run", run_prune,
-     {}, {{"--keep", 0, "How many of the newest backups to keep", "N", check_count, text, once},
-          {"--keep-within", 0, "Keep those that are younger, too: 12h, 30d, 8w", "AGE", check_age},
+     "ime-backupctl delete 1 2", run_delete, {{"ID", "The backups' numbers, or latest", backup, at_least_once}}},
+    {"prune", STORE, "Delete old backups, by rules that say which to keep",
+     "A backup is kept if any rule keeps it; at least one has to be given. Days, weeks and months are those of the "
+     "local time; of each, the backup with the latest date counts. Of the backups that aren't damaged, the one with "
+     "the highest number and the one with the latest date are always kept. So is what can't be read: the others are "
+     "deleted, and the exit status is 1. Rules that go by dates keep a backup without a date, unless it is damaged.",
+     "ime-backupctl prune --keep-daily 7 --keep-weekly 4 --dry-run", run_prune,
+     {}, {{"--keep", 0, "Keep the N newest", "N", check_count},
+          {"--keep-within", 0, "Keep those that are younger than AGE: 12h, 30d, 8w", "AGE", check_age},
+          {"--keep-daily", 0, "Keep the last one of each of the last N days that have one", "N", check_count},
+          {"--keep-weekly", 0, "Keep the last one of each of the last N weeks that have one", "N", check_count},
+          {"--keep-monthly", 0, "Keep the last one of each of the last N months that have one", "N", check_count},
           {"--dry-run", 0, "Show what would be deleted, and delete nothing"}}},
     {"export", STORE, "Write a backup to a file",
      "The file can be taken in with import, here or elsewhere. A file of this name is replaced. \"-\" is "
      "standard output.",
      "ime-backupctl export 3 keyboard.json", run_export,
-     {{"ID", "The backup's number", backup, once}, ONE_FILE}},
+     {{"ID", "The backup's number, or latest", backup, once}, ONE_FILE}},
     {"import", STORE, "Take a backup from a file into the store",
-     "The file is one that export wrote, or a bare snapshot: any JSON object, such as one that was taken "
-     "from a device. What is odd about a snapshot is told, and does not keep it out. \"-\" is standard "
-     "input.",
+     "The file is one that export wrote, or a bare snapshot: any JSON object, such as one taken from a device. "
+     "Problems of a snapshot are reported; it is imported anyway. \"-\" is standard input.",
      "ime-backupctl import keyboard.json", run_import, {ONE_FILE}},
     {"settings", DEVICE, "Show the settings as they are now, or change them",
      "The two downloaded lists are no part of a backup: they decide what of one a restore can bring back.",
@@ -184,7 +201,7 @@ static const std::vector<Command> COMMANDS = {
      "200 entries are kept, and of older ones those that can be undone. The exit status is 1 if an entry can't be "
      "read.",
      "ime-backupctl history", run_history},
-    {"status", DEVICE, "Show whether all that a backup needs is there",
+    {"status", DEVICE, "Check that everything a backup needs is available",
      "Looks at the SCIM daemon, the active keyboard, the settings store, the cloud store and the last "
      "exchange, and says what to do about each that is not fine. A file is put into the cloud store and "
      "taken away again; a remote folder may be made for it. The exit status is 3 if something that a backup "

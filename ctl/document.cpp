@@ -17,9 +17,18 @@ Document::Document() : json(std::make_unique<OrderedJson>()) {}
 
 Document::~Document() = default;
 
+static OrderedJson json_of(const Table &table);
+
 static OrderedJson json_of(const Json &value)
 {
-    return std::visit([](const auto &typed) { return OrderedJson(typed); }, value);
+    return std::visit(
+        [](const auto &typed) -> OrderedJson {
+            if constexpr (std::is_same_v<decltype(typed), const std::shared_ptr<Table> &>)
+                return json_of(*typed);
+            else
+                return typed;
+        },
+        value);
 }
 
 static OrderedJson json_of(const Table &table)

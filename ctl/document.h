@@ -10,9 +10,11 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+struct Table;
+
 /// A value as JSON has it.
 using Json = std::variant<std::nullptr_t, bool, std::int64_t, std::uint64_t, std::string,
-                          std::vector<std::string>, std::vector<std::uint64_t>>;
+                          std::vector<std::string>, std::vector<std::uint64_t>, std::shared_ptr<Table>>;
 
 /// A value for a script, and the same one for a person.
 struct Cell {
@@ -48,7 +50,7 @@ struct Table {
 };
 
 /// What a command tells: to a script one JSON document, to a person its tables and sentences. It is the one
-/// way to standard output, but for data that was asked for as it is.
+/// way to standard output, except for data that is asked for as it is.
 class Document
 {
 public:

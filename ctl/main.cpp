@@ -69,7 +69,7 @@ try {
     prepare_process();
     Cli cli;
     const int status = run(cli, {argv + std::min(argc, 1), argv + argc});
-    if (!cli.quiet && cli.has("--json") && (!cli.traces || cli.has("--compare")))
+    if (!cli.quiet && cli.writes_json && (!cli.traces || cli.has("--compare")))
         cli.document.print_json();
     else if (!cli.quiet)
         cli.document.print_text(cli.traces ? stderr : stdout); // standard output has the trace

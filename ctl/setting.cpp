@@ -168,7 +168,7 @@ static NamedValues read_again(Device &device, const NewValues &values)
     }
 }
 
-Table change_device(Cli &cli, const std::string &what, const NewValues &values, EntryNumber undoes)
+Table change_device(Cli &cli, const Cause &cause, const NewValues &values)
 {
     Device &device = open_device();
     for (const auto &[row, value] : values)
@@ -182,11 +182,13 @@ Table change_device(Cli &cli, const std::string &what, const NewValues &values, 
         if (old != value)
             planned.emplace(row.member, value);
     }
-    HistoryWriter entry(what, undoes);
+    HistoryWriter entry(cause.what, cause.undoes);
+    if (cause.backup != 0)
+        entry.set_backup(cause.backup, cause.store);
     if (!planned.empty())
         entry.plan(before, planned);
 
-    std::string reason;
+    std::string reason = cause.failure;
     std::exception_ptr failure;
     try {
         write_values(device, values);
@@ -204,7 +206,7 @@ Table change_device(Cli &cli, const std::string &what, const NewValues &values, 
             changed.emplace_back(row.member);
         }
     cli.document.set("settings", changes);
-    entry.finish(failure == nullptr, reason, changed);
+    entry.finish(reason.empty(), reason, changed);
     if (failure != nullptr)
         std::rethrow_exception(failure);
     return all;

@@ -38,14 +38,21 @@ Cell cell_of(const SettingRow &row, const DeviceValue &value);
 /// Settings, and what they are to hold.
 using NewValues = std::vector<std::pair<SettingRow, DeviceValue>>;
 
+/// What changes settings; see the members of HistoryEntry.
+struct Cause {
+    std::string what;
+    EntryNumber undoes = 0;
+    std::uint64_t backup = 0;
+    std::string store{};
+    std::string failure{}; ///< why it fails even when all settings are changed; empty if it does not
+};
+
 /// Changes settings of this device, as an entry of its history, and checks that they hold the new values.
 /// Whoever calls it holds the turn.
 ///
 /// @param[in,out] cli its document's "settings" become those that were changed, also when some could not be
-/// @param what        see HistoryEntry::what
-/// @param undoes      see HistoryEntry::undoes
 /// @return the values before and after
-Table change_device(Cli &cli, const std::string &what, const NewValues &values, EntryNumber undoes = 0);
+Table change_device(Cli &cli, const Cause &cause, const NewValues &values);
 
 /// For settings that were changed.
 inline const Table CHANGES{{{"name", "setting"}, {"before", "before"}, {"after", "after"}}};

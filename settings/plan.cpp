@@ -150,7 +150,7 @@ static std::string why_different(const SettingRow &row, const RestoredSetting &s
     if (!setting.refusal.empty())
         return "it could not be written";
     if (!wanted || row.form == SettingForm::identifier)
-        return "the backup does not hold it";
+        return is_switch(row) ? "not in the backup: switched off" : "not in the backup";
     if (row.form == SettingForm::languages)
         return why_languages_differ(split_languages(std::get<std::string>(*wanted)), device);
     return "no restored language can be written by hand";

@@ -26,7 +26,7 @@ static constexpr int NEEDED_DESCRIPTORS = 20;
 void prepare_process()
 {
     umask(077);
-    // Opened the wrong way round: what is written there or read fails, as it would without the stream.
+    // Opened in the opposite mode, so that I/O still fails.
     for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
         if (fcntl(stream, F_GETFD) < 0)
             static_cast<void>(open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY));

@@ -25,13 +25,13 @@ NamedValues name_values(const DeviceState &device);
 
 struct HistoryEntry {
     EntryNumber number = 0;
-    std::int64_t time = 0;    ///< when it began, in milliseconds since 1970
-    std::string what;         ///< "backup", "restore", "info", "undo", "settings set" or "settings unset"
-    std::uint64_t backup = 0; ///< that was made or restored; 0 if there is none
-    std::string store;        ///< the location of the backup's store
-    EntryNumber undoes = 0;   ///< the entry that an undo takes back; else 0
-    NamedValues before;       ///< the old values; empty if no change was planned
-    NamedValues planned;      ///< the settings that were to be changed
+    std::int64_t time = 0;         ///< when it began, in milliseconds since 1970
+    std::string what;              ///< "backup", "restore", "info", "undo", or such as "settings set"
+    std::uint64_t backup = 0;      ///< that was made or restored; 0 if there is none
+    std::string store;             ///< the location of the backup's store
+    EntryNumber undoes = 0;        ///< the entry that an undo takes back; else 0
+    NamedValues before;            ///< the old values; empty if no change was planned
+    NamedValues planned;           ///< the settings that were to be changed
     std::optional<bool> succeeded; ///< nothing while it has no end: it is under way, or was interrupted
     std::string reason;
     std::vector<std::string> changed; ///< the settings that are, or may be, other than before

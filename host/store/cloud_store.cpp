@@ -127,7 +127,7 @@ BackupNumber CloudStore::find(const std::string &text, const std::vector<BackupN
 {
     if (known.empty())
         throw NoBackupError("there is no backup yet in " + place);
-    if (text.empty())
+    if (text.empty() || text == LATEST)
         return known.back();
     const auto number = parse_number(text);
     if (!number || !std::binary_search(known.begin(), known.end(), *number))

@@ -34,6 +34,9 @@ struct Backup {
 /// @throws DamagedError when a record holds none
 std::string snapshot_in(const CloudRecords &records);
 
+/// Stands for the number of the newest backup.
+inline constexpr char LATEST[] = "latest";
+
 /// Yields the highest number of a backup that is known to have been given at a location, or 0. It is asked
 /// where the place may have lost count.
 using HighestKnown = BackupNumber (*)(const std::string &location);
@@ -65,7 +68,7 @@ public:
     Listing list() const;
     bool exists() const { return list().is_there; }
 
-    /// The number that a person wrote, or that of the newest backup when it is empty.
+    /// The number that a person wrote, or that of the newest backup when it is empty or #LATEST.
     ///
     /// @throws NoBackupError
     BackupNumber find(const std::string &text) const { return find(text, list().numbers); }

@@ -76,13 +76,13 @@ setting that the backup does not hold. A number is a switch, too.
   default_keyboard  another keyboard  kbd3
   selected_lang     fr_FR             fr_FR  ja_JP is not downloaded
   handwriting       false             false  no restored language can be written by hand
-  prediction        true              false  the backup does not hold it
+  prediction        true              false  not in the backup: switched off
   auto_space        false             true
-  auto_capitalize   true              false  the backup does not hold it
+  auto_capitalize   true              false  not in the backup: switched off
   auto_punctuation  true              true
-  key_tap_sound     false             false  the backup does not hold it
-  key_tap_vib       true              false  the backup does not hold it
-  backup 3  restored, but for selected_lang, handwriting, prediction, auto_capitalize, key_tap_sound, key_tap_vib
+  key_tap_sound     false             false  not in the backup: switched off
+  key_tap_vib       true              false  not in the backup: switched off
+  backup 3  restored, except selected_lang, handwriting, prediction, auto_capitalize, key_tap_sound, key_tap_vib
   $ for languages in '' '{"lang_id":"ja_JP"},{"lang_id":"zh_CN"}'; do
   >     put_backup 4 "$(record 0 1 '{"selected_lang":['"$languages"']}')"
   >     restore | grep ^selected_lang
@@ -97,7 +97,7 @@ Of several records, those that can be are applied, in their order.
 
   $ put_backup 6 "$(record a 1 '{"default_keyboard":"kbd6a","prediction":true}')" "$(record b 2 'no JSON')" \
   >     '{"key":"c","date":"3","value":null}' "$(record d 4 '{"default_keyboard":"kbd6d"}')"
-  $ restore 2>&1 | grep -v 'does not hold'
+  $ restore 2>&1 | grep -v 'not in the backup'
   record 0  applied
   record b  failed
   record c  failed
@@ -126,7 +126,7 @@ Of several records, those that can be are applied, in their order.
 A keyboard that the device refuses, whatever else it takes.
 
   $ put_backup 9 "$(record 0 1 '{"default_keyboard":" kbd","prediction":true}')"
-  $ restore 2>&1 | grep -v 'does not hold'
+  $ restore 2>&1 | grep -v 'not in the backup'
   setting           before  after
   default_keyboard  kbd6d   kbd6d  it could not be written
   prediction        false   true

@@ -59,7 +59,7 @@ A keyboard's identifier may look like anything nested, and comes back.
   backup 3  DAY TIME
   $ ime-backupctl settings set default_keyboard kbd
   $ ime-backupctl restore | tail -n 1
-  backup 3  restored, but for handwriting
+  backup 3  restored, except handwriting
   $ ime-backupctl settings | head -n 1 | grep -o '\[*' | wc -c
   1011
   $ ime-backupctl settings set default_keyboard kbd; ime-backupctl delete 3 >deleted
@@ -88,7 +88,7 @@ of its own, not a control character in UTF-8. Only in a pipe is it the data itse
   record \x1b[2J\x0abackup 9\u009b31m\u202e\x07  failed
   setting           before     after
   default_keyboard  kbd        kbd        it could not be written
-  selected_lang     a\x1b[2Jb  a\x1b[2Jb  the backup does not hold it
+  selected_lang     a\x1b[2Jb  a\x1b[2Jb  not in the backup
   $ grep -F 2J $IME_BACKUP_HOST_DIR/service.log | tidy
   TIME I IME_BACKUP PID: ime_backup_service.cpp: __restore_record_cb(LINE) > * Info * value: [\x1b[2J\x0abackup 9\u009b31m\u202e\x07]
   liborvanta-cloud-svc: restore failed: not restored: record "\x1b[2J\x0abackup 9\u009b31m\u202e\x07"

@@ -107,10 +107,18 @@ Pruned: never the newest one that is good, nor the good one that was made last.
   > done
   $ put_backup 40 "$(record 0 1 'no JSON')"
   $ ime-backupctl prune --keep 1 --keep-within 2d --dry-run
+  kept                           by
+  7     DAY TIME  within
+  39    DAY TIME  within
+  40    1970-01-01 00:00:00 UTC  newest
   backup 10  would be deleted
-  $ ime-backupctl prune --keep 0 --dry-run --json | tr -d ' \n'
-  {"deleted":[10,40],"kept":[7,39]} (no-eol)
+  $ ime-backupctl prune --keep 0 --dry-run --json | grep -v time | tr -d ' \n'
+  {"rules":[{"id":7,"kept_by":["latestdate"]},{"id":39,"kept_by":["newest"]}],"deleted":[10,40],"kept":[7,39]} (no-eol)
   $ ime-backupctl prune --keep 1 --keep-within 12h
+  kept                           by
+  7     DAY TIME  within
+  39    DAY TIME  newest
+  40    1970-01-01 00:00:00 UTC  newest
   backup 10  deleted
   $ ime-backupctl list | cut -c 1-3
   id 
@@ -118,15 +126,23 @@ Pruned: never the newest one that is good, nor the good one that was made last.
   39 
   40 
   $ ime-backupctl prune --keep 0
+  kept                           by
+  7     DAY TIME  latest date
+  39    DAY TIME  newest
   backup 40  deleted
 
 What can't be read is not what may go: it may be good, and others are pruned as if it were not there.
 
   $ put_backup 37 "$(record 0 1 '{}')"; ln -s nowhere $cloud/backup-000038.json; cp $cloud/backup-000039.json whole
   $ ln -s nowhere $cloud/backup-000040.json; put_backup 36 "$(record 0 1 'no JSON')"
-  $ ime-backupctl prune --keep 0 --keep-within 1d --dry-run --json 2>/dev/null | tr -d ' \n'
-  {"deleted":[36,37],"kept":[7,38,39,40]} (no-eol)
+  $ ime-backupctl prune --keep 0 --keep-within 1d --dry-run --json 2>/dev/null | grep -v time | tr -d ' \n'
+  {"rules":[{"id":7,"kept_by":["within"]},{"id":38,"kept_by":["unreadable"]},{"id":39,"kept_by":["newest"]},{"id":40,"kept_by":["unreadable"]}],"deleted":[36,37],"kept":[7,38,39,40]} (no-eol)
   $ ime-backupctl prune --keep 0
+  kept                           by
+  7     DAY TIME  latest date
+  38                             unreadable
+  39    DAY TIME  newest
+  40                             unreadable
   backup 36  deleted
   backup 37  deleted
   ime-backupctl: backup 38 can't be read: can't open WORK/state/cloud/backup-000038.json: No such file or directory; backup 40 can't be read: can't open WORK/state/cloud/backup-000040.json: No such file or directory; what can't be read is kept
@@ -143,7 +159,7 @@ What a backup would fail for in the store is seen before; nothing is stored.
 
   $ try_store() { ime-backupctl --timeout 0.5 status | sed -n 's/^cloud store *//p'; }
   $ ls -A $cloud >before; try_store; ls -A $cloud | diff before -
-  fine      WORK/state/cloud, 2 backups
+  fine    WORK/state/cloud, 2 backups
   $ mkdir -p $cloud/backup-000041.json.new/x; try_store; rm -r $cloud/*.new
   NOT FINE  can't write WORK/state/cloud/backup-000041.json: File exists. Try again once it can be used, or set IME_BACKUP_CLOUD_STORE to another place
   $ flock $cloud/.lock sleep 2 & sleep 0.1; try_store; kill $!

@@ -32,7 +32,7 @@ A remote store is like a folder.
   auto_space  true      false
   [1]
   $ ime-backupctl restore 1 | tail -n 1
-  backup 1  restored, but for handwriting
+  backup 1  restored, except handwriting
   $ ime-backupctl show 1 | head -n 2
   default_keyboard  kbd
   selected_lang     en_US,ko_KR
@@ -55,8 +55,11 @@ A remote store is like a folder.
   4 ime-backupctl: there is no backup 5
   5 ime-backupctl: backup 3 is refused: it has been changed since it was written, or is cut short
   $ ime-backupctl status | grep cloud
-  cloud store      fine      rclone:dav:a "desk" * $x/--b, 4 backups
+  cloud store      fine    rclone:dav:a "desk" * $x/--b, 4 backups
   $ ime-backupctl prune --keep 1
+  kept                           by
+  2     DAY TIME  newest
+  4                              newest
   backup 1  deleted
   backup 3  deleted
 
@@ -104,6 +107,7 @@ What needs no store does not run rclone, and what reads all backups does so at o
   status: 5
   diff 6: 2
   $ IME_BACKUP_CLOUD_STORE= ime-backupctl complete -- --store = rclone : dav : 'a "desk" * $x/--b' show ''
+  latest
   5
   6
   7
@@ -125,6 +129,9 @@ What rclone says to have done counts only once it is seen.
   $ lie_and() { PATH=$PWD/bin:$PATH ime-backupctl "$@"; }
   $ rclone_does '[[ $* != *cat*/backup-000006.json && $* != *\ copy\ * ]] || { echo 503 Service Unavailable >&2; exit 1; }'
   $ lie_and prune --keep 1
+  kept                           by
+  6                              unreadable
+  10    DAY TIME  newest
   backup 5  deleted
   backup 7  deleted
   backup 8  deleted
@@ -176,7 +183,7 @@ A remote that can't be used: rclone's reason, and nothing is lost.
   [3]
   $ ime-backupctl --store rclone:away:x status | grep cloud | cut -c 1-80
   cloud store      NOT FINE  the cloud store rclone:away:x can't be used: Failed t
-  last exchange    NOT FINE  backup: the cloud store rclone:/a:b can't be used: it
+  last exchange    failed    backup on DAY TIME: the cloud store rclone:/a:b can't
 
 A remote that hangs: every command ends in time, and when it is asked to.
 
@@ -248,7 +255,7 @@ By SFTP.
   $ export IME_BACKUP_CLOUD_STORE=rclone:box:desk
   $ ime-backupctl backup; ime-backupctl restore 1 | tail -n 1; ime-backupctl delete 1; ls $WORK/remote/desk
   backup 1  DAY TIME
-  backup 1  restored, but for handwriting
+  backup 1  restored, except handwriting
   backup 1  deleted
   backup-000001.json.gone
   $ ls -d $TMPDIR/{ime-backup-*,rclone-*} 2>/dev/null

@@ -17,15 +17,15 @@ What a script gets of each command: one document with all that it may want.
   {"succeeded":true,"reason":"","backup":1,"stored":true}
   $ put_backup 2 "$(record a 1 '{"default_keyboard":7,"selected_lang":[{"lang_id":"ko_KR"},{"lang_id":"xx_XX"}],"auto_space":1}')"
   $ ime-backupctl restore --dry-run --json | flat | tee dry_run
-  {"succeeded":true,"reason":"","backup":2,"dry_run":true,"records":[{"key":"0","failed":false}],"settings":[{"name":"default_keyboard","before":"kbd","wanted":null,"after":"kbd","why":"thebackupdoesnotholdit"},
+  {"succeeded":true,"reason":"","backup":2,"dry_run":true,"records":[{"key":"0","failed":false}],"settings":[{"name":"default_keyboard","before":"kbd","wanted":null,"after":"kbd","why":"notinthebackup"},
   {"name":"selected_lang","before":["en_US","ko_KR"],"wanted":["ko_KR","xx_XX"],"after":["ko_KR"],"why":"xx_XXisnotdownloaded"},
-  {"name":"handwriting","before":true,"wanted":null,"after":false,"why":"thebackupdoesnotholdit"},
-  {"name":"prediction","before":null,"wanted":null,"after":false,"why":"thebackupdoesnotholdit"},
+  {"name":"handwriting","before":true,"wanted":null,"after":false,"why":"notinthebackup:switchedoff"},
+  {"name":"prediction","before":null,"wanted":null,"after":false,"why":"notinthebackup:switchedoff"},
   {"name":"auto_space","before":null,"wanted":true,"after":true,"why":""},
-  {"name":"auto_capitalize","before":null,"wanted":null,"after":false,"why":"thebackupdoesnotholdit"},
-  {"name":"auto_punctuation","before":null,"wanted":null,"after":false,"why":"thebackupdoesnotholdit"},
-  {"name":"key_tap_sound","before":null,"wanted":null,"after":false,"why":"thebackupdoesnotholdit"},
-  {"name":"key_tap_vib","before":null,"wanted":null,"after":false,"why":"thebackupdoesnotholdit"}]}
+  {"name":"auto_capitalize","before":null,"wanted":null,"after":false,"why":"notinthebackup:switchedoff"},
+  {"name":"auto_punctuation","before":null,"wanted":null,"after":false,"why":"notinthebackup:switchedoff"},
+  {"name":"key_tap_sound","before":null,"wanted":null,"after":false,"why":"notinthebackup:switchedoff"},
+  {"name":"key_tap_vib","before":null,"wanted":null,"after":false,"why":"notinthebackup:switchedoff"}]}
   $ ime-backupctl restore --json | flat | diff dry_run - | grep -c '^>'
   1
   $ ime-backupctl diff 1 2 --json | flat
@@ -62,7 +62,7 @@ What a script gets of each command: one document with all that it may want.
   {"what":"settings_store","fine":true,"found":"inWORK/state","do":""},
   {"what":"exchange","fine":true,"found":"inWORK/state","do":""},
   {"what":"cloud_store","fine":true,"found":"WORK/state/cloud,2backups","do":""},
-  {"what":"last_exchange","fine":false,"found":"restoreofbackup3:notrestored:record\"a\"","do":"SeeWORK/state/service.log"}]
+  {"what":"last_exchange","fine":false,"found":"restoreofbackup3onDAYTIME:notrestored:record\"a\"","do":"SeeWORK/state/service.log"}]
 
 A failure is in the document, too, and on standard error; what can't be told is no document.
 
@@ -147,7 +147,7 @@ On a terminal a table fits, with remarks below the lines that they are too long 
   auto_punctuation  (not set)                       true
   key_tap_sound     (not set)                       true
   key_tap_vib       (not set)                       true
-  backup 6  restored, but for selected_lang, handwriting
+  backup 6  restored, except selected_lang, handwriting
   $ NO_COLOR=1 on_terminal status | tail -n 4
   settings store   fine  in WORK/state
   exchange files   fine  in WORK/state

@@ -15,7 +15,7 @@ undo goes further back, and an undo can be undone.
   $ ime-backupctl settings unset key_tap_sound
   $ ime-backupctl settings >before
   $ ime-backupctl restore | tail -n 1
-  backup 1  restored, but for handwriting
+  backup 1  restored, except handwriting
   $ ime-backupctl settings set prediction off key_tap_vib off
   $ ime-backupctl undo
   setting      before  after
@@ -75,7 +75,7 @@ So is what is no value of its setting; a number comes back as the number that it
   $ restore | grep -E 'often|maybe|backup'
   handwriting       often      false  no restored language can be written by hand
   auto_punctuation  maybe      true
-  backup 1  restored, but for selected_lang, handwriting
+  backup 1  restored, except selected_lang, handwriting
   $ ime-backupctl undo >undone
   $ ime-backupctl settings | diff before -
   $ grep -a keyloom $SCIM_HOME/.scim/config | cat -v
@@ -87,12 +87,12 @@ So is what is no value of its setting; a number comes back as the number that it
 What changes nothing, fails or never begins leaves the way back from what was before.
 
   $ ime-backupctl restore | tail -n 1
-  backup 1  restored, but for selected_lang, handwriting
+  backup 1  restored, except selected_lang, handwriting
   $ ime-backupctl settings >restored
   $ echo restore 9 | try_each
   4 ime-backupctl: there is no backup 9
   $ ime-backupctl restore | tail -n 1
-  backup 1  restored, but for selected_lang, handwriting
+  backup 1  restored, except selected_lang, handwriting
   $ ime-backupctl backup | tidy
   backup 2  DAY TIME
   $ ime-backupctl backup --if-changed
@@ -112,7 +112,7 @@ Interrupted: status and the history tell of it, and what it was to change is put
   $ sed -i '$d' $journal
   $ ime-backupctl settings unset auto_capitalize
   $ ime-backupctl status | grep last
-  last exchange    NOT FINE  restore of backup 2 was interrupted. Put back what it changed with: ime-backupctl undo 22
+  last exchange    failed  restore of backup 2 was interrupted. Put back what it changed with: ime-backupctl undo 22
   $ ime-backupctl history | tail -n 2 | cut -c 1-80
   22     DAY TIME  restore of backup 2  interrupted  default_keyboard, handwriting
   23     DAY TIME  settings unset       done         auto_capitalize

@@ -63,10 +63,10 @@ What is asked for makes no sense, or can't be used; the service is not launched.
   2 ime-backupctl: there is no option "--josn"; did you mean --json?
   2 ime-backupctl: there is no command "restroe"; did you mean restore?
   2 ime-backupctl: there is no command "RESTORE"; did you mean restore?
-  2 ime-backupctl: there is no command "remove"
+  2 ime-backupctl: there is no command "remove"; did you mean delete?
   2 ime-backupctl: there is no option "--kep"; did you mean --keep?
   2 ime-backupctl: there is no command "restroe"; did you mean restore?
-  2 ime-backupctl: --keep is required
+  2 ime-backupctl: what to keep is missing: one of --keep, --keep-within, --keep-daily, --keep-weekly, --keep-monthly
   2 ime-backupctl: --keep: not a number of backups: x
   2 ime-backupctl: --keep-within: not an age such as 12h or 30d (m, h, d or w): 1y
   2 ime-backupctl: no more than two backups can be compared
@@ -119,11 +119,11 @@ Help and versions. Each command's help is at most 80 columns wide and has an exa
   $ commands() { command ime-backupctl complete -- "$@" '' | grep -v '^[0-9]*$'; }
   $ each_help() { echo --help; commands | sed 's/$/ --help/'; for c in settings trace; do commands $c | sed "s/.*/$c & --help/"; done; }
   $ each_help | wc -l
-  24
+  27
   $ each_help | xargs -L 1 ime-backupctl >help; grep -E '.{81}|[A-Z]+:[A-Z]|^$' help | sort -u
   
   $ grep -c '^Example: ime-backupctl ' help
-  24
+  27
   $ ime-backupctl help settings set
   Change settings.
   
@@ -143,8 +143,8 @@ Help and versions. Each command's help is at most 80 columns wide and has an exa
     --timeout SECONDS       How long to wait for the service, or a remote store
                             (30)
     --store LOCATION        Where the backups are: a folder, or a remote place
-                            such as rclone:s3:desk; else cloud in the folder of
-                            all state
+                            such as rclone:s3:desk (default: cloud in the state
+                            folder)
     --service PROGRAM       The service's program
     -h, --help              Show help
     --version               Show the version
@@ -210,12 +210,12 @@ Completion offers what may stand there: commands, options, settings and their va
   > nonsense ''
   > END
   restore
-  1
+  latest 1
   --dry-run
   --strict --store --service
   diff
-  1
-  get set unset
+  latest 1
+  get set unset dump load
   backup restore info
   vconf_keynode_get_str
   
@@ -224,7 +224,7 @@ Completion offers what may stand there: commands, options, settings and their va
   true false
   key_tap_sound
   downloaded_lang downloaded_with_handwriting_lang
-  1
+  latest 1
   
   prune
   

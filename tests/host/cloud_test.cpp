@@ -731,7 +731,7 @@ TEST_F(Cloud, ARestoreMakesOfTheDeviceWhatItShould)
         EXPECT_EQ(report.settings.at(3).after, test.prediction) << test.reason;
         EXPECT_EQ(report.settings.at(3).why, test.why) << test.reason;
         EXPECT_EQ(report.settings.at(2).why,
-                  std::string(test.why) == "not checked" ? "not checked" : "the backup does not hold it");
+                  std::string(test.why) == "not checked" ? "not checked" : "not in the backup: switched off");
     }
     device.~FakeDevice();
     new (&device) FakeDevice;
