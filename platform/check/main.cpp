@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <sstream>
 #include <stdexcept>
 #include <vector>
@@ -25,7 +25,9 @@
 
 static constexpr int EXIT_USAGE = 2;
 static constexpr int EXIT_CANNOT_RUN = 3;
-static constexpr int LIMIT_SECONDS = 10;
+static constexpr std::chrono::seconds LIMIT(10);
+
+using Clock = std::chrono::steady_clock;
 
 static constexpr char HELP[] =
     "Usage: ime-backup-check [OPTION]...\n"
@@ -81,17 +83,14 @@ static sigset_t make_set(bool with_termination)
 /// The signal that asked the program to end, or 0.
 static int interruption = 0;
 
-/// Waits for a signal, at most until a time of the monotonic clock.
+/// Waits for a signal, at most until a point in time.
 ///
 /// @return the signal, or -1 when the time is over
-static int wait_for_signal(sigset_t signals, double deadline)
+static int wait_for_signal(sigset_t signals, Clock::time_point deadline)
 {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    const double left =
-        std::max(0.0, deadline - static_cast<double>(now.tv_sec) - static_cast<double>(now.tv_nsec) / 1e9);
-    const timespec time = {static_cast<time_t>(left),
-                           static_cast<long>((left - static_cast<double>(static_cast<time_t>(left))) * 1e9)};
+    const auto left = std::max(deadline - Clock::now(), Clock::duration());
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
+    const timespec time = {seconds.count(), std::chrono::nanoseconds(left - seconds).count()};
     return sigtimedwait(&signals, nullptr, &time);
 }
 
@@ -122,9 +121,7 @@ static void run_limited(void (*work)(), bool can_be_interrupted)
     });
     setpgid(child, child);
 
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    const double deadline = static_cast<double>(now.tv_sec) + LIMIT_SECONDS;
+    const Clock::time_point deadline = Clock::now() + LIMIT;
     const sigset_t signals = make_set(can_be_interrupted);
     int status = 0;
     while (waitpid(child, &status, WNOHANG) == 0) {
@@ -133,7 +130,7 @@ static void run_limited(void (*work)(), bool can_be_interrupted)
             continue;
         end_group(child);
         if (signal < 0)
-            report_failure("a return", "none in " + std::to_string(LIMIT_SECONDS) + " seconds");
+            report_failure("a return", "none in " + std::to_string(LIMIT.count()) + " seconds");
         else
             interruption = signal;
         return;
@@ -219,9 +216,10 @@ static bool run_row(const Row &row, size_t number, const Report &saving)
 
 static int run_rows(const std::vector<Row> &rows)
 {
-    flock(open("/proc/self/exe", O_RDONLY | O_CLOEXEC),
-          LOCK_EX);                   // two at once would see each other's changes
-    prctl(PR_SET_CHILD_SUBREAPER, 1); // so that it can wait for all of a group
+    // Two at once would see each other's changes.
+    flock(open("/proc/self/exe", O_RDONLY | O_CLOEXEC), LOCK_EX);
+    // So that it can wait for all processes of a group.
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
     const sigset_t blocked = make_set(true);
     sigprocmask(SIG_BLOCK, &blocked, nullptr);
     setvbuf(stdout, nullptr, _IOLBF, 0);
