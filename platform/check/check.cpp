@@ -17,7 +17,7 @@ Report *const report = make_shared_memory<Report>();
 namespace
 {
 
-/// Thrown to end a check; how it ended is in the report.
+/// Ends a check when it is thrown; the report has the result.
 struct Ended {
 };
 
@@ -34,7 +34,7 @@ void note(const char *call)
         set_text(report->call, call);
 }
 
-/// The first end counts.
+/// Keeps the first result.
 static void end(Report::Verdict verdict, const std::string &expected, const std::string &got)
 {
     if (report->verdict != Report::Verdict::none)
@@ -98,7 +98,7 @@ bool run_to_end(const std::function<void()> &work)
     return false;
 }
 
-/// The exit status of a process that has done its work, which a library that calls exit() does not give.
+/// The exit status of a process that came to its end. A library that calls exit() gives another one.
 static constexpr int DONE = 77;
 
 pid_t start_apart(const std::function<void()> &work)

@@ -23,9 +23,9 @@ struct Check {
 struct Library {
     const char *name;
     std::span<const Check> checks;
-    /// Takes down what the checks change of the device, before the first one.
+    /// Saves the part of the device that the checks change, before the first check.
     void (*save)() = nullptr;
-    /// Puts that back, after each one that changes something. Fails as a check does.
+    /// Restores that part after each check that changes something. It fails as a check does.
     void (*put_back)() = nullptr;
 };
 
@@ -37,14 +37,14 @@ extern const Library DLOG, APP_CONTROL, APPCORE_AGENT, VCONF, SCIM, ISF_CONTROL,
 /// Ends the check: the last call that was noted does not keep the promise.
 [[noreturn]] void fail(const std::string &expected, const std::string &got);
 
-/// Ends the check: the platform does not let it be made.
+/// Ends the check: it can't be made on this platform.
 [[noreturn]] void skip(const std::string &reason);
 
-/// Notes the call that comes, for the case that it fails or never returns.
+/// Notes the next call, in case it fails or never returns.
 void note(const char *call);
 #define CALL(...) (note(#__VA_ARGS__), __VA_ARGS__)
 
-/// The text between quotation marks, or its begin and size.
+/// The text in quotation marks; of a long one, the beginning and the size.
 std::string show_text(const std::string &text);
 
 template <class Value>
@@ -64,7 +64,7 @@ std::string show(Value value)
         return show_text(value);
 }
 
-/// Ends the check unless a result, or what is named as such, is as expected.
+/// Ends the check unless a result, or another value that `of` names, is as expected.
 template <class Value, class Expected>
 void expect(Value got, Expected expected, const std::string &of = "")
 {
@@ -84,7 +84,7 @@ inline void expect_negative(int result)
         fail("a negative value", show(result));
 }
 
-/// The same, where a failure may be positive, too.
+/// The same, where an error code may also be positive.
 inline void expect_error(int result)
 {
     if (result == 0)

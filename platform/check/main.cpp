@@ -1,4 +1,4 @@
-// ime-backup-check: runs the checks, and prints what they come to in TAP, the Test Anything Protocol.
+// ime-backup-check: runs the checks, and prints their results in TAP, the Test Anything Protocol.
 
 #include <algorithm>
 #include <cerrno>
@@ -65,8 +65,8 @@ struct Options {
 
 // Running a check.
 
-/// A set of SIGCHLD and, on demand, of the signals that end the program once the device is as it was. Those
-/// that were ignored when it started stay ignored.
+/// SIGCHLD and, on demand, the signals that end the program after the device is put back. Signals that were
+/// ignored at the start stay ignored.
 static sigset_t make_set(bool with_termination)
 {
     sigset_t set;
@@ -97,7 +97,7 @@ static int wait_for_signal(sigset_t signals, Clock::time_point deadline)
 /// What the check that ran wrote on standard error.
 static int log_file = -1;
 
-/// Ends a process group. Those that are killed may still write until they are gone.
+/// Kills a process group and waits for it: a killed process may still write until it is gone.
 static void end_group(pid_t group)
 {
     kill(-group, SIGKILL);
@@ -105,7 +105,7 @@ static void end_group(pid_t group)
     }
 }
 
-/// Runs a function in a process group of its own, so that all of it ends at the latest with the time limit.
+/// Runs a function in a process group of its own, which the time limit ends.
 static void run_limited(void (*work)(), bool can_be_interrupted)
 {
     *report = {};
@@ -114,7 +114,7 @@ static void run_limited(void (*work)(), bool can_be_interrupted)
     const pid_t child = start_apart([work] {
         for (const int file : {STDOUT_FILENO, STDERR_FILENO})
             dup2(log_file, file);
-        setpgid(0, 0); // Ctrl-C is for the process that puts things back
+        setpgid(0, 0); // Ctrl-C must only reach the process that puts the device back
         const sigset_t all = make_set(true);
         sigprocmask(SIG_UNBLOCK, &all, nullptr);
         work();
@@ -174,7 +174,7 @@ static std::string read_log()
     return comments;
 }
 
-/// Has the device as it was. Where that fails, it is said.
+/// Puts back what a library's checks change. Prints what can't be put back.
 static bool put_back(const Library &library)
 {
     run_limited(library.put_back, false);
@@ -185,8 +185,8 @@ static bool put_back(const Library &library)
     return false;
 }
 
-/// @param saving  how the device's state was saved: what could not be saved is not changed
-/// @return whether it did not fail
+/// @param saving  the result of saving the device's state: what could not be saved is not changed
+/// @return whether the check passed or was skipped
 static bool run_row(const Row &row, size_t number, const Report &saving)
 {
     const bool changes = row.check->access == Check::changes;
@@ -216,14 +216,14 @@ static bool run_row(const Row &row, size_t number, const Report &saving)
 
 static int run_rows(const std::vector<Row> &rows)
 {
-    // Two at once would see each other's changes.
+    // Two programs at once would see each other's changes.
     flock(open("/proc/self/exe", O_RDONLY | O_CLOEXEC), LOCK_EX);
-    // So that it can wait for all processes of a group.
+    // So that end_group() can wait for grandchildren.
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     const sigset_t blocked = make_set(true);
     sigprocmask(SIG_BLOCK, &blocked, nullptr);
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    // Perl's harness may be too old for version 14, of which only what version 13 has is used.
+    // Perl's harness may know no version after 13. The output is valid in both.
     printf("TAP version %d\n1..%zu\n", getenv("HARNESS_ACTIVE") == nullptr ? 14 : 13, rows.size());
 
     bool passed = true;

@@ -68,7 +68,7 @@ static Record get_current(List list)
     return record;
 }
 
-/// What no call hands out, to see whether one that fails writes its output.
+/// A value that no call hands out. If it changes, a call that fails has written its output.
 template <class Handle>
 static Handle bad_handle()
 {
@@ -233,7 +233,7 @@ static constexpr char OTHER_NAME[] = "/ime-backup-check.new";
 static const std::string FILE_PATH = std::string(IME_BACKUP_TRUSTED_FOLDER) + FILE_NAME;
 static constexpr rlim_t SIZE_LIMIT = 65'521;
 
-/// Where the library really writes: a platform may keep the device's folders below another one.
+/// The folder that the library writes in: a platform may keep the device's folders below another one.
 struct Place {
     char partial[4096]; ///< the file that a killed process wrote, or "" where another process writes
     char folder[4096] = IME_BACKUP_TRUSTED_FOLDER;
@@ -247,8 +247,7 @@ static std::string read_file(const std::string &path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// Called in the middle of a write, when the file has reached the limit: finds the file, and ends the
-/// process.
+/// Handles SIGXFSZ, which comes in the middle of a write, at the limit: finds the file, and ends the process.
 static void die_in_write(int)
 {
     for (int file = STDERR_FILENO + 1; file < 1024; file++) {
@@ -260,13 +259,14 @@ static void die_in_write(int)
         const std::string name = path;
         snprintf(place.partial, sizeof place.partial, "%s", path);
         snprintf(place.folder, sizeof place.folder, "%s", name.substr(0, name.rfind('/')).c_str());
-        if (!name.ends_with(FILE_NAME)) // each process may write one of another name
+        if (!name.ends_with(FILE_NAME)) // its name may be another one in each process
             unlink(path);
     }
     _exit(0);
 }
 
-/// A list that takes this much of a file. The key and the date that it is given change after that.
+/// A list whose file has at least this size. The texts of its key and date are overwritten after they are
+/// set.
 static List make_sized_list(size_t size, const char *given_key = "0",
                             const char *given_date = "1700000000999")
 {
@@ -283,7 +283,7 @@ static List make_sized_list(size_t size, const char *given_key = "0",
     return list;
 }
 
-/// Writes more than the limit lets it.
+/// Tries to write a file that is larger than the limit.
 static int write_too_much(void (*on_limit)(int))
 {
     const List list = make_sized_list(4 * SIZE_LIMIT);
@@ -465,7 +465,8 @@ static constexpr Check CHECKS[] = {
          orvanta_cloud_initialize();
          const List list = make_list({"value"});
          const Record record = get_current(list);
-         const Record spare = make_record(); // before, so that nothing takes the place of what is destroyed
+         const Record spare =
+             make_record(); // made before, since a later one may get the address of a destroyed one
          const List spare_list = make_list();
          expect(CALL(orvanta_cloud_list_destroy(list)), 0);
          expect_list_refused(list, spare);

@@ -49,12 +49,12 @@ static auto &saved = *make_shared_memory<std::array<Held, SETTINGS.size()>>();
 
 static constexpr char MISSING[] = "db/ise/ime_backup_check/missing";
 
-/// What no list has, to see whether a call that fails writes its output.
+/// A value that no list hands out. If it changes, a call that fails has written its output.
 static const auto NO_NODE = reinterpret_cast<vconf_keynode_handle>(&saved);
 
 // The device, as it was.
 
-/// Fails when it can't be known what the key holds: then it could not be put back.
+/// Fails where the key's value can't be determined, and so could not be put back.
 static Held look(const char *key)
 {
     Held held = {};
@@ -154,7 +154,7 @@ static std::string find_key()
     return find_keys(1).back();
 }
 
-/// A key that the store surely lets hold a text.
+/// A key that holds a text already: a store may refuse a text under another key.
 static std::string find_text_key()
 {
     return find_keys(1, is_text).front();
