@@ -97,7 +97,7 @@ void run_settings_load(Cli &cli)
                 const SettingRow &row = find_setting(member);
                 values.emplace_back(row, load_value(row, value));
             } catch (const HostError &error) {
-                throw UsageError(name + " can't be loaded: " + member + ": " + error.what());
+                throw UsageError(join({name, " can't be loaded: ", member, ": ", error.what()}, ""));
             }
     } catch (const nlohmann::json::exception &error) {
         throw UsageError(name + " can't be loaded: it is no JSON text");
