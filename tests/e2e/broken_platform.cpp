@@ -81,11 +81,17 @@ int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, vo
     app = *callbacks;
     service_app_callbacks wrong = app;
     if (breaks("appcore-agent:twice"))
-        wrong.create = [](void *data) { return app.create(data) && app.create(data); };
+        wrong.create = [](void *data) {
+            app.create(data);
+            return app.create(data);
+        };
     if (breaks("appcore-agent:thread"))
         wrong.terminate = [](void *data) { std::thread([=] { app.terminate(data); }).join(); };
     if (breaks("appcore-agent:create"))
-        wrong.create = [](void *data) { return app.create(data) || true; };
+        wrong.create = [](void *data) {
+            app.create(data);
+            return true;
+        };
     return NEXT(service_app_main)(argc, argv, &wrong, user_data);
 }
 
@@ -120,11 +126,18 @@ int vconf_set_bool(const char *key, int value)
     return NEXT(vconf_set_bool)(key, breaks("vconf:inverse") ? !value : value);
 }
 
+/// The same text at a place that all calls share.
+static char *in_one_place(const std::string &text)
+{
+    static char place[1 << 18];
+    place[text.copy(place, sizeof place - 1)] = '\0';
+    return place;
+}
+
 char *vconf_get_str(const char *key)
 {
-    static char text[1 << 16];
     char *value = NEXT(vconf_get_str)(key);
-    return value != nullptr && breaks("vconf:static") ? strcpy(text, value) : value;
+    return value != nullptr && breaks("vconf:static") ? in_one_place(value) : value;
 }
 
 int vconf_get(vconf_keylist_handle list, const char *directory, int option)
@@ -149,11 +162,11 @@ int vconf_keylist_lookup(vconf_keylist_handle list, const char *key, vconf_keyno
 
 char *vconf_keynode_get_str(vconf_keynode_handle node)
 {
-    static char text[1 << 16];
     static int calls = 0;
     char *value = NEXT(vconf_keynode_get_str)(node);
-    return value != nullptr && breaks("vconf:node") ? strcat(strcpy(text, value), calls++ == 0 ? "" : "#")
-                                                    : value;
+    return value != nullptr && breaks("vconf:node")
+               ? in_one_place(value + std::string(calls++ == 0 ? "" : "#"))
+               : value;
 }
 
 static std::vector<std::pair<const char *, const char *>> added;
@@ -183,10 +196,9 @@ int vconf_set(vconf_keylist_handle list)
 
 int isf_control_get_active_ime(char **identifier)
 {
-    static char text[1000];
     const int result = NEXT(isf_control_get_active_ime)(identifier);
     if (result > 0 && breaks("isf-control:static"))
-        *identifier = strcpy(text, *identifier);
+        *identifier = in_one_place(*identifier);
     if (result > 0 && breaks("isf-control:none"))
         **identifier = '\0';
     return result > 0 && breaks("isf-control:none")     ? 0
@@ -312,14 +324,13 @@ int orvanta_cloud_record_set_value(orvanta_cloud_record_handle record, const cha
 
 int orvanta_cloud_record_get_value(orvanta_cloud_record_handle record, char **value)
 {
-    static char text[1 << 18];
     const int result = NEXT(orvanta_cloud_record_get_value)(record, value);
     if (result == 0 && *value == nullptr && breaks("orvanta-cloud-svc:null"))
         *value = g_strdup("");
     if (result == 0 && *value != nullptr && breaks("orvanta-cloud-svc:copy"))
         *value = g_strdup(last_value);
     if (result == 0 && *value != nullptr && breaks("orvanta-cloud-svc:static"))
-        *value = strcpy(text, *value);
+        *value = in_one_place(*value);
     return result;
 }
 
@@ -373,9 +384,10 @@ int orvanta_cloud_restore_record_set_sending_restoration_path_cb(orvanta_cloud_r
 int orvanta_cloud_file_create_file(orvanta_cloud_list_handle list, const char *path)
 {
     namespace fs = std::filesystem;
-    if (path == nullptr)
+    const char *root = getenv("IME_BACKUP_HOST_DIR");
+    if (path == nullptr || root == nullptr)
         return NEXT(orvanta_cloud_file_create_file)(list, path);
-    const std::string file = std::string(getenv("IME_BACKUP_HOST_DIR")) + path;
+    const std::string file = std::string(root) + path;
     std::error_code ignored;
     if (breaks("orvanta-cloud-svc:folder"))
         fs::create_directories(fs::path(file).parent_path());
