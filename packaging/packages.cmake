@@ -36,6 +36,6 @@ and SQLite, and ime-backupctl, with which a person there makes, looks at and
 restores backups. These are in a folder or, with rclone, at a remote place.
 
 A user timer makes a backup each night, once it is enabled. The platform's
-headers, a program that checks a platform's libraries, and a library that traces
-the service's calls, come along.")
+headers, a program that checks its libraries, and a library that traces the
+service's calls come along.")
 include(CPack)
