@@ -172,7 +172,8 @@ void run_trace(Cli &cli)
 {
     std::string exchange = cli.command().commands.empty() ? cli.command().name : "";
     cli.traces = true;
-    // When nobody reads the trace any more, the exchange still ends in order, and what is lost is told.
+    // If the reader of the trace goes away, the exchange still ends normally, and an error reports the lost
+    // output.
     std::signal(SIGPIPE, SIG_IGN);
     if (!cli.has("--compare")) {
         if (exchange.empty())

@@ -102,8 +102,8 @@ static const std::vector<Command> SETTINGS_COMMANDS = {
      "The document is that of settings --json. load takes it back.",
      "ime-backupctl settings dump >settings.json", run_settings_dump},
     {"load", "Commands", "Set the settings that a dump holds",
-     "A setting that is null in FILE is unset; one that FILE does not have stays as it is. Without FILE, or with "
-     "\"-\", it is standard input.",
+     "Settings that are null in FILE are unset. Settings that are missing in FILE do not change. Without FILE, or with "
+     "\"-\", the dump is read from standard input.",
      "ime-backupctl settings load settings.json", run_settings_load, {{"FILE", "The file", file, at_most_once}}},
 };
 

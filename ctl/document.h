@@ -50,7 +50,7 @@ struct Table {
 };
 
 /// What a command tells: to a script one JSON document, to a person its tables and sentences. It is the one
-/// way to standard output, except for data that is asked for as it is.
+/// way to standard output, except for raw data, such as an exported backup.
 class Document
 {
 public:

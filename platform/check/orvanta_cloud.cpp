@@ -324,7 +324,7 @@ static std::string write_comparable()
     return content;
 }
 
-/// Expects the file to stay as it is while `work` fails to write another.
+/// Expects the old file to be unchanged after `work` has failed to replace it.
 static void expect_file_stays(void (*work)())
 {
     die_while_writing(); // so that the place is known
@@ -500,7 +500,7 @@ static constexpr Check CHECKS[] = {
          expect_error(CALL(orvanta_cloud_restore_record_send_record_list(list, ORVANTA_CLOUD_SEND_VALID)));
      }},
 
-    {"a service that is not ready is asked for nothing more, and is told of the failure",
+    {"a service that is not ready gets no more callbacks except completed(0)",
      "It would take part in an exchange that it has declined.",
      [] {
          is_ready = 0;
@@ -559,11 +559,11 @@ static constexpr Check CHECKS[] = {
      },
      Check::changes},
 
-    {"orvanta_cloud_file_create_file() leaves the file as it was when its process is killed",
+    {"orvanta_cloud_file_create_file() keeps the old file when its process is killed",
      "It would have half a backup replace a whole one.",
      [] { run_backup([](List) { expect_file_stays(die_while_writing); }); }, Check::changes},
 
-    {"orvanta_cloud_file_create_file() gives an error when it can't write all, and leaves the file as it was",
+    {"orvanta_cloud_file_create_file() gives an error and keeps the old file when the disk is full",
      "It would have half a backup replace a whole one.",
      [] {
          run_backup([](List) {

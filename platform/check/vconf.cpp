@@ -52,7 +52,7 @@ static constexpr char MISSING[] = "db/ise/ime_backup_check/missing";
 /// A value that no list hands out. If it changes, a call that fails has written its output.
 static const auto NO_NODE = reinterpret_cast<vconf_keynode_handle>(&saved);
 
-// The device, as it was.
+// Saving the settings, and putting them back.
 
 /// Fails where the key's value can't be determined, and so could not be put back.
 static Held look(const char *key)
@@ -301,7 +301,7 @@ static constexpr Check CHECKS[] = {
      }},
 
     {"vconf_set_bool() stores what vconf_get_bool() reads, any value but 0 as 1",
-     "A restored switch would stay as it was, or change to its opposite.",
+     "A restored switch would not change, or get the opposite value.",
      [] {
          const std::vector<std::string> keys = find_keys(1, is_boolean);
          for (const int value : {1, 0, 5, 0, -1}) {
@@ -350,7 +350,7 @@ static constexpr Check CHECKS[] = {
      },
      Check::changes},
 
-    {"vconf_set() stores a text as it was when it was added to the list",
+    {"vconf_set() stores the text that vconf_keylist_add_str() was given",
      "It would restore no languages, or other ones.",
      [] {
          const std::string key = find_text_key();

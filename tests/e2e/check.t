@@ -116,13 +116,13 @@ What can't be put back is named. A check that hangs ends, and so does one that i
 
 It says what is wrong with its use.
 
-  $ for arguments in --list --help --version '--only nothing' --only --nothing extra; do
+  $ for arguments in --list --help --version '--only no-such-check' --only --nothing extra; do
   >     ime-backup-check $arguments >output 2>errors; echo "$? $(wc -l <output) $(head -n 1 errors)"
   > done
   0 54 
   0 14 
   0 1 
-  0 4 
+  2 0 ime-backup-check: no check matches; "ime-backup-check --list" lists them
   2 0 ime-backup-check: option '--only' requires an argument
   2 0 ime-backup-check: unrecognized option '--nothing'
   2 0 ime-backup-check: unexpected argument "extra"
