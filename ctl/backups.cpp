@@ -20,7 +20,7 @@ std::optional<std::int64_t> parse_date(const std::string &date)
     return milliseconds;
 }
 
-/// @return an empty text when it is no date
+/// Returns "" if the text is no date.
 static std::string format_time(const std::string &date, GDateTime *(*make)(gint64), const char *format)
 {
     const auto milliseconds = parse_date(date);
@@ -60,7 +60,7 @@ static std::string format_age(const std::string &date)
     return seconds < 0 ? "" : "now";
 }
 
-// What a backup holds.
+// Contents.
 
 std::string date_of(const CloudRecords &records)
 {
@@ -116,7 +116,7 @@ Inspection inspect(const CloudStore &store, const std::vector<BackupNumber> &num
             keyboard = cell_of(values, SettingForm::identifier);
             languages = cell_of(values, SettingForm::languages);
             if (const auto *texts = std::get_if<std::vector<std::string>>(&languages.json); texts != nullptr)
-                languages.json = texts->size(); // a script gets the count
+                languages.json = texts->size(); // scripts get the count
         } catch (const UnreadableError &error) {
             usable.json = nullptr;
             remark = error.what();

@@ -8,30 +8,30 @@
 #include "document.h"
 #include "history.h"
 
-/// "backup 4", for a person.
+/// Returns "backup 4", for example.
 std::string name_of(BackupNumber number);
 
-/// Such as "restore of backup 4", for a person.
+/// Returns "restore of backup 4", for example.
 std::string describe(const HistoryEntry &entry);
 
-/// Milliseconds since 1970 in a record's date.
+/// Reads a record's date, in milliseconds since 1970.
 std::optional<std::int64_t> parse_date(const std::string &date);
 
-/// The local time of a record's date, or the text as it stands when it is no date.
+/// Returns the local time of a record's date with its zone. Returns any other text unchanged.
 std::string format_date(const std::string &date);
 
-/// The time as scripts have it, or null when it is no date.
+/// Returns the UTC time of a record's date in ISO 8601, or null if it is no date.
 Json utc_time(const std::string &date);
 
-/// The date of a backup's first record.
+/// Returns the date of the first record, or "".
 std::string date_of(const CloudRecords &records);
 
-/// Reads a backup of which each record holds a snapshot.
+/// Reads a backup, and checks that each record holds a snapshot.
 ///
 /// @throws DamagedError and UnreadableError, which name the backup
 Backup read_whole(const CloudStore &store, BackupNumber number);
 
-/// Backups, read and checked.
+/// The result of reading and checking backups.
 struct Inspection {
     Table table;
     size_t damaged = 0;

@@ -10,15 +10,14 @@
 
 static constexpr double DEFAULT_TIMEOUT = 30;
 
-/// How many letters have to be changed, put in, left out, or swapped with the next, to come from one word to
-/// the other.
+/// Returns the edit distance of two words; swapping two neighbours counts as one edit.
 static size_t distance(const std::string &one, const std::string &other)
 {
     std::vector<std::vector<size_t>> best(one.size() + 1, std::vector<size_t>(other.size() + 1));
     for (size_t i = 0; i <= one.size(); i++)
         for (size_t j = 0; j <= other.size(); j++) {
             size_t &here = best[i][j];
-            here = i + j; // where nothing is left of one of them
+            here = i + j; // the distance from the empty word
             if (i > 0 && j > 0)
                 here = std::min({best[i - 1][j] + 1, best[i][j - 1] + 1,
                                  best[i - 1][j - 1] + (one[i - 1] == other[j - 1] ? 0 : 1)});
@@ -28,13 +27,12 @@ static size_t distance(const std::string &one, const std::string &other)
     return best[one.size()][other.size()];
 }
 
-std::string did_you_mean(const std::string &word, const std::vector<std::string> &known)
+std::string did_you_mean(const std::string &typed, const std::vector<std::string> &known)
 {
-    g_autofree gchar *lower = g_ascii_strdown(word.c_str(), -1);
-    const std::string typed = lower;
-    // A word that was left unfinished is as near as one with a mistake in it.
-    const auto distance_to = [&typed](const std::string &one) {
-        return typed.size() > 1 && one.starts_with(typed) ? 1 : distance(one, typed);
+    g_autofree gchar *lower = g_ascii_strdown(typed.c_str(), -1);
+    // An abbreviation counts as one mistake.
+    const auto distance_to = [word = std::string(lower)](const std::string &candidate) {
+        return word.size() > 1 && candidate.starts_with(word) ? 1 : distance(candidate, word);
     };
     const auto nearest =
         std::min_element(known.begin(), known.end(), [&](const auto &one, const auto &other) {
@@ -47,7 +45,7 @@ std::string did_you_mean(const std::string &word, const std::vector<std::string>
 
 // Commands and options.
 
-/// What other programs call the commands.
+/// The names that other programs give to the commands.
 static constexpr const char *OTHER_NAMES[][2] = {
     {"ls", "list"},      {"rm", "delete"},   {"remove", "delete"}, {"check", "verify"},
     {"forget", "prune"}, {"revert", "undo"}, {"save", "backup"},   {"compare", "diff"},
@@ -62,7 +60,7 @@ const Command &find_command(const Command &parent, const std::string &name)
     for (const auto &[other, known] : OTHER_NAMES)
         if (name == other && &parent == &PROGRAM)
             hint = std::string("; did you mean ") + known + "?";
-    throw UsageError("there is no command \"" + name + "\"" + hint);
+    throw UsageError("unknown command \"" + name + "\"" + hint);
 }
 
 std::vector<const Command *> commands_below(const Command &command)
@@ -93,7 +91,7 @@ std::vector<std::string> Cli::values(std::string_view option) const
 
 // The command line.
 
-/// Whether a word is an option: a dash alone is not, nor is a number.
+/// "-" and negative numbers are no options.
 static bool is_option(const std::string &word)
 {
     return word.size() > 1 && word[0] == '-' && g_ascii_isdigit(word[1]) == FALSE;
@@ -102,7 +100,7 @@ static bool is_option(const std::string &word)
 static void require_finished(const Cli &cli)
 {
     if (cli.unfinished != nullptr)
-        throw UsageError(std::string(cli.unfinished->name) + " lacks a value");
+        throw UsageError(std::string(cli.unfinished->name) + " requires a value");
 }
 
 static void add_option(Cli &cli, const Option &option, const std::string &value)
@@ -122,7 +120,7 @@ static const Option &find_option(const Cli &cli, const std::string &name, const 
     for (const Option *option : options)
         if (option->name == name || name == std::string{'-', option->letter})
             return *option;
-    throw UsageError("there is no option \"" + word + "\"" + did_you_mean(word, names_of(options)));
+    throw UsageError("unknown option \"" + word + "\"" + did_you_mean(word, names_of(options)));
 }
 
 static void read_option(Cli &cli, const std::string &word)
@@ -148,8 +146,8 @@ static void read_argument(Cli &cli, const std::string &word)
     const Argument *argument = argument_after(cli.command(), cli.arguments.size());
     if (argument == nullptr)
         throw UsageError("unexpected argument \"" + word + "\"");
-    if (word.empty() && argument->kind != Kind::text && argument->kind != Kind::setting_and_value)
-        throw UsageError(std::string(argument->label) + ": it is empty");
+    if (word.empty() && argument->kind != ValueKind::text && argument->kind != ValueKind::setting_and_value)
+        throw UsageError(std::string(argument->label) + ": must not be empty");
     cli.arguments.push_back(word);
 }
 

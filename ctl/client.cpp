@@ -24,9 +24,9 @@
 namespace fs = std::filesystem;
 
 static constexpr unsigned GRACE_SECONDS = 2;
-/// The service may take this much of the time left, so that its own reason comes in time.
+/// The service gets this share of the time left, so that it can report its own timeout.
 static constexpr double SHARE_OF_SERVICE = 0.8;
-/// The numbers of the report's file and of the trace's in the service.
+/// File descriptors in the service.
 static constexpr int REPORT_DESCRIPTOR = 3;
 static constexpr int TRACE_DESCRIPTOR = 4;
 
@@ -37,8 +37,8 @@ static off_t size_of(const Descriptor &file)
     return lseek(file.get(), 0, SEEK_END);
 }
 
-/// Opens the log. One that is too large is kept, and a new one started: of several processes that find it so
-/// one does, and nothing fails when none can.
+/// Opens the log. Renames a log that is too large, and starts a new one. One process at a time does so; on
+/// failure, the large log is used.
 static Descriptor open_log(const fs::path &file)
 {
     static constexpr int FLAGS = O_RDWR | O_CREAT | O_APPEND;
@@ -54,7 +54,7 @@ static Descriptor open_log(const fs::path &file)
     return open_file(file, FLAGS);
 }
 
-/// The last lines from `begin` on, for a person.
+/// Returns the last lines from `begin` on, indented and escaped.
 static std::string last_lines(const Descriptor &log, off_t begin)
 {
     static constexpr off_t MAX_SHOWN_SIZE = off_t{64} << 10;
@@ -71,7 +71,7 @@ static std::string last_lines(const Descriptor &log, off_t begin)
 
 // The service.
 
-/// What was installed beside this program.
+/// Returns the path of a file that was installed with this program.
 static std::string find_beside(const char *path_from_bindir)
 {
     return (fs::read_symlink("/proc/self/exe").parent_path() / path_from_bindir).lexically_normal();
@@ -85,26 +85,26 @@ static std::string find_service(const Cli &cli)
     return program != nullptr && *program != '\0' ? program : find_beside(SERVICE_FROM_BINDIR);
 }
 
-/// Once the service has ended, signals leave some time to tell the result, however many there are: it is to
-/// be told that a backup was stored.
+/// After the service has ended, signals still leave GRACE_SECONDS to print the result, since a backup may
+/// have been stored.
 static void on_late_signal(int signal)
 {
-    static volatile std::sig_atomic_t is_last_moment = 0;
+    static volatile std::sig_atomic_t is_alarm_set = 0;
     if (signal == SIGALRM)
         _exit(EXIT_INTERRUPTED);
-    if (is_last_moment == 0)
+    if (is_alarm_set == 0)
         alarm(GRACE_SECONDS);
-    is_last_moment = 1;
+    is_alarm_set = 1;
 }
 
-/// Has a service show its calls as it makes them.
+/// Preloads the tracer into the service.
 static void add_trace(Child &service, Cli &cli)
 {
     const std::string library = find_beside(LIBDIR_FROM_BINDIR "/libime-backup-trace.so");
     if (!fs::exists(library))
-        throw PlatformError("there is no " + library + ", which shows the calls");
+        throw PlatformError("the tracer " + library + " is missing");
     if (library.find_first_of(": ") != std::string::npos)
-        throw PlatformError("can't be preloaded, since there is a space or a colon in its path: " + library);
+        throw PlatformError("can't preload the tracer: its path has a space or a colon: " + library);
     std::string &preloaded = service.environment["LD_PRELOAD"];
     preloaded = library + (preloaded.empty() ? "" : ":" + preloaded);
     service.environment[TRACE_VARIABLE] = std::to_string(TRACE_DESCRIPTOR);
@@ -142,22 +142,23 @@ static ChildEnd run_service(Cli &cli, const char *operation, const std::string &
     return end;
 }
 
-/// What is known of the work of a service that came to no result.
-static std::string describe_work(const ExchangeReport &report, std::string_view operation, int status)
+/// Describes what a service did that came to no result.
+static std::string describe_effects(const ExchangeReport &report, std::string_view operation, int status)
 {
-    // Asked to end, it gives up before it stores anything, or tells what it stored, or that it does not know.
+    // On SIGTERM, the service gives up before it stores a backup, or reports that one was or may have been
+    // stored.
     const bool was_killed = WIFSIGNALED(status) && WTERMSIG(status) != SIGTERM;
     if ((was_killed || report.storing) && operation == OPERATION_BACKUP)
-        return "; \"ime-backupctl list\" shows whether the backup had been stored by then";
+        return "; \"ime-backupctl list\" shows whether the backup was stored";
     const auto any = [&report](Change::Outcome outcome) {
         return std::any_of(report.changes.begin(), report.changes.end(),
                            [outcome](const Change &change) { return change.outcome == outcome; });
     };
     if (any(Change::Outcome::made))
-        return "; settings of the device had been changed by then; \"ime-backupctl undo\" puts them back";
+        return "; settings were changed before that; \"ime-backupctl undo\" reverts them";
     if (any(Change::Outcome::pending))
-        return "; a setting of the device may have been changed by then; \"ime-backupctl undo\" puts it back";
-    return "; nothing on the device had been changed by then";
+        return "; a setting may have been changed; \"ime-backupctl undo\" reverts it";
+    return "; no setting was changed";
 }
 
 ExchangeReport run_exchange(Cli &cli, const char *operation, const std::string &backup)
@@ -175,13 +176,12 @@ ExchangeReport run_exchange(Cli &cli, const char *operation, const std::string &
     } catch (const HostError &error) {
         report.reason = std::string("the service's report can't be read: ") + error.what();
     }
-    // What has a result keeps it, however the service ended.
+    // A result counts, however the service ended.
     if (report.result != Result::undecided) {
-        // An exchange is called by the end of its operation's identifier. What the service registers decides
-        // it.
+        // The service's registrations decide which exchange runs.
         if (report.result == Result::succeeded && !std::string_view(operation).ends_with(report.operation)) {
             report.result = Result::failed;
-            report.reason = "the service asked for another exchange: " + report.operation;
+            report.reason = "the service ran another exchange: " + report.operation;
         }
         return report;
     }
@@ -193,32 +193,31 @@ ExchangeReport run_exchange(Cli &cli, const char *operation, const std::string &
         report.reason = "the service did not finish in time and was stopped";
     } else if (report.reason.empty() && WIFSIGNALED(end.status)) {
         report.reason =
-            std::string("the service was ended by a signal (") + g_strsignal(WTERMSIG(end.status)) + ")";
+            std::string("the service was killed by a signal (") + g_strsignal(WTERMSIG(end.status)) + ")";
     } else if (report.reason.empty()) {
-        report.reason = "the service gave no result of an exchange (exit status " +
+        report.reason = "the service ended without a result (exit status " +
                         std::to_string(WEXITSTATUS(end.status)) + ")";
     }
-    report.reason += describe_work(report, operation, end.status);
+    report.reason += describe_effects(report, operation, end.status);
     if (!cli.has("--verbose"))
-        cli.log_tail =
-            last_lines(log, log_begin) + "The service's log is " + escaped(log_file.string()) + "\n";
+        cli.log_tail = last_lines(log, log_begin) + "The service's log: " + escaped(log_file.string()) + "\n";
     return report;
 }
 
-// What exchanges share.
+// The lock of all exchanges.
 
-FileLock wait_for_turn(bool is_only_looking)
+FileLock lock_exchanges(bool read_only)
 {
     const fs::path file = state_root() / EXCHANGE_LOCK;
-    FileLock turn(file);
+    FileLock lock(file);
     std::error_code ignored;
-    if (is_only_looking && !fs::exists(file, ignored))
-        return turn;
-    turn.acquire("another exchange");
-    return turn;
+    if (read_only && !fs::exists(file, ignored))
+        return lock;
+    lock.acquire("another exchange");
+    return lock;
 }
 
-bool is_turn_taken()
+bool is_exchange_running()
 {
     const fs::path file = state_root() / EXCHANGE_LOCK;
     std::error_code ignored;

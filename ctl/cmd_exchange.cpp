@@ -1,4 +1,4 @@
-// The commands that have the service take part in an exchange.
+// The commands that run an exchange: backup, restore and info.
 
 #include <algorithm>
 #include <functional>
@@ -12,8 +12,8 @@
 #include "orvanta_cloud_operations.h"
 #include "setting.h"
 
-/// The newest backup, if it holds what a backup of this device would, else 0. What can't be told now, a
-/// backup tells.
+/// Returns the newest backup if it holds the settings of this device, else 0. On an error it also returns 0:
+/// the backup that follows reports the error.
 static BackupNumber find_same()
 {
     try {
@@ -39,7 +39,7 @@ void run_backup(Cli &cli)
     cli.document.set("backup", nullptr);
     cli.document.set("stored", false);
     if (const BackupNumber same = cli.has("--if-changed") ? find_same() : 0; same != 0) {
-        const FileLock turn = wait_for_turn(false);
+        const FileLock lock = lock_exchanges(false);
         HistoryWriter entry("backup");
         entry.set_backup(same, open_store()->location());
         entry.finish(true, "nothing was stored: " + name_of(same) + " holds the same settings", {});
@@ -52,8 +52,8 @@ void run_backup(Cli &cli)
     cli.document.set("backup", report.backup == 0 ? Json() : Json(report.backup));
     cli.document.set("stored", report.stored);
     throw_failure(report);
-    tell_success(cli.document, report.reason,
-                 name_of(report.backup) + "  " + format_date(date_of(report.records)));
+    report_success(cli.document, report.reason,
+                   name_of(report.backup) + "  " + format_date(date_of(report.records)));
 }
 
 static void show_restore(Cli &cli, const ExchangeReport &report)
@@ -78,7 +78,7 @@ static void show_restore(Cli &cli, const ExchangeReport &report)
                                  cell_of(row, device_value(row, setting.wanted)), cell_of(row, setting.after),
                                  setting.why});
     }
-    // Where no record was applied, there is nothing that they could be compared with.
+    // Without an applied record, there is nothing to compare the settings with.
     settings.is_for_people = std::cmp_less(failed, records.rows.size());
     cli.document.set("backup", report.backup == 0 ? Json() : Json(report.backup));
     cli.document.set("dry_run", cli.has("--dry-run"));
@@ -86,11 +86,11 @@ static void show_restore(Cli &cli, const ExchangeReport &report)
     cli.document.set("settings", settings);
 }
 
-/// The settings that a restore leaves alone.
-static std::set<std::string> left_alone(const Cli &cli)
+/// Returns the settings that --only and --except exclude.
+static std::set<std::string> excluded_settings(const Cli &cli)
 {
     if (cli.has("--only") && cli.has("--except"))
-        throw UsageError("--only and --except exclude each other");
+        throw UsageError("--only and --except can't be combined");
     const bool names_chosen = cli.has("--only");
     std::set<std::string> named;
     if (names_chosen || cli.has("--except")) {
@@ -101,14 +101,14 @@ static std::set<std::string> left_alone(const Cli &cli)
             else
                 named.insert(name);
     }
-    std::set<std::string> left;
+    std::set<std::string> excluded;
     for (const SettingRow &row : SETTINGS)
         if (named.contains(row.member) == !names_chosen)
-            left.insert(row.member);
-    return left;
+            excluded.insert(row.member);
+    return excluded;
 }
 
-/// Changes the device as the report plans. When that fails, the report tells what the device holds.
+/// Changes the device as the report plans. On failure, corrects the report to what the device holds.
 static void apply_plan(Cli &cli, ExchangeReport &report, const std::string &store)
 {
     NewValues values;
@@ -126,7 +126,7 @@ static void apply_plan(Cli &cli, ExchangeReport &report, const std::string &stor
             try {
                 setting.after = open_device().read_one(row);
                 if (setting.after != planned)
-                    setting.why = "it should be " + format_value(row, planned);
+                    setting.why = "should be " + format_value(row, planned);
             } catch (const HostError &) {
                 setting.after = setting.before;
                 setting.why = NOT_CHECKED;
@@ -137,9 +137,8 @@ static void apply_plan(Cli &cli, ExchangeReport &report, const std::string &stor
     }
 }
 
-/// What a restore without the service comes to, which restores whole backups only: a trial, or one of chosen
-/// settings.
-static ExchangeReport restore_here(Cli &cli, const std::set<std::string> &left)
+/// Runs a dry run, or restores chosen settings. The service can't do so: it restores whole backups.
+static ExchangeReport restore_here(Cli &cli, const std::set<std::string> &excluded)
 {
     const auto store = open_store();
     ExchangeReport report;
@@ -150,17 +149,17 @@ static ExchangeReport restore_here(Cli &cli, const std::set<std::string> &left)
     for (const CloudRecord &record : records)
         values.push_back(record.value);
 
-    const FileLock turn = wait_for_turn(cli.has("--dry-run"));
+    const FileLock lock = lock_exchanges(cli.has("--dry-run"));
     Device &device = open_device();
     RestorePlan plan = plan_restore(values, device.read_all(), std::bind_front(&Device::refuses, &device));
     for (const SettingRow &row : SETTINGS)
-        if (left.contains(row.member))
+        if (excluded.contains(row.member))
             std::erase(plan.refusals, std::exchange(plan.settings[index_of(row)].refusal, ""));
         else
             device.require_writable(row);
     report = report_planned(plan, report.backup, records);
     std::erase_if(report.settings,
-                  [&](const SettingReport &setting) { return left.contains(setting.member); });
+                  [&](const SettingReport &setting) { return excluded.contains(setting.member); });
     const bool changes = std::ranges::any_of(
         report.settings, [](const SettingReport &setting) { return setting.before != setting.after; });
     if (changes)
@@ -174,22 +173,22 @@ void run_restore(Cli &cli)
 {
     cli.document.set_result(false);
     show_restore(cli, {});
-    const std::set<std::string> left = left_alone(cli);
-    const ExchangeReport report = cli.has("--dry-run") || !left.empty()
-                                      ? restore_here(cli, left)
+    const std::set<std::string> excluded = excluded_settings(cli);
+    const ExchangeReport report = cli.has("--dry-run") || !excluded.empty()
+                                      ? restore_here(cli, excluded)
                                       : run_exchange(cli, OPERATION_RESTORE, cli.argument());
     show_restore(cli, report);
     throw_failure(report);
 
-    std::vector<std::string> different; // from what the backup has
+    std::vector<std::string> different; // from the backup
     for (const SettingReport &setting : report.settings)
         if (!setting.why.empty() && setting.why != NOT_CHECKED)
             different.push_back(setting.member);
     if (cli.has("--strict") && !(different.empty() && report.reason.empty()))
         cli.status = EXIT_FAILED;
-    tell_success(cli.document, report.reason,
-                 name_of(report.backup) + (cli.has("--dry-run") ? "  would be restored" : "  restored") +
-                     (different.empty() ? "" : ", except " + join(different, ", ")));
+    report_success(cli.document, report.reason,
+                   name_of(report.backup) + (cli.has("--dry-run") ? "  would be restored" : "  restored") +
+                       (different.empty() ? "" : ", except " + join(different, ", ")));
 }
 
 void run_info(Cli &cli)

@@ -1,4 +1,4 @@
-// The commands that tell of the others: to a person, and to the shell's completion.
+// Help and completion.
 
 #include <cstdio>
 #include <iterator>
@@ -15,7 +15,7 @@
 static constexpr size_t WIDTH = 80;
 static constexpr size_t LABEL_WIDTH = 26;
 
-/// How a command is called, such as "ime-backupctl show [OPTION]... [ID]".
+/// Returns a command's usage, such as "ime-backupctl show [OPTION]... [ID]".
 static std::string usage_of(const std::vector<const Command *> &path)
 {
     const Command &command = *path.back();
@@ -29,7 +29,7 @@ static std::string usage_of(const std::vector<const Command *> &path)
     return usage;
 }
 
-/// A label, and behind it the lines that explain it.
+/// Formats a label with its description beside it.
 static std::string entry(const std::string &label, const std::string &description)
 {
     const std::string gap = "\n" + std::string(LABEL_WIDTH, ' ');
@@ -44,9 +44,9 @@ static std::string paragraph(const std::string &text)
 }
 
 template <class Labelled>
-static std::string label_of(const Labelled &thing)
+static std::string label_of(const Labelled &item)
 {
-    return thing.label;
+    return item.label;
 }
 
 static std::string label_of(const Option &option)
@@ -55,13 +55,13 @@ static std::string label_of(const Option &option)
            (option.value == nullptr ? "" : std::string(" ") + option.value);
 }
 
-/// Nothing where there is nothing to describe.
+/// Returns "" without items.
 template <class Described>
-static std::string section(const std::string &title, const std::vector<Described> &things)
+static std::string section(const std::string &title, const std::vector<Described> &items)
 {
-    std::string text = things.empty() ? "" : "\n" + title + ":\n";
-    for (const Described &thing : things)
-        text += entry(label_of(thing), thing.description);
+    std::string text = items.empty() ? "" : "\n" + title + ":\n";
+    for (const Described &item : items)
+        text += entry(label_of(item), item.description);
     return text;
 }
 
@@ -107,12 +107,12 @@ void run_help(Cli &cli)
         cli.document.say(line);
 }
 
-// Completion: the words that may stand where one is being typed.
+// Completion.
 
-/// Told to the shell where a file's name may stand.
+/// Asks the shell to complete the names of files.
 static constexpr char FILES[] = ":files";
 
-/// As long as someone who types waits for a remote store.
+/// Limits how long completion waits for a remote store.
 static constexpr double STORE_SECONDS = 2;
 
 using Words = std::vector<std::string>;
@@ -134,43 +134,43 @@ static Words entry_numbers()
     return numbers;
 }
 
-static Words words_of(Kind kind, const Words &arguments)
+static Words words_of(ValueKind kind, const Words &arguments)
 {
     switch (kind) {
-    case Kind::backup:
+    case ValueKind::backup:
         return backup_numbers();
-    case Kind::entry:
+    case ValueKind::entry:
         return entry_numbers();
-    case Kind::file:
+    case ValueKind::file:
         return {FILES};
-    case Kind::command:
+    case ValueKind::command:
         return names_of(commands_below(PROGRAM));
-    case Kind::function:
+    case ValueKind::function:
         return {std::begin(TRACED_FUNCTIONS), std::end(TRACED_FUNCTIONS)};
-    case Kind::setting_and_value:
+    case ValueKind::setting_and_value:
         for (const SettingRow &row : ALL_SETTINGS)
             if (arguments.size() % 2 == 1 && arguments.back() == row.member)
                 return is_switch(row) ? Words{"true", "false"} : Words();
         return arguments.size() % 2 == 1 ? Words() : names_of_settings();
-    case Kind::setting:
+    case ValueKind::setting:
         return names_of_settings();
-    case Kind::text:
+    case ValueKind::text:
         break;
     }
     return {};
 }
 
-/// An option's values, behind its name and a sign.
-static Words values_of(const Option &option, const std::string &name)
+/// Returns the completions of "--option=".
+static Words values_of(const Option &option, const std::string &prefix)
 {
     Words words = words_of(option.kind, {});
     for (std::string &word : words)
         if (word != FILES)
-            word.insert(0, name);
+            word.insert(0, prefix);
     return words;
 }
 
-/// What may come next on a command line.
+/// Returns the words that may come next on a command line.
 static Words next_words(const Cli &line, const std::string &typed)
 {
     if (line.unfinished != nullptr)
@@ -188,18 +188,18 @@ static Words next_words(const Cli &line, const std::string &typed)
     return next == nullptr ? Words() : words_of(next->kind, line.arguments);
 }
 
-/// The words as they were typed: bash breaks them at colons and equals signs, too.
+/// Restores the words as they were typed: bash also breaks words at colons and equals signs.
 static Words rejoin(const Words &pieces)
 {
     Words words;
-    bool goes_on = false;
+    bool was_break = false;
     for (const std::string &piece : pieces) {
         const bool is_break = !piece.empty() && piece.find_first_not_of(":=") == std::string::npos;
-        if (!words.empty() && (is_break || goes_on))
+        if (!words.empty() && (is_break || was_break))
             words.back() += piece;
         else
             words.push_back(piece);
-        goes_on = is_break;
+        was_break = is_break;
     }
     return words;
 }

@@ -1,4 +1,4 @@
-// The commands on the history of this device.
+// The commands on the device's history.
 
 #include <algorithm>
 
@@ -16,18 +16,18 @@ std::string describe(const HistoryEntry &entry)
     return entry.what == "restore" ? "restore of " + name_of(entry.backup) : name_of(entry.backup);
 }
 
-static std::string entry_name(const HistoryEntry &entry)
+static std::string name_of(const HistoryEntry &entry)
 {
     return "entry " + std::to_string(entry.number) + " (" + describe(entry) + ")";
 }
 
-/// The result of an entry, and its reason.
-static std::pair<std::string, std::string> result_of(const HistoryEntry &entry, bool is_under_way)
+/// Returns the result of an entry, and its reason.
+static std::pair<std::string, std::string> result_of(const HistoryEntry &entry, bool is_running)
 {
     if (!entry.fault.empty())
         return {"unreadable", "can't be read: " + entry.fault};
-    if (is_under_way)
-        return {"under way", "under way"};
+    if (is_running)
+        return {"running", "running"};
     if (!entry.succeeded)
         return {"interrupted", "interrupted"};
     return {*entry.succeeded ? "done" : "failed", entry.reason};
@@ -35,7 +35,7 @@ static std::pair<std::string, std::string> result_of(const HistoryEntry &entry, 
 
 void run_history(Cli &cli)
 {
-    const bool is_turn_held = is_turn_taken(); // by whoever writes the newest entry
+    const bool is_locked = is_exchange_running(); // the newest entry is then being written
     const std::vector<HistoryEntry> entries = read_history();
     Table table{{{"entry", "entry"},
                  {"time", "time"},
@@ -51,8 +51,8 @@ void run_history(Cli &cli)
                 {},
                 Remarks::plain};
     for (const HistoryEntry &entry : entries) {
-        const bool is_under_way = is_turn_held && !entry.succeeded && &entry == &entries.back();
-        const auto [result, reason] = result_of(entry, is_under_way);
+        const bool is_running = is_locked && !entry.succeeded && &entry == &entries.back();
+        const auto [result, reason] = result_of(entry, is_running);
         std::vector<std::string> remarks = {join(entry.changed, ", "),
                                             entry.succeeded ? reason : entry.fault};
         std::erase(remarks, "");
@@ -73,10 +73,11 @@ void run_history(Cli &cli)
     }
     cli.document.set(table);
     if (entries.empty())
-        cli.document.say("nothing was done yet");
+        cli.document.say("the history is empty");
 }
 
-/// The entry that a person named, or the newest that can be undone; null when there is none.
+/// Returns the named entry, or without a name the newest one that can be undone. Returns null if there is
+/// nothing to undo.
 static const HistoryEntry *find_entry(const std::vector<HistoryEntry> &entries, const std::string &name)
 {
     if (name.empty())
@@ -89,12 +90,12 @@ static const HistoryEntry *find_entry(const std::vector<HistoryEntry> &entries, 
         throw HostError("entry " + name + " of the history can't be read: " + entry->fault);
     for (const HistoryEntry &other : entries)
         if (entry->is_undone && other.undoes == entry->number && other.succeeded == true && !other.is_undone)
-            throw HostError(entry_name(*entry) + " is undone already; \"ime-backupctl undo " +
-                            std::to_string(other.number) + "\" takes that back");
+            throw HostError(name_of(*entry) + " is undone already; \"ime-backupctl undo " +
+                            std::to_string(other.number) + "\" takes the undo back");
     return entry->changed.empty() ? nullptr : &*entry;
 }
 
-/// What an undo would change.
+/// Shows what an undo would change.
 static void show_changes(Cli &cli, const NewValues &values)
 {
     Table changes = CHANGES;
@@ -114,13 +115,13 @@ void run_undo(Cli &cli)
     cli.document.set("entry", nullptr);
     cli.document.set("dry_run", is_dry);
     cli.document.set("settings", CHANGES);
-    const FileLock turn = wait_for_turn(is_dry);
+    const FileLock lock = lock_exchanges(is_dry);
     const std::vector<HistoryEntry> entries = read_history();
     const HistoryEntry *const entry = find_entry(entries, cli.argument());
     if (entry == nullptr) {
         cli.document.set_result(true);
         cli.document.say((cli.argument().empty() ? "" : "entry " + cli.argument() + " changed nothing: ") +
-                         "there is nothing to undo");
+                         "nothing to undo");
         return;
     }
     cli.document.set("entry", entry->number);
@@ -133,6 +134,8 @@ void run_undo(Cli &cli)
     } else {
         change_device(cli, {"undo", entry->number}, values);
     }
-    tell_success(cli.document, is_dry ? "" : open_device().not_assured(),
-                 (is_dry ? "would undo " : "undid ") + entry_name(*entry));
+    const std::string article = entry->what.starts_with("settings") ? "" : "the ";
+    report_success(cli.document, is_dry ? "" : open_device().not_assured(),
+                   (is_dry ? "would undo " : "undid ") + article + describe(*entry) + " (entry " +
+                       std::to_string(entry->number) + ")");
 }

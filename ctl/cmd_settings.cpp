@@ -24,7 +24,8 @@ void run_settings_get(Cli &cli)
     cli.document.say(value.text);
 }
 
-/// Changes settings if all can be changed. Prints for people only a failure, with the changes made before it.
+/// Changes the settings, or none if one of the values is refused. People get the table of changes on failure
+/// only.
 static void change_settings(Cli &cli, const std::string &what, const NewValues &values)
 {
     cli.document.set_result(false);
@@ -32,9 +33,9 @@ static void change_settings(Cli &cli, const std::string &what, const NewValues &
     for (const auto &[row, value] : values)
         if (const std::string reason = open_device().refuses(row, value); !reason.empty())
             throw UsageError(std::string(row.member) + ": " + reason);
-    const FileLock turn = wait_for_turn(false);
+    const FileLock lock = lock_exchanges(false);
     Table changed = change_device(cli, {what}, values);
-    tell_success(cli.document, open_device().not_assured());
+    report_success(cli.document, open_device().not_assured());
     changed.is_for_people = false;
     cli.document.set("settings", changed);
 }
@@ -46,10 +47,10 @@ void run_settings_set(Cli &cli)
     for (size_t i = 0; i < pairs.size(); i += 2) {
         const SettingRow &row = find_setting(pairs[i]);
         if (i + 1 == pairs.size())
-            throw UsageError(pairs[i] + " lacks a value");
+            throw UsageError(pairs[i] + " requires a value");
         std::erase_if(
             values, [&row](const auto &given) { return std::string_view(given.first.member) == row.member; });
-        values.emplace_back(row, parse_value(row, pairs[i + 1])); // of one given twice, the last value holds
+        values.emplace_back(row, parse_value(row, pairs[i + 1])); // the last value of a setting counts
     }
     change_settings(cli, "settings set", values);
 }
@@ -68,7 +69,7 @@ void run_settings_dump(Cli &cli)
     cli.writes_json = true;
 }
 
-/// A value as a dump has it.
+/// Reads a value from a dump.
 static DeviceValue load_value(const SettingRow &row, const nlohmann::json &json)
 {
     if (json.is_null())
@@ -77,7 +78,7 @@ static DeviceValue load_value(const SettingRow &row, const nlohmann::json &json)
         return parse_value(row, json.get<bool>() ? "true" : "false");
     if (row.form == SettingForm::languages && json.is_array())
         return parse_value(row, join(json.get<std::vector<std::string>>(), ","));
-    if (row.form != SettingForm::languages && json.is_string()) // a switch may hold one, by a mistake
+    if (row.form != SettingForm::languages && json.is_string()) // a key of another type may hold one
         return json.get<std::string>();
     throw UsageError("the value has another type");
 }
@@ -91,7 +92,7 @@ void run_settings_load(Cli &cli)
     try {
         const auto dump = nlohmann::json::parse(read_input(name, MAX_SIZE, "loaded"));
         if (!dump.is_object())
-            throw UsageError(name + " can't be loaded: it holds no JSON object");
+            throw UsageError(name + " can't be loaded: not a JSON object");
         for (const auto &[member, value] : dump.items())
             try {
                 const SettingRow &row = find_setting(member);
@@ -100,7 +101,7 @@ void run_settings_load(Cli &cli)
                 throw UsageError(join({name, " can't be loaded: ", member, ": ", error.what()}, ""));
             }
     } catch (const nlohmann::json::exception &error) {
-        throw UsageError(name + " can't be loaded: it is no JSON text");
+        throw UsageError(name + " can't be loaded: not JSON");
     }
     change_settings(cli, "settings load", values);
 }

@@ -11,14 +11,14 @@
 
 namespace fs = std::filesystem;
 
-/// What was found of one thing.
+/// The result of one check.
 struct Finding {
     std::string found;
-    std::string advice{};  ///< if it isn't fine
+    std::string advice{};  ///< how to mend a fault; empty if there is none
     bool is_needed = true; ///< for a backup
 };
 
-static Finding look_at_scim()
+static Finding check_scim()
 {
     Device &device = open_device();
     try {
@@ -29,7 +29,7 @@ static Finding look_at_scim()
     }
 }
 
-static Finding look_at_keyboard()
+static Finding check_keyboard()
 {
     const SettingRow &keyboard = first_of(SettingForm::identifier);
     try {
@@ -38,11 +38,11 @@ static Finding look_at_keyboard()
             return {"no input method is active", HINT_KEYBOARD};
         return {format_value(keyboard, value)};
     } catch (const PlatformError &) {
-        return {"not known without the SCIM daemon", "Start the SCIM daemon"};
+        return {"unknown without the SCIM daemon", "Start the SCIM daemon"};
     }
 }
 
-static Finding look_at_exchange()
+static Finding check_exchange_files()
 {
     try {
         for (const char *name : {EXCHANGE_LOCK, SERVICE_LOG})
@@ -50,12 +50,12 @@ static Finding look_at_exchange()
         require_writable_history();
         require_replaceable(host_path(IME_BACKUP_BACKUP_FILE));
     } catch (const PlatformError &error) {
-        return {error.what(), "Move away what is in the way, or set IME_BACKUP_HOST_DIR to another folder"};
+        return {error.what(), "Move that file or folder away, or set IME_BACKUP_HOST_DIR to another folder"};
     }
     return {"in " + state_root().string()};
 }
 
-static Finding look_at_store()
+static Finding check_settings_store()
 {
     const fs::path folder = state_root();
     if (!is_usable_folder(folder))
@@ -70,30 +70,28 @@ static Finding look_at_store()
         return {"in " + folder.string()};
     } catch (const PlatformError &error) {
         return {error.what(),
-                "Free space on the disk if it is full. A store that is damaged can be moved away: a new one "
-                "is made"};
+                "If the disk is full, free space. If the store is damaged, move it away: a new one is made"};
     }
 }
 
-static Finding look_at_cloud()
+static Finding check_cloud_store()
 {
     try {
         const auto store = open_store();
         const CloudStore::Listing listing = store->list();
         store->require_writable();
         if (!listing.is_there)
-            return {store->location() + " isn't there yet: a backup makes it"};
+            return {store->location() + " does not exist yet: the first backup makes it"};
         const size_t count = listing.numbers.size();
         return {store->location() + ", " + std::to_string(count) + (count == 1 ? " backup" : " backups")};
     } catch (const PlatformError &error) {
         return {error.what(), "Set IME_BACKUP_CLOUD_STORE to a place that you can write in"};
     } catch (const HostError &error) {
-        return {error.what(),
-                "Try again once it can be used, or set IME_BACKUP_CLOUD_STORE to another place"};
+        return {error.what(), "Try again later, or set IME_BACKUP_CLOUD_STORE to another place"};
     }
 }
 
-/// The newest entry that a condition holds for; null if there is none.
+/// Returns the newest entry that meets a condition, or null.
 template <class Condition>
 static const HistoryEntry *find_newest(const std::vector<HistoryEntry> &entries, Condition condition)
 {
@@ -101,11 +99,11 @@ static const HistoryEntry *find_newest(const std::vector<HistoryEntry> &entries,
     return entry == entries.rend() ? nullptr : &*entry;
 }
 
-static Finding look_at_last_exchange()
+static Finding check_last_exchange()
 {
     try {
-        if (is_turn_taken())
-            return {"one is under way"};
+        if (is_exchange_running())
+            return {"running now"};
     } catch (const PlatformError &error) {
         return {error.what(), "Move it away"};
     }
@@ -116,8 +114,7 @@ static Finding look_at_last_exchange()
         });
         if (open != nullptr)
             return {describe(*open) + " was interrupted",
-                    "Put back what it changed with: ime-backupctl undo " + std::to_string(open->number),
-                    false};
+                    "Revert its changes with: ime-backupctl undo " + std::to_string(open->number), false};
         const HistoryEntry *const last = find_newest(entries, [](const HistoryEntry &entry) {
             return entry.what == "backup" || entry.what == "restore" || entry.what == "info";
         });
@@ -138,22 +135,22 @@ void run_status(Cli &cli)
     const struct {
         const char *what;
         const char *name;
-        Finding (*look)();
-    } things[] = {{"scim", "SCIM daemon", look_at_scim},
-                  {"keyboard", "active keyboard", look_at_keyboard},
-                  {"settings_store", "settings store", look_at_store},
-                  {"exchange", "exchange files", look_at_exchange},
-                  {"cloud_store", "cloud store", look_at_cloud},
-                  {"last_exchange", "last exchange", look_at_last_exchange}};
+        Finding (*check)();
+    } checks[] = {{"scim", "SCIM daemon", check_scim},
+                  {"keyboard", "active keyboard", check_keyboard},
+                  {"settings_store", "settings store", check_settings_store},
+                  {"exchange", "exchange files", check_exchange_files},
+                  {"cloud_store", "cloud store", check_cloud_store},
+                  {"last_exchange", "last exchange", check_last_exchange}};
 
     Table table{{{"what", ""}, {"fine", ""}, {"found", FOR_SCRIPTS}, {"do", FOR_SCRIPTS}, {FOR_PEOPLE, ""}},
                 {},
                 Remarks::plain};
-    for (const auto &thing : things) {
-        const Finding finding = thing.look();
+    for (const auto &[what, name, check] : checks) {
+        const Finding finding = check();
         const bool is_fine = finding.advice.empty();
         const std::string remark = finding.found + (is_fine ? "" : ". " + finding.advice);
-        table.rows.push_back({{thing.what, thing.name},
+        table.rows.push_back({{what, name},
                               {is_fine, is_fine             ? "fine"
                                         : finding.is_needed ? "NOT FINE"
                                                             : "failed"},

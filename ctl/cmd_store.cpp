@@ -1,4 +1,4 @@
-// The commands that look at the store of backups, or change it.
+// The commands on the cloud store.
 
 #include <algorithm>
 #include <cerrno>
@@ -21,28 +21,28 @@ namespace fs = std::filesystem;
 
 [[noreturn]] static void refuse_missing(const CloudStore &store)
 {
-    throw PlatformError("there is no cloud store " + store.location() +
-                        "; \"ime-backupctl backup\" makes it");
+    throw PlatformError("the cloud store " + store.location() +
+                        " does not exist; \"ime-backupctl backup\" makes it");
 }
 
-/// All backups of a store. What isn't one though it is named so is told on standard error, and a store that
-/// isn't there, too.
+/// Returns all backups of a store. Reports on standard error a missing store, and files whose names look like
+/// a backup's but have no valid number.
 static std::vector<BackupNumber> list_backups(const CloudStore &store)
 {
     const CloudStore::Listing listing = store.list();
     if (!listing.is_there) {
         if (store.is_chosen())
             refuse_missing(store);
-        fprintf(stderr, "ime-backupctl: there is no backup yet: %s is made by the first one\n",
+        fprintf(stderr, "ime-backupctl: no backups yet: the first one makes %s\n",
                 escaped(store.location()).c_str());
         return {};
     }
     for (const std::string &name : listing.left_out)
-        fprintf(stderr, "ime-backupctl: %s is left out: no backup has this number\n", escaped(name).c_str());
+        fprintf(stderr, "ime-backupctl: %s is ignored: its number is not valid\n", escaped(name).c_str());
     return listing.numbers;
 }
 
-/// The backups that a person named, each once.
+/// Returns the backups with the given IDs, in order, each once.
 static std::vector<BackupNumber> find_backups(const CloudStore &store, const std::vector<BackupNumber> &known,
                                               const std::vector<std::string> &ids)
 {
@@ -89,7 +89,7 @@ void run_verify(Cli &cli)
         cli.status = EXIT_NO_PLATFORM;
 }
 
-/// The settings that differ, each with its name and both values.
+/// Returns the settings that differ: name and both values.
 static std::vector<std::vector<Cell>> find_differences(const SnapshotValues &from, const SnapshotValues &to)
 {
     std::vector<std::vector<Cell>> differences;
@@ -102,7 +102,7 @@ static std::vector<std::vector<Cell>> find_differences(const SnapshotValues &fro
     return differences;
 }
 
-/// One of the two that are compared.
+/// One side of a comparison: a backup, or the device.
 struct Side {
     Json id;
     std::string name;
@@ -115,7 +115,7 @@ static Side take_backup(const CloudStore &store, const std::string &id)
     return {number, name_of(number), read_snapshot(snapshot_in(read_whole(store, number).records))->values};
 }
 
-/// The device, as a backup would have it.
+/// Returns the settings that a backup of the device would hold.
 static Side take_device()
 {
     const BackupPlan plan = plan_backup_here();
@@ -129,7 +129,7 @@ void run_diff(Cli &cli)
     const std::vector<std::string> &ids = cli.arguments;
     cli.failure_status = EXIT_NO_PLATFORM; // 1 means that they differ
     if (ids.size() > 2)
-        throw UsageError("no more than two backups can be compared");
+        throw UsageError("diff takes at most two backups");
     const auto store = open_store();
     const Side from = take_backup(*store, ids.empty() ? "" : ids[0]);
     const Side to = ids.size() == 2 ? take_backup(*store, ids[1]) : take_device();
@@ -194,63 +194,68 @@ void run_log(Cli &cli)
     cli.document.show(lines);
 }
 
-// What deletes.
+// Deletion.
 
-/// Tells which of the backups that go are gone, and which backups there are.
-static void tell_deleted(Document &document, const std::vector<BackupNumber> &going,
-                         const std::vector<BackupNumber> &kept, const char *what_of_others)
+/// Reports the chosen backups that are no longer there as deleted, and the others as kept.
+///
+/// @param verdict on each deleted one, such as "deleted"
+static void report_deleted(Document &document, const std::vector<BackupNumber> &chosen,
+                           const std::vector<BackupNumber> &kept, const char *verdict)
 {
     std::vector<BackupNumber> deleted;
-    std::set_difference(going.begin(), going.end(), kept.begin(), kept.end(), std::back_inserter(deleted));
+    std::set_difference(chosen.begin(), chosen.end(), kept.begin(), kept.end(), std::back_inserter(deleted));
     document.set("deleted", deleted);
     document.set("kept", kept);
     for (const BackupNumber number : deleted)
-        document.say(name_of(number) + "  " + what_of_others);
-    if (going.empty())
-        document.say("there is nothing to delete");
+        document.say(name_of(number) + "  " + verdict);
+    if (chosen.empty())
+        document.say("nothing to delete");
 }
 
-/// Tells what a listing shows of a deletion.
-static void look_after(Document &document, const CloudStore &store, const std::vector<BackupNumber> &going)
+/// Lists the store after a deletion, and reports which backups are deleted.
+///
+/// @throws HostError if a deleted backup is still listed
+static void check_deletion(Document &document, const CloudStore &store,
+                           const std::vector<BackupNumber> &chosen)
 {
     document.set("deleted", std::vector<BackupNumber>());
     document.set("kept", std::vector<BackupNumber>());
     const CloudStore::Listing listing = store.list();
-    if (!listing.is_there && !going.empty())
-        throw HostError("it is not known what was deleted: " + store.location() +
-                        " seems not to be there any more");
-    tell_deleted(document, going, listing.numbers, "deleted");
+    if (!listing.is_there && !chosen.empty())
+        throw HostError("can't tell which backups were deleted: " + store.location() + " has disappeared");
+    report_deleted(document, chosen, listing.numbers, "deleted");
     std::vector<std::string> left;
-    for (const BackupNumber number : going)
+    for (const BackupNumber number : chosen)
         if (std::ranges::binary_search(listing.numbers, number))
             left.push_back(name_of(number));
     if (!left.empty())
-        throw HostError("deleted, and still listed in " + store.location() + ": " + join(left, ", "));
+        throw HostError("deleted, but still listed in " + store.location() + ": " + join(left, ", "));
 }
 
-/// Deletes backups, and tells which were: also when not all that were chosen could be.
-static void delete_and_tell(Document &document, CloudStore &store, const CloudStore::Choose &choose)
+/// Deletes the chosen backups, and reports which are deleted, even if the deletion fails halfway.
+static void delete_and_report(Document &document, CloudStore &store, const CloudStore::Choose &choose)
 {
-    std::vector<BackupNumber> going;
+    std::vector<BackupNumber> chosen;
     try {
-        store.remove([&](const std::vector<BackupNumber> &known) { return going = choose(known); });
+        store.remove([&](const std::vector<BackupNumber> &known) { return chosen = choose(known); });
     } catch (const HostError &) {
         try {
-            if (!going.empty())
-                look_after(document, store, going);
+            if (!chosen.empty())
+                check_deletion(document, store, chosen);
         } catch (const HostError &) { // the failure of the deletion is reported
         }
         throw;
     }
-    look_after(document, store, going);
+    check_deletion(document, store, chosen);
 }
 
 void run_delete(Cli &cli)
 {
     const auto store = open_store(highest_backup);
-    find_backups(*store, store->list().numbers, cli.arguments); // a store that isn't there is none to lock
-    delete_and_tell(cli.document, *store,
-                    [&](const auto &known) { return find_backups(*store, known, cli.arguments); });
+    find_backups(*store, store->list().numbers,
+                 cli.arguments); // fails before the lock would create a missing store
+    delete_and_report(cli.document, *store,
+                      [&](const auto &known) { return find_backups(*store, known, cli.arguments); });
 }
 
 static Retention read_retention(const Cli &cli)
@@ -263,7 +268,7 @@ static Retention read_retention(const Cli &cli)
     const std::vector<std::string> options = {"--keep", "--keep-within", "--keep-daily", "--keep-weekly",
                                               "--keep-monthly"};
     if (std::ranges::none_of(options, [&](const std::string &option) { return cli.has(option); }))
-        throw UsageError("what to keep is missing: one of " + join(options, ", "));
+        throw UsageError("no rule is given: use " + join(options, ", "));
     if (cli.has("--keep-within")) {
         const std::string age = cli.value("--keep-within");
         const char unit = age.back();
@@ -276,14 +281,14 @@ static Retention read_retention(const Cli &cli)
     return retention;
 }
 
-/// The backups that go, and the table of those that stay.
+/// The backups to delete, and the table of those to keep.
 struct Selection {
-    std::vector<BackupNumber> going;
+    std::vector<BackupNumber> deleted;
     Table kept{{{"id", "kept"}, {"time", ""}, {"kept_by", "by"}}};
-    std::vector<std::string> unreadable; ///< each with the reason
+    std::vector<std::string> unreadable; ///< with the reasons
 };
 
-/// Reads each backup: one that can't be read may be good, and the newest of all.
+/// Reads each backup, and applies the rules.
 static Selection select(const CloudStore &store, const std::vector<BackupNumber> &known,
                         const Retention &retention)
 {
@@ -303,7 +308,7 @@ static Selection select(const CloudStore &store, const std::vector<BackupNumber>
         } catch (const UnreadableError &error) {
             backup.state = RatedBackup::State::unreadable;
             selection.unreadable.push_back(name_of(number) + " " + error.what());
-        } catch (const DamagedError &) {  // it may go
+        } catch (const DamagedError &) {  // may be deleted
         } catch (const NoBackupError &) { // deleted meanwhile
             continue;
         }
@@ -315,7 +320,7 @@ static Selection select(const CloudStore &store, const std::vector<BackupNumber>
     const auto kept_by = apply_retention(retention, backups, g_get_real_time() / 1000);
     for (size_t i = 0; i < numbers.size(); i++)
         if (kept_by[i].empty())
-            selection.going.push_back(numbers[i]);
+            selection.deleted.push_back(numbers[i]);
         else
             selection.kept.rows.push_back({numbers[i],
                                            {utc_time(dates[i]), format_date(dates[i])},
@@ -332,23 +337,23 @@ void run_prune(Cli &cli)
     const auto select_now = [&](const auto &now) {
         selection = select(*store, now, retention);
         cli.document.set("rules", selection.kept);
-        return selection.going;
+        return selection.deleted;
     };
     if (cli.has("--dry-run") || known.empty()) {
-        const std::vector<BackupNumber> going = select_now(known);
+        const std::vector<BackupNumber> chosen = select_now(known);
         std::vector<BackupNumber> kept;
-        std::ranges::set_difference(known, going, std::back_inserter(kept));
-        tell_deleted(cli.document, going, kept, "would be deleted");
+        std::ranges::set_difference(known, chosen, std::back_inserter(kept));
+        report_deleted(cli.document, chosen, kept, "would be deleted");
     } else {
-        delete_and_tell(cli.document, *store, select_now);
+        delete_and_report(cli.document, *store, select_now);
     }
     if (!selection.unreadable.empty())
-        throw HostError(join(selection.unreadable, "; ") + "; what can't be read is kept");
+        throw HostError(join(selection.unreadable, "; ") + "; unreadable backups are kept");
 }
 
-// Files of the user's.
+// Export and import.
 
-/// Writes a file of the user's, whole or not at all.
+/// Writes a file atomically.
 static void write_file(const fs::path &file, const std::string &content)
 {
     g_autoptr(GError) failure = nullptr;
@@ -359,23 +364,24 @@ static void write_file(const fs::path &file, const std::string &content)
         throw HostError("can't write " + file.string() + ": " + (g_strrstr(failure->message, ": ") + 2));
 }
 
-/// Writes to where a name leads: a link may lead to a pipe, whose own name is none that can be opened.
+/// Writes to a file or, if the name leads there, to a pipe or device. A symbolic link is followed: it may
+/// lead to an unnamed pipe.
 static void write_out(const CloudStore &store, const fs::path &name, const std::string &content)
 {
     std::error_code error;
     const fs::file_status status = fs::status(name, error);
     if (!fs::exists(status) && fs::is_symlink(fs::symlink_status(name, error)))
-        throw HostError("can't write " + name.string() + ": it is a link to nothing");
+        throw HostError("can't write " + name.string() + ": it is a dangling link");
     if (fs::exists(status) && !fs::is_regular_file(status)) {
         FILE *stream = fopen(name.c_str(), "we");
         if (stream != nullptr)
-            fwrite(content.data(), 1, content.size(), stream); // its failure shows when the stream is flushed
+            fwrite(content.data(), 1, content.size(), stream); // fclose() reports a failure
         if (stream == nullptr || fclose(stream) != 0)
             throw HostError("can't write " + name.string() + ": " + g_strerror(errno));
         return;
     }
     if (store.contains(name))
-        throw HostError("can't write " + name.string() + ": that is in the cloud store");
+        throw HostError("can't write " + name.string() + ": it is in the cloud store");
     const fs::path file = fs::weakly_canonical(name, error);
     write_file(error ? name : file, content);
 }
@@ -390,7 +396,7 @@ void run_export(Cli &cli)
     const std::string content = read_whole(*store, number).content;
     if (name == "-") {
         fwrite(content.data(), 1, content.size(), stdout);
-        cli.quiet = true; // standard output is the backup's
+        cli.quiet = true; // standard output holds the backup
         return;
     }
     write_out(*store, name, content);

@@ -1,4 +1,4 @@
-// The commands that show the service's calls, or compare them with those of another device.
+// The trace commands: they show the service's calls, or compare them with those of another device.
 
 #include <algorithm>
 #include <csignal>
@@ -13,24 +13,24 @@
 #include "import.h"
 #include "text.h"
 
-static constexpr size_t MAX_SIZE = size_t{4} << 20; ///< of a file with a trace
-static constexpr size_t MAX_LINES = 4000;           ///< that are compared with as many
+static constexpr size_t MAX_SIZE = size_t{4} << 20; ///< of a trace
+static constexpr size_t MAX_LINES = 4000; ///< of a trace: the comparison needs the square of it in memory
 static constexpr size_t CONTEXT = 2;
 
-/// What is taken out of a trace, and what takes its place.
+/// Patterns that differ from one exchange to the next, and their replacements.
 static constexpr const char *NOT_COMPARED[][2] = {
     {R"(  on thread \d+(?=\r?$)|\r$)", ""},
-    // Lines of others: standard error may have them, too.
+    // Lines that are no trace: standard error may contain both.
     {R"(^(?! *(log -?\d+ .*|((callback )?[\w:]+\(.*\).*|\}.*)( \{|  made to fail|  \d+ µs))$).*\n?)", ""},
     {R"(  (made to fail|\d+ µs)$)", ""},
     {R"(^(service_app_main)\(\[.*\], )", R"(\1([...], )"},
-    {R"re("([^"\\\n]++|\\.)*+"(*SKIP)(*FAIL)|#\d+)re", ""}, // handles' numbers are in no text
+    {R"re("([^"\\\n]++|\\.)*+"(*SKIP)(*FAIL)|#\d+)re", ""}, // numbers of handles, outside of quotes
     {R"re((set_date\(record, )"[^"]*")re", R"(\1"DATE")"},
     {R"(\b([12]\d{12}|\d{4}-\d\d-\d\d[T ]\d\d:\d\d(:\d\d(\.\d+)?)?( UTC|Z)?)\b)", "DATE"},
     {R"((^ *log [^>\n]*?\()\d+(\) >))", R"(\1LINE\2)"},
 };
 
-/// What a line has behind its indentation.
+/// Returns a line without its indentation.
 static std::string call_in(const std::string &line)
 {
     return line.substr(line.find_first_not_of(' '));
@@ -38,10 +38,11 @@ static std::string call_in(const std::string &line)
 
 struct Trace {
     std::vector<std::string> lines;
-    std::string exchange; ///< the command that makes it, as the registrations tell; empty without any
+    std::string
+        exchange; ///< the command that makes it, according to the callbacks registered; "" without any
 };
 
-/// @throws UsageError when it is not the trace of one exchange
+/// @throws UsageError if the text is not the trace of one exchange
 static Trace read_trace(std::string text, const std::string &name)
 {
     for (const auto &[pattern, replacement] : NOT_COMPARED) {
@@ -67,15 +68,15 @@ static Trace read_trace(std::string text, const std::string &name)
             trace.exchange = "info";
     }
     if (starts == 0)
-        throw UsageError(name + " holds no trace in text");
+        throw UsageError(name + " is not a trace in text form");
     if (starts > 1 || exchanges > 1)
         throw UsageError(name + " holds the traces of several exchanges");
     if (trace.lines.size() > MAX_LINES)
-        throw UsageError(name + " has too many lines to be compared");
+        throw UsageError(name + " has too many lines to compare");
     return trace;
 }
 
-/// A line of one trace (- or +), or of both.
+/// A line of one trace (- or +) or of both (a space).
 struct ComparedLine {
     char mark;
     std::string text;
@@ -84,7 +85,7 @@ struct ComparedLine {
 static std::vector<ComparedLine> compare(const std::vector<std::string> &from,
                                          const std::vector<std::string> &to)
 {
-    // How many lines are common from here on, at most.
+    // The length of the longest common subsequence from here on.
     std::vector<std::vector<std::uint16_t>> common(from.size() + 1,
                                                    std::vector<std::uint16_t>(to.size() + 1));
     for (size_t i = from.size(); i-- > 0;)
@@ -105,7 +106,7 @@ static std::vector<ComparedLine> compare(const std::vector<std::string> &from,
     return lines;
 }
 
-/// The calls and callbacks that a line stands below, innermost first.
+/// Returns the lines of the calls and callbacks that enclose a line, innermost first.
 static std::vector<size_t> lines_around(const std::vector<ComparedLine> &lines, size_t line)
 {
     std::vector<size_t> around;
@@ -113,7 +114,7 @@ static std::vector<size_t> lines_around(const std::vector<ComparedLine> &lines, 
     for (size_t i = line; i-- > 0;) {
         const auto &[mark, text] = lines[i];
         const size_t outer = text.find_first_not_of(' ');
-        // Lines of other threads may be in between.
+        // Lines of other threads may come between.
         if (outer < indent && text.ends_with(" {") && (mark == ' ' || mark == lines[line].mark)) {
             around.push_back(i);
             indent = outer;
@@ -146,7 +147,7 @@ static void show_differences(Cli &cli, const std::string &file, const Trace &fro
         differences.rows.push_back(
             {{callback, ""}, {mark == '-' ? call : Json(), ""}, {mark == '+' ? call : Json(), ""}});
     }
-    // A message has quotation marks first, and an end has no bracket.
+    // In a log message, a quotation mark precedes the bracket; the end of a call has neither.
     const auto calls = std::count_if(to.lines.begin(), to.lines.end(),
                                      [](const std::string &line) { return line.find('(') < line.find('"'); });
     cli.status = shown.empty() ? EXIT_DONE : EXIT_FAILED;
@@ -172,12 +173,11 @@ void run_trace(Cli &cli)
 {
     std::string exchange = cli.command().commands.empty() ? cli.command().name : "";
     cli.traces = true;
-    // If the reader of the trace goes away, the exchange still ends normally, and an error reports the lost
-    // output.
+    // If the reader of the trace goes away, the exchange still completes, and the lost output is reported.
     std::signal(SIGPIPE, SIG_IGN);
     if (!cli.has("--compare")) {
         if (exchange.empty())
-            throw UsageError("trace lacks what it is to show: backup, restore or info");
+            throw UsageError("trace requires an exchange: backup, restore or info");
         find_command(PROGRAM, exchange).run(cli);
         return;
     }
@@ -187,9 +187,9 @@ void run_trace(Cli &cli)
     if (exchange.empty())
         exchange = there.exchange;
     if (exchange.empty())
-        throw UsageError(file + " does not tell its exchange: name backup, restore or info");
+        throw UsageError(file + " does not show its exchange: name backup, restore or info");
     if (!there.exchange.empty() && there.exchange != exchange)
-        throw UsageError(file + " is the trace of another exchange: " + there.exchange);
+        throw UsageError(file + " is a trace of another exchange: " + there.exchange);
     std::exception_ptr failure;
     try {
         find_command(PROGRAM, exchange).run(cli);
@@ -197,7 +197,7 @@ void run_trace(Cli &cli)
         failure = std::current_exception();
     }
     if (!failure || !cli.trace.empty())
-        show_differences(cli, file, there, read_trace(cli.trace, "what the service left"));
+        show_differences(cli, file, there, read_trace(cli.trace, "the service's trace"));
     if (failure)
         std::rethrow_exception(failure);
 }

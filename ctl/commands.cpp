@@ -9,7 +9,7 @@
 
 static std::string check_filled(const std::string &text)
 {
-    return text.empty() ? "it is empty" : "";
+    return text.empty() ? "must not be empty" : "";
 }
 
 static std::string check_seconds(const std::string &text)
@@ -45,29 +45,29 @@ static std::string check_failure(const std::string &text)
     const std::string function = text.substr(0, text.find_first_of("#="));
     const std::vector<std::string> known(std::begin(TRACED_FUNCTIONS), std::end(TRACED_FUNCTIONS));
     if (std::find(known.begin(), known.end(), function) == known.end())
-        return "there is no function \"" + function + "\"" + did_you_mean(function, known);
+        return "unknown function \"" + function + "\"" + did_you_mean(function, known);
     return "";
 }
 
-using enum Kind;
+using enum ValueKind;
 using enum Times;
 
 static constexpr char BACKUPS[] = "Backups";
-static constexpr char STORE[] = "The store of backups";
+static constexpr char STORE[] = "The cloud store";
 static constexpr char DEVICE[] = "The device";
 
 static constexpr Argument NEWEST_OR_ONE = {"ID", "The backup's number, or latest", backup, at_most_once};
 static constexpr Argument ONE_FILE = {"FILE", "The file", file, once};
-// A row of the tables stands on few lines.
+// A command is one row of few lines.
 // clang-format off
 
 static const std::vector<Option> TRACE_OPTIONS = {
     {"--fail", 0,
-     "Have a call fail with a code (-1) instead of being made: the N-th call of the function, or the first. May "
-     "be repeated",
+     "Do not make the N-th call of FUNCTION (default: the first), but let it fail with CODE (default: -1). May be "
+     "repeated",
      "FUNCTION[#N][=CODE]", check_failure, function, any},
     {"--compare", 0,
-     "Show only how the calls differ from those in FILE: a trace in text, made elsewhere; \"-\" is standard input",
+     "Show only the differences from the trace in FILE, a text trace made elsewhere; \"-\" is standard input",
      "FILE", check_filled, file},
 };
 
@@ -75,7 +75,8 @@ static const std::vector<Option> COMMON_OPTIONS = {
     {"--json", 0, "Write one JSON document, for scripts"},
     {"--quiet", 'q', "Write nothing but errors"},
     {"--verbose", 'v', "Show the service's log as it runs"},
-    {"--timeout", 0, "How long to wait for the service, or a remote store (30)", "SECONDS", check_seconds},
+    {"--timeout", 0, "How long to wait for the service, or for a remote store (default: 30)", "SECONDS",
+     check_seconds},
     {"--store", 0,
      "Where the backups are: a folder, or a remote place such as rclone:s3:desk (default: cloud in the state "
      "folder)",
@@ -87,21 +88,21 @@ static const std::vector<Option> COMMON_OPTIONS = {
 
 static const std::vector<Command> SETTINGS_COMMANDS = {
     {"get", "Commands", "Show one setting",
-     "Its value alone is shown, or \"(not set)\".",
+     "Prints the value alone, or \"(not set)\".",
      "ime-backupctl settings get selected_lang", run_settings_get, {{"NAME", "The setting", setting, once}}},
     {"set", "Commands", "Change settings",
-     "A value is true or false (on or off, yes or no, 1 or 0) for a switch, languages with commas between "
-     "them for a list, and an input method's identifier for default_keyboard.",
+     "A switch takes true or false (also on or off, yes or no, 1 or 0), a list takes languages separated by commas, "
+     "and default_keyboard takes an input method's identifier.",
      "ime-backupctl settings set selected_lang en_US,ko_KR key_tap_sound off", run_settings_set,
      {{"NAME VALUE", "A setting, and its new value", setting_and_value, at_least_once}}},
     {"unset", "Commands", "Unset settings",
-     "They are then at their defaults, as on a device where they were never changed.",
+     "Unset settings have their defaults, as on a device where they were never changed.",
      "ime-backupctl settings unset prediction", run_settings_unset,
      {{"NAME", "The settings", setting, at_least_once}}},
     {"dump", "Commands", "Write the settings as JSON",
-     "The document is that of settings --json. load takes it back.",
+     "The document is the one of settings --json. Read it back with load.",
      "ime-backupctl settings dump >settings.json", run_settings_dump},
-    {"load", "Commands", "Set the settings that a dump holds",
+    {"load", "Commands", "Set the settings from a dump",
      "Settings that are null in FILE are unset. Settings that are missing in FILE do not change. Without FILE, or with "
      "\"-\", the dump is read from standard input.",
      "ime-backupctl settings load settings.json", run_settings_load, {{"FILE", "The file", file, at_most_once}}},
@@ -112,118 +113,111 @@ static const std::vector<Command> TRACE_COMMANDS = {
      "The backup is stored.",
      "ime-backupctl trace backup --fail vconf_get_bool#2=-1", run_trace, {}, TRACE_OPTIONS},
     {"restore", "Commands", "Show the calls of a restore",
-     "The newest backup is restored, or the one named. What is changed can be put back with undo.",
+     "Restores the newest backup, or the one named. Use undo to revert the restore.",
      "ime-backupctl trace restore 3 --fail scim::ConfigBase::flush", run_trace,
      {NEWEST_OR_ONE}, TRACE_OPTIONS},
-    {"info", "Commands", "Show the calls that tell the keys and dates of a backup",
+    {"info", "Commands", "Show the calls that get the keys and dates of a backup",
      "Nothing is read or stored.",
      "ime-backupctl trace info --json", run_trace, {}, TRACE_OPTIONS},
 };
 
 static const std::vector<Command> COMMANDS = {
     {"backup", BACKUPS, "Make a backup",
-     "Has the service read the keyboard's settings, and stores them as a new backup. A switch that is not "
-     "set is backed up as true, and a device without selected languages as one that selects English and "
-     "Korean.",
+     "The service reads the keyboard's settings, which are stored as a new backup. An unset switch is backed up as "
+     "true. Without selected languages, English and Korean are backed up.",
      "ime-backupctl backup --if-changed", run_backup,
-     {}, {{"--if-changed", 0, "Store nothing when the newest backup holds the same settings"}}},
+     {}, {{"--if-changed", 0, "Store nothing if the newest backup holds the same settings"}}},
     {"restore", BACKUPS, "Restore the newest backup, or the one named",
-     "Has the service apply a backup, and shows what each setting was and has become, and why it is not as "
-     "the backup has it. Only languages that are in downloaded_lang are selected, and handwriting is "
-     "switched on only if one of them is in downloaded_with_handwriting_lang. The newest backup is the one that "
-     "was added last, with the highest number, whatever its date. What a restore changed can be put back with "
-     "undo. With --only or --except, ime-backupctl applies the backup itself, and the other settings stay exactly "
-     "as they are.",
+     "The service applies the backup. The table shows each setting before and after, and why a setting differs from "
+     "the backup. Only languages in downloaded_lang are selected. Handwriting is switched on only if one of them is "
+     "in downloaded_with_handwriting_lang. The newest backup is the one with the highest number, whatever its date. "
+     "With --only or --except, ime-backupctl applies the backup itself, and the other settings stay exactly as they "
+     "are. Use undo to revert a restore.",
      "ime-backupctl restore 3 --dry-run", run_restore,
      {NEWEST_OR_ONE}, {{"--only", 0, "Restore only these settings", "NAME[,NAME...]", check_filled, setting},
                        {"--except", 0, "Restore all settings except these", "NAME[,NAME...]", check_filled, setting},
-                       {"--dry-run", 0, "Show what a restore would do, and change nothing"},
-                       {"--strict", 0, "Exit with 1 if a setting is not as the backup has it"}}},
-    {"undo", BACKUPS, "Put back what a restore, or a change of settings, changed",
-     "Each setting that it changed gets the value that it had before, or none if it had none. Without a number, "
-     "this is the newest restore or change of settings that changed something and is not undone, also one that "
-     "was interrupted: undo after undo goes further back. With the number of an entry in the history, it is that "
-     "entry: the number of an undo takes the undo back.",
+                       {"--dry-run", 0, "Show what would be restored, and change nothing"},
+                       {"--strict", 0, "Exit with 1 if a setting differs from the backup"}}},
+    {"undo", BACKUPS, "Revert a restore or a change of settings",
+     "Each setting that was changed gets its earlier value back, or is unset if it was unset. Without ENTRY, undoes "
+     "the newest change that is not undone yet; repeat undo to go further back. An interrupted change can be undone, "
+     "too. To take an undo back, give its own entry.",
      "ime-backupctl undo --dry-run", run_undo, {{"ENTRY", "The entry's number in the history", entry, at_most_once}},
-     {{"--dry-run", 0, "Show what would be put back, and change nothing"}}},
+     {{"--dry-run", 0, "Show what would be undone, and change nothing"}}},
     {"list", BACKUPS, "List the backups, newest last",
-     "Each is read and checked: of one that is damaged or can't be read, it says why.",
+     "Each backup is read and checked. A remark shows why a backup is damaged or can't be read.",
      "ime-backupctl list", run_list},
     {"show", BACKUPS, "Show the settings in the newest backup, or in the one named",
-     "With --json it is the snapshot itself, byte for byte. Of a backup with several records, it is that of "
-     "the last one, which is in force after a restore.",
+     "With --json, prints the snapshot itself, byte for byte. If the backup has several records, the snapshot is that "
+     "of the last one, which a restore applies last.",
      "ime-backupctl show 3", run_show, {NEWEST_OR_ONE}},
     {"diff", BACKUPS, "Compare a backup with the device, or with another backup",
-     "Without a number, the newest backup is compared with the device; with one, that backup. Unset settings "
-     "compare as their defaults; the order of languages does not matter. The exit status is 0 if the settings are "
-     "the same, 1 if they differ, and another one if that can't be told.",
+     "Without ID, compares the newest backup with the device; with one, that backup. Unset settings compare as their "
+     "defaults. The order of languages does not matter. The exit status is 0 if the settings are the same, 1 if they "
+     "differ, and greater than 1 if they can't be compared.",
      "ime-backupctl diff 3 4", run_diff, {{"ID", "The backups' numbers, at most two, or latest", backup, any}}},
     {"log", BACKUPS, "Show what each backup changed",
-     "Each backup, oldest first, is compared with the one before. With names, only backups in which one of these "
-     "settings changed are shown. Of a backup that can't be read, it says why; the next one is compared with the last "
-     "that can.",
+     "Compares each backup, oldest first, with the one before it. With names, shows only the backups in which one of "
+     "these settings changed. A remark shows why a backup can't be read; the next backup is then compared with the "
+     "last readable one.",
      "ime-backupctl log selected_lang", run_log, {{"NAME", "The settings", setting, any}}},
     {"verify", STORE, "Check all backups, or those named",
-     "Reads each backup and checks that it is what was written, and that its records hold snapshots. The "
-     "exit status is 1 if one is damaged, and else 3 if one can't be read.",
+     "Reads each backup, and checks that its file is unchanged and that its records hold snapshots. The exit status "
+     "is 1 if a backup is damaged. Otherwise it is 3 if a backup can't be read.",
      "ime-backupctl verify", run_verify, {{"ID", "The backups' numbers, or latest", backup, any}}},
     {"delete", STORE, "Delete backups",
-     "If one of them isn't there, none is deleted. A backup is reported as deleted once it is no longer "
-     "listed. A backup's number is never given to another.",
+     "If one of the backups does not exist, none is deleted. A backup is reported as deleted once it is no longer "
+     "listed. Numbers are never reused.",
      "ime-backupctl delete 1 2", run_delete, {{"ID", "The backups' numbers, or latest", backup, at_least_once}}},
-    {"prune", STORE, "Delete old backups, by rules that say which to keep",
-     "A backup is kept if any rule keeps it; at least one has to be given. Days, weeks and months are those of the "
-     "local time; of each, the backup with the latest date counts. Of the backups that aren't damaged, the one with "
-     "the highest number and the one with the latest date are always kept. So is what can't be read: the others are "
-     "deleted, and the exit status is 1. Rules that go by dates keep a backup without a date, unless it is damaged.",
+    {"prune", STORE, "Delete old backups, except those that a rule keeps",
+     "A backup is kept if any rule keeps it. At least one rule is required. The table shows which rules keep a backup. "
+     "Days, weeks and months are in local time; of each, the backup with the latest date is kept. Among the undamaged "
+     "backups, the one with the highest number and the one with the latest date are always kept. Rules about dates "
+     "keep undamaged backups that have no date. Backups that can't be read are kept, and the exit status is then 1.",
      "ime-backupctl prune --keep-daily 7 --keep-weekly 4 --dry-run", run_prune,
      {}, {{"--keep", 0, "Keep the N newest", "N", check_count},
-          {"--keep-within", 0, "Keep those that are younger than AGE: 12h, 30d, 8w", "AGE", check_age},
-          {"--keep-daily", 0, "Keep the last one of each of the last N days that have one", "N", check_count},
-          {"--keep-weekly", 0, "Keep the last one of each of the last N weeks that have one", "N", check_count},
-          {"--keep-monthly", 0, "Keep the last one of each of the last N months that have one", "N", check_count},
+          {"--keep-within", 0, "Keep those younger than AGE, such as 12h, 30d or 8w", "AGE", check_age},
+          {"--keep-daily", 0, "Keep one for each of the last N days that have a backup", "N", check_count},
+          {"--keep-weekly", 0, "Keep one for each of the last N weeks that have a backup", "N", check_count},
+          {"--keep-monthly", 0, "Keep one for each of the last N months that have a backup", "N", check_count},
           {"--dry-run", 0, "Show what would be deleted, and delete nothing"}}},
     {"export", STORE, "Write a backup to a file",
-     "The file can be taken in with import, here or elsewhere. A file of this name is replaced. \"-\" is "
-     "standard output.",
+     "Use import to read the file, here or on another device. An existing file is replaced. \"-\" is standard output.",
      "ime-backupctl export 3 keyboard.json", run_export,
      {{"ID", "The backup's number, or latest", backup, once}, ONE_FILE}},
-    {"import", STORE, "Take a backup from a file into the store",
-     "The file is one that export wrote, or a bare snapshot: any JSON object, such as one taken from a device. "
-     "Problems of a snapshot are reported; it is imported anyway. \"-\" is standard input.",
+    {"import", STORE, "Add a backup from a file to the store",
+     "FILE is an exported backup, or a snapshot: any JSON object, such as one taken from a device. Problems in a "
+     "snapshot are reported; it is imported anyway. \"-\" is standard input.",
      "ime-backupctl import keyboard.json", run_import, {ONE_FILE}},
-    {"settings", DEVICE, "Show the settings as they are now, or change them",
-     "The two downloaded lists are no part of a backup: they decide what of one a restore can bring back.",
+    {"settings", DEVICE, "Show the current settings, or change them",
+     "The two downloaded lists are not part of a backup. They limit what a restore can bring back.",
      "ime-backupctl settings --long", run_settings,
      {}, {{"--long", 0, "Show where the device keeps each setting, and under which key"}}, SETTINGS_COMMANDS},
     {"history", DEVICE, "Show what was done to this device",
      "Each backup, restore, undo and change of settings is an entry, with the settings that it changed. The newest "
-     "200 entries are kept, and of older ones those that can be undone. The exit status is 1 if an entry can't be "
-     "read.",
+     "200 entries are kept, and older ones that can still be undone. The exit status is 1 if an entry can't be read.",
      "ime-backupctl history", run_history},
     {"status", DEVICE, "Check that everything a backup needs is available",
-     "Looks at the SCIM daemon, the active keyboard, the settings store, the cloud store and the last "
-     "exchange, and says what to do about each that is not fine. A file is put into the cloud store and "
-     "taken away again; a remote folder may be made for it. The exit status is 3 if something that a backup "
-     "needs is missing.",
+     "Checks the SCIM daemon, the active keyboard, the settings store, the exchange files, the cloud store and the "
+     "last exchange, and says how to mend each fault. To test the cloud store, a file is created in it and removed; "
+     "in a remote store, this may create a folder. The exit status is 3 if something that a backup needs is missing.",
      "ime-backupctl status", run_status},
-    {"info", DEVICE, "Show the keys and dates of what a backup would hold",
-     "Asks the service what it would back up now. Nothing is read or stored.",
+    {"info", DEVICE, "Show the keys and dates of the records in a new backup",
+     "Asks the service which records it would back up now. Nothing is read or stored.",
      "ime-backupctl info --json", run_info},
-    {"trace", DEVICE, "Show what the service asks of the platform in an exchange",
-     "Each call that the service makes, with its arguments, its result and the time that it took, stands "
-     "below the callback that made it. What is set by the call has an & in front. The trace goes to standard "
-     "output as the exchange runs; what the command without trace would tell goes to standard error. With "
-     "--json, each line is an object. With --compare, the differences from another trace go to standard output "
-     "instead, and the exchange is the one in FILE if none is named. Times, dates, threads, the numbers of "
-     "handles and the lines of the source are not compared. The exit status is then 0 if the calls are the same, "
-     "1 if they differ, and another one if that can't be told or the exchange fails.",
+    {"trace", DEVICE, "Show the service's calls to the platform in an exchange",
+     "Shows each call with its arguments, its result and its duration, below the callback that made it. An & marks an "
+     "argument that the call sets. The trace goes to standard output while the exchange runs; the output of the "
+     "command without trace goes to standard error. With --json, each line is an object. With --compare, only the "
+     "differences are shown, and the exchange defaults to that of FILE. Times, dates, threads, the numbers of handles "
+     "and source lines are not compared. The exit status of a comparison is 0 if the calls are the same, 1 if they "
+     "differ, and greater than 1 if they can't be compared or the exchange fails.",
      "ime-backupctl trace --compare device.trace", run_trace,
      {}, TRACE_OPTIONS, TRACE_COMMANDS},
     {"help", "Help", "Explain a command",
      "",
      "ime-backupctl help restore", run_help, {{"COMMAND", "The command", command, any}}},
-    {"complete", nullptr, "List what the last of these words may become",
+    {"complete", nullptr, "List the completions of the last word",
      "",
      "ime-backupctl complete -- restore ''", run_complete,
      {{"WORD", "The words of a command line", text, any}}},

@@ -2,7 +2,7 @@
 
 #include "cli.h"
 
-// What each command does.
+// The functions behind the rows of commands.cpp.
 
 void run_backup(Cli &cli);
 void run_complete(Cli &cli);

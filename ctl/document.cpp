@@ -73,7 +73,7 @@ void Document::set_result(bool succeeded, const std::string &reason)
     set("reason", reason);
 }
 
-void tell_success(Document &document, const std::string &doubt, const std::string &sentence)
+void report_success(Document &document, const std::string &doubt, const std::string &sentence)
 {
     document.set_result(true, doubt);
     for (const std::string &text : {sentence, doubt})
@@ -87,7 +87,7 @@ void Document::print_json() const
         return;
     const std::string text =
         exact_json ? *exact_json : json->dump(2, ' ', false, OrderedJson::error_handler_t::replace);
-    // In a pipe, the text is the data itself; on a terminal it must not be obeyed.
+    // A pipe gets the data as they are. On a terminal, control characters are escaped.
     if (isatty(STDOUT_FILENO) == 0) {
         printf("%s\n", text.c_str());
         return;
@@ -97,11 +97,11 @@ void Document::print_json() const
         printf("%s\n", escaped(line).c_str());
 }
 
-// For people.
+// Tables and sentences for people.
 
 static constexpr char GAP[] = "  ";
 static constexpr size_t GAP_WIDTH = sizeof GAP - 1;
-static constexpr size_t INDENT = 4; ///< of what stands below a row
+static constexpr size_t INDENT = 4; ///< of a remark below its row
 static constexpr size_t USUAL_WIDTH = 80;
 static constexpr size_t LEAST_COLUMN_WIDTH = 6;
 static constexpr char BOLD[] = "1";
@@ -119,7 +119,7 @@ static size_t width_of(const std::string &text)
     return width;
 }
 
-/// The text, cut so that it fits, with a mark where it was.
+/// Cuts a text that is too wide, and marks the cut with an ellipsis.
 static std::string fit(const std::string &text, size_t width)
 {
     if (width_of(text) <= width)
@@ -130,7 +130,7 @@ static std::string fit(const std::string &text, size_t width)
     return cut + "\u2026";
 }
 
-/// Columns that fit on a line: anything but a terminal has no end of them.
+/// Returns the width of the terminal; other outputs are not limited.
 static size_t screen_width(FILE *stream)
 {
     if (isatty(fileno(stream)) == 0)
@@ -140,7 +140,7 @@ static size_t screen_width(FILE *stream)
     return is_known ? size.ws_col : USUAL_WIDTH;
 }
 
-/// The headings, and the rows below them. The last cell of each is its remark.
+/// Returns the headings and the rows. The last cell of each line is its remark.
 static std::vector<Line> lines_of(const Table &table)
 {
     std::vector<Line> lines(table.rows.size() + 1);
@@ -157,14 +157,14 @@ static std::vector<Line> lines_of(const Table &table)
     return lines;
 }
 
-/// The widths of all columns but the remarks.
+/// Returns the widths of all columns except the remarks.
 static std::vector<size_t> column_widths(const std::vector<Line> &lines, size_t screen)
 {
     std::vector<size_t> widths(lines[0].size() - 1);
     for (const Line &line : lines)
         for (size_t i = 0; i < widths.size(); i++)
             widths[i] = std::max(widths[i], width_of(line[i]));
-    // The widest give way first; the first column, the names, never does.
+    // The widest column shrinks first. The first column, with the names, never shrinks.
     size_t sum = std::accumulate(widths.begin(), widths.end(), (widths.size() - 1) * GAP_WIDTH);
     for (; widths.size() > 1 && sum > screen; sum--) {
         const auto widest = std::max_element(widths.begin() + 1, widths.end());
@@ -180,7 +180,7 @@ static std::string paint(const char *colour, const std::string &text)
     return *colour == '\0' || text.empty() ? text : std::string("\033[") + colour + "m" + text + "\033[0m";
 }
 
-/// A row's text, and its remark behind it or below.
+/// Formats a row with its remark beside it, or below it if the row is too long.
 static std::string lay_out(const Line &line, const std::vector<size_t> &widths, size_t screen,
                            const char *colour, const char *remark_colour)
 {

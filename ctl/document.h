@@ -12,11 +12,11 @@
 
 struct Table;
 
-/// A value as JSON has it.
+/// A JSON value.
 using Json = std::variant<std::nullptr_t, bool, std::int64_t, std::uint64_t, std::string,
                           std::vector<std::string>, std::vector<std::uint64_t>, std::shared_ptr<Table>>;
 
-/// A value for a script, and the same one for a person.
+/// A value in two forms: JSON for scripts, text for people.
 struct Cell {
     Cell(std::string value) : json(value), text(std::move(value)) {}
     Cell(const char *value) : Cell(std::string(value)) {}
@@ -27,8 +27,8 @@ struct Cell {
     std::string text;
 };
 
-/// A column is for scripts when it has a member name, and for people when it has a heading, even an empty
-/// one.
+/// A column is in the JSON document if it has a member name, and in the printed table if it has a heading,
+/// even an empty one.
 struct Column {
     const char *member;
     std::optional<std::string> heading;
@@ -37,11 +37,10 @@ struct Column {
 inline constexpr std::nullopt_t FOR_SCRIPTS = std::nullopt;
 inline constexpr const char *FOR_PEOPLE = nullptr;
 
-/// Whether the last column for people holds remarks: where a row is too long for the terminal, its remark
-/// stands below it.
+/// The use of the last printed column for remarks. If a row is too long for the terminal, its remark is
+/// printed below it.
 enum class Remarks { none, plain, warnings };
 
-/// Rows of cells.
 struct Table {
     std::vector<Column> columns{};
     std::vector<std::vector<Cell>> rows{};
@@ -49,37 +48,37 @@ struct Table {
     bool is_for_people = true;
 };
 
-/// What a command tells: to a script one JSON document, to a person its tables and sentences. It is the one
-/// way to standard output, except for raw data, such as an exported backup.
+/// The output of a command: one JSON document for scripts, or tables and sentences for people. All standard
+/// output passes through it, except raw data such as an exported backup.
 class Document
 {
 public:
     Document();
     ~Document();
 
-    /// A member of the document, for scripts.
+    /// Sets a member of the JSON document only.
     void set(const char *member, const Json &value);
 
-    /// A member of the document, which is also shown to people.
+    /// Sets a member of the JSON document, and prints the table to people.
     void set(const char *member, const Table &table);
 
-    /// A table that is the whole document.
+    /// Makes the table the whole JSON document, and prints it to people.
     void set(const Table &table);
 
-    /// The whole document, as it stands.
+    /// Replaces the JSON document by this text.
     void set_json(std::string text) { exact_json = std::move(text); }
 
-    /// A table for people alone.
+    /// Prints a table to people only, in place of all other tables.
     void show(const Table &table) { tables = {{"", table}}; }
 
-    /// A sentence for a person.
+    /// Prints a sentence to people.
     void say(const std::string &sentence) { sentences.push_back(sentence); }
 
-    /// The two members with which commands that do something tell whether they did.
+    /// Sets the members "succeeded" and "reason".
     void set_result(bool succeeded, const std::string &reason = "");
     bool has_result() const;
 
-    /// Prints nothing when nothing was set.
+    /// Prints nothing if nothing was set.
     void print_json() const;
     void print_text(FILE *stream) const;
 
@@ -90,7 +89,7 @@ private:
     std::optional<std::string> exact_json;
 };
 
-/// Tells that a command did what it should.
+/// Reports success.
 ///
-/// @param doubt what is not known of that, or empty
-void tell_success(Document &document, const std::string &doubt, const std::string &sentence = "");
+/// @param doubt the part of the result that could not be checked, or ""
+void report_success(Document &document, const std::string &doubt, const std::string &sentence = "");

@@ -3,18 +3,20 @@
 #include <string>
 #include <vector>
 
-/// A backup that is made of what was imported.
+/// A backup made from a file.
 struct Importable {
-    std::string content;              ///< of its record file
-    std::vector<std::string> remarks; ///< what a person should know of it
+    std::string content;              ///< of the record file
+    std::vector<std::string> remarks; ///< problems of the snapshot
 };
 
-/// What a file holds; "-" is standard input.
+/// Reads a file; "-" is standard input.
 ///
-/// @param use that is made of it, for a person
+/// @param purpose such as "imported", for the error
 /// @throws HostError
-std::string read_input(const std::string &name, size_t max_size, const char *use);
+std::string read_input(const std::string &name, size_t max_size, const char *purpose);
 
-/// @throws DamagedError when it is a record file that was changed, or holds no snapshot
-/// @throws HostError when it is neither a record file nor a snapshot
+/// Makes a backup from a record file or a snapshot.
+///
+/// @throws DamagedError if a record file was changed or holds no snapshot
+/// @throws HostError if the content is neither of the two
 Importable make_importable(const std::string &content);

@@ -10,7 +10,7 @@
 #include "process.h"
 #include "text.h"
 
-/// Tells of a failure, to the one who called, and in the document.
+/// Reports an error on standard error and in the document, and returns the exit status.
 static int fail(Cli &cli, int status, const std::string &message, const std::string &hint = "")
 {
     if (cli.document.has_result())
@@ -40,7 +40,7 @@ static int run(Cli &cli, const std::vector<std::string> &words)
         fprintf(stderr, "%s", help_of(cli.path).c_str());
         return EXIT_USAGE;
     } catch (const UsageError &error) {
-        const std::string hint = "\"" + join(names_of(cli.path), " ") + " --help\" tells more.";
+        const std::string hint = "Try \"" + join(names_of(cli.path), " ") + " --help\".";
         return fail(cli, EXIT_USAGE, error.what(), is_understood ? "" : hint);
     } catch (const DaemonError &error) {
         return fail(cli, EXIT_NO_PLATFORM, error.what(), HINT_SCIM);
@@ -50,9 +50,9 @@ static int run(Cli &cli, const std::vector<std::string> &words)
         return fail(cli, EXIT_NO_PLATFORM, error.what());
     } catch (const NoBackupError &error) {
         return fail(cli, EXIT_NO_BACKUP, error.what(),
-                    R"("ime-backupctl list" shows those there are, "ime-backupctl backup" makes one.)");
+                    R"("ime-backupctl list" shows the backups; "ime-backupctl backup" makes one.)");
     } catch (const NoEntryError &error) {
-        return fail(cli, EXIT_NO_BACKUP, error.what(), R"("ime-backupctl history" shows those there are.)");
+        return fail(cli, EXIT_NO_BACKUP, error.what(), R"("ime-backupctl history" shows the entries.)");
     } catch (const DamagedError &error) {
         return fail(cli, EXIT_DAMAGED, error.what());
     } catch (const TimeoutError &error) {
@@ -72,13 +72,13 @@ try {
     if (!cli.quiet && cli.writes_json && (!cli.traces || cli.has("--compare")))
         cli.document.print_json();
     else if (!cli.quiet)
-        cli.document.print_text(cli.traces ? stderr : stdout); // standard output has the trace
+        cli.document.print_text(cli.traces ? stderr : stdout); // the trace is on standard output
 
     errno = 0;
     if (fflush(stdout) != 0 || ferror(stdout) != 0)
         return fail(cli, cli.failure_status,
                     std::string("can't write to standard output: ") +
-                        (errno != 0 ? strerror(errno) : "some of it is lost"));
+                        (errno != 0 ? strerror(errno) : "some output is lost"));
     return status;
 } catch (const std::exception &error) {
     fprintf(stderr, "ime-backupctl: %s\n", escaped(error.what()).c_str());

@@ -1,4 +1,5 @@
-// Writes ime-backupctl's manual: standard input, with what the help tells in it. So the two can't differ.
+// Fills the template of ime-backupctl's manual on standard input with the texts of the help, so that the two
+// agree.
 
 #include <iostream>
 #include <map>
@@ -9,7 +10,7 @@
 #include "setting.h"
 #include "text.h"
 
-/// The text, with nothing in it that the formatter obeys.
+/// Escapes the characters that have a meaning in roff.
 static std::string plain(const std::string &text)
 {
     std::string escaped_text;
@@ -18,7 +19,7 @@ static std::string plain(const std::string &text)
     return (text.starts_with(".") || text.starts_with("'") ? "\\&" : "") + escaped_text;
 }
 
-/// A paragraph: in a manual's source, each sentence begins a line.
+/// Formats a paragraph: in a manual's source, each sentence begins a line.
 static std::string paragraph(const std::string &text)
 {
     static constexpr size_t WIDTH = 72;
@@ -30,14 +31,14 @@ static std::string paragraph(const std::string &text)
     return lines;
 }
 
-/// @param describe yields an item's macros and text
-template <class Things, class Describe>
-static std::string list(const Things &things, Describe describe)
+/// @param describe returns an item's macros and text
+template <class Items, class Describe>
+static std::string list(const Items &items, Describe describe)
 {
-    std::string items;
-    for (const auto &thing : things)
-        items += ".It " + describe(thing);
-    return items.empty() ? "" : ".Bl -tag -width Ds\n" + items + ".El\n";
+    std::string text;
+    for (const auto &item : items)
+        text += ".It " + describe(item);
+    return text.empty() ? "" : ".Bl -tag -width Ds\n" + text + ".El\n";
 }
 
 static std::string in_brackets(Times times, const std::string &macros)
@@ -100,10 +101,10 @@ static std::string describe_examples(const Command &command)
     return text;
 }
 
-static std::string describe_notes(const std::vector<Note> &notes, const std::string &macro)
+static std::string describe_entries(const std::vector<HelpEntry> &entries, const std::string &macro)
 {
-    return list(notes, [&macro](const Note &note) {
-        return macro + note.label + "\n" + paragraph(std::string(note.description) + ".");
+    return list(entries, [&macro](const HelpEntry &entry) {
+        return macro + entry.label + "\n" + paragraph(std::string(entry.description) + ".");
     });
 }
 
@@ -119,8 +120,8 @@ int main()
         {"@COMMANDS@", describe_commands()},
         {"@OPTIONS@", options_list(PROGRAM.options)},
         {"@SETTINGS@", list(ALL_SETTINGS, describe_setting)},
-        {"@ENVIRONMENT@", describe_notes(ENVIRONMENT, "Ev ")},
-        {"@EXIT_STATUSES@", describe_notes(EXIT_STATUSES, "")},
+        {"@ENVIRONMENT@", describe_entries(ENVIRONMENT, "Ev ")},
+        {"@EXIT_STATUSES@", describe_entries(EXIT_STATUSES, "")},
         {"@EXAMPLES@", describe_examples(PROGRAM)},
     };
     for (std::string line; std::getline(std::cin, line);) {

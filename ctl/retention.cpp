@@ -5,7 +5,7 @@
 
 #include <glib.h>
 
-/// The name of a period of the local time.
+/// Formats the period of local time that a date is in.
 static std::string period_of(std::int64_t date, const char *format)
 {
     g_autoptr(GDateTime) time = g_date_time_new_from_unix_local(date / 1000);
@@ -18,9 +18,9 @@ apply_retention(const Retention &retention, const std::vector<RatedBackup> &back
 {
     using State = RatedBackup::State;
     std::vector<std::vector<std::string>> kept_by(backups.size());
-    const bool goes_by_dates = retention.within || retention.daily + retention.weekly + retention.monthly > 0;
+    const bool has_date_rule = retention.within || retention.daily + retention.weekly + retention.monthly > 0;
 
-    std::vector<size_t> by_date; // the good ones with a date, the latest first
+    std::vector<size_t> by_date; // the good backups that have a date, latest first
     std::optional<size_t> newest;
     for (size_t i = 0; i < backups.size(); i++) {
         const auto &[state, date] = backups[i];
@@ -35,7 +35,7 @@ apply_retention(const Retention &retention, const std::vector<RatedBackup> &back
         newest = i;
         if (date)
             by_date.push_back(i);
-        else if (goes_by_dates)
+        else if (has_date_rule)
             kept_by[i].emplace_back("no date");
     }
     std::ranges::stable_sort(by_date, [&](size_t one, size_t other) {

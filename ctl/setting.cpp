@@ -26,8 +26,8 @@ const SettingRow &find_setting(const std::string &name)
         if (row.member == name)
             return row;
     const std::string hint = did_you_mean(name, names_of_settings());
-    throw UsageError("there is no setting \"" + name + "\"" +
-                     (hint.empty() ? "; there are " + join(names_of_settings(), ", ") : hint));
+    throw UsageError("unknown setting \"" + name + "\"" +
+                     (hint.empty() ? "; the settings are " + join(names_of_settings(), ", ") : hint));
 }
 
 Device &open_device()
@@ -43,7 +43,7 @@ Device &open_device()
 
 BackupPlan plan_backup_here()
 {
-    const FileLock turn = wait_for_turn(true);
+    const FileLock lock = lock_exchanges(true);
     Device &device = open_device();
     return plan_backup(device.read_all(), std::bind_front(&Device::refuses, &device));
 }
@@ -67,7 +67,7 @@ static bool parse_switch(const std::string &text)
     throw UsageError("\"" + text + "\" is neither true nor false");
 }
 
-/// A regular expression would need more stack, the longer the text is.
+/// Does without a regular expression, whose use of the stack grows with the text.
 static bool is_language(const std::string &text)
 {
     static constexpr std::string_view MARKS = "_@.-";
@@ -76,7 +76,7 @@ static bool is_language(const std::string &text)
            });
 }
 
-/// Each identifier, with the delimiter behind it.
+/// Returns the list as the device holds it: a delimiter follows each language.
 static std::string parse_languages(const std::string &text)
 {
     std::string list;
@@ -85,9 +85,8 @@ static std::string parse_languages(const std::string &text)
         if (piece.empty())
             continue;
         if (!is_language(piece))
-            throw UsageError(
-                "\"" + piece +
-                "\" can't be a language's identifier, such as en_US; between several there are commas");
+            throw UsageError("\"" + piece +
+                             "\" is not a language such as en_US; separate languages with commas");
         list += piece + LANGUAGE_DELIMITER;
     }
     return list;
@@ -96,7 +95,7 @@ static std::string parse_languages(const std::string &text)
 DeviceValue parse_value(const SettingRow &row, const std::string &text)
 {
     if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) == FALSE)
-        throw UsageError("the value is no UTF-8 text");
+        throw UsageError("the value is not UTF-8 text");
     if (row.form == SettingForm::boolean_switch)
         return parse_switch(text);
     if (row.form == SettingForm::integer_switch)
@@ -104,7 +103,7 @@ DeviceValue parse_value(const SettingRow &row, const std::string &text)
     if (row.form == SettingForm::languages)
         return parse_languages(text);
     if (std::any_of(text.begin(), text.end(), [](char c) { return g_ascii_iscntrl(c) != FALSE; }))
-        throw UsageError("no identifier has a control character in it");
+        throw UsageError("an identifier can't contain control characters");
     return text;
 }
 
@@ -120,7 +119,7 @@ Cell cell_of(const SettingRow &row, const DeviceValue &value)
 
 // Changes.
 
-/// Writes the values, and throws unless the device holds them durably.
+/// Writes the values durably, and throws if the device holds others afterwards.
 static void write_values(Device &device, const NewValues &values)
 {
     std::map<std::string, std::string> refusals;
@@ -142,7 +141,7 @@ static void write_values(Device &device, const NewValues &values)
         throw HostError("not changed: " + join(failures, ", "));
 }
 
-/// The settings that are to be changed, as they are.
+/// Reads the current values of the given settings.
 static NamedValues read_targets(Device &device, const NewValues &values)
 {
     std::vector<SettingRow> rows;
@@ -155,7 +154,7 @@ static NamedValues read_targets(Device &device, const NewValues &values)
     return named;
 }
 
-/// The same after a failure. Where they can't be read, each counts as changed.
+/// Reads the settings after a change. If they can't be read, all count as changed.
 static NamedValues read_again(Device &device, const NewValues &values)
 {
     try {

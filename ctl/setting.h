@@ -12,47 +12,47 @@ struct Cli;
 
 std::vector<std::string> names_of_settings();
 
-/// @throws UsageError when there is no setting of this name
+/// @throws UsageError if there is no setting of this name
 const SettingRow &find_setting(const std::string &name);
 
-/// This device, loaded when it is first needed: most commands leave it to the service.
+/// Returns this device. Its library is loaded on first use, since many commands don't need it.
 ///
-/// @throws PlatformError when its library can't be loaded
+/// @throws PlatformError if the library can't be loaded
 Device &open_device();
 
-/// What a backup of this device would hold, once no exchange is under way.
+/// Waits until no exchange is running, and plans a backup of this device.
 ///
 /// @throws TimeoutError
 BackupPlan plan_backup_here();
 
-/// A setting's place and key, for a person.
+/// Returns where the device keeps a setting, and under which key, for people.
 std::string place_of(const SettingRow &row);
 
-/// A value as a person writes it.
+/// Reads a value from the command line.
 ///
-/// @throws UsageError when the text is no value of this setting
+/// @throws UsageError if it is not a value of this setting
 DeviceValue parse_value(const SettingRow &row, const std::string &text);
 
 Cell cell_of(const SettingRow &row, const DeviceValue &value);
 
-/// Settings, and what they are to hold.
+/// Settings with their new values.
 using NewValues = std::vector<std::pair<SettingRow, DeviceValue>>;
 
-/// What changes settings; see the members of HistoryEntry.
+/// The operation behind a change of settings, as the history records it: see HistoryEntry.
 struct Cause {
     std::string what;
     EntryNumber undoes = 0;
     std::uint64_t backup = 0;
     std::string store{};
-    std::string failure{}; ///< why it fails even when all settings are changed; empty if it does not
+    std::string failure{}; ///< why the operation fails although all settings could be changed, or ""
 };
 
-/// Changes settings of this device, as an entry of its history, and checks that they hold the new values.
-/// Whoever calls it holds the turn.
+/// Changes settings of this device, records an entry in its history, and checks that the device holds the new
+/// values. The caller holds the lock of lock_exchanges().
 ///
-/// @param[in,out] cli its document's "settings" become those that were changed, also when some could not be
-/// @return the values before and after
+/// @param[in,out] cli its document's "settings" are set to those that were changed, also on failure
+/// @return all given settings, before and after
 Table change_device(Cli &cli, const Cause &cause, const NewValues &values);
 
-/// For settings that were changed.
+/// An empty table of changed settings.
 inline const Table CHANGES{{{"name", "setting"}, {"before", "before"}, {"after", "after"}}};
