@@ -87,7 +87,7 @@ static Finding check_cloud_store()
     } catch (const PlatformError &error) {
         return {error.what(), "Set IME_BACKUP_CLOUD_STORE to a place that you can write in"};
     } catch (const HostError &error) {
-        return {error.what(), "Try again later, or set IME_BACKUP_CLOUD_STORE to another place"};
+        return {error.what(), "Mend the fault and try again, or set IME_BACKUP_CLOUD_STORE to another place"};
     }
 }
 

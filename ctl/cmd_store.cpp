@@ -268,7 +268,7 @@ static Retention read_retention(const Cli &cli)
     const std::vector<std::string> options = {"--keep", "--keep-within", "--keep-daily", "--keep-weekly",
                                               "--keep-monthly"};
     if (std::ranges::none_of(options, [&](const std::string &option) { return cli.has(option); }))
-        throw UsageError("no rule is given: use " + join(options, ", "));
+        throw UsageError("no rule is given: use one of " + join(options, ", "));
     if (cli.has("--keep-within")) {
         const std::string age = cli.value("--keep-within");
         const char unit = age.back();

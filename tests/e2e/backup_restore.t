@@ -4,10 +4,10 @@ A device as it comes is not backed up: it has no active input method. Nothing is
 
   $ ime-backupctl backup
   ime-backupctl: no input method is active
-  One is chosen with: ime-backupctl settings set default_keyboard IDENTIFIER
+  Choose one with: ime-backupctl settings set default_keyboard IDENTIFIER
   [3]
   $ ime-backupctl list
-  ime-backupctl: there is no backup yet: WORK/state/cloud is made by the first one
+  ime-backupctl: no backups yet: the first one makes WORK/state/cloud
 
 All settings, with each way to write a value.
 

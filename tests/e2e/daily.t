@@ -18,7 +18,7 @@ What changed when. A backup that can't be read does not hide what came before an
   $ put_backup 4 "$(record 0 1 'no JSON')"; ime-backupctl settings set prediction off && ime-backupctl backup
   backup 5  DAY TIME
   $ ime-backupctl log prediction latest
-  ime-backupctl: there is no setting "latest"; there are default_keyboard, selected_lang, handwriting, prediction, auto_space, auto_capitalize, auto_punctuation, key_tap_sound, key_tap_vib, downloaded_lang, downloaded_with_handwriting_lang
+  ime-backupctl: unknown setting "latest"; the settings are default_keyboard, selected_lang, handwriting, prediction, auto_space, auto_capitalize, auto_punctuation, key_tap_sound, key_tap_vib, downloaded_lang, downloaded_with_handwriting_lang
   [2]
   $ ime-backupctl log prediction
   id  time                     setting     from   to
@@ -46,19 +46,19 @@ Chosen settings, without the service. The others stay exactly as they are, also 
   auto_capitalize   true    (not set)
   auto_punctuation  true    (not set)
   key_tap_vib       true    false
-  undid entry 10 (restore of backup 1)
+  undid the restore of backup 1 (entry 10)
   setting        before  after
   selected_lang  de_DE   en_US
-  undid entry 9 (restore of backup 1)
+  undid the restore of backup 1 (entry 9)
   $ ime-backupctl settings | diff before -
   $ restore 2 --only selected_lang --strict
   setting        before  after
   selected_lang  en_US   en_US
   backup 2  restored
   $ printf '%s\n' '--only predicton' '--only downloaded_lang' '--only prediction --except prediction' '9 --only prediction' '4 --only prediction' | sed 's/^/restore /' | try_each
-  2 ime-backupctl: there is no setting "predicton"; did you mean prediction?
+  2 ime-backupctl: unknown setting "predicton"; did you mean prediction?
   2 ime-backupctl: downloaded_lang is not part of a backup
-  2 ime-backupctl: --only and --except exclude each other
+  2 ime-backupctl: --only and --except can't be combined
   4 ime-backupctl: there is no backup 9
   1 ime-backupctl: not restored: record "0"
   $ ime-backupctl history | tail -n 4
@@ -79,10 +79,10 @@ Settings leave and come back, with those that are not set.
   >     echo "$text" | ime-backupctl settings load
   > done
   ime-backupctl: - can't be loaded: prediction: the value has another type
-  ime-backupctl: - can't be loaded: predict: there is no setting "predict"; did you mean prediction?
+  ime-backupctl: - can't be loaded: predict: unknown setting "predict"; did you mean prediction?
   ime-backupctl: - can't be loaded: selected_lang: the value has another type
-  ime-backupctl: - can't be loaded: it holds no JSON object
-  ime-backupctl: - can't be loaded: it is no JSON text
+  ime-backupctl: - can't be loaded: not a JSON object
+  ime-backupctl: - can't be loaded: not JSON
   ime-backupctl: default_keyboard: no input method can have this identifier
   [2]
   $ ime-backupctl settings | diff before -

@@ -44,8 +44,8 @@ Numbers that no backup can have are named; the next backup gets the next number.
   $ ime-backupctl list
   id  time  age  keyboard  languages
   1   DAY TIME  AGE  kbd       en_US,ko_KR
-  ime-backupctl: backup-0000002.json is left out: no backup has this number
-  ime-backupctl: backup-9223372036854775807.json is left out: no backup has this number
+  ime-backupctl: backup-0000002.json is ignored: its number is not valid
+  ime-backupctl: backup-9223372036854775807.json is ignored: its number is not valid
   $ ime-backupctl backup
   backup 2  DAY TIME
   $ printf 'restore %s\n' 9223372036854775807 | try_each

@@ -4,7 +4,7 @@
 A store that isn't there is not an empty one, and is made by a backup alone.
 
   $ ime-backupctl list
-  ime-backupctl: there is no backup yet: WORK/state/cloud is made by the first one
+  ime-backupctl: no backups yet: the first one makes WORK/state/cloud
   $ IME_BACKUP_CLOUD_STORE=$PWD/store try_each <<'END'
   > list
   > verify
@@ -13,12 +13,12 @@ A store that isn't there is not an empty one, and is made by a backup alone.
   > delete 1
   > import /dev/null
   > END
-  3 ime-backupctl: there is no cloud store HERE/store; "ime-backupctl backup" makes it
-  3 ime-backupctl: there is no cloud store HERE/store; "ime-backupctl backup" makes it
-  3 ime-backupctl: there is no cloud store HERE/store; "ime-backupctl backup" makes it
+  3 ime-backupctl: the cloud store HERE/store does not exist; "ime-backupctl backup" makes it
+  3 ime-backupctl: the cloud store HERE/store does not exist; "ime-backupctl backup" makes it
+  3 ime-backupctl: the cloud store HERE/store does not exist; "ime-backupctl backup" makes it
   4 ime-backupctl: there is no backup yet in HERE/store
   4 ime-backupctl: there is no backup yet in HERE/store
-  3 ime-backupctl: there is no cloud store HERE/store; "ime-backupctl backup" makes it
+  3 ime-backupctl: the cloud store HERE/store does not exist; "ime-backupctl backup" makes it
   $ ls -d store $cloud 2>/dev/null
   [2]
 
@@ -145,7 +145,7 @@ What can't be read is not what may go: it may be good, and others are pruned as 
   40                             unreadable
   backup 36  deleted
   backup 37  deleted
-  ime-backupctl: backup 38 can't be read: can't open WORK/state/cloud/backup-000038.json: No such file or directory; backup 40 can't be read: can't open WORK/state/cloud/backup-000040.json: No such file or directory; what can't be read is kept
+  ime-backupctl: backup 38 can't be read: can't open WORK/state/cloud/backup-000038.json: No such file or directory; backup 40 can't be read: can't open WORK/state/cloud/backup-000040.json: No such file or directory; unreadable backups are kept
   [1]
   $ printf '%s\n' verify 'verify 39' restore 'show 38' | try_each
   3 
@@ -161,9 +161,9 @@ What a backup would fail for in the store is seen before; nothing is stored.
   $ ls -A $cloud >before; try_store; ls -A $cloud | diff before -
   fine    WORK/state/cloud, 2 backups
   $ mkdir -p $cloud/backup-000041.json.new/x; try_store; rm -r $cloud/*.new
-  NOT FINE  can't write WORK/state/cloud/backup-000041.json: File exists. Try again once it can be used, or set IME_BACKUP_CLOUD_STORE to another place
+  NOT FINE  can't write WORK/state/cloud/backup-000041.json: File exists. Mend the fault and try again, or set IME_BACKUP_CLOUD_STORE to another place
   $ flock $cloud/.lock sleep 2 & sleep 0.1; try_store; kill $!
-  NOT FINE  what holds WORK/state/cloud/.lock did not finish in time. Try again once it can be used, or set IME_BACKUP_CLOUD_STORE to another place
+  NOT FINE  what holds WORK/state/cloud/.lock did not finish in time. Mend the fault and try again, or set IME_BACKUP_CLOUD_STORE to another place
 
 Out of the store and into it: a backup, a bare snapshot, whatever is odd about it.
 
@@ -215,10 +215,10 @@ Out of the store and into it: a backup, a bare snapshot, whatever is odd about i
   $ printf 'import %s\n' cut pretty latin octal comment array large . nowhere file/file | try_each
   5 ime-backupctl: cut can't be imported: it is cut short
   5 ime-backupctl: pretty can't be imported: it has been changed since it was written, or is cut short
-  1 ime-backupctl: latin can't be imported: it is no UTF-8 text
-  5 ime-backupctl: octal can't be imported: parsers read it in different ways: it is no strict JSON
-  5 ime-backupctl: comment can't be imported: parsers read it in different ways: it is no strict JSON
-  1 ime-backupctl: array can't be imported: it is neither a backup nor a snapshot: it is no JSON object
+  1 ime-backupctl: latin can't be imported: not UTF-8 text
+  5 ime-backupctl: octal can't be imported: not strict JSON: parsers may read it differently
+  5 ime-backupctl: comment can't be imported: not strict JSON: parsers may read it differently
+  1 ime-backupctl: array can't be imported: neither a backup nor a snapshot: not a JSON object
   1 ime-backupctl: large can't be imported: it is larger than 16777216 bytes
   1 ime-backupctl: . can't be imported: it can't be read: Is a directory
   1 ime-backupctl: nowhere can't be imported: No such file or directory
@@ -230,8 +230,8 @@ Out of the store and into it: a backup, a bare snapshot, whatever is odd about i
   1 ime-backupctl: can't write nowhere/file: No such file or directory
   1 ime-backupctl: can't write /dev/full: No space left on device
   0 
-  1 ime-backupctl: can't write link: it is a link to nothing
-  1 ime-backupctl: can't write WORK/state/cloud/x: that is in the cloud store
+  1 ime-backupctl: can't write link: it is a dangling link
+  1 ime-backupctl: can't write WORK/state/cloud/x: it is in the cloud store
   [2]
   $ echo export 40 file | try_each; cmp file $cloud/backup-000039.json
   5 ime-backupctl: backup 40 is damaged: record "0" holds no snapshot

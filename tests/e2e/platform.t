@@ -14,7 +14,7 @@ A daemon that does not answer: waited for no longer than SCIM says, in milliseco
   $ signal_scim STOP
   $ ime-backupctl backup
   ime-backupctl: the SCIM daemon (at local:WORK/scim/socket) does not answer
-  A SCIM daemon is started with: SCIM_LAUNCHER -d -c simple -e none -f socket
+  Start a SCIM daemon with: SCIM_LAUNCHER -d -c simple -e none -f socket
   [3]
   $ all_commands | try_each
   3 ime-backupctl: the SCIM daemon (at local:WORK/scim/socket) does not answer
@@ -172,7 +172,7 @@ A service that never finishes, and does not mind being asked to; then one that w
   $ chmod +x stubborn waiting
   $ is_gone() { for _ in {1..200}; do grep -q '^State:.[^Z]' /proc/$(cat pid)/status 2>/dev/null || return 0; sleep 0.05; done; return 1; }
   $ try_each <<<"--timeout 0.3 --service $PWD/stubborn info"; is_gone
-  124 ime-backupctl: the service did not finish in time and was stopped; nothing on the device had been changed by then
+  124 ime-backupctl: the service did not finish in time and was stopped; no setting was changed
   $ rm pid; command ime-backupctl --service $PWD/waiting info & disown; until [[ -s pid ]]; do sleep 0.05; done
   $ kill -KILL $!; is_gone
 

@@ -19,9 +19,9 @@ A remote store is like a folder.
 
   $ ime-backupctl settings set default_keyboard kbd downloaded_lang en_US,ko_KR
   $ printf '%s\n' list show 'import /dev/null' | try_each
-  3 ime-backupctl: there is no cloud store rclone:dav:a "desk" * $x/--b; "ime-backupctl backup" makes it
+  3 ime-backupctl: the cloud store rclone:dav:a "desk" * $x/--b does not exist; "ime-backupctl backup" makes it
   4 ime-backupctl: there is no backup yet in rclone:dav:a "desk" * $x/--b
-  3 ime-backupctl: there is no cloud store rclone:dav:a "desk" * $x/--b; "ime-backupctl backup" makes it
+  3 ime-backupctl: the cloud store rclone:dav:a "desk" * $x/--b does not exist; "ime-backupctl backup" makes it
   $ ime-backupctl backup
   backup 1  DAY TIME
   $ ime-backupctl backup --if-changed
@@ -84,8 +84,8 @@ A number is never given again. Nothing else that is there is overwritten, delete
   other.gone
   id  time  age  keyboard  languages
   5   DAY TIME  AGE  kbd       en_US,ko_KR
-  ime-backupctl: backup-01.json is left out: no backup has this number
-  ime-backupctl: backup-99999999999999999999.json is left out: no backup has this number
+  ime-backupctl: backup-01.json is ignored: its number is not valid
+  ime-backupctl: backup-99999999999999999999.json is ignored: its number is not valid
   $ rm -r "$folder"/*{01,9}.json "$folder"/backup-000006.json "$folder"/*.{new,gone}
 
 What needs no store does not run rclone, and what reads all backups does so at once.
@@ -136,16 +136,16 @@ What rclone says to have done counts only once it is seen.
   backup 7  deleted
   backup 8  deleted
   backup 9  deleted
-  ime-backupctl: backup 6 can't be read: 503 Service Unavailable; what can't be read is kept
+  ime-backupctl: backup 6 can't be read: 503 Service Unavailable; unreadable backups are kept
   [1]
   $ rclone_does '[[ $* != *\ delete\ * ]] || exit 0'; lie_and delete 6 --json | paste -s
-  ime-backupctl: deleted, and still listed in rclone:dav:a "desk" * $x/--b: backup 6
+  ime-backupctl: deleted, but still listed in rclone:dav:a "desk" * $x/--b: backup 6
   {\t  "deleted": [],\t  "kept": [\t    6,\t    10\t  ]\t} (esc)
   $ rclone_does '[[ $* != *\ delete\ * ]] || : >gone; [[ $* != *lsf* || ! -e gone ]] || exit 3'; lie_and delete 6 --json | paste -s
-  ime-backupctl: it is not known what was deleted: rclone:dav:a "desk" * $x/--b seems not to be there any more
+  ime-backupctl: can't tell which backups were deleted: rclone:dav:a "desk" * $x/--b has disappeared
   {\t  "deleted": [],\t  "kept": []\t} (esc)
   $ rclone_does '[[ $* != *rcat* ]] || { echo 403 Forbidden >&2; exit 1; }'; lie_and status | grep ^cloud
-  cloud store      NOT FINE  the cloud store rclone:dav:a "desk" * $x/--b can't be used: 403 Forbidden. Try again once it can be used, or set IME_BACKUP_CLOUD_STORE to another place
+  cloud store      NOT FINE  the cloud store rclone:dav:a "desk" * $x/--b can't be used: 403 Forbidden. Mend the fault and try again, or set IME_BACKUP_CLOUD_STORE to another place
 
 What is meant for other calls of rclone changes nothing; what unlocks a remote reaches it, also from the service.
 
@@ -188,7 +188,7 @@ A remote that can't be used: rclone's reason, and nothing is lost.
 A remote that hangs: every command ends in time, and when it is asked to.
 
   $ signal_daemon remote STOP
-  $ printf -- '--timeout %s\n' '1.2 list' '2 backup' '2 restore 1' '0.5 status' | try_each | sed 's/:.*\(timeout\|deadline\).*/: ... timeout/'
+  $ printf -- '--timeout %s\n' '4 list' '4 backup' '4 restore 1' '0.5 status' | try_each | sed 's/:.*\(timeout\|deadline\).*/: ... timeout/'
   1 ime-backupctl: ... timeout
   1 ime-backupctl: ... timeout
   1 ime-backupctl: ... timeout
@@ -199,7 +199,7 @@ A remote that hangs: every command ends in time, and when it is asked to.
   >     until [[ -s runs ]]; do sleep 0.01; done; kill $!; wait $!; echo "$? $(head -n 1 errors)"
   > done
   130 ime-backupctl: interrupted; what the remote store was asked to do may be done
-  130 ime-backupctl: interrupted; "ime-backupctl list" shows whether the backup had been stored by then
+  130 ime-backupctl: interrupted; "ime-backupctl list" shows whether the backup was stored
   $ signal_daemon remote CONT
 
 Uploads that are cut off, by the remote's end or by the client's, leave no backup and take nothing away.

@@ -53,7 +53,7 @@ What a script gets of each command: one document with all that it may want.
   $ ime-backupctl export 1 file --json | flat
   {"succeeded":true,"reason":"","backup":1}
   $ ime-backupctl help undo --json | flat | cut -c 1-40
-  {"help":"Putbackwhatarestore,orachangeof
+  {"help":"Revertarestoreorachangeofsettin
   $ ime-backupctl delete 2 --json | flat
   {"deleted":[2],"kept":[1,3]}
   $ ime-backupctl status --json | flat | tidy
@@ -70,24 +70,24 @@ A failure is in the document, too, and on standard error; what can't be told is 
   >     ime-backupctl $command --json | flat; echo "[${PIPESTATUS[0]}]"
   > done
   ime-backupctl: there is no backup 9
-  "ime-backupctl list" shows those there are, "ime-backupctl backup" makes one.
+  "ime-backupctl list" shows the backups; "ime-backupctl backup" makes one.
   {"succeeded":false,"reason":"thereisnobackup9","backup":null,"dry_run":false,"records":[],"settings":[]}
   [4]
   ime-backupctl: nowhere can't be imported: No such file or directory
   {"succeeded":false,"reason":"nowherecan'tbeimported:Nosuchfileordirectory","backup":null,"stored":false}
   [1]
-  ime-backupctl: there is no setting "mood"; there are default_keyboard, selected_lang, handwriting, prediction, auto_space, auto_capitalize, auto_punctuation, key_tap_sound, key_tap_vib, downloaded_lang, downloaded_with_handwriting_lang
+  ime-backupctl: unknown setting "mood"; the settings are default_keyboard, selected_lang, handwriting, prediction, auto_space, auto_capitalize, auto_punctuation, key_tap_sound, key_tap_vib, downloaded_lang, downloaded_with_handwriting_lang
   
   [2]
   ime-backupctl: there is no backup 9
-  "ime-backupctl list" shows those there are, "ime-backupctl backup" makes one.
+  "ime-backupctl list" shows the backups; "ime-backupctl backup" makes one.
   
   [4]
-  ime-backupctl: the service gave no result of an exchange (exit status 1); nothing on the device had been changed by then
+  ime-backupctl: the service ended without a result (exit status 1); no setting was changed
     sleep: invalid time interval 'http://orvanta.com/appcontrol/operation/orvanta_cloud/get_backup_info'
     Try 'sleep --help' for more information.
-  The service's log is WORK/state/service.log
-  {"succeeded":false,"reason":"theservicegavenoresultofanexchange(exitstatus1);nothingonthedevicehadbeenchangedbythen","records":[]}
+  The service's log: WORK/state/service.log
+  {"succeeded":false,"reason":"theserviceendedwithoutaresult(exitstatus1);nosettingwaschanged","records":[]}
   [1]
   {"succeeded":true,"reason":"","backup":1,"dry_run":false,"records":[{"key":"0","failed":false}],"settings":[{"name":"default_keyboard","before":"kbd","wanted":"kbd","after":"kbd","why":""},
   {"name":"selected_lang","before":["en_US","ko_KR"],"wanted":["en_US","ko_KR"],"after":["en_US","ko_KR"],"why":""},
@@ -113,8 +113,8 @@ A failure is in the document, too, and on standard error; what can't be told is 
   [3]
   
   [5]
-  [{"what":"scim","fine":false,"found":"theSCIMdaemon(atlocal:WORK/scim/socket)isn'trunning","do":"ASCIMdaemonisstartedwith:SCIM_LAUNCHER-d-csimple-enone-fsocket"},
-  {"what":"keyboard","fine":false,"found":"notknownwithouttheSCIMdaemon","do":"StarttheSCIMdaemon"},
+  [{"what":"scim","fine":false,"found":"theSCIMdaemon(atlocal:WORK/scim/socket)isn'trunning","do":"StartaSCIMdaemonwith:SCIM_LAUNCHER-d-csimple-enone-fsocket"},
+  {"what":"keyboard","fine":false,"found":"unknownwithouttheSCIMdaemon","do":"StarttheSCIMdaemon"},
   [3]
   $ start_scim
 
@@ -125,7 +125,7 @@ Nothing but errors.
   >     ime-backupctl -q $command
   > done
   ime-backupctl: there is no backup 99
-  "ime-backupctl list" shows those there are, "ime-backupctl backup" makes one.
+  "ime-backupctl list" shows the backups; "ime-backupctl backup" makes one.
   [4]
 
 On a terminal a table fits, with remarks below the lines that they are too long for; colour is for a terminal alone.
@@ -164,7 +164,7 @@ What only looks makes nothing, and tells what is in the way.
   > done
   [1]
   $ mkdir -p fresh/exchange.lock; ln -s nowhere fresh/cloud; ime-backupctl status | tail -n 3
-  exchange files   NOT FINE  can't open HERE/fresh/exchange.lock: Is a directory. Move away what is in the way, or set IME_BACKUP_HOST_DIR to another folder
+  exchange files   NOT FINE  can't open HERE/fresh/exchange.lock: Is a directory. Move that file or folder away, or set IME_BACKUP_HOST_DIR to another folder
   cloud store      NOT FINE  can't write in HERE/fresh/cloud. Set IME_BACKUP_CLOUD_STORE to a place that you can write in
   last exchange    NOT FINE  can't open HERE/fresh/exchange.lock: Is a directory. Move it away
   $ rmdir fresh/exchange.lock; ime-backupctl status | tail -n 1

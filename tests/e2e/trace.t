@@ -54,9 +54,9 @@ A call that fails is not made. What the service makes of it is seen, and so is w
   $ tidy <errors | head -n 1
   ime-backupctl: record "0" has no value: the settings could not be read
   $ command ime-backupctl trace backup --fail orvanta_cloud_backup_record_set_backup_cb=0 2>&1 >/dev/null | head -n 1
-  ime-backupctl: the service asked for another exchange: info
+  ime-backupctl: the service ran another exchange: info
   $ ime-backupctl list
-  ime-backupctl: there is no backup yet: WORK/state/cloud is made by the first one
+  ime-backupctl: no backups yet: the first one makes WORK/state/cloud
 
 A script gets an object on each line, with the members that the manual tells of, and each text as it is.
 
@@ -148,11 +148,11 @@ A trace from elsewhere tells whether the calls are the same here: not their time
   > trace --compare lines --fail orvanta_cloud_record_set_value
   > END
   3 ime-backupctl: nowhere can't be compared: No such file or directory
-  2 ime-backupctl: json holds no trace in text
+  2 ime-backupctl: json is not a trace in text form
   2 ime-backupctl: twice holds the traces of several exchanges
-  2 ime-backupctl: cut does not tell its exchange: name backup, restore or info
-  2 ime-backupctl: lines is the trace of another exchange: backup
-  3 ime-backupctl: the service gave no result of an exchange (exit status 1); nothing on the device had been changed by then
+  2 ime-backupctl: cut does not show its exchange: name backup, restore or info
+  2 ime-backupctl: lines is a trace of another exchange: backup
+  3 ime-backupctl: the service ended without a result (exit status 1); no setting was changed
   3 ime-backupctl: record "0" has no value: the settings could not be read
 
 Without anyone to read the trace, the exchange goes on to its end.
@@ -160,5 +160,5 @@ Without anyone to read the trace, the exchange goes on to its end.
   $ (sleep 0.2; command ime-backupctl trace backup; echo $? >status) 2>errors | head -n 0; cat status; tidy <errors
   1
   backup 9  DAY TIME
-  ime-backupctl: can't write to standard output: some of it is lost
+  ime-backupctl: can't write to standard output: some output is lost
   $ ime-backupctl -q trace info

@@ -2,8 +2,8 @@
   $ store=$IME_BACKUP_HOST_DIR/settings.db
   $ journal=$IME_BACKUP_HOST_DIR/history.jsonl
   $ ime-backupctl undo; ime-backupctl history
-  there is nothing to undo
-  nothing was done yet
+  nothing to undo
+  the history is empty
   $ ime-backupctl settings set default_keyboard kbd downloaded_lang en_US,ko_KR key_tap_sound off
   $ ime-backupctl backup
   backup 1  DAY TIME
@@ -21,7 +21,7 @@ undo goes further back, and an undo can be undone.
   setting      before  after
   prediction   false   true
   key_tap_vib  false   true
-  undid entry 6 (settings set)
+  undid settings set (entry 6)
   $ ime-backupctl settings >restored
   $ ime-backupctl undo --dry-run
   setting           before       after
@@ -34,15 +34,15 @@ undo goes further back, and an undo can be undone.
   auto_punctuation  true         (not set)
   key_tap_sound     false        (not set)
   key_tap_vib       true         (not set)
-  would undo entry 5 (restore of backup 1)
+  would undo the restore of backup 1 (entry 5)
   $ ime-backupctl settings | diff restored -
   $ ime-backupctl undo | tail -n 1
-  undid entry 5 (restore of backup 1)
+  undid the restore of backup 1 (entry 5)
   $ ime-backupctl settings | diff before -
   $ ime-backupctl undo
   setting        before     after
   key_tap_sound  (not set)  false
-  undid entry 4 (settings unset)
+  undid settings unset (entry 4)
   $ ime-backupctl history
   entry  time  what                 result  changed
   1      DAY TIME  settings set         done    default_keyboard, key_tap_sound, downloaded_lang
@@ -55,11 +55,11 @@ undo goes further back, and an undo can be undone.
   8      DAY TIME  undo of entry 5      done    default_keyboard, selected_lang, handwriting, prediction, auto_space, auto_capitalize, auto_punctuation, key_tap_sound, key_tap_vib
   9      DAY TIME  undo of entry 4      done    key_tap_sound
   $ ime-backupctl undo 7 | tail -n 1
-  undid entry 7 (undo of entry 6)
+  undid the undo of entry 6 (entry 7)
   $ printf 'undo %s\n' 99 x 5 1 | try_each
   4 ime-backupctl: there is no entry 99 in the history
   4 ime-backupctl: there is no entry x in the history
-  1 ime-backupctl: entry 5 (restore of backup 1) is undone already; "ime-backupctl undo 8" takes that back
+  1 ime-backupctl: entry 5 (restore of backup 1) is undone already; "ime-backupctl undo 8" takes the undo back
   0 
 
 So is what is no value of its setting; a number comes back as the number that it was.
@@ -101,9 +101,9 @@ What changes nothing, fails or never begins leaves the way back from what was be
   $ ime-backupctl undo
   setting      before  after
   key_tap_vib  false   true
-  undid entry 19 (settings set)
+  undid settings set (entry 19)
   $ ime-backupctl undo | tail -n 1
-  undid entry 14 (restore of backup 1)
+  undid the restore of backup 1 (entry 14)
   $ ime-backupctl settings | diff before -
 
 Interrupted: status and the history tell of it, and what it was to change is put back, but nothing else.
@@ -112,14 +112,14 @@ Interrupted: status and the history tell of it, and what it was to change is put
   $ sed -i '$d' $journal
   $ ime-backupctl settings unset auto_capitalize
   $ ime-backupctl status | grep last
-  last exchange    failed  restore of backup 2 was interrupted. Put back what it changed with: ime-backupctl undo 22
+  last exchange    failed  restore of backup 2 was interrupted. Revert its changes with: ime-backupctl undo 22
   $ ime-backupctl history | tail -n 2 | cut -c 1-80
   22     DAY TIME  restore of backup 2  interrupted  default_keyboard, handwriting
   23     DAY TIME  settings unset       done         auto_capitalize
   $ ime-backupctl undo | tail -n 1
-  undid entry 23 (settings unset)
+  undid settings unset (entry 23)
   $ ime-backupctl undo | tail -n 1
-  undid entry 22 (restore of backup 2)
+  undid the restore of backup 2 (entry 22)
   $ ime-backupctl settings | diff before -
   $ ime-backupctl status | grep last
   last exchange    fine      restore of backup 2 was undone
@@ -135,7 +135,7 @@ What can't be read, or names what is not known, is kept, and stands in the way o
   26     DAY TIME  restore              unreadable  it is damaged
   $ ime-backupctl settings set key_tap_vib off
   $ ime-backupctl undo | tail -n 1
-  undid entry 27 (settings set)
+  undid settings set (entry 27)
   $ printf 'undo %s\n' '' 30 | try_each
   1 ime-backupctl: entry 26 of the history can't be read: it is damaged; name the entry that is to be undone
   4 ime-backupctl: there is no entry 30 in the history
@@ -173,4 +173,4 @@ A place that can't be written: nothing is changed, and it can be tried again. Al
   124 ime-backupctl: another exchange did not finish in time
   124 ime-backupctl: another exchange did not finish in time
   124 ime-backupctl: another exchange did not finish in time
-  last exchange    fine      one is under way
+  last exchange    fine      running now

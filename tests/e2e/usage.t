@@ -47,45 +47,45 @@ What is asked for makes no sense, or can't be used; the service is not launched.
   > list -qx
   > list -- --json
   > END
-  2 ime-backupctl: there is no command "backdown"
+  2 ime-backupctl: unknown command "backdown"
   2 ime-backupctl: unexpected argument "1"
-  2 ime-backupctl: there is no option "--verbos"; did you mean --verbose?
-  2 ime-backupctl: ID: it is empty
-  2 ime-backupctl: prediction lacks a value
+  2 ime-backupctl: unknown option "--verbos"; did you mean --verbose?
+  2 ime-backupctl: ID: must not be empty
+  2 ime-backupctl: prediction requires a value
   2 ime-backupctl: "perhaps" is neither true nor false
-  2 ime-backupctl: there is no setting "predictio"; did you mean prediction?
-  2 ime-backupctl: the value is no UTF-8 text
-  2 ime-backupctl: "en_US ko_KR" can't be a language's identifier, such as en_US; between several there are commas
-  2 ime-backupctl: "en_US#" can't be a language's identifier, such as en_US; between several there are commas
-  2 ime-backupctl: key_tap_vib lacks a value
+  2 ime-backupctl: unknown setting "predictio"; did you mean prediction?
+  2 ime-backupctl: the value is not UTF-8 text
+  2 ime-backupctl: "en_US ko_KR" is not a language such as en_US; separate languages with commas
+  2 ime-backupctl: "en_US#" is not a language such as en_US; separate languages with commas
+  2 ime-backupctl: key_tap_vib requires a value
   2 ime-backupctl: NAME is required
-  2 ime-backupctl: there is no command "gt"; did you mean get?
-  2 ime-backupctl: there is no option "--josn"; did you mean --json?
-  2 ime-backupctl: there is no command "restroe"; did you mean restore?
-  2 ime-backupctl: there is no command "RESTORE"; did you mean restore?
-  2 ime-backupctl: there is no command "remove"; did you mean delete?
-  2 ime-backupctl: there is no option "--kep"; did you mean --keep?
-  2 ime-backupctl: there is no command "restroe"; did you mean restore?
-  2 ime-backupctl: what to keep is missing: one of --keep, --keep-within, --keep-daily, --keep-weekly, --keep-monthly
+  2 ime-backupctl: unknown command "gt"; did you mean get?
+  2 ime-backupctl: unknown option "--josn"; did you mean --json?
+  2 ime-backupctl: unknown command "restroe"; did you mean restore?
+  2 ime-backupctl: unknown command "RESTORE"; did you mean restore?
+  2 ime-backupctl: unknown command "remove"; did you mean delete?
+  2 ime-backupctl: unknown option "--kep"; did you mean --keep?
+  2 ime-backupctl: unknown command "restroe"; did you mean restore?
+  2 ime-backupctl: no rule is given: use one of --keep, --keep-within, --keep-daily, --keep-weekly, --keep-monthly
   2 ime-backupctl: --keep: not a number of backups: x
   2 ime-backupctl: --keep-within: not an age such as 12h or 30d (m, h, d or w): 1y
-  2 ime-backupctl: no more than two backups can be compared
+  2 ime-backupctl: diff takes at most two backups
   2 ime-backupctl: ID is required
   2 ime-backupctl: default_keyboard: no input method can have this identifier
-  2 ime-backupctl: no identifier has a control character in it
-  2 ime-backupctl: --service: it is empty
-  2 ime-backupctl: trace lacks what it is to show: backup, restore or info
-  2 ime-backupctl: --fail: there is no function "vconf_get_bol"; did you mean vconf_get_bool?
+  2 ime-backupctl: an identifier can't contain control characters
+  2 ime-backupctl: --service: must not be empty
+  2 ime-backupctl: trace requires an exchange: backup, restore or info
+  2 ime-backupctl: --fail: unknown function "vconf_get_bol"; did you mean vconf_get_bool?
   2 ime-backupctl: --fail: not FUNCTION, FUNCTION#N, FUNCTION=CODE or FUNCTION#N=CODE: vconf_get#0
   2 ime-backupctl: --fail: not FUNCTION, FUNCTION#N, FUNCTION=CODE or FUNCTION#N=CODE: vconf_get=0x1
   2 ime-backupctl: NAME VALUE is required
   2 ime-backupctl: FILE is required
-  2 ime-backupctl: --timeout lacks a value
-  2 ime-backupctl: --store lacks a value
+  2 ime-backupctl: --timeout requires a value
+  2 ime-backupctl: --store requires a value
   2 ime-backupctl: --json takes no value
   2 ime-backupctl: --keep is given twice
-  2 ime-backupctl: there is no option "--timeot"; did you mean --timeout?
-  2 ime-backupctl: there is no option "-qx"
+  2 ime-backupctl: unknown option "--timeot"; did you mean --timeout?
+  2 ime-backupctl: unknown option "-qx"
   2 ime-backupctl: unexpected argument "--json"
   $ for seconds in 0 0.09 -1 +5 1e3 0x10 NaN inf 86401 '' ' 5' 5s 0.0001; do
   >     echo "--timeout '$seconds' info" | try_each
@@ -102,7 +102,7 @@ What is asked for makes no sense, or can't be used; the service is not launched.
   > restore
   > END
   3 ime-backupctl: can't start the service /nonexistent: No such file or directory
-  1 ime-backupctl: the service gave no result of an exchange (exit status 1); nothing on the device had been changed by then
+  1 ime-backupctl: the service ended without a result (exit status 1); no setting was changed
   4 ime-backupctl: there is no backup yet in WORK/state/cloud
   $ ime-backupctl settings set default_keyboard kbd
   $ ime-backupctl backup
@@ -129,9 +129,9 @@ Help and versions. Each command's help is at most 80 columns wide and has an exa
   
   Usage: ime-backupctl settings set [OPTION]... NAME VALUE...
   
-  A value is true or false (on or off, yes or no, 1 or 0) for a switch, languages
-  with commas between them for a list, and an input method's identifier for
-  default_keyboard.
+  A switch takes true or false (also on or off, yes or no, 1 or 0), a list takes
+  languages separated by commas, and default_keyboard takes an input method's
+  identifier.
   
   Arguments:
     NAME VALUE              A setting, and its new value
@@ -140,8 +140,8 @@ Help and versions. Each command's help is at most 80 columns wide and has an exa
     --json                  Write one JSON document, for scripts
     -q, --quiet             Write nothing but errors
     -v, --verbose           Show the service's log as it runs
-    --timeout SECONDS       How long to wait for the service, or a remote store
-                            (30)
+    --timeout SECONDS       How long to wait for the service, or for a remote
+                            store (default: 30)
     --store LOCATION        Where the backups are: a folder, or a remote place
                             such as rclone:s3:desk (default: cloud in the state
                             folder)
@@ -158,11 +158,11 @@ Help and versions. Each command's help is at most 80 columns wide and has an exa
   Backups:
     backup                  Make a backup
     restore                 Restore the newest backup, or the one named
-    undo                    Put back what a restore, or a change of settings,
-                            changed
+    undo                    Revert a restore or a change of settings
     list                    List the backups, newest last
     show                    Show the settings in the newest backup, or in the one
                             named
+    diff                    Compare a backup with the device, or with another
   $ for text in IME_BACKUP_CLOUD_STORE downloaded_lang '^  124'; do ime-backupctl --help | grep -c -- "$text"; done
   1
   1
