@@ -61,7 +61,7 @@ A call that fails is not made. What the service makes of it is seen, and so is w
 A script gets an object on each line, with the members that the manual tells of, and each text as it is.
 
   $ ime-backupctl settings set default_keyboard 'k"\é😀'
-  $ command ime-backupctl trace backup --json 2>/dev/null >lines; python3 - >members <<'END'
+  $ ime-backupctl trace backup --json 2>/dev/null >lines; python3 - >members <<'END'
   > import json
   > lines = [json.loads(line) for line in open("lines")]
   > print(*sorted({member for line in lines for member in line}), sep="\n")
@@ -125,7 +125,7 @@ A trace from elsewhere tells whether the calls are the same here: not their time
        service_app_exit()
      }
   [1]
-  $ trace --compare other --json | python3 -c '
+  $ ime-backupctl trace --compare other --json 2>/dev/null | python3 -c '
   > import json, sys
   > document = json.load(sys.stdin)
   > print(document["succeeded"], document["calls"], *document["differences"][2:], sep="\n")'
