@@ -127,7 +127,7 @@ static const std::vector<Command> COMMANDS = {
      "true. Without selected languages, English and Korean are backed up.",
      "ime-backupctl backup --if-changed", run_backup,
      {}, {{"--if-changed", 0, "Store nothing if the newest backup holds the same settings"}}},
-    {"restore", BACKUPS, "Restore the newest backup, or the one named",
+    {"restore", BACKUPS, "Restore a backup (default: the newest)",
      "The service applies the backup. The table shows each setting before and after, and why a setting differs from "
      "the backup. Only languages in downloaded_lang are selected. Handwriting is switched on only if one of them is "
      "in downloaded_with_handwriting_lang. The newest backup is the one with the highest number, whatever its date. "
@@ -147,11 +147,11 @@ static const std::vector<Command> COMMANDS = {
     {"list", BACKUPS, "List the backups, newest last",
      "Each backup is read and checked. A remark shows why a backup is damaged or can't be read.",
      "ime-backupctl list", run_list},
-    {"show", BACKUPS, "Show the settings in the newest backup, or in the one named",
+    {"show", BACKUPS, "Show the settings in a backup (default: the newest)",
      "With --json, prints the snapshot itself, byte for byte. If the backup has several records, the snapshot is that "
      "of the last one, which a restore applies last.",
      "ime-backupctl show 3", run_show, {NEWEST_OR_ONE}},
-    {"diff", BACKUPS, "Compare a backup with the device, or with another backup",
+    {"diff", BACKUPS, "Compare a backup with the device or another backup",
      "Without ID, compares the newest backup with the device; with one, that backup. Unset settings compare as their "
      "defaults. The order of languages does not matter. The exit status is 0 if the settings are the same, 1 if they "
      "differ, and greater than 1 if they can't be compared.",
@@ -205,8 +205,8 @@ static const std::vector<Command> COMMANDS = {
     {"info", DEVICE, "Show the keys and dates of the records in a new backup",
      "Asks the service which records it would back up now. Nothing is read or stored.",
      "ime-backupctl info --json", run_info},
-    {"trace", DEVICE, "Show the service's calls to the platform in an exchange",
-     "Shows each call with its arguments, its result and its duration, below the callback that made it. An & marks an "
+    {"trace", DEVICE, "Show the service's calls to the platform",
+     "Shows each call of an exchange with its arguments, its result and its duration, below the callback that made it. An & marks an "
      "argument that the call sets. The trace goes to standard output while the exchange runs; the output of the "
      "command without trace goes to standard error. With --json, each line is an object. With --compare, only the "
      "differences are shown, and the exchange defaults to that of FILE. Times, dates, threads, the numbers of handles "

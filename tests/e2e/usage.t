@@ -157,12 +157,12 @@ Help and versions. Each command's help is at most 80 columns wide and has an exa
   
   Backups:
     backup                  Make a backup
-    restore                 Restore the newest backup, or the one named
+    restore                 Restore a backup (default: the newest)
     undo                    Revert a restore or a change of settings
     list                    List the backups, newest last
-    show                    Show the settings in the newest backup, or in the one
-                            named
-    diff                    Compare a backup with the device, or with another
+    show                    Show the settings in a backup (default: the newest)
+    diff                    Compare a backup with the device or another backup
+    log                     Show what each backup changed
   $ for text in IME_BACKUP_CLOUD_STORE downloaded_lang '^  124'; do ime-backupctl --help | grep -c -- "$text"; done
   1
   1
