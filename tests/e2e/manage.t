@@ -1,7 +1,7 @@
   $ . "$TESTDIR/helpers"
   $ cloud=$IME_BACKUP_HOST_DIR/cloud
 
-A store that isn't there is not an empty one, and is made by a backup alone.
+A missing store is not an empty one. Only a backup creates it.
 
   $ ime-backupctl list
   ime-backupctl: no backups yet: the first one makes WORK/state/cloud
@@ -22,7 +22,7 @@ A store that isn't there is not an empty one, and is made by a backup alone.
   $ ls -d store $cloud 2>/dev/null
   [2]
 
-A backup that would hold what the newest holds already can be left out; nothing else counts as the same.
+--if-changed stores nothing if the newest backup holds the same settings. Any difference is stored.
 
   $ ime-backupctl settings set default_keyboard kbd
   $ ime-backupctl backup --if-changed
@@ -49,7 +49,7 @@ A backup that would hold what the newest holds already can be left out; nothing 
   $ ime-backupctl backup --if-changed
   backup 3  DAY TIME
 
-Two backups differ, or one and the device, or it can't be told.
+Compares two backups, a backup with the device, and backups that can't be read.
 
   $ ime-backupctl diff 1 3
   setting     backup 1  backup 3
@@ -65,7 +65,7 @@ Two backups differ, or one and the device, or it can't be told.
   3 ime-backupctl: no input method is active
   $ ime-backupctl settings set default_keyboard kbd
 
-What is in the store is checked.
+Checks the backups of the store.
 
   $ put_backup 4 "$(record a 1 '[]')"
   $ ime-backupctl verify
@@ -81,7 +81,7 @@ What is in the store is checked.
   $ echo verify 9 | try_each
   4 ime-backupctl: there is no backup 9
 
-Deleted: all that were named or none. A number is never given again.
+Deletes all named backups or none. A number is never reused.
 
   $ ime-backupctl backup
   backup 5  DAY TIME
@@ -100,7 +100,7 @@ Deleted: all that were named or none. A number is never given again.
   $ ime-backupctl list; ime-backupctl backup
   backup 7  DAY TIME
 
-Pruned: never the newest one that is good, nor the good one that was made last.
+Prunes, but never the newest good backup nor the good backup with the latest date.
 
   $ for day in 1 30; do
   >     put_backup $((40 - day)) "$(record 0 $(($(date +%s -d "$day days ago") * 1000)) '{"default_keyboard":"kbd"}')"
@@ -131,7 +131,7 @@ Pruned: never the newest one that is good, nor the good one that was made last.
   39    DAY TIME  newest
   backup 40  deleted
 
-What can't be read is not what may go: it may be good, and others are pruned as if it were not there.
+An unreadable backup may be good, so it is kept. The others are pruned as if it did not exist.
 
   $ put_backup 37 "$(record 0 1 '{}')"; ln -s nowhere $cloud/backup-000038.json; cp $cloud/backup-000039.json whole
   $ ln -s nowhere $cloud/backup-000040.json; put_backup 36 "$(record 0 1 'no JSON')"
@@ -155,7 +155,7 @@ What can't be read is not what may go: it may be good, and others are pruned as 
   $ rm $cloud/backup-0000{38,40}.json; put_backup 40 "$(record 0 1 'no JSON')"; ime-backupctl delete 7
   backup 7  deleted
 
-What a backup would fail for in the store is seen before; nothing is stored.
+The store is tested before the exchange begins: on a fault, nothing is stored.
 
   $ try_store() { ime-backupctl --timeout 0.5 status | sed -n 's/^cloud store *//p'; }
   $ ls -A $cloud >before; try_store; ls -A $cloud | diff before -
@@ -165,7 +165,7 @@ What a backup would fail for in the store is seen before; nothing is stored.
   $ flock $cloud/.lock sleep 2 & sleep 0.1; try_store; kill $!
   NOT FINE  what holds WORK/state/cloud/.lock did not finish in time. Mend the fault and try again, or set IME_BACKUP_CLOUD_STORE to another place
 
-Out of the store and into it: a backup, a bare snapshot, whatever is odd about it.
+Exports and imports backups and bare snapshots, with all their problems.
 
   $ ime-backupctl export 39 file
   backup 39  written to file
@@ -241,7 +241,7 @@ Out of the store and into it: a backup, a bare snapshot, whatever is odd about i
   backup 42  deleted
   backup 43  deleted
 
-A number that the history knows is not given again, though the store's lock is lost.
+The history prevents the reuse of a number, even if the store's lock is lost.
 
   $ mkdir lost && export IME_BACKUP_HOST_DIR=$PWD/lost
   $ for i in 1 2 3; do ime-backupctl backup >/dev/null; done

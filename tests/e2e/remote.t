@@ -15,7 +15,7 @@
   $ export IME_BACKUP_CLOUD_STORE='rclone:dav:a "desk" * $x/--b'
   $ folder="$WORK/remote/${IME_BACKUP_CLOUD_STORE#rclone:dav:}"
 
-A remote store is like a folder.
+A remote store behaves like a folder.
 
   $ ime-backupctl settings set default_keyboard kbd downloaded_lang en_US,ko_KR
   $ printf '%s\n' list show 'import /dev/null' | try_each
@@ -63,7 +63,7 @@ A remote store is like a folder.
   backup 1  deleted
   backup 3  deleted
 
-A number is never given again. Nothing else that is there is overwritten, deleted or taken for a backup.
+A number is never reused. Other files are not overwritten, deleted or listed as backups.
 
   $ ime-backupctl delete 4 2; ls "$folder"; ime-backupctl import file
   backup 2  deleted
@@ -88,7 +88,7 @@ A number is never given again. Nothing else that is there is overwritten, delete
   ime-backupctl: backup-99999999999999999999.json is ignored: its number is not valid
   $ rm -r "$folder"/*{01,9}.json "$folder"/backup-000006.json "$folder"/*.{new,gone}
 
-What needs no store does not run rclone, and what reads all backups does so at once.
+Commands that need no store don't run rclone. Commands that read all backups run it once.
 
   $ for i in 6 7 8 9; do cp file "$folder/backup-00000$i.json"; done
   $ rclone=$(which rclone); mkdir bin
@@ -114,7 +114,7 @@ What needs no store does not run rclone, and what reads all backups does so at o
   8
   9
 
-What rclone says to have done counts only once it is seen.
+rclone's success counts only if a listing confirms it.
 
   $ for lie in 'head -c 9 | $rclone rcat "${@: -1}"; exit' '$rclone "$@"; exit 1'; do
   >     [[ $lie == head* ]] && step=rcat || step=moveto
@@ -147,7 +147,7 @@ What rclone says to have done counts only once it is seen.
   $ rclone_does '[[ $* != *rcat* ]] || { echo 403 Forbidden >&2; exit 1; }'; lie_and status | grep ^cloud
   cloud store      NOT FINE  the cloud store rclone:dav:a "desk" * $x/--b can't be used: 403 Forbidden. Mend the fault and try again, or set IME_BACKUP_CLOUD_STORE to another place
 
-What is meant for other calls of rclone changes nothing; what unlocks a remote reaches it, also from the service.
+rclone's flags for other calls are ignored. Variables that unlock a remote reach it, also from the service.
 
   $ rclone_does 'env >>seen'
   $ ( export DBUS_SESSION_BUS_ADDRESS=unix:path=/none RCLONE_BUFFER_SIZE=1M RCLONE_WEBDAV_USER=me
@@ -163,7 +163,7 @@ What is meant for other calls of rclone changes nothing; what unlocks a remote r
   RCLONE_BUFFER_SIZE=1M
   RCLONE_WEBDAV_USER=me
 
-A remote that can't be used: rclone's reason, and nothing is lost.
+A remote that can't be used: rclone's reason is shown, and nothing is lost.
 
   $ for store in wrong:x away:x none:x none /a:b; do
   >     printf -- "--store rclone:$store %s\n" list backup | try_each
@@ -185,7 +185,7 @@ A remote that can't be used: rclone's reason, and nothing is lost.
   cloud store      NOT FINE  the cloud store rclone:away:x can't be used: Failed t
   last exchange    failed    backup on DAY TIME: the cloud store rclone:/a:b can't
 
-A remote that hangs: every command ends in time, and when it is asked to.
+A remote that hangs: every command ends in time, and on a signal.
 
   $ signal_daemon remote STOP
   $ printf -- '--timeout %s\n' '4 list' '4 backup' '4 restore 1' '0.5 status' | try_each | sed 's/:.*\(timeout\|deadline\).*/: ... timeout/'
@@ -202,7 +202,7 @@ A remote that hangs: every command ends in time, and when it is asked to.
   130 ime-backupctl: interrupted; "ime-backupctl list" shows whether the backup was stored
   $ signal_daemon remote CONT
 
-Uploads that are cut off, by the remote's end or by the client's, leave no backup and take nothing away.
+Interrupted uploads, on either side, leave no backup and remove nothing.
 
   $ python3 -c 'print("{\"default_keyboard\":\"" + "k" * 1000000 + "\"}")' >large
   $ upload() {
@@ -220,7 +220,7 @@ Uploads that are cut off, by the remote's end or by the client's, leave no backu
   $ ime-backupctl list | cut -c 1-3 | paste -s
   id \t10 \t11  (esc)
 
-Two devices at one path by mistake: what was said to be stored is there, under the number that was said.
+Two devices share a path by mistake: each reported backup is there under its number.
 
   $ for device in 1 2; do
   >     printf '{"default_keyboard":"%s"}\n' $device >device-$device
@@ -233,7 +233,7 @@ Two devices at one path by mistake: what was said to be stored is there, under t
   device-1 imported
   device-2 imported
 
-Encrypted. A backup that can't be decrypted hides no other.
+An encrypted remote. A backup that can't be decrypted does not hide the others.
 
   $ export IME_BACKUP_CLOUD_STORE=rclone:safe:desk
   $ ime-backupctl backup; rclone copyto safe:desk/backup-000001.json safe:desk/backup-000002.json
@@ -248,7 +248,7 @@ Encrypted. A backup that can't be decrypted hides no other.
   2 backups, 0 damaged, 1 unreadable
   [3]
 
-By SFTP.
+A remote by SFTP.
 
   $ stop_daemon remote; start_remote sftp
   $ rclone config create --obscure box sftp host 127.0.0.1 port $port user me pass right >created
