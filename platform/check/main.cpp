@@ -197,17 +197,17 @@ static bool run_check(const SelectedCheck &selected, size_t number, const Report
     const bool changes = selected.check->access == Check::changes;
     Report result = save_result;
     std::string log;
-    bool is_back = true;
+    bool is_put_back = true;
     if (!changes || save_result.verdict == Report::Verdict::none) {
         run_limited(selected.check->run, true);
         result = *report;
         log = read_log();
-        is_back = !changes || selected.library->put_back == nullptr || put_back(*selected.library);
+        is_put_back = !changes || selected.library->put_back == nullptr || put_back(*selected.library);
         if (interruption != 0)
             return false;
     }
 
-    const bool failed = result.verdict == Report::Verdict::failed || !is_back;
+    const bool failed = result.verdict == Report::Verdict::failed || !is_put_back;
     printf("%s %zu - %s", failed ? "not ok" : "ok", number, selected.description().c_str());
     if (!failed && result.verdict == Report::Verdict::skipped)
         printf(" # SKIP %s", result.got);

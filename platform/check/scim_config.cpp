@@ -26,7 +26,7 @@ struct StoredValue {
 /// The settings' values before the checks, in the order of #SETTINGS.
 static auto &saved = *make_shared_memory<std::array<StoredValue, SETTINGS.size()>>();
 
-static constexpr char MISSING[] = "keyloom/ime_backup_check/missing";
+static constexpr char MISSING_KEY[] = "keyloom/ime_backup_check/missing";
 
 static scim::ConfigPointer create_config()
 {
@@ -61,9 +61,9 @@ static void expect_not_set(const scim::ConfigPointer &config)
 {
     int number = 42;
     bool truth = true;
-    expect(CALL(config->read(MISSING, &number)), false);
+    expect(CALL(config->read(MISSING_KEY, &number)), false);
     expect(number, 42, "the output: ");
-    expect(CALL(config->read(MISSING, &truth)), false);
+    expect(CALL(config->read(MISSING_KEY, &truth)), false);
     expect(truth, true, "the output: ");
 }
 
@@ -163,8 +163,8 @@ static constexpr Check CHECKS[] = {
      [] {
          const scim::ConfigPointer config = create_config();
          expect_not_set(config);
-         expect(CALL(config->read(MISSING, 1)), 1);
-         expect(CALL(config->read(MISSING, true)), true);
+         expect(CALL(config->read(MISSING_KEY, 1)), 1);
+         expect(CALL(config->read(MISSING_KEY, true)), true);
      }},
 
     {"create_config() returns an empty handle when the daemon is not running",

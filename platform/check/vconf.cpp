@@ -47,10 +47,10 @@ using Texts = std::vector<std::pair<std::string, std::string>>;
 /// The settings' values before the checks, in the order of #SETTINGS.
 static auto &saved = *make_shared_memory<std::array<StoredValue, SETTINGS.size()>>();
 
-static constexpr char MISSING[] = "db/ise/ime_backup_check/missing";
+static constexpr char MISSING_KEY[] = "db/ise/ime_backup_check/missing";
 
 /// A value that no list returns. If it changes, a failed call has written its output.
-static const auto NO_NODE = reinterpret_cast<vconf_keynode_handle>(&saved);
+static const auto INVALID_NODE = reinterpret_cast<vconf_keynode_handle>(&saved);
 
 // Saving the settings, and putting them back.
 
@@ -104,8 +104,8 @@ static void save()
     for (size_t i = 0; i < SETTINGS.size(); i++)
         if (is_in_settings_store(i))
             saved[i] = read_stored(SETTINGS[i].key);
-    if (const StoredValue missing = read_stored(MISSING); is_set(missing))
-        fail("nothing under " + show(MISSING), describe(missing));
+    if (const StoredValue missing = read_stored(MISSING_KEY); is_set(missing))
+        fail("nothing under " + show(MISSING_KEY), describe(missing));
 }
 
 static int store_texts(const Texts &texts)
@@ -204,7 +204,7 @@ static std::string folder_of(const std::string &path)
 static constexpr Check CHECKS[] = {
     {"vconf_get_bool() returns -1 for a missing key, and leaves its output untouched",
      "The service would back up an unset switch as off, although an unset switch is on.",
-     [] { expect_no_bool(MISSING); }},
+     [] { expect_no_bool(MISSING_KEY); }},
 
     {"vconf_get_bool() returns 0, and sets a value of 0 or 1",
      "The service would treat a switch that was read as unreadable, or log a failure that did not happen.",
@@ -216,13 +216,13 @@ static constexpr Check CHECKS[] = {
 
     {"vconf_get_str() returns null for a missing key",
      "The service would restore languages that are not downloaded.",
-     [] { expect(CALL(vconf_get_str(MISSING)), nullptr); }},
+     [] { expect(CALL(vconf_get_str(MISSING_KEY)), nullptr); }},
 
     {"vconf_get() returns a negative value if no key has the name, even if a key's name begins with it",
      "The service would not store the default languages when none are selected.",
      [] {
          const List list;
-         expect_negative(CALL(vconf_get(list.handle, MISSING, VCONF_GET_KEYS)));
+         expect_negative(CALL(vconf_get(list.handle, MISSING_KEY, VCONF_GET_KEYS)));
          std::string part = find_key();
          part.pop_back();
          expect_negative(CALL(vconf_get(list.handle, part.c_str(), VCONF_GET_KEYS)));
@@ -243,9 +243,9 @@ static constexpr Check CHECKS[] = {
          const List list(folder_of(key));
          for (const std::string &part : {key.substr(0, key.size() - 1), key + "x", folder_of(key),
                                          key.substr(key.rfind('/') + 1), std::string()}) {
-             vconf_keynode_handle node = NO_NODE;
+             vconf_keynode_handle node = INVALID_NODE;
              expect_negative(CALL(vconf_keylist_lookup(list.handle, part.c_str(), &node)));
-             expect(node == NO_NODE, true, "the output is untouched: ");
+             expect(node == INVALID_NODE, true, "the output is untouched: ");
          }
      }},
 
@@ -288,17 +288,17 @@ static constexpr Check CHECKS[] = {
          int value = 0;
          vconf_keynode_handle node = nullptr;
          expect(CALL(vconf_get_bool(nullptr, &value)), -1);
-         expect(CALL(vconf_get_bool(MISSING, nullptr)), -1);
+         expect(CALL(vconf_get_bool(MISSING_KEY, nullptr)), -1);
          expect(CALL(vconf_set_bool(nullptr, 1)), -1);
          expect(CALL(vconf_get_str(nullptr)), nullptr);
-         expect_negative(CALL(vconf_get(nullptr, MISSING, VCONF_GET_KEYS)));
+         expect_negative(CALL(vconf_get(nullptr, MISSING_KEY, VCONF_GET_KEYS)));
          expect_negative(CALL(vconf_get(list.handle, nullptr, VCONF_GET_KEYS)));
-         expect_negative(CALL(vconf_keylist_lookup(nullptr, MISSING, &node)));
+         expect_negative(CALL(vconf_keylist_lookup(nullptr, MISSING_KEY, &node)));
          expect_negative(CALL(vconf_keylist_lookup(list.handle, nullptr, &node)));
          expect(CALL(vconf_keynode_get_str(nullptr)), nullptr);
-         expect_negative(CALL(vconf_keylist_add_str(nullptr, MISSING, "")));
+         expect_negative(CALL(vconf_keylist_add_str(nullptr, MISSING_KEY, "")));
          expect_negative(CALL(vconf_keylist_add_str(list.handle, nullptr, "")));
-         expect_negative(CALL(vconf_keylist_add_str(list.handle, MISSING, nullptr)));
+         expect_negative(CALL(vconf_keylist_add_str(list.handle, MISSING_KEY, nullptr)));
          expect_error(CALL(vconf_set(nullptr)));
          expect_negative(CALL(vconf_keylist_free(nullptr)));
      }},
