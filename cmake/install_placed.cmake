@@ -1,6 +1,5 @@
-# install_placed(FILE FOLDER COMPONENT): installs a file that names the programs' place, from FILE.in, where
-# @PLACE@ is the prefix. It is made as it is installed, since only then the prefix is known. The build tree has
-# one of its own.
+# install_placed(FILE FOLDER COMPONENT): installs a file made from FILE.in, in which @PLACE@ is the installation
+# prefix. The file is made during installation, when the prefix is known. The build tree gets a file for itself.
 function(install_placed file folder component)
   set(template ${CMAKE_CURRENT_SOURCE_DIR}/${file}.in)
   cmake_path(GET file FILENAME name)

@@ -1,6 +1,6 @@
-# What is built with a sysroot takes headers and libraries from there alone. A toolchain file names it, as
-# CMAKE_SYSROOT or in CMAKE_FIND_ROOT_PATH, or the command line does the latter. There may be several, such as a
-# platform and what it was built with: they are searched in this order.
+# A build with a sysroot takes headers and libraries only from the sysroot. A toolchain file sets it as CMAKE_SYSROOT
+# or in CMAKE_FIND_ROOT_PATH; the command line can also set the latter. There may be several sysroots, such as a
+# platform and the libraries that it was built with. They are searched in this order.
 set(sysroots "")
 foreach(root IN LISTS CMAKE_FIND_ROOT_PATH CMAKE_SYSROOT)
   file(REAL_PATH "${root}" root)
@@ -15,7 +15,7 @@ foreach(kind LIBRARY INCLUDE PACKAGE)
 endforeach()
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 
-# pkg-config, which a build of the host platform asks, knows of one sysroot: here the first with GLib.
+# pkg-config, which a build of the host platform uses, supports one sysroot: the first that has GLib.
 set(ENV{PKG_CONFIG_PATH} "")
 set(ENV{PKG_CONFIG_LIBDIR} /nowhere)
 foreach(root IN LISTS sysroots)
@@ -30,7 +30,7 @@ foreach(root IN LISTS sysroots)
   endif()
 endforeach()
 
-# What a library needs in turn is there, too, before the linker looks where the build machine has its own.
+# The linker looks for the libraries' own dependencies in the sysroots before it looks on the build machine.
 foreach(root IN LISTS sysroots)
   foreach(folder lib/${CMAKE_LIBRARY_ARCHITECTURE} lib64 lib)
     if(NOT root STREQUAL /)
@@ -39,7 +39,7 @@ foreach(root IN LISTS sysroots)
   endforeach()
 endforeach()
 
-# Sets `result` to those of the paths that lie, or lead by a link, out of the sysroots.
+# Sets `result` to the paths that are outside the sysroots, directly or through a link.
 function(list_strays result)
   set(strays "")
   foreach(path IN LISTS ARGN)

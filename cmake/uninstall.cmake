@@ -1,4 +1,4 @@
-# Removes the files that the last "cmake --install" put in place, and the folders of its own.
+# Removes the files that the last "cmake --install" installed, and the project's own folders if they are empty.
 if(NOT EXISTS install_manifest.txt)
   message(FATAL_ERROR "There is no install_manifest.txt: nothing was installed from this build.")
 endif()

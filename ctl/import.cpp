@@ -39,5 +39,5 @@ Importable make_importable(const std::string &content)
     if (!snapshot || !snapshot->is_object)
         throw HostError("neither a backup nor a snapshot: not a JSON object");
     const std::string now = std::to_string(g_get_real_time() / 1000);
-    return {encode_record_file({{RECORD_KEY, now, text}}), snapshot->oddities};
+    return {encode_record_file({{RECORD_KEY, now, text}}), snapshot->problems};
 }

@@ -240,7 +240,7 @@ static void check_backup()
     require(device == plan.device);
     const auto snapshot = read_snapshot(text);
     require(snapshot || !plan.obstacles.empty());
-    require(!snapshot || (snapshot->oddities.empty() && snapshot->values == plan.snapshot));
+    require(!snapshot || (snapshot->problems.empty() && snapshot->values == plan.snapshot));
     require(read_snapshot(write_snapshot(plan.snapshot))->values == plan.snapshot);
     g_free(text);
 }

@@ -1,7 +1,7 @@
-# Two Debian packages. The service is the program that devices have; it runs on the host package's libraries.
+# Two Debian packages: the service, which is the same program as on devices, and the host platform that it runs on.
 get_cmake_property(components COMPONENTS)
 if("Unspecified" IN_LIST components)
-  message(FATAL_ERROR "An install() has no COMPONENT: what it installs would be in no package")
+  message(FATAL_ERROR "An install() has no COMPONENT: its files would be in no package")
 endif()
 set(CPACK_GENERATOR DEB)
 set(CPACK_COMPONENTS_ALL host service)
@@ -24,18 +24,18 @@ set(CPACK_DEBIAN_SERVICE_PACKAGE_DEPENDS "ime-backup-host (= ${version})")
 set(CPACK_DEBIAN_SERVICE_DESCRIPTION "backup and restore of the on-screen keyboard's settings: service
 The service that a device's cloud backup client starts for a backup or a
 restore of the on-screen keyboard's settings: the active keyboard, the selected
-languages and a row of switches. Here it runs on the host platform.")
+languages and several switches. This package runs it on the host platform.")
 
-# Without the service, or a SCIM daemon here, backups can still be looked at and looked after.
+# The service and SCIM are only recommended: without them, backups can still be shown, checked and deleted.
 set(CPACK_DEBIAN_HOST_PACKAGE_NAME ime-backup-host)
 set(CPACK_DEBIAN_HOST_PACKAGE_RECOMMENDS "ime-backup-service (= ${version}), scim, scim-modules-socket")
 set(CPACK_DEBIAN_HOST_PACKAGE_SUGGESTS rclone)
 set(CPACK_DEBIAN_HOST_DESCRIPTION "backup and restore of the on-screen keyboard's settings: host platform
-The libraries that stand in for a device's platform on a workstation, on SCIM
-and SQLite, and ime-backupctl, with which a person there makes, looks at and
-restores backups. These are in a folder or, with rclone, at a remote place.
+Libraries that replace a device's platform on a workstation, based on SCIM and
+SQLite, and ime-backupctl, which makes, shows and restores backups. The backups
+are in a folder or, with rclone, in a remote store.
 
-A user timer makes a backup each night, once it is enabled. The platform's
-headers, a program that checks its libraries, and a library that traces the
-service's calls come along.")
+Once enabled, a user timer makes a backup each night. The package also has the
+platform's headers, a program that checks the platform's libraries, and a
+library that traces the service's calls.")
 include(CPack)

@@ -1,37 +1,37 @@
 /** @file
- * The keyboard's settings: the member that each has in a snapshot, and where and how the device keeps it. The
- * service and the tools around it walk this one table.
+ * The table of the keyboard's settings: each setting's member in a snapshot, and where and how the device
+ * stores it. The service and the tools around it all iterate over this table.
  */
 #pragma once
 
 #include <span>
 
-/// Where the device keeps a setting.
+/// Where the device stores a setting.
 enum class SettingPlace {
     input_method_control, ///< as the active input method, which has no key
     settings_store,       ///< vconf
-    configuration,        ///< the input-method framework's
+    configuration,        ///< of the input-method framework
 };
 
-/// How the device keeps a setting. In a snapshot, both switches are booleans.
+/// How the device stores a setting. In a snapshot, both kinds of switches are booleans.
 enum class SettingForm {
     identifier,     ///< a text
-    languages,      ///< a text with #LANGUAGE_DELIMITER behind each identifier; in a snapshot an array
+    languages,      ///< a text with #LANGUAGE_DELIMITER after each identifier; in a snapshot an array
     boolean_switch, ///< a boolean
     integer_switch, ///< an integer, off when it is 0
 };
 
 struct SettingRow {
-    const char *member; ///< of the snapshot
+    const char *member; ///< its name in a snapshot
     SettingPlace place;
     SettingForm form;
     const char *key;
-    const char *symbol; ///< the platform's name of the key, where the log has it
+    const char *symbol; ///< the platform's name of the key, if log messages use it
 };
 
 inline constexpr char LANGUAGE_DELIMITER = '#';
 
-/// Keys of language lists in the settings store. The downloaded ones decide what a restore can bring back.
+/// Keys of language lists in the settings store. A restore selects only downloaded languages.
 inline constexpr char VCONFKEY_ISE_LPM_SELECTED_LANG[] = "db/ise/engine/lpm/selected_lang";
 inline constexpr char VCONFKEY_ISE_LPM_DOWNLOADED_LANG[] = "db/ise/engine/lpm/downloaded_lang";
 inline constexpr char VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG[] =
@@ -43,8 +43,8 @@ inline constexpr char MEMBER_LANG_ID[] = "lang_id";
 
 inline constexpr char DEFAULT_SELECTED_LANG[] = "en_US#ko_KR#";
 
-/// First those of a snapshot, in the order of its members, which is also that in which they are read and
-/// written; then the lists of what is downloaded.
+/// All settings: first the settings in a snapshot, then the lists of downloaded languages. The settings in a
+/// snapshot have the order of its members, in which the service also reads and writes them.
 inline constexpr SettingRow ALL_SETTINGS[] = {
     {"default_keyboard", SettingPlace::input_method_control, SettingForm::identifier, "", ""},
     {"selected_lang", SettingPlace::settings_store, SettingForm::languages, VCONFKEY_ISE_LPM_SELECTED_LANG,
@@ -67,9 +67,10 @@ inline constexpr SettingRow ALL_SETTINGS[] = {
      VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG, "VCONFKEY_ISE_LPM_DOWNLOADED_WITH_HANDWRITING_LANG"},
 };
 
-/// The rows that are no part of a snapshot but decide what of one a restore can bring back.
+/// The lists of downloaded languages. They are not in a snapshot, but limit the languages that a restore can
+/// select.
 inline constexpr auto DOWNLOADED_LISTS = std::span(ALL_SETTINGS).last<2>();
 
-/// The rows of a snapshot.
+/// The settings in a snapshot.
 inline constexpr auto SETTINGS =
     std::span(ALL_SETTINGS).first<std::size(ALL_SETTINGS) - DOWNLOADED_LISTS.size()>();

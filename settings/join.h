@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-/// The parts with a separator between them.
+/// Returns the parts with a separator between them.
 inline std::string join(const std::vector<std::string> &parts, const char *separator)
 {
     std::string text;

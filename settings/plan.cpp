@@ -4,7 +4,7 @@
 
 // Backup.
 
-/// The service's generator writes it as it is, which no strict parser reads.
+/// The service's JSON generator does not escape this character, so that strict parsers reject the snapshot.
 static constexpr char UNIT_SEPARATOR = '\x1f';
 
 static std::string another_type_under(const SettingRow &row)
@@ -13,10 +13,10 @@ static std::string another_type_under(const SettingRow &row)
     return std::string("the ") + place + " holds a value of another type under " + row.key;
 }
 
-BackupPlan plan_backup(const DeviceState &device, const Refuses &refuses)
+BackupPlan plan_backup(const DeviceState &device, const FindRefusal &find_refusal)
 {
     BackupPlan plan{{}, device, {}};
-    const auto obstruct = [&](const SettingRow &row, const std::string &reason) {
+    const auto add_obstacle = [&](const SettingRow &row, const std::string &reason) {
         plan.obstacles.push_back({row, reason});
     };
     for (size_t i = 0; i < SETTINGS.size(); i++) {
@@ -26,9 +26,9 @@ BackupPlan plan_backup(const DeviceState &device, const Refuses &refuses)
         switch (row.form) {
         case SettingForm::identifier:
             if (!value)
-                obstruct(row, "no input method is active");
-            else if (!refuses(row, value).empty())
-                obstruct(row, "the active input method has no usable identifier");
+                add_obstacle(row, "no input method is active");
+            else if (!find_refusal(row, value).empty())
+                add_obstacle(row, "the active input method has no usable identifier");
             else
                 member = std::get<std::string>(*value);
             break;
@@ -37,9 +37,9 @@ BackupPlan plan_backup(const DeviceState &device, const Refuses &refuses)
                 value = DEFAULT_SELECTED_LANG;
             const auto *list = std::get_if<std::string>(&*value);
             if (list == nullptr)
-                obstruct(row, another_type_under(row));
+                add_obstacle(row, another_type_under(row));
             else if (list->find(UNIT_SEPARATOR) != std::string::npos)
-                obstruct(row, "a selected language has a character that no snapshot can hold");
+                add_obstacle(row, "a selected language has a character that no snapshot can hold");
             std::vector<std::string> languages = split_list(list == nullptr ? "" : *list);
             std::sort(languages.begin(), languages.end());
             member = languages;
@@ -49,7 +49,7 @@ BackupPlan plan_backup(const DeviceState &device, const Refuses &refuses)
         case SettingForm::integer_switch:
             const std::optional<bool> is_on = read_switch(row, value);
             if (value && !is_on)
-                obstruct(row, another_type_under(row));
+                add_obstacle(row, another_type_under(row));
             member = is_on.value_or(true);
             break;
         }
@@ -59,7 +59,7 @@ BackupPlan plan_backup(const DeviceState &device, const Refuses &refuses)
 
 // Restore.
 
-/// The text under a row's key; an empty one when there is none.
+/// Returns the text that a device stores for a setting, or an empty text.
 static std::string text_of(const DeviceState &device, const SettingRow &row)
 {
     const DeviceValue &value = device[index_of(row)];
@@ -67,39 +67,39 @@ static std::string text_of(const DeviceState &device, const SettingRow &row)
     return text == nullptr ? "" : *text;
 }
 
-static bool holds(const std::string &list, const std::string &language)
+static bool has_language(const std::string &list, const std::string &language)
 {
-    return list.find(language) != std::string::npos; // also as a part of another
+    return list.find(language) != std::string::npos; // also matches part of another language
 }
 
 namespace
 {
 
-/// What a record selects on this device.
+/// The languages that a record selects on this device.
 struct Selection {
-    std::string list; ///< of the languages that are downloaded
+    std::string list; ///< only languages that are downloaded
     bool has_handwriting = false;
 };
 
 } // namespace
 
-static Selection select(const std::vector<std::string> &languages, const DeviceState &device)
+static Selection select_languages(const std::vector<std::string> &languages, const DeviceState &device)
 {
     const std::string downloaded = text_of(device, DOWNLOADED_LISTS[0]);
     const std::string with_handwriting = text_of(device, DOWNLOADED_LISTS[1]);
     Selection selection;
     for (const std::string &language : languages)
-        if (holds(downloaded, language)) {
+        if (has_language(downloaded, language)) {
             selection.list += language + LANGUAGE_DELIMITER;
-            selection.has_handwriting = selection.has_handwriting || holds(with_handwriting, language);
+            selection.has_handwriting = selection.has_handwriting || has_language(with_handwriting, language);
         }
     return selection;
 }
 
 /// Applies one record's snapshot to the plan.
-static void apply(const SnapshotValues &snapshot, RestorePlan &plan, const Refuses &refuses)
+static void apply(const SnapshotValues &snapshot, RestorePlan &plan, const FindRefusal &find_refusal)
 {
-    bool has_handwriting = false; // the languages come first
+    bool has_handwriting = false; // the table has languages before switches
     for (size_t i = 0; i < SETTINGS.size(); i++) {
         const SettingRow &row = SETTINGS[i];
         DeviceValue &value = plan.device[i];
@@ -110,7 +110,7 @@ static void apply(const SnapshotValues &snapshot, RestorePlan &plan, const Refus
             const DeviceValue keyboard = device_value(row, snapshot[i]);
             if (!keyboard || keyboard == DeviceValue("") || keyboard == value)
                 continue;
-            setting.refusal = refuses(row, keyboard);
+            setting.refusal = find_refusal(row, keyboard);
             if (setting.refusal.empty())
                 value = keyboard;
             else
@@ -118,7 +118,7 @@ static void apply(const SnapshotValues &snapshot, RestorePlan &plan, const Refus
         } else if (row.form == SettingForm::languages) {
             const auto *languages = std::get_if<std::vector<std::string>>(&snapshot[i]);
             const Selection selection =
-                select(languages == nullptr ? std::vector<std::string>() : *languages, plan.device);
+                select_languages(languages == nullptr ? std::vector<std::string>() : *languages, plan.device);
             if (!selection.list.empty())
                 value = selection.list;
             has_handwriting = selection.has_handwriting;
@@ -136,7 +136,7 @@ static std::string why_languages_differ(const std::vector<std::string> &wanted, 
         return "the backup selects no language";
     std::vector<std::string> missing;
     std::copy_if(wanted.begin(), wanted.end(), std::back_inserter(missing), [&](const std::string &language) {
-        return !holds(text_of(device, DOWNLOADED_LISTS[0]), language);
+        return !has_language(text_of(device, DOWNLOADED_LISTS[0]), language);
     });
     return join(missing, ", ") + (missing.size() == 1 ? " is" : " are") + " not downloaded";
 }
@@ -157,14 +157,14 @@ static std::string why_different(const SettingRow &row, const RestoredSetting &s
 }
 
 RestorePlan plan_restore(const std::vector<std::optional<std::string>> &records, const DeviceState &device,
-                         const Refuses &refuses)
+                         const FindRefusal &find_refusal)
 {
     RestorePlan plan{{}, {}, {}, device};
     for (const std::optional<std::string> &record : records) {
         const std::optional<Snapshot> snapshot = record ? read_snapshot(*record) : std::nullopt;
         plan.failed.push_back(!snapshot);
         if (snapshot)
-            apply(snapshot->values, plan, refuses);
+            apply(snapshot->values, plan, find_refusal);
     }
     const bool is_any_applied = std::count(plan.failed.begin(), plan.failed.end(), false) != 0;
     for (size_t i = 0; i < SETTINGS.size(); i++) {

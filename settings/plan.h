@@ -1,6 +1,6 @@
 /** @file
- * The rules of a backup and of a restore: what an exchange with the service comes to. The service runs, and
- * what it did is compared with these.
+ * The planned result of a backup and of a restore. After the service has run, the actual result is compared
+ * with the plan.
  */
 #pragma once
 
@@ -8,8 +8,8 @@
 
 #include "snapshot.h"
 
-/// Why the device does not keep a value, for a person; an empty text if it does.
-using Refuses = std::function<std::string(const SettingRow &row, const DeviceValue &value)>;
+/// Returns why the device can't store a value, for a person, or an empty text if it can.
+using FindRefusal = std::function<std::string(const SettingRow &row, const DeviceValue &value)>;
 
 /// A setting whose value can't be backed up.
 struct Obstacle {
@@ -19,35 +19,32 @@ struct Obstacle {
 
 struct BackupPlan {
     SnapshotValues snapshot; ///< what each record of the backup holds
-    DeviceState device;      ///< afterwards: languages that were not set are the default ones
-    /// The device can't be backed up as it is. Where another setting than the keyboard is in the way, the
-    /// service makes a snapshot nevertheless.
+    DeviceState device;      ///< after the backup, which sets missing languages to the default
+    /// Why the device can't be backed up; empty if it can. Unless the keyboard is an obstacle, the service
+    /// makes a snapshot all the same.
     std::vector<Obstacle> obstacles;
 };
 
-/// What a backup of this device holds.
-BackupPlan plan_backup(const DeviceState &device, const Refuses &refuses);
+BackupPlan plan_backup(const DeviceState &device, const FindRefusal &find_refusal);
 
-/// What a restore makes of a setting.
+/// The effect of a restore on a setting.
 struct RestoredSetting {
-    SnapshotValue wanted; ///< by the last record that is applied
+    SnapshotValue wanted; ///< the value in the last record that is applied
     DeviceValue before;
     DeviceValue after;
-    std::string why;     ///< it is not as wanted, for a person; empty if it is
-    std::string refusal; ///< the device's, of the value that was last to be written
+    std::string why;     ///< why `after` is not as wanted, for a person; empty if it is as wanted
+    std::string refusal; ///< why the device can't store the last value; empty if it can
 };
 
 struct RestorePlan {
-    std::vector<bool> failed; ///< for each record, whether it can't be read
+    std::vector<bool> failed; ///< for each record, true if it can't be read
     std::array<RestoredSetting, SETTINGS.size()> settings;
-    std::vector<std::string> refusals; ///< all of the device's
+    std::vector<std::string> refusals; ///< for all records
 
-    /// The device afterwards.
+    /// The device after the restore.
     DeviceState device;
 };
 
-/// What a restore of these records makes of this device.
-///
-/// @param records their values
+/// @param records  the records' values; nothing for a record without a value
 RestorePlan plan_restore(const std::vector<std::optional<std::string>> &records, const DeviceState &device,
-                         const Refuses &refuses);
+                         const FindRefusal &find_refusal);

@@ -48,7 +48,8 @@ std::optional<bool> read_switch(const SettingRow &row, const DeviceValue &value)
     const std::string text = config_text(value);
     if (row.form == SettingForm::boolean_switch)
         return read_boolean(text);
-    return static_cast<int>(strtol(text.c_str(), nullptr, 10)) != 0; // no number in front is 0
+    return static_cast<int>(strtol(text.c_str(), nullptr, 10)) !=
+           0; // 0 if the text does not begin with a number
 }
 
 std::vector<std::string> split_list(const std::string &list)

@@ -9,16 +9,16 @@
 #include "ime_backup_settings.h"
 #include "join.h"
 
-/// A value as the device keeps it; none when it is not set.
+/// A value as the device stores it; empty if the setting is not set.
 using DeviceValue = std::optional<std::variant<bool, int, std::string>>;
 
 /// A device's values, in the order of #ALL_SETTINGS.
 using DeviceState = std::array<DeviceValue, std::size(ALL_SETTINGS)>;
 
-/// The row's place in #ALL_SETTINGS.
+/// Returns the row's index in #ALL_SETTINGS.
 size_t index_of(const SettingRow &row);
 
-/// The first row of this form, such as that of the active keyboard.
+/// Returns the first row of this form.
 const SettingRow &first_of(SettingForm form);
 
 constexpr bool is_switch(const SettingRow &row)
@@ -26,25 +26,24 @@ constexpr bool is_switch(const SettingRow &row)
     return row.form == SettingForm::boolean_switch || row.form == SettingForm::integer_switch;
 }
 
-/// A value as the framework's configuration keeps it: each is a text.
+/// Returns a value as the input-method framework's configuration stores it: as text.
 std::string config_text(const DeviceValue &value);
 
-/// What the platform yields for a switch.
-///
-/// @return nothing when its key is not set, or holds what can't be read as one
+/// Returns what the platform reads for a switch, or nothing if its key is not set or its value can't be read
+/// as a switch.
 std::optional<bool> read_switch(const SettingRow &row, const DeviceValue &value);
 
-/// The pieces of a language list, each of which the delimiter ends, empty ones included.
+/// Splits a language list at its delimiters, each of which ends a piece. Keeps empty pieces.
 std::vector<std::string> split_list(const std::string &list);
 
-/// The languages in a list, for a person: none is empty.
+/// Splits a language list, and drops empty pieces.
 std::vector<std::string> split_languages(const std::string &list);
 
-/// A list that holds these languages.
+/// Returns a language list of these languages.
 std::string join_languages(const std::vector<std::string> &languages);
 
-/// Whether two values of a setting are the same. A backup sorts languages, so their order does not matter.
+/// True if two values of a setting are the same. A backup sorts languages, so their order does not matter.
 bool is_same_value(const SettingRow &row, const DeviceValue &one, const DeviceValue &other);
 
-/// A value for a person. One that is not set has a text, too.
+/// Returns a text for a person, also for a value that is not set.
 std::string format_value(const SettingRow &row, const DeviceValue &value);

@@ -9,7 +9,7 @@
 
 using Json = nlohmann::json;
 
-/// More than any snapshot's, and less than a parser's stack can bear.
+/// Deeper than any snapshot, but not too deep for a parser's stack.
 static constexpr size_t MAX_DEPTH = 1000;
 static constexpr char BYTE_ORDER_MARK[] = "\xef\xbb\xbf";
 
@@ -18,8 +18,8 @@ static bool is_without_nul(const std::string &text)
     return text.find('\0') == std::string::npos;
 }
 
-/// Whether another parser reads the same in what this one has read.
-static bool is_read_alike(const Json &value, size_t depth = 0)
+/// True if other JSON parsers read the same value.
+static bool is_portable(const Json &value, size_t depth = 0)
 {
     constexpr auto MAX_INTEGER = std::numeric_limits<std::int64_t>::max();
     switch (value.type()) {
@@ -31,12 +31,12 @@ static bool is_read_alike(const Json &value, size_t depth = 0)
         return std::abs(value.get<double>()) < static_cast<double>(MAX_INTEGER);
     case Json::value_t::array:
         return depth < MAX_DEPTH && std::all_of(value.begin(), value.end(), [&](const Json &element) {
-                   return is_read_alike(element, depth + 1);
+                   return is_portable(element, depth + 1);
                });
     case Json::value_t::object:
         return depth < MAX_DEPTH &&
                std::all_of(value.items().begin(), value.items().end(), [&](const auto &member) {
-                   return is_without_nul(member.key()) && is_read_alike(member.value(), depth + 1);
+                   return is_without_nul(member.key()) && is_portable(member.value(), depth + 1);
                });
     default:
         return true;
@@ -75,32 +75,32 @@ static SnapshotValue read_value(const Json &member, SettingForm form)
     return member.is_boolean() ? SnapshotValue(member.get<bool>()) : SnapshotValue();
 }
 
-/// What is odd about a member, or an empty text.
-static std::string find_oddity(const Json *member, const SettingRow &row, const SnapshotValue &value)
+/// Returns how a member differs from what the service writes, or an empty text.
+static std::string find_problem(const Json *member, const SettingRow &row, const SnapshotValue &value)
 {
     if (member == nullptr)
-        return std::string("it has no ") + row.member;
+        return std::string(row.member) + " is missing";
     if (value == SnapshotValue() || member->is_number())
-        return std::string(row.member) + " is of another type than a backup's";
+        return std::string(row.member) + " has the wrong type";
     const bool is_plain = row.form != SettingForm::languages ||
                           std::all_of(member->begin(), member->end(), [](const Json &element) {
                               return is_language(element) && element.size() == 1;
                           });
-    return is_plain ? "" : std::string(row.member) + " has elements that are no languages";
+    return is_plain ? "" : std::string(row.member) + " has elements that are not languages";
 }
 
-static void find_unknown_members(const Json &root, std::vector<std::string> &oddities)
+static void find_unknown_members(const Json &root, std::vector<std::string> &problems)
 {
     for (const auto &member : root.items())
         if (std::none_of(SETTINGS.begin(), SETTINGS.end(),
                          [&](const SettingRow &row) { return member.key() == row.member; }))
-            oddities.push_back("it has a \"" + member.key() + "\", which is no setting");
+            problems.push_back("\"" + member.key() + "\" is not a setting");
 }
 
 std::optional<Snapshot> read_snapshot(const std::string &text)
 {
     const Json root = Json::parse(text, nullptr, false);
-    if (root.is_discarded() || text.starts_with(BYTE_ORDER_MARK) || !is_read_alike(root))
+    if (root.is_discarded() || text.starts_with(BYTE_ORDER_MARK) || !is_portable(root))
         return std::nullopt;
     Snapshot snapshot;
     snapshot.is_object = root.is_object();
@@ -108,11 +108,12 @@ std::optional<Snapshot> read_snapshot(const std::string &text)
         const Json *member = find_member(root, SETTINGS[i].member);
         if (member != nullptr)
             snapshot.values[i] = read_value(*member, SETTINGS[i].form);
-        if (const std::string oddity = find_oddity(member, SETTINGS[i], snapshot.values[i]); !oddity.empty())
-            snapshot.oddities.push_back(oddity);
+        if (const std::string problem = find_problem(member, SETTINGS[i], snapshot.values[i]);
+            !problem.empty())
+            snapshot.problems.push_back(problem);
     }
     if (snapshot.is_object)
-        find_unknown_members(root, snapshot.oddities);
+        find_unknown_members(root, snapshot.problems);
     return snapshot;
 }
 

@@ -12,7 +12,7 @@
 #include "log.h"
 #include "orvanta_cloud_operations.h"
 
-/// Key of the one record that a backup consists of.
+/// Key of a backup's only record.
 static constexpr char RECORD_KEY[] = "0";
 
 int main(int argc, char **argv)
@@ -61,7 +61,7 @@ void __service_app_control_cb(app_control_handle request, void *)
 
 cloud_operation_e __get_cloud_operation(const char *operation)
 {
-    // An operation may carry more text behind its identifier.
+    // More text may follow the operation's identifier.
     const auto begins_with = [operation](const char *identifier) {
         return strncmp(identifier, operation, strlen(identifier)) == 0;
     };
@@ -98,7 +98,7 @@ static int register_callbacks(cloud_operation_e operation, const char *caller)
     return 0;
 }
 
-// The registrations of each operation stop at the first that fails and yield its code.
+// Each of these functions stops at the first registration that fails, and returns its error code.
 
 static int register_backup_callbacks(const char *caller)
 {
@@ -126,7 +126,7 @@ static int register_restore_callbacks(const char *caller)
     return error;
 }
 
-// A backup that stops short of its records: it tells their keys and dates and writes no snapshot.
+// A backup that ends after it has sent the records' keys and dates. It writes no snapshot.
 static int register_backup_info_callbacks()
 {
     int error = PRINTED_CALL("error_code", orvanta_cloud_backup_record_set_preparation_cb,
@@ -148,7 +148,7 @@ void __backup_prepare_cb()
     CLOUD_CALL(orvanta_cloud_backup_record_send_preparation_completed_response, 1);
 }
 
-// Goes on after a failure: the library then refuses the null handle, and the log shows what came of it.
+// Goes on after a failure: the library then refuses the null handle, and the log shows the refusal.
 void __backup_get_keys_dates_cb()
 {
     LOG_INFO("==== __backup_get_keys_dates_cb ====");
@@ -211,7 +211,7 @@ void __backup_record_cb(orvanta_cloud_list_handle list)
             CLOUD_CALL(orvanta_cloud_list_move_to_next, list);
     }
 
-    // The path is sent even when the file could not be written: the library looks for itself.
+    // The path is sent even when the file could not be written: the library checks the file itself.
     CLOUD_CALL(orvanta_cloud_file_create_file, list, IME_BACKUP_BACKUP_FILE);
     CLOUD_CALL(orvanta_cloud_backup_record_send_backup_path, IME_BACKUP_BACKUP_FILE,
                ORVANTA_CLOUD_SEND_VALID);

@@ -3,7 +3,7 @@
 #include "app_control.h"
 #include "orvanta_cloud.h"
 
-/// What the cloud backup client can ask for.
+/// The operations that the cloud backup client can request.
 enum cloud_operation_e {
     ORVANTA_CLOUD_OPERATION_BACKUP,
     ORVANTA_CLOUD_OPERATION_RESTORE,
@@ -27,5 +27,5 @@ void __restore_get_restore_path_cb();
 void __restore_record_cb(orvanta_cloud_source_handle source);
 void __restore_completed_cb(int result);
 
-/// The wall clock, in milliseconds since the Unix epoch.
+/// Returns the wall-clock time in milliseconds since the Unix epoch.
 unsigned long long __get_current_time_ms();

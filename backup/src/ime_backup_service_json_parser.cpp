@@ -21,7 +21,7 @@ bool _ime_restore_json_value(const char *value)
     if (value == nullptr)
         return false;
 
-    // Opened before the snapshot is parsed: without it, even a well-formed one is rejected.
+    // Opened before the snapshot is parsed: without the configuration, any snapshot is rejected.
     const char *failure = nullptr;
     const scim::ConfigPointer config = open_input_method_config(&failure);
     if (config.null()) {
@@ -33,7 +33,7 @@ bool _ime_restore_json_value(const char *value)
     if (parser == nullptr)
         return false;
 
-    // Blank text parses, but to no root.
+    // Blank text parses without an error, but has no root.
     JsonNode *root =
         json_parser_load_from_data(parser, value, -1, nullptr) ? json_parser_steal_root(parser) : nullptr;
     if (root == nullptr) {
@@ -62,7 +62,7 @@ static void write_switch(const SettingRow &setting, bool on, const scim::ConfigP
 
 static void restore_settings(JsonObject *snapshot, const scim::ConfigPointer &config, const char *caller)
 {
-    bool handwriting_supported = false; // by a language that is restored: they come first in the table
+    bool handwriting_supported = false; // by a restored language; the table has languages before switches
     for (const SettingRow &setting : SETTINGS) {
         switch (setting.form) {
         case SettingForm::identifier:
@@ -99,9 +99,9 @@ static void restore_keyboard(const char *keyboard, const char *caller)
 
 static const char *read_downloaded_list(const SettingRow &list, const char *caller);
 
-/// Selects those of the snapshot's languages that are downloaded on this device.
+/// Selects the snapshot's languages that are downloaded on this device.
 ///
-/// @return whether one of them can be written by hand
+/// @return true if a selected language supports handwriting
 static bool restore_languages(const char *key, JsonArray *languages, const char *caller)
 {
     const char *downloaded = read_downloaded_list(DOWNLOADED_LISTS[0], caller);
@@ -124,7 +124,7 @@ static bool restore_languages(const char *key, JsonArray *languages, const char 
     return handwriting_supported;
 }
 
-/// The text is never freed. A list that can't be read is empty.
+/// Returns the list's text, which is never freed, or an empty text if the list can't be read.
 static const char *read_downloaded_list(const SettingRow &list, const char *caller)
 {
     const char *text = vconf_get_str(list.key);
@@ -148,8 +148,8 @@ static void write_switch(const SettingRow &setting, bool on, const scim::ConfigP
     }
 }
 
-// Readers of members that may be missing or of another type, of an object that may be null: JSON-GLib's own
-// warn about both.
+// These functions accept a null object, and members that are missing or of another type. JSON-GLib's own
+// functions would print warnings.
 
 static JsonNode *get_member(JsonObject *object, const char *name, JsonNodeType type)
 {
@@ -162,7 +162,7 @@ static JsonObject *get_object(JsonNode *node)
     return JSON_NODE_HOLDS_OBJECT(node) ? json_node_get_object(node) : nullptr;
 }
 
-/// A number is true when it isn't zero, as JSON-GLib has it. What is neither a boolean nor a number is false.
+/// As in JSON-GLib, any number except 0 is true. A value that is neither a boolean nor a number is false.
 static bool get_boolean(JsonObject *object, const char *name)
 {
     JsonNode *node = get_member(object, name, JSON_NODE_VALUE);

@@ -3,6 +3,7 @@
 /// Applies a snapshot to the device.
 ///
 /// @param value  the snapshot's text
-/// @return true when it was applied, whatever became of the single settings; false when it is no JSON or the
-///         input-method configuration can't be opened: then nothing on the device has changed
+/// @return true when the snapshot was applied, even if single settings failed; false when the text is not
+/// JSON
+///         or the input-method configuration can't be opened, and nothing on the device has changed
 bool _ime_restore_json_value(const char *value);

@@ -59,7 +59,7 @@ int _ime_backup_get_json_value(char **value, gsize *length)
 static JsonArray *make_language_array();
 static bool read_switch(const SettingRow &setting, const scim::ConfigPointer &config, const char *caller);
 
-/// Frees `keyboard` with the setting that it is for.
+/// Frees `keyboard` after adding its setting.
 static void add_setting(JsonObject *root, const SettingRow &setting, char *&keyboard,
                         const scim::ConfigPointer &config, const char *caller)
 {
@@ -109,7 +109,7 @@ LanguageList get_selected_lang_list()
     return languages;
 }
 
-/// A switch that can't be read is on.
+/// Returns true for a switch that can't be read.
 static bool read_switch(const SettingRow &setting, const scim::ConfigPointer &config, const char *caller)
 {
     if (setting.place == SettingPlace::settings_store) {
@@ -123,7 +123,7 @@ static bool read_switch(const SettingRow &setting, const scim::ConfigPointer &co
     return config->read(scim::String(setting.key), true);
 }
 
-/// Takes over `root` and turns it into compact text.
+/// Takes ownership of `root` and returns it as compact text.
 static gchar *generate_text(JsonObject *root, gsize *length)
 {
     JsonGenerator *generator = json_generator_new();

@@ -4,9 +4,9 @@
 
 #include "dlog.h"
 
-/// A log line names a function: the one that it stands in or, in a helper that logs for its caller, the one
-/// whose name the helper's parameter `caller` holds. Where there is no such parameter, `caller` is this
-/// function, which is of no other use; the overloads below tell the two apart.
+/// A log line names the function that logs it. A helper that logs for its caller has a parameter `caller`,
+/// and its log lines name that function instead. In all other functions, `caller` refers to this empty
+/// function; the overloads below tell the two cases apart.
 inline void caller() {}
 
 constexpr const char *name_for_log(void (*)(), const char *own_name)
@@ -38,14 +38,13 @@ constexpr const char *name_for_log(const char *callers_name, const char *)
         return call_code;                                                                                    \
     }(function(__VA_ARGS__), NAME_FOR_LOG)
 
-/// Calls a function of the cloud library and yields its code. A failure is logged, and otherwise left to
-/// whoever calls.
+/// Calls a function of the cloud library, logs a failure, and returns the function's code.
 #define CLOUD_CALL(function, ...) LOGGED_CALL("error_code", function __VA_OPT__(, ) __VA_ARGS__)
 
-/// The same for application control.
+/// The same for a function of application control.
 #define APP_CONTROL_CALL(function, ...) LOGGED_CALL("ret", function __VA_OPT__(, ) __VA_ARGS__)
 
-/// The same for either, but the failure goes to standard output, bare.
+/// The same for a function of either, but prints a failure to standard output, without the log's prefix.
 #define PRINTED_CALL(code_name, function, ...)                                                               \
     [](int call_code) {                                                                                      \
         if (call_code != 0)                                                                                  \

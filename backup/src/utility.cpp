@@ -34,7 +34,7 @@ int read_vconfkeys(const char *key, char **value)
         return VCONFKEY_NO_STRING;
     }
 
-    // The node's text dies with the list.
+    // The node's text is freed with the list.
     *value = static_cast<char *>(malloc(strlen(text) + 1));
     strcpy(*value, text); // NOLINT(clang-analyzer-security.insecureAPI.strcpy): it fits
     vconf_keylist_free(list);

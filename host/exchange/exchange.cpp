@@ -205,8 +205,8 @@ static std::vector<size_t> find_differences(const std::string &value, const Back
     for (size_t i = 0; i < SETTINGS.size(); i++)
         if (snapshot->values[i] != plan.snapshot[i])
             differences.push_back(i);
-    if (differences.empty() && !snapshot->oddities.empty())
-        throw HostError("the service made an odd snapshot: " + join(snapshot->oddities, "; "));
+    if (differences.empty() && !snapshot->problems.empty())
+        throw HostError("the service made an odd snapshot: " + join(snapshot->problems, "; "));
     return differences;
 }
 

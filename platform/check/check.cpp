@@ -17,8 +17,8 @@ Report *const report = make_shared_memory<Report>();
 namespace
 {
 
-/// Ends a check when it is thrown; the report has the result.
-struct Ended {
+/// Thrown to end a check. The result is in the report.
+struct CheckEnded {
 };
 
 } // namespace
@@ -28,14 +28,14 @@ static void set_text(char (&text)[Report::SIZE], const std::string &value)
     snprintf(text, Report::SIZE, "%s", value.c_str());
 }
 
-void note(const char *call)
+void note_call(const char *call)
 {
     if (report->verdict == Report::Verdict::none)
         set_text(report->call, call);
 }
 
-/// Keeps the first result.
-static void end(Report::Verdict verdict, const std::string &expected, const std::string &got)
+/// Sets the check's result, unless it has one already.
+static void set_result(Report::Verdict verdict, const std::string &expected, const std::string &got)
 {
     if (report->verdict != Report::Verdict::none)
         return;
@@ -46,7 +46,7 @@ static void end(Report::Verdict verdict, const std::string &expected, const std:
 
 void report_failure(const std::string &expected, const std::string &got)
 {
-    end(Report::Verdict::failed, expected, got);
+    set_result(Report::Verdict::failed, expected, got);
 }
 
 std::string show_text(const std::string &text)
@@ -66,24 +66,24 @@ void Differences::compare(const std::string &name, const std::string &saved, con
     got += comma + found;
 }
 
-void Differences::end() const
+void Differences::fail_if_any() const
 {
     if (names.empty())
         return;
-    note(names.c_str());
+    note_call(names.c_str());
     fail(expected, got);
 }
 
 void fail(const std::string &expected, const std::string &got)
 {
     report_failure(expected, got);
-    throw Ended();
+    throw CheckEnded();
 }
 
 void skip(const std::string &reason)
 {
-    end(Report::Verdict::skipped, "", reason);
-    throw Ended();
+    set_result(Report::Verdict::skipped, "", reason);
+    throw CheckEnded();
 }
 
 bool run_to_end(const std::function<void()> &work)
@@ -91,17 +91,18 @@ bool run_to_end(const std::function<void()> &work)
     try {
         work();
         return true;
-    } catch (const Ended &) {
+    } catch (const CheckEnded &) {
     } catch (const std::exception &error) {
         report_failure("no exception", error.what());
     }
     return false;
 }
 
-/// The exit status of a process that came to its end. A library that calls exit() gives another one.
-static constexpr int DONE = 77;
+/// Exit status of a child process whose function has returned. A library's own call of exit() is unlikely to
+/// use this number.
+static constexpr int EXIT_FINISHED = 77;
 
-pid_t start_apart(const std::function<void()> &work)
+pid_t start_process(const std::function<void()> &work)
 {
     const pid_t child = fork();
     if (child < 0)
@@ -109,34 +110,34 @@ pid_t start_apart(const std::function<void()> &work)
     if (child == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         run_to_end(work);
-        _exit(DONE);
+        _exit(EXIT_FINISHED);
     }
     return child;
 }
 
-void report_end(int status)
+void report_exit_status(int status)
 {
     if (WIFSIGNALED(status))
-        report_failure("a return", std::string("death by SIG") + sigabbrev_np(WTERMSIG(status)));
-    else if (WEXITSTATUS(status) != DONE)
+        report_failure("a return", std::string("killed by SIG") + sigabbrev_np(WTERMSIG(status)));
+    else if (WEXITSTATUS(status) != EXIT_FINISHED)
         report_failure("a return", "exit(" + std::to_string(WEXITSTATUS(status)) + ")");
 }
 
 void end_if_reported()
 {
     if (report->verdict != Report::Verdict::none)
-        throw Ended();
+        throw CheckEnded();
 }
 
-void end_as(int status)
+void end_if_process_failed(int status)
 {
-    report_end(status);
+    report_exit_status(status);
     end_if_reported();
 }
 
-void run_apart(const std::function<void()> &work)
+void run_in_process(const std::function<void()> &work)
 {
     int status = 0;
-    waitpid(start_apart(work), &status, 0);
-    end_as(status);
+    waitpid(start_process(work), &status, 0);
+    end_if_process_failed(status);
 }

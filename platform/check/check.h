@@ -1,7 +1,7 @@
 /** @file
- * What a check of the platform is made of. Each is a row: a promise that the service relies on, what the
- * service would do wrong without it, and a function of a few lines that looks. It runs in a process of its
- * own, which a library may crash or hang.
+ * The parts of a platform check. Each check is a table row: a promise that the service relies on, what the
+ * service would do wrong without the promise, and a short function that tests the promise. Each check runs in
+ * a separate process, since a library may crash or hang.
  */
 #pragma once
 
@@ -15,17 +15,17 @@
 
 struct Check {
     const char *promise;
-    const char *means; ///< what the service would do wrong
-    void (*run)();     ///< returns when the promise is kept
+    const char *means; ///< what the service would do wrong if the promise is broken
+    void (*run)();     ///< returns if the promise is kept
     enum Access { reads, changes } access = reads;
 };
 
 struct Library {
     const char *name;
     std::span<const Check> checks;
-    /// Saves the part of the device that the checks change, before the first check.
+    /// Saves the part of the device that the checks change. Called before the first check.
     void (*save)() = nullptr;
-    /// Restores that part after each check that changes something. It fails as a check does.
+    /// Puts back what `save` saved. Called after each check that changes something. May fail like a check.
     void (*put_back)() = nullptr;
 };
 
@@ -34,17 +34,17 @@ extern const Library DLOG, APP_CONTROL, APPCORE_AGENT, VCONF, SCIM, ISF_CONTROL,
 
 // How a check ends.
 
-/// Ends the check: the last call that was noted does not keep the promise.
+/// Ends the check as failed: the last noted call broke the promise.
 [[noreturn]] void fail(const std::string &expected, const std::string &got);
 
-/// Ends the check: it can't be made on this platform.
+/// Ends the check as skipped: this platform can't run it.
 [[noreturn]] void skip(const std::string &reason);
 
-/// Notes the next call, in case it fails or never returns.
-void note(const char *call);
-#define CALL(...) (note(#__VA_ARGS__), __VA_ARGS__)
+/// Notes the next call for the report, in case it fails or never returns.
+void note_call(const char *call);
+#define CALL(...) (note_call(#__VA_ARGS__), __VA_ARGS__)
 
-/// The text in quotation marks; of a long one, the beginning and the size.
+/// Returns the text in quotation marks. A long text is cut, with its size added.
 std::string show_text(const std::string &text);
 
 template <class Value>
@@ -64,9 +64,10 @@ std::string show(Value value)
         return show_text(value);
 }
 
-/// Ends the check unless a result, or another value that `of` names, is as expected.
+/// Fails the check unless a value is as expected. `label` names the value in the report, unless it is the
+/// result of the noted call.
 template <class Value, class Expected>
-void expect(Value got, Expected expected, const std::string &of = "")
+void expect(Value got, Expected expected, const std::string &label = "")
 {
     bool same;
     if constexpr (std::is_convertible_v<Value, const char *> && !std::is_same_v<Expected, std::nullptr_t>)
@@ -74,28 +75,28 @@ void expect(Value got, Expected expected, const std::string &of = "")
     else
         same = got == expected;
     if (!same)
-        fail(of + show(expected), of + show(got));
+        fail(label + show(expected), label + show(got));
 }
 
-/// Ends the check unless a result says that the call failed.
+/// Fails the check unless a call's result is negative, which means that the call failed.
 inline void expect_negative(int result)
 {
     if (result >= 0)
         fail("a negative value", show(result));
 }
 
-/// The same, where an error code may also be positive.
+/// The same for a call whose error codes may also be positive.
 inline void expect_error(int result)
 {
     if (result == 0)
         fail("an error code", "0");
 }
 
-/// What could not be put back.
+/// The settings that could not be put back.
 struct Differences {
     void compare(const std::string &name, const std::string &saved, const std::string &found);
-    /// Ends the check if there are any.
-    void end() const;
+    /// Fails the check if any setting differs.
+    void fail_if_any() const;
 
 private:
     std::string names;
@@ -105,11 +106,11 @@ private:
 
 // Processes.
 
-/// Runs a function in a process of its own, which ends without the libraries' exit handlers. What ends the
-/// check there ends it here.
-void run_apart(const std::function<void()> &work);
+/// Runs a function in a child process, which exits without running the libraries' exit handlers. If the check
+/// ends in the child, it also ends in the caller.
+void run_in_process(const std::function<void()> &work);
 
-/// Memory that all processes share, zeroed. It is never released.
+/// Makes a zeroed object in memory that all processes share. The memory is never released.
 template <class Object>
 Object *make_shared_memory()
 {

@@ -25,20 +25,20 @@
 
 static constexpr int EXIT_USAGE = 2;
 static constexpr int EXIT_CANNOT_RUN = 3;
-static constexpr std::chrono::seconds LIMIT(10);
+static constexpr std::chrono::seconds TIME_LIMIT(10);
 
 using Clock = std::chrono::steady_clock;
 
 static constexpr char HELP[] =
     "Usage: ime-backup-check [OPTION]...\n"
-    "Checks what the IME backup service relies on in the platform's libraries, on this\n"
-    "device, and puts back what it changes. Prints TAP, which prove(1) reads.\n"
+    "Checks that the libraries of this device's platform keep the promises that the IME\n"
+    "backup service relies on. Puts back what it changes. Prints TAP for prove(1).\n"
     "\n"
-    "  -l, --list          list the checks, and run none\n"
+    "  -l, --list          list the checks without running them\n"
     "  -o, --only PATTERN  run only checks whose description contains PATTERN, in which\n"
     "                      *, ? and [...] are wildcards; may be repeated\n"
-    "  -r, --read-only     leave out checks that change something or run an exchange\n"
-    "  -k, --keep-going    go on after a failed check (the default)\n"
+    "  -r, --read-only     omit checks that change something or run an exchange\n"
+    "  -k, --keep-going    continue after a failed check (the default)\n"
     "  -h, --help          show this help\n"
     "  -V, --version       show the version\n"
     "\n"
@@ -48,7 +48,7 @@ static constexpr char HELP[] =
 namespace
 {
 
-struct Row {
+struct SelectedCheck {
     const Library *library;
     const Check *check;
 
@@ -57,17 +57,17 @@ struct Row {
 
 struct Options {
     std::vector<std::string> patterns;
-    bool lists = false;
-    bool reads_only = false;
+    bool list_only = false;
+    bool read_only = false;
 };
 
 } // namespace
 
 // Running a check.
 
-/// SIGCHLD and, on demand, the signals that end the program after the device is put back. Signals that were
-/// ignored at the start stay ignored.
-static sigset_t make_set(bool with_termination)
+/// Returns SIGCHLD and, on demand, the signals that end the program after it has put back the device. Signals
+/// that were ignored at the start stay ignored.
+static sigset_t make_signal_set(bool with_termination)
 {
     sigset_t set;
     sigemptyset(&set);
@@ -83,9 +83,9 @@ static sigset_t make_set(bool with_termination)
 /// The signal that asked the program to end, or 0.
 static int interruption = 0;
 
-/// Waits for a signal, at most until a point in time.
+/// Waits for a signal until the deadline.
 ///
-/// @return the signal, or -1 when the time is over
+/// @return the signal, or -1 at the deadline
 static int wait_for_signal(sigset_t signals, Clock::time_point deadline)
 {
     const auto left = std::max(deadline - Clock::now(), Clock::duration());
@@ -94,54 +94,54 @@ static int wait_for_signal(sigset_t signals, Clock::time_point deadline)
     return sigtimedwait(&signals, nullptr, &time);
 }
 
-/// What the check that ran wrote on standard error.
+/// File with the output of the last check.
 static int log_file = -1;
 
-/// Kills a process group and waits for it: a killed process may still write until it is gone.
-static void end_group(pid_t group)
+/// Kills a process group and waits for its end: until then, a killed process may still write.
+static void kill_group(pid_t group)
 {
     kill(-group, SIGKILL);
     while (waitpid(-group, nullptr, 0) > 0) {
     }
 }
 
-/// Runs a function in a process group of its own, which the time limit ends.
+/// Runs a function in a new process group, and kills the group at the time limit.
 static void run_limited(void (*work)(), bool can_be_interrupted)
 {
     *report = {};
     close(log_file);
     log_file = memfd_create("log", MFD_CLOEXEC);
-    const pid_t child = start_apart([work] {
+    const pid_t child = start_process([work] {
         for (const int file : {STDOUT_FILENO, STDERR_FILENO})
             dup2(log_file, file);
         setpgid(0, 0); // Ctrl-C must only reach the process that puts the device back
-        const sigset_t all = make_set(true);
+        const sigset_t all = make_signal_set(true);
         sigprocmask(SIG_UNBLOCK, &all, nullptr);
         work();
     });
     setpgid(child, child);
 
-    const Clock::time_point deadline = Clock::now() + LIMIT;
-    const sigset_t signals = make_set(can_be_interrupted);
+    const Clock::time_point deadline = Clock::now() + TIME_LIMIT;
+    const sigset_t signals = make_signal_set(can_be_interrupted);
     int status = 0;
     while (waitpid(child, &status, WNOHANG) == 0) {
         const int signal = wait_for_signal(signals, deadline);
         if (signal == SIGCHLD || (signal < 0 && errno == EINTR))
             continue;
-        end_group(child);
+        kill_group(child);
         if (signal < 0)
-            report_failure("a return", "none in " + std::to_string(LIMIT.count()) + " seconds");
+            report_failure("a return", "no return in " + std::to_string(TIME_LIMIT.count()) + " seconds");
         else
             interruption = signal;
         return;
     }
-    end_group(child); // what it left running
-    report_end(status);
+    kill_group(child); // processes that the child left running
+    report_exit_status(status);
 }
 
 // Printing.
 
-/// A text between quotation marks, on one line.
+/// Returns the text in quotation marks, on one line.
 static std::string quote(const std::string &text)
 {
     std::string quoted = "\"";
@@ -161,7 +161,7 @@ static void print_failure(const Report &failure, const char *means, const std::s
     printf("%s", log.c_str());
 }
 
-/// The end of the log, as comments.
+/// Returns the end of the check's output as TAP comments.
 static std::string read_log()
 {
     char text[1000];
@@ -174,71 +174,77 @@ static std::string read_log()
     return comments;
 }
 
-/// Puts back what a library's checks change. Prints what can't be put back.
+/// Puts back what a library's checks change. Prints the settings that can't be put back.
+///
+/// @return true if everything is put back
 static bool put_back(const Library &library)
 {
     run_limited(library.put_back, false);
     if (report->verdict == Report::Verdict::none)
         return true;
-    printf("# %s: not put back: %s should be %s and is %s\n", library.name, quote(report->call).c_str(),
+    printf("# %s: not put back: %s should be %s but is %s\n", library.name, quote(report->call).c_str(),
            quote(report->expected).c_str(), quote(report->got).c_str());
     return false;
 }
 
-/// @param saving  the result of saving the device's state: what could not be saved is not changed
-/// @return whether the check passed or was skipped
-static bool run_row(const Row &row, size_t number, const Report &saving)
+/// Runs a check and prints its result.
+///
+/// @param save_result  the result of saving the device's state; if saving failed or was skipped, checks that
+///                     change something do not run
+/// @return true if the check passed or was skipped
+static bool run_check(const SelectedCheck &selected, size_t number, const Report &save_result)
 {
-    const bool changes = row.check->access == Check::changes;
-    Report result = saving;
+    const bool changes = selected.check->access == Check::changes;
+    Report result = save_result;
     std::string log;
-    bool is_back = true;
-    if (!changes || saving.verdict == Report::Verdict::none) {
-        run_limited(row.check->run, true);
+    bool is_put_back = true;
+    if (!changes || save_result.verdict == Report::Verdict::none) {
+        run_limited(selected.check->run, true);
         result = *report;
         log = read_log();
-        is_back = !changes || row.library->put_back == nullptr || put_back(*row.library);
+        is_put_back = !changes || selected.library->put_back == nullptr || put_back(*selected.library);
         if (interruption != 0)
             return false;
     }
 
-    const bool failed = result.verdict == Report::Verdict::failed || !is_back;
-    printf("%s %zu - %s", failed ? "not ok" : "ok", number, row.description().c_str());
+    const bool failed = result.verdict == Report::Verdict::failed || !is_put_back;
+    printf("%s %zu - %s", failed ? "not ok" : "ok", number, selected.description().c_str());
     if (!failed && result.verdict == Report::Verdict::skipped)
         printf(" # SKIP %s", result.got);
     printf("\n");
     if (failed)
-        print_failure(result.verdict == Report::Verdict::failed ? result : *report, row.check->means, log);
+        print_failure(result.verdict == Report::Verdict::failed ? result : *report, selected.check->means,
+                      log);
     return !failed;
 }
 
 // The program.
 
-static int run_rows(const std::vector<Row> &rows)
+static int run_checks(const std::vector<SelectedCheck> &checks)
 {
-    // Two programs at once would see each other's changes.
+    // Two instances at once would see each other's changes.
     flock(open("/proc/self/exe", O_RDONLY | O_CLOEXEC), LOCK_EX);
-    // So that end_group() can wait for grandchildren.
+    // Lets kill_group() wait for grandchildren.
     prctl(PR_SET_CHILD_SUBREAPER, 1);
-    const sigset_t blocked = make_set(true);
+    const sigset_t blocked = make_signal_set(true);
     sigprocmask(SIG_BLOCK, &blocked, nullptr);
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    // Perl's harness may know no version after 13. The output is valid in both.
-    printf("TAP version %d\n1..%zu\n", getenv("HARNESS_ACTIVE") == nullptr ? 14 : 13, rows.size());
+    // Perl's harness may not know versions after 13. The output is valid in both versions.
+    printf("TAP version %d\n1..%zu\n", getenv("HARNESS_ACTIVE") == nullptr ? 14 : 13, checks.size());
 
     bool passed = true;
-    Report saving = {};
+    Report save_result = {};
     const Library *library = nullptr;
-    for (size_t i = 0; i < rows.size(); i++) {
-        if (rows[i].library != library) {
-            library = rows[i].library;
+    for (size_t i = 0; i < checks.size(); i++) {
+        if (checks[i].library != library) {
+            library = checks[i].library;
             *report = {};
             if (library->save != nullptr)
                 run_limited(library->save, true);
-            saving = *report;
+            save_result = *report;
         }
         if (interruption == 0)
-            passed = run_row(rows[i], i + 1, saving) && passed;
+            passed = run_check(checks[i], i + 1, save_result) && passed;
         if (interruption != 0) {
             printf("Bail out! Interrupted by SIG%s\n", sigabbrev_np(interruption));
             fflush(stdout);
@@ -250,24 +256,24 @@ static int run_rows(const std::vector<Row> &rows)
     return passed ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
-static std::vector<Row> choose_rows(const Options &options)
+static std::vector<SelectedCheck> select_checks(const Options &options)
 {
-    std::vector<Row> rows;
+    std::vector<SelectedCheck> checks;
     for (const Library *library :
          {&DLOG, &APP_CONTROL, &APPCORE_AGENT, &VCONF, &SCIM, &ISF_CONTROL, &ORVANTA_CLOUD})
         for (const Check &check : library->checks) {
-            const Row row = {library, &check};
+            const SelectedCheck selected = {library, &check};
             const auto matches = [&](const std::string &pattern) {
-                return fnmatch(("*" + pattern + "*").c_str(), row.description().c_str(), 0) == 0;
+                return fnmatch(("*" + pattern + "*").c_str(), selected.description().c_str(), 0) == 0;
             };
             if ((options.patterns.empty() || std::ranges::any_of(options.patterns, matches)) &&
-                (!options.reads_only || check.access == Check::reads))
-                rows.push_back(row);
+                (!options.read_only || check.access == Check::reads))
+                checks.push_back(selected);
         }
-    return rows;
+    return checks;
 }
 
-/// @return the exit status, if there is nothing to run
+/// @return the exit status if the program should exit now, otherwise -1
 static int parse_options(int argc, char **argv, Options &options)
 {
     static const option LONG_OPTIONS[] = {{"list", no_argument, nullptr, 'l'},
@@ -280,13 +286,13 @@ static int parse_options(int argc, char **argv, Options &options)
     for (int letter; (letter = getopt_long(argc, argv, "lo:rkhV", LONG_OPTIONS, nullptr)) != -1;) {
         switch (letter) {
         case 'l':
-            options.lists = true;
+            options.list_only = true;
             break;
         case 'o':
             options.patterns.emplace_back(optarg);
             break;
         case 'r':
-            options.reads_only = true;
+            options.read_only = true;
             break;
         case 'k':
             break;
@@ -311,18 +317,18 @@ static int run(int argc, char **argv)
     Options options;
     if (const int status = parse_options(argc, argv, options); status >= 0) {
         if (status == EXIT_USAGE)
-            fprintf(stderr, "\"ime-backup-check --help\" tells more.\n");
+            fprintf(stderr, "See \"ime-backup-check --help\".\n");
         return status;
     }
-    const std::vector<Row> rows = choose_rows(options);
-    if (rows.empty()) {
+    const std::vector<SelectedCheck> checks = select_checks(options);
+    if (checks.empty()) {
         fprintf(stderr, "ime-backup-check: no check matches; \"ime-backup-check --list\" lists them\n");
         return EXIT_USAGE;
     }
-    if (!options.lists)
-        return run_rows(rows);
-    for (const Row &row : rows)
-        printf("%s\n", row.description().c_str());
+    if (!options.list_only)
+        return run_checks(checks);
+    for (const SelectedCheck &selected : checks)
+        printf("%s\n", selected.description().c_str());
     return EXIT_SUCCESS;
 }
 

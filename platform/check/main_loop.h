@@ -1,5 +1,5 @@
 /** @file
- * Runs of the platform's main loop, as the service would see them.
+ * Runs the platform's main loop, and records the events that the service would see.
  */
 #pragma once
 
@@ -10,24 +10,24 @@
 
 /// The events of a run, in order, each with a space before it.
 struct Events {
-    std::string application; ///< of the life of the application
-    std::string exchange;    ///< of the cloud library
+    std::string application; ///< calls of the application's callbacks, and the return of service_app_main()
+    std::string exchange;    ///< calls of the cloud library's callbacks
 };
 
-struct Run {
+struct TestApplication {
     std::function<bool()> create = [] { return true; };
-    std::function<void(app_control_handle request)> control = [](app_control_handle) {};
-    /// Part of the name of the event that ends the run.
-    std::string last;
+    std::function<void(app_control_handle request)> app_control = [](app_control_handle) {};
+    /// The event that ends the run, or part of its name.
+    std::string last_event;
 };
 
-/// Runs service_app_main() in a process of its own until shortly after the last event, or until no event
-/// comes any more. If the process dies, the check ends.
-Events run_main_loop(const Run &run);
+/// Runs service_app_main() in a child process until shortly after the last event, or until no event has come
+/// for some seconds. If the child dies, the check ends.
+Events run_main_loop(const TestApplication &application);
 
-/// Notes an event of the exchange, and whether it comes on another thread than that of service_app_main(), or
-/// within a call of the library's own functions.
+/// Records an event of the exchange. Marks an event that comes on another thread than service_app_main()'s,
+/// or during a call of the cloud library.
 void note_event(const std::string &event);
 
-/// Set within such a call.
-extern bool is_calling;
+/// True during a call of the cloud library, which must not call back before it returns.
+extern bool is_in_library_call;

@@ -68,9 +68,9 @@ static Record get_current(List list)
     return record;
 }
 
-/// A value that no call hands out. If it changes, a call that fails has written its output.
+/// A value that no call returns. If it changes, a failed call has written its output.
 template <class Handle>
-static Handle bad_handle()
+static Handle invalid_handle()
 {
     static char memory[4096] = {};
     return reinterpret_cast<Handle>(memory + sizeof memory / 2);
@@ -80,11 +80,11 @@ static Handle bad_handle()
 static void expect_list_refused(List list, Record spare)
 {
     int count = 42;
-    auto record = bad_handle<Record>();
+    auto record = invalid_handle<Record>();
     expect_error(CALL(orvanta_cloud_list_get_record_count(list, &count)));
     expect(count, 42, "the output: ");
     expect_error(CALL(orvanta_cloud_list_get_current_record(list, &record)));
-    expect(record == bad_handle<Record>(), true, "the output is untouched: ");
+    expect(record == invalid_handle<Record>(), true, "the output is untouched: ");
     expect_error(CALL(orvanta_cloud_list_move_to_first(list)));
     expect_error(CALL(orvanta_cloud_list_move_to_next(list)));
     expect_error(CALL(orvanta_cloud_list_add(list, spare)));
@@ -106,17 +106,17 @@ static void expect_record_refused(Record record, List spare)
 
 // The exchange.
 
-enum class Set { info, backup, restore };
+enum class Exchange { info, backup, restore };
 
 static int is_ready = 1;
-static void (*on_list)(List list) = nullptr;
+static void (*check_list)(List list) = nullptr;
 
 /// Answers a callback.
 static void answer(int (*send)())
 {
-    is_calling = true;
+    is_in_library_call = true;
     run_to_end([send] { expect(send(), 0); });
-    is_calling = false;
+    is_in_library_call = false;
 }
 
 static void send_keys_and_dates()
@@ -132,94 +132,95 @@ static void send_keys_and_dates()
     expect(CALL(orvanta_cloud_list_destroy(list)), 0);
 }
 
-static void complete(int result)
+static void on_completed(int result)
 {
     note_event("completed(" + std::to_string(result) + ")");
 }
 
 static void register_restore()
 {
-    const auto prepare = [] {
+    const auto on_preparation = [] {
         note_event("preparation");
         answer(
             [] { return CALL(orvanta_cloud_restore_record_send_preparation_completed_response(is_ready)); });
     };
-    const auto tell_path = [] {
+    const auto on_path_request = [] {
         note_event("restoration_path");
         answer([] {
             return CALL(
                 orvanta_cloud_restore_record_send_restoration_path(nullptr, ORVANTA_CLOUD_SEND_NOTHING));
         });
     };
-    const auto restore = [](orvanta_cloud_source_handle) { note_event("restoration"); };
+    const auto on_restoration = [](orvanta_cloud_source_handle) { note_event("restoration"); };
 
-    expect(CALL(orvanta_cloud_restore_record_set_preparation_cb(prepare, nullptr)), 0);
-    expect(CALL(orvanta_cloud_restore_record_set_sending_restoration_path_cb(tell_path, nullptr)), 0);
-    expect(CALL(orvanta_cloud_restore_record_set_restoration_cb(restore, nullptr)), 0);
-    expect(CALL(orvanta_cloud_restore_record_set_completed_cb(complete, nullptr)), 0);
+    expect(CALL(orvanta_cloud_restore_record_set_preparation_cb(on_preparation, nullptr)), 0);
+    expect(CALL(orvanta_cloud_restore_record_set_sending_restoration_path_cb(on_path_request, nullptr)), 0);
+    expect(CALL(orvanta_cloud_restore_record_set_restoration_cb(on_restoration, nullptr)), 0);
+    expect(CALL(orvanta_cloud_restore_record_set_completed_cb(on_completed, nullptr)), 0);
 }
 
-static void register_backup(Set set)
+static void register_backup(Exchange exchange)
 {
-    const auto prepare = [] {
+    const auto on_preparation = [] {
         note_event("preparation");
         answer(
             [] { return CALL(orvanta_cloud_backup_record_send_preparation_completed_response(is_ready)); });
     };
-    const auto tell_keys_and_dates = [] {
+    const auto on_keys_and_dates_request = [] {
         note_event("keys_and_dates");
         run_to_end(send_keys_and_dates);
     };
-    const auto back_up = [](List list) {
+    const auto on_backup = [](List list) {
         note_event("backup");
-        run_to_end([list] { on_list(list); });
+        run_to_end([list] { check_list(list); });
         answer([] {
             return CALL(orvanta_cloud_backup_record_send_backup_path(nullptr, ORVANTA_CLOUD_SEND_NOTHING));
         });
         orvanta_cloud_list_destroy(list);
     };
 
-    expect(CALL(orvanta_cloud_backup_record_set_preparation_cb(prepare, nullptr)), 0);
-    expect(CALL(orvanta_cloud_backup_record_set_sending_keys_and_dates_cb(tell_keys_and_dates, nullptr)), 0);
-    if (set == Set::backup)
-        expect(CALL(orvanta_cloud_backup_record_set_backup_cb(back_up, nullptr)), 0);
-    expect(CALL(orvanta_cloud_backup_record_set_completed_cb(complete, nullptr)), 0);
+    expect(CALL(orvanta_cloud_backup_record_set_preparation_cb(on_preparation, nullptr)), 0);
+    expect(
+        CALL(orvanta_cloud_backup_record_set_sending_keys_and_dates_cb(on_keys_and_dates_request, nullptr)),
+        0);
+    if (exchange == Exchange::backup)
+        expect(CALL(orvanta_cloud_backup_record_set_backup_cb(on_backup, nullptr)), 0);
+    expect(CALL(orvanta_cloud_backup_record_set_completed_cb(on_completed, nullptr)), 0);
 }
 
-/// Has the library run an exchange.
+/// Registers for an exchange, and runs it.
 ///
-/// @return its events
-static std::string run_exchange(Set set)
+/// @return the exchange's events
+static std::string run_exchange(Exchange exchange)
 {
-    const auto create = [set, is_created = false]() mutable {
-        if (std::exchange(is_created, true)) // a platform may be wrong, and call it again
+    const auto create = [exchange, is_created = false]() mutable {
+        if (std::exchange(is_created, true)) // a faulty platform may call it again
             return true;
-        is_calling = true;
-        const bool is_registered = run_to_end([set] {
+        is_in_library_call = true;
+        const bool is_registered = run_to_end([exchange] {
             expect(CALL(orvanta_cloud_initialize()), 0);
-            if (set == Set::restore)
+            if (exchange == Exchange::restore)
                 register_restore();
             else
-                register_backup(set);
+                register_backup(exchange);
         });
-        is_calling = false;
+        is_in_library_call = false;
         return is_registered;
     };
-    const Run run = {.create = create, .last = "completed"};
-    const Events events = run_main_loop(run);
+    const Events events = run_main_loop({.create = create, .last_event = "completed"});
     if (events.application.empty())
         skip("the main loop does not run");
     if (events.exchange.empty())
-        skip("no exchange begins by itself");
-    note("an exchange");
+        skip("the library starts no exchange after the registration");
+    note_call("an exchange");
     return events.exchange;
 }
 
-/// Has the library run a backup up to its record callback, which ends it without a file.
-static void run_backup(void (*with_list)(List list))
+/// Runs a backup whose backup callback calls a function, and then ends the backup without a file.
+static void run_backup(void (*check)(List list))
 {
-    on_list = with_list;
-    const std::string events = run_exchange(Set::backup);
+    check_list = check;
+    const std::string events = run_exchange(Exchange::backup);
     if (events.find("backup") == std::string::npos)
         skip("the library does not ask for the records");
     expect(events, " preparation keys_and_dates backup completed(0)");
@@ -228,18 +229,18 @@ static void run_backup(void (*with_list)(List list))
 // The record file.
 
 static constexpr char FILE_NAME[] = "/ime-backup-check.dat";
-static constexpr char FOLDER_NAME[] = "/ime-backup-check";
-static constexpr char OTHER_NAME[] = "/ime-backup-check.new";
+static constexpr char MISSING_FOLDER_NAME[] = "/ime-backup-check";
+static constexpr char TEMPORARY_NAME[] = "/ime-backup-check.new";
 static const std::string FILE_PATH = std::string(IME_BACKUP_TRUSTED_FOLDER) + FILE_NAME;
 static constexpr rlim_t SIZE_LIMIT = 65'521;
 
-/// The folder that the library writes in: a platform may keep the device's folders below another one.
-struct Place {
-    char partial[4096]; ///< the file that a killed process wrote, or "" where another process writes
-    char folder[4096] = IME_BACKUP_TRUSTED_FOLDER;
+/// The folder that the library writes to. A platform may keep the device's folders below another folder.
+struct RecordFolder {
+    char partial_file[4096]; ///< left by a killed process; "" if another process writes the files
+    char path[4096] = IME_BACKUP_TRUSTED_FOLDER;
 };
 
-static auto &place = *make_shared_memory<Place>();
+static auto &record_folder = *make_shared_memory<RecordFolder>();
 
 static std::string read_file(const std::string &path)
 {
@@ -247,26 +248,27 @@ static std::string read_file(const std::string &path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// Handles SIGXFSZ, which comes in the middle of a write, at the limit: finds the file, and ends the process.
+/// Handles SIGXFSZ, which interrupts a write at the file size limit: finds the file, and exits.
 static void die_in_write(int)
 {
     for (int file = STDERR_FILENO + 1; file < 1024; file++) {
         struct stat status = {};
-        char path[sizeof place.partial] = "";
+        char path[sizeof record_folder.partial_file] = "";
         if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode) || status.st_size != SIZE_LIMIT ||
             readlink(("/proc/self/fd/" + std::to_string(file)).c_str(), path, sizeof path - 1) <= 0)
             continue;
         const std::string name = path;
-        snprintf(place.partial, sizeof place.partial, "%s", path);
-        snprintf(place.folder, sizeof place.folder, "%s", name.substr(0, name.rfind('/')).c_str());
-        if (!name.ends_with(FILE_NAME)) // its name may be another one in each process
+        snprintf(record_folder.partial_file, sizeof record_folder.partial_file, "%s", path);
+        snprintf(record_folder.path, sizeof record_folder.path, "%s",
+                 name.substr(0, name.rfind('/')).c_str());
+        if (!name.ends_with(FILE_NAME)) // the library may choose a new name in each process
             unlink(path);
     }
     _exit(0);
 }
 
-/// A list whose file has at least this size. The texts of its key and date are overwritten after they are
-/// set.
+/// Makes a list whose record file has at least this size. Overwrites the texts of the key and date after they
+/// are set, so that the library must copy them.
 static List make_sized_list(size_t size, const char *given_key = "0",
                             const char *given_date = "1700000000999")
 {
@@ -283,7 +285,7 @@ static List make_sized_list(size_t size, const char *given_key = "0",
     return list;
 }
 
-/// Tries to write a file that is larger than the limit.
+/// Tries to write a file that exceeds the size limit.
 static int write_too_much(void (*on_limit)(int))
 {
     const List list = make_sized_list(4 * SIZE_LIMIT);
@@ -296,16 +298,16 @@ static int write_too_much(void (*on_limit)(int))
 static void die_while_writing()
 {
     int status = 0;
-    waitpid(start_apart([] { write_too_much(die_in_write); }), &status, 0);
+    waitpid(start_process([] { write_too_much(die_in_write); }), &status, 0);
 }
 
-/// @return the file
+/// @return the content of the file
 static std::string write_small(List list = make_sized_list(1))
 {
     expect(CALL(orvanta_cloud_file_create_file(list, FILE_PATH.c_str())), 0);
-    std::string content = read_file(place.folder + std::string(FILE_NAME));
-    if (content.empty()) { // what was found may be another folder, in which the file is begun
-        snprintf(place.folder, sizeof place.folder, "%s", IME_BACKUP_TRUSTED_FOLDER);
+    std::string content = read_file(record_folder.path + std::string(FILE_NAME));
+    if (content.empty()) { // the library may begin the file in another folder, which was found
+        snprintf(record_folder.path, sizeof record_folder.path, "%s", IME_BACKUP_TRUSTED_FOLDER);
         content = read_file(FILE_PATH);
     }
     if (content.empty() && access(IME_BACKUP_TRUSTED_FOLDER, F_OK) == 0)
@@ -315,7 +317,7 @@ static std::string write_small(List list = make_sized_list(1))
     return content;
 }
 
-/// The same, where the library writes the same file for the same list.
+/// The same, but skips the check unless the library writes the same file for the same list each time.
 static std::string write_comparable()
 {
     const std::string content = write_small();
@@ -327,24 +329,25 @@ static std::string write_comparable()
 /// Expects the old file to be unchanged after `work` has failed to replace it.
 static void expect_file_stays(void (*work)())
 {
-    die_while_writing(); // so that the place is known
+    die_while_writing(); // finds the record folder
     const std::string before = write_comparable();
-    if (*place.partial == '\0')
+    if (*record_folder.partial_file == '\0')
         skip("another process writes the library's files");
     work();
-    const std::string after = read_file(place.folder + std::string(FILE_NAME));
-    note("orvanta_cloud_file_create_file(), which can't write all of the file");
+    const std::string after = read_file(record_folder.path + std::string(FILE_NAME));
+    note_call("orvanta_cloud_file_create_file(), which can't write all of the file");
     if (after != before)
-        fail("the file that was there", std::to_string(after.size()) + " bytes of another");
+        fail("the old file", "another file of " + std::to_string(after.size()) + " bytes");
 }
 
 static void remove_files()
 {
-    const std::string folder = place.folder;
-    for (const std::string &made : {place.partial + std::string(), folder + FILE_NAME, folder + OTHER_NAME,
-                                    folder + FOLDER_NAME + FILE_NAME, folder + FOLDER_NAME})
+    const std::string folder = record_folder.path;
+    for (const std::string &made :
+         {record_folder.partial_file + std::string(), folder + FILE_NAME, folder + TEMPORARY_NAME,
+          folder + MISSING_FOLDER_NAME + FILE_NAME, folder + MISSING_FOLDER_NAME})
         if (access(made.c_str(), F_OK) == 0 && remove(made.c_str()) != 0) {
-            note(made.c_str());
+            note_call(made.c_str());
             fail("removed", strerror(errno));
         }
 }
@@ -352,7 +355,7 @@ static void remove_files()
 // The promises.
 
 static constexpr Check CHECKS[] = {
-    {"orvanta_cloud_initialize() may be called again", "It would not serve a second request.",
+    {"orvanta_cloud_initialize() can be called again", "The service would not serve a second request.",
      [] {
          expect(CALL(orvanta_cloud_initialize()), 0);
          expect(CALL(orvanta_cloud_initialize()), 0);
@@ -360,8 +363,8 @@ static constexpr Check CHECKS[] = {
          expect(CALL(orvanta_cloud_deinitialize()), 0);
      }},
 
-    {"a list gives each of its records once, in order, and an error behind the last",
-     "It would back up or restore a record twice, or not at all.",
+    {"a list returns each of its records once, in order, and an error after the last record",
+     "The service would back up or restore a record twice, or not at all.",
      [] {
          orvanta_cloud_initialize();
          for (const auto &values : {std::vector<std::string>(), {"one"}, {"one", "two", "three"}}) {
@@ -382,16 +385,16 @@ static constexpr Check CHECKS[] = {
                      expect(get_value(get_current(list)), values.back());
              }
              if (count == 0) {
-                 auto record = bad_handle<Record>();
+                 auto record = invalid_handle<Record>();
                  expect_error(CALL(orvanta_cloud_list_move_to_first(list)));
                  expect_error(CALL(orvanta_cloud_list_get_current_record(list, &record)));
-                 expect(record == bad_handle<Record>(), true, "the output is untouched: ");
+                 expect(record == invalid_handle<Record>(), true, "the output is untouched: ");
              }
              expect(CALL(orvanta_cloud_list_destroy(list)), 0);
          }
      }},
 
-    {"a record copies the value that it is given", "It would back up a text that it has freed.",
+    {"a record copies the value that is set", "The service would back up a text that it has already freed.",
      [] {
          orvanta_cloud_initialize();
          const Record record = make_record();
@@ -404,8 +407,8 @@ static constexpr Check CHECKS[] = {
          }
      }},
 
-    {"orvanta_cloud_record_get_value() gives a new text each time, to be freed with g_free()",
-     "It would free a text twice, or one that is in use.",
+    {"orvanta_cloud_record_get_value() returns a new text each time, which g_free() can free",
+     "The service would free a text twice, or while the text is in use.",
      [] {
          orvanta_cloud_initialize();
          const Record record = make_record("value");
@@ -420,8 +423,8 @@ static constexpr Check CHECKS[] = {
          g_free(other);
      }},
 
-    {"orvanta_cloud_record_get_value() of a record without a value gives null",
-     "It would restore a text that no backup has.",
+    {"orvanta_cloud_record_get_value() returns null for a record without a value",
+     "The service would restore a text that is in no backup.",
      [] {
          orvanta_cloud_initialize();
          char text[] = "";
@@ -430,8 +433,8 @@ static constexpr Check CHECKS[] = {
          expect(value, nullptr);
      }},
 
-    {"key, date and failure of a record can be set",
-     "It would back up no record, and could not tell that one is not restored.",
+    {"a record's key and date can be set, and it can be marked as failed",
+     "The service would back up no record, and could not report that a record is not restored.",
      [] {
          orvanta_cloud_initialize();
          const Record record = make_record();
@@ -441,7 +444,7 @@ static constexpr Check CHECKS[] = {
      }},
 
     {"null and a text that is not UTF-8 are refused, and outputs stay untouched",
-     "It would crash where a call before has failed, since it goes on.",
+     "The service would crash after a failed call, since it goes on after failures.",
      [] {
          orvanta_cloud_initialize();
          expect_list_refused(nullptr, make_record());
@@ -459,34 +462,33 @@ static constexpr Check CHECKS[] = {
          expect_error(CALL(orvanta_cloud_record_get_value(record, nullptr)));
      }},
 
-    {"a list that is destroyed is refused with its records, and outputs stay untouched",
-     "It would read memory that is freed.",
+    {"a destroyed list and its records are refused, and outputs stay untouched",
+     "The service would read freed memory.",
      [] {
          orvanta_cloud_initialize();
          const List list = make_list({"value"});
          const Record record = get_current(list);
-         const Record spare =
-             make_record(); // made before, since a later one may get the address of a destroyed one
+         const Record spare = make_record(); // made now: later it could get the address of a destroyed record
          const List spare_list = make_list();
          expect(CALL(orvanta_cloud_list_destroy(list)), 0);
          expect_list_refused(list, spare);
          expect_record_refused(record, spare_list);
      }},
 
-    {"what is no handle, or a handle of another kind, is refused, and outputs stay untouched",
-     "It would read memory that is none.",
+    {"an invalid handle, or a handle of another kind, is refused, and outputs stay untouched",
+     "The service would read invalid memory.",
      [] {
          orvanta_cloud_initialize();
          const Record record = make_record();
          const List list = make_list();
-         expect_list_refused(bad_handle<List>(), record);
-         expect_record_refused(bad_handle<Record>(), list);
+         expect_list_refused(invalid_handle<List>(), record);
+         expect_record_refused(invalid_handle<Record>(), list);
          expect_list_refused(reinterpret_cast<List>(record), record);
          expect_record_refused(reinterpret_cast<Record>(list), list);
      }},
 
     {"an answer that no exchange waits for is refused",
-     "It would take an exchange for under way that is over.",
+     "The service would treat an exchange that has ended as running.",
      [] {
          orvanta_cloud_initialize();
          const List list = make_list({""});
@@ -501,20 +503,20 @@ static constexpr Check CHECKS[] = {
      }},
 
     {"a service that is not ready gets no more callbacks except completed(0)",
-     "It would take part in an exchange that it has declined.",
+     "The service would take part in an exchange that it has declined.",
      [] {
          is_ready = 0;
-         for (const Set set : {Set::info, Set::restore})
-             expect(run_exchange(set), " preparation completed(0)");
+         for (const Exchange exchange : {Exchange::info, Exchange::restore})
+             expect(run_exchange(exchange), " preparation completed(0)");
      },
      Check::changes},
 
-    {"a restore asks for a path, and ends without one", "A restore would never begin, or never end.",
-     [] { expect(run_exchange(Set::restore), " preparation restoration_path completed(0)"); },
+    {"a restore asks for a path, and ends if it gets none", "A restore would never begin, or never end.",
+     [] { expect(run_exchange(Exchange::restore), " preparation restoration_path completed(0)"); },
      Check::changes},
 
-    {"a backup asks for one record for each key, without a value",
-     "It would back up nothing, or under a key of which the client does not know.",
+    {"a backup passes one record for each key, without a value",
+     "The service would back up nothing, or use a key that the client does not know.",
      [] {
          run_backup([](List list) {
              int count = 0;
@@ -528,30 +530,31 @@ static constexpr Check CHECKS[] = {
      },
      Check::changes},
 
-    {"orvanta_cloud_file_create_file() writes a file into the trusted folder, with the keys and dates "
-     "as they were set",
-     "It would hand over no backup.",
+    {"orvanta_cloud_file_create_file() writes a file into the trusted folder, with the records' keys and "
+     "dates",
+     "The service would deliver no backup.",
      [] {
          run_backup([](List) {
              die_while_writing();
              const std::string content = write_comparable();
              const bool has_key = write_small(make_sized_list(1, "1")) != content;
              const bool has_date = write_small(make_sized_list(1, "0", "1700000000998")) != content;
-             note("orvanta_cloud_file_create_file(), with another key, then with a date 1 ms earlier");
+             note_call("orvanta_cloud_file_create_file(), with another key, then with a date 1 ms earlier");
              expect(has_key, true, "another file for another key: ");
              expect(has_date, true, "another file for another date: ");
          });
      },
      Check::changes},
 
-    {"orvanta_cloud_file_create_file() gives an error for a folder that is missing, and makes none",
-     "It would hand over a file that is not there.",
+    {"orvanta_cloud_file_create_file() returns an error for a missing folder, and does not make the folder",
+     "The service would deliver a file that does not exist.",
      [] {
          run_backup([](List list) {
              die_while_writing();
-             const std::string path = std::string(IME_BACKUP_TRUSTED_FOLDER) + FOLDER_NAME + FILE_NAME;
+             const std::string path =
+                 std::string(IME_BACKUP_TRUSTED_FOLDER) + MISSING_FOLDER_NAME + FILE_NAME;
              expect_error(CALL(orvanta_cloud_file_create_file(list, path.c_str())));
-             expect(access((place.folder + std::string(FOLDER_NAME)).c_str(), F_OK) != 0, true,
+             expect(access((record_folder.path + std::string(MISSING_FOLDER_NAME)).c_str(), F_OK) != 0, true,
                     "no folder: ");
              expect_error(CALL(orvanta_cloud_file_create_file(list, nullptr)));
              expect_error(CALL(orvanta_cloud_file_create_file(nullptr, FILE_PATH.c_str())));
@@ -560,26 +563,26 @@ static constexpr Check CHECKS[] = {
      Check::changes},
 
     {"orvanta_cloud_file_create_file() keeps the old file when its process is killed",
-     "It would have half a backup replace a whole one.",
+     "Half a backup would replace a whole backup.",
      [] { run_backup([](List) { expect_file_stays(die_while_writing); }); }, Check::changes},
 
-    {"orvanta_cloud_file_create_file() gives an error and keeps the old file when the disk is full",
-     "It would have half a backup replace a whole one.",
+    {"orvanta_cloud_file_create_file() returns an error and keeps the old file when the disk is full",
+     "Half a backup would replace a whole backup.",
      [] {
          run_backup([](List) {
-             expect_file_stays([] { run_apart([] { expect_error(write_too_much(SIG_IGN)); }); });
+             expect_file_stays([] { run_in_process([] { expect_error(write_too_much(SIG_IGN)); }); });
          });
      },
      Check::changes},
 
-    {"the trusted folder lets the service's user make, write, rename and remove a file",
-     "The cloud library could not hand over a backup, or take one.",
+    {"the service's user can make, write, rename and remove a file in the trusted folder",
+     "The cloud library could neither receive nor deliver a backup.",
      [] {
-         const std::string file = place.folder + std::string(FILE_NAME);
-         const std::string other = place.folder + std::string(OTHER_NAME);
-         if (access(place.folder, F_OK) != 0 && errno == ENOENT)
-             skip("the cloud library keeps it elsewhere");
-         note(file.c_str());
+         const std::string file = record_folder.path + std::string(FILE_NAME);
+         const std::string other = record_folder.path + std::string(TEMPORARY_NAME);
+         if (access(record_folder.path, F_OK) != 0 && errno == ENOENT)
+             skip("the cloud library uses another folder");
+         note_call(file.c_str());
          const auto expect_done = [](bool is_done, const char *what) {
              if (!is_done)
                  fail(what, strerror(errno));
@@ -591,10 +594,10 @@ static constexpr Check CHECKS[] = {
      },
      Check::changes},
 
-    {"an exchange for backup info calls back in order, from the main loop and on its thread, and completes "
-     "once",
-     "Its callbacks would come when nothing waits for them, and the exchange would fail or never end.",
-     [] { expect(run_exchange(Set::info), " preparation keys_and_dates completed(1)"); }, Check::changes},
+    {"an exchange for backup info calls back in order, from the main loop, on its thread, and completes once",
+     "Callbacks would come when the service does not expect them, and the exchange would fail or never end.",
+     [] { expect(run_exchange(Exchange::info), " preparation keys_and_dates completed(1)"); },
+     Check::changes},
 };
 
 extern const Library ORVANTA_CLOUD = {"orvanta-cloud-svc", CHECKS, nullptr, remove_files};

@@ -1,5 +1,5 @@
 /** @file
- * How a check ended, for the process that prints it.
+ * The result of a check, for the process that prints the results.
  */
 #pragma once
 
@@ -12,29 +12,30 @@ struct Report {
     static constexpr size_t SIZE = 500;
 
     enum class Verdict { none, failed, skipped } verdict;
-    char call[SIZE]; ///< the last one
+    char call[SIZE]; ///< the last call that the check made
     char expected[SIZE];
-    char got[SIZE]; ///< or why the check is skipped
+    char got[SIZE]; ///< or the reason why the check is skipped
 };
 
-/// Of the check that runs, in memory that all its processes share.
+/// The report of the running check, in memory that all its processes share.
 extern Report *const report;
 
 void report_failure(const std::string &expected, const std::string &got);
 
-/// Reports a process that start_apart() started and that did not come to its end.
-void report_end(int status);
+/// Reports a failure if this wait status shows that a process from start_process() did not finish its
+/// function.
+void report_exit_status(int status);
 
-/// Runs what may end the check.
+/// Runs a function that may end the check.
 ///
-/// @return whether it came to its end
+/// @return true if the function returned, false if it ended the check
 bool run_to_end(const std::function<void()> &work);
 
-/// Starts a process that runs a function. It dies with the process that started it.
-pid_t start_apart(const std::function<void()> &work);
+/// Starts a child process that runs a function. The child is killed when its parent dies.
+pid_t start_process(const std::function<void()> &work);
 
-/// Ends the check here if it ended in another process.
+/// Ends the check in this process if the check has ended in another process.
 void end_if_reported();
 
-/// The same, or if the other process, which has ended with this status, did not come to its end.
-void end_as(int status);
+/// The same, and also if this wait status shows that the other process did not finish its function.
+void end_if_process_failed(int status);

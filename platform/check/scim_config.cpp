@@ -14,19 +14,19 @@
 namespace
 {
 
-/// What a key holds: a value of the setting's type, or else any text.
-struct Held {
-    bool is_set;
-    int number;
-    char text[200];
+/// The value of a key.
+struct StoredValue {
+    bool is_set;    ///< to a value of the setting's type
+    int number;     ///< the value, if it is set
+    char text[200]; ///< else the text that is stored instead, if any
 };
 
 } // namespace
 
-/// What the settings held before the checks, by their rows.
-static auto &saved = *make_shared_memory<std::array<Held, SETTINGS.size()>>();
+/// The settings' values before the checks, in the order of #SETTINGS.
+static auto &saved = *make_shared_memory<std::array<StoredValue, SETTINGS.size()>>();
 
-static constexpr char MISSING[] = "keyloom/ime_backup_check/missing";
+static constexpr char MISSING_KEY[] = "keyloom/ime_backup_check/missing";
 
 static scim::ConfigPointer create_config()
 {
@@ -38,74 +38,76 @@ static scim::ConfigPointer create_config()
     return config;
 }
 
-static bool is_configured(const SettingRow &row)
+static bool is_in_configuration(const SettingRow &row)
 {
     return row.place == SettingPlace::configuration;
 }
 
-static Held look(const scim::ConfigPointer &config, const SettingRow &row)
+static StoredValue read_stored(const scim::ConfigPointer &config, const SettingRow &row)
 {
-    Held held = {};
+    StoredValue stored = {};
     bool truth = false;
     scim::String text;
     if (row.form == SettingForm::integer_switch)
-        held.is_set = CALL(config->read(row.key, &held.number));
-    else if (held.is_set = CALL(config->read(row.key, &truth)); held.is_set)
-        held.number = truth ? 1 : 0;
-    if (!held.is_set && CALL(config->read(row.key, &text)))
-        text.copy(held.text, sizeof held.text - 1);
-    return held;
+        stored.is_set = CALL(config->read(row.key, &stored.number));
+    else if (stored.is_set = CALL(config->read(row.key, &truth)); stored.is_set)
+        stored.number = truth ? 1 : 0;
+    if (!stored.is_set && CALL(config->read(row.key, &text)))
+        text.copy(stored.text, sizeof stored.text - 1);
+    return stored;
 }
 
 static void expect_not_set(const scim::ConfigPointer &config)
 {
     int number = 42;
     bool truth = true;
-    expect(CALL(config->read(MISSING, &number)), false);
+    expect(CALL(config->read(MISSING_KEY, &number)), false);
     expect(number, 42, "the output: ");
-    expect(CALL(config->read(MISSING, &truth)), false);
+    expect(CALL(config->read(MISSING_KEY, &truth)), false);
     expect(truth, true, "the output: ");
 }
 
 static void save()
 {
     const scim::ConfigPointer config = create_config();
-    expect_not_set(config); // else what is not set could not be put back
+    expect_not_set(config); // or else an unset setting could not be put back
     for (size_t i = 0; i < SETTINGS.size(); i++)
-        if (is_configured(SETTINGS[i]))
-            saved[i] = look(config, SETTINGS[i]);
+        if (is_in_configuration(SETTINGS[i]))
+            saved[i] = read_stored(config, SETTINGS[i]);
 }
 
-static std::string describe(const Held &held)
+static std::string describe(const StoredValue &stored)
 {
-    return held.is_set ? show(held.number) : *held.text != '\0' ? show(held.text) : "not set";
+    return stored.is_set ? show(stored.number) : *stored.text != '\0' ? show(stored.text) : "not set";
 }
 
-static void write(const scim::ConfigPointer &config, const SettingRow &row, const Held &held)
+static void write(const scim::ConfigPointer &config, const SettingRow &row, const StoredValue &stored)
 {
-    if (!held.is_set && *held.text == '\0')
+    if (!stored.is_set && *stored.text == '\0')
         config->erase(row.key);
-    else if (!held.is_set)
-        config->write(row.key, scim::String(held.text));
+    else if (!stored.is_set)
+        config->write(row.key, scim::String(stored.text));
     else if (row.form == SettingForm::integer_switch)
-        config->write(row.key, held.number);
+        config->write(row.key, stored.number);
     else
-        config->write(row.key, held.number != 0);
+        config->write(row.key, stored.number != 0);
 }
 
 static void put_back()
 {
     const scim::ConfigPointer config = create_config();
     for (size_t i = 0; i < SETTINGS.size(); i++)
-        if (is_configured(SETTINGS[i]) && describe(look(config, SETTINGS[i])) != describe(saved[i]))
+        if (is_in_configuration(SETTINGS[i]) &&
+            describe(read_stored(config, SETTINGS[i])) != describe(saved[i]))
             write(config, SETTINGS[i], saved[i]);
     config->flush();
     config->reload();
     Differences differences;
     for (size_t i = 0; i < SETTINGS.size(); i++)
-        if (is_configured(SETTINGS[i]))
-            differences.compare(SETTINGS[i].key, describe(saved[i]), describe(look(config, SETTINGS[i])));
-    differences.end();
+        if (is_in_configuration(SETTINGS[i]))
+            differences.compare(SETTINGS[i].key, describe(saved[i]),
+                                describe(read_stored(config, SETTINGS[i])));
+    differences.fail_if_any();
 }
 
 template <class Value>
@@ -116,7 +118,8 @@ static Value read(const scim::ConfigPointer &config, const char *key, Value othe
     return value;
 }
 
-/// Each setting of a form is written in one process, and read there and in another. Neighbours differ.
+/// Writes each setting of this form in one process, and reads it in the same and in another process.
+/// Neighbouring settings get different values, so that a mix-up shows.
 template <class Value>
 static void check_round_trip(SettingForm form)
 {
@@ -124,7 +127,7 @@ static void check_round_trip(SettingForm form)
         const auto each = [&](auto work) {
             bool value = first;
             for (const SettingRow &row : SETTINGS)
-                if (is_configured(row) && row.form == form)
+                if (is_in_configuration(row) && row.form == form)
                     work(row.key, static_cast<Value>(value)), value = !value;
         };
         const auto read_all = [&](const scim::ConfigPointer &config) {
@@ -132,22 +135,22 @@ static void check_round_trip(SettingForm form)
                 expect(read(config, key, static_cast<Value>(!value)), value);
             });
         };
-        run_apart([&] {
+        run_in_process([&] {
             const scim::ConfigPointer config = create_config();
             each([&](const char *key, Value value) { expect(CALL(config->write(key, value)), true); });
             read_all(config);
             expect(CALL(config->flush()), true);
         });
-        run_apart([&] { read_all(create_config()); });
+        run_in_process([&] { read_all(create_config()); });
     }
 }
 
 static constexpr Check CHECKS[] = {
-    {"the module \"socket\" opens, and its configuration", "It would back up and restore nothing.",
-     [] { create_config(); }},
+    {"the module \"socket\" and its configuration can be opened",
+     "The service would back up and restore nothing.", [] { create_config(); }},
 
-    {"the module opens again while it is open, and after",
-     "It would back up only the first record, and restore only that.",
+    {"the module can be opened again while it is open, and afterwards",
+     "The service would back up and restore only the first record.",
      [] {
          const scim::ConfigPointer first = create_config();
          for (int i = 0; i < 3; i++)
@@ -155,17 +158,17 @@ static constexpr Check CHECKS[] = {
          create_config();
      }},
 
-    {"read() of a key that is not set gives false, and leaves its output untouched",
-     "It would back up a switch that is not set as off, and it stands for on.",
+    {"read() returns false for a missing key, and leaves its output untouched",
+     "The service would back up an unset switch as off, although an unset switch is on.",
      [] {
          const scim::ConfigPointer config = create_config();
          expect_not_set(config);
-         expect(CALL(config->read(MISSING, 1)), 1);
-         expect(CALL(config->read(MISSING, true)), true);
+         expect(CALL(config->read(MISSING_KEY, 1)), 1);
+         expect(CALL(config->read(MISSING_KEY, true)), true);
      }},
 
-    {"create_config() gives an empty handle when the daemon is away",
-     "It would back up defaults as the settings, and tell that a restore succeeded.",
+    {"create_config() returns an empty handle when the daemon is not running",
+     "The service would back up default values, and report a failed restore as a success.",
      [] {
          for (const char *variable : {"SCIM_SOCKET_ADDRESS", "SCIM_CONFIG_SOCKET_ADDRESS"})
              setenv(variable, "local:/nonexistent/ime-backup-check", 1);
@@ -177,34 +180,34 @@ static constexpr Check CHECKS[] = {
              fail("an empty handle", "a configuration that is not valid");
          bool is_any_set = false;
          for (size_t i = 0; i < SETTINGS.size(); i++)
-             if (is_configured(SETTINGS[i]) && saved[i].is_set) {
+             if (is_in_configuration(SETTINGS[i]) && saved[i].is_set) {
                  is_any_set = true;
-                 if (look(config, SETTINGS[i]).is_set)
+                 if (read_stored(config, SETTINGS[i]).is_set)
                      skip("the daemon can't be hidden from the library");
              }
          if (!is_any_set)
-             skip("no setting is set, so that a daemon that answers looks like none");
+             skip("no setting is set, so a running daemon looks like a missing daemon");
          fail("an empty handle", "a configuration");
      }},
 
-    {"an integer that is written and flushed is read by each process", "A restored switch would not change.",
+    {"every process can read an integer that was written and flushed", "A restored switch would not change.",
      [] { check_round_trip<int>(SettingForm::integer_switch); }, Check::changes},
 
-    {"a boolean that is written and flushed is read by each process", "A restored switch would not change.",
+    {"every process can read a boolean that was written and flushed", "A restored switch would not change.",
      [] { check_round_trip<bool>(SettingForm::boolean_switch); }, Check::changes},
 
-    {"reload() gives true, and leaves what was flushed",
-     "A restore would end before the keyboard knows of it.",
+    {"reload() returns true, and keeps flushed values",
+     "A restore would end before the keyboard knows the restored settings.",
      [] {
          const SettingRow &row = *std::ranges::find(SETTINGS, SettingForm::integer_switch, &SettingRow::form);
-         run_apart([&] {
+         run_in_process([&] {
              const scim::ConfigPointer config = create_config();
              config->write(row.key, 1);
              expect(CALL(config->flush()), true);
              expect(CALL(config->reload()), true);
              expect(read(config, row.key, 0), 1);
          });
-         run_apart([&] { expect(read(create_config(), row.key, 0), 1); });
+         run_in_process([&] { expect(read(create_config(), row.key, 0), 1); });
      },
      Check::changes},
 };

@@ -1,4 +1,5 @@
-// The settings store. It can't unset a key, so only keys that are set are written, and put back.
+// The settings store. It can't unset a key, so the checks write only keys that are set, to be able to put
+// them back.
 
 #include "vconf.h"
 
@@ -17,14 +18,13 @@
 namespace
 {
 
-/// What a key holds.
-struct Held {
-    enum Form { nothing, boolean, text } form;
-    int number;
-    char content[1 << 14];
+struct StoredValue {
+    enum Type { nothing, boolean, text } type;
+    int number;            ///< of a boolean
+    char content[1 << 14]; ///< of a text
 };
 
-/// A list that is filled with a key, or with the keys below a folder.
+/// A key list with one key, or with the keys below a directory.
 struct List {
     explicit List(const std::string &directory = "")
     {
@@ -44,68 +44,68 @@ using Texts = std::vector<std::pair<std::string, std::string>>;
 
 } // namespace
 
-/// What the settings held before the checks, by their rows.
-static auto &saved = *make_shared_memory<std::array<Held, SETTINGS.size()>>();
+/// The settings' values before the checks, in the order of #SETTINGS.
+static auto &saved = *make_shared_memory<std::array<StoredValue, SETTINGS.size()>>();
 
-static constexpr char MISSING[] = "db/ise/ime_backup_check/missing";
+static constexpr char MISSING_KEY[] = "db/ise/ime_backup_check/missing";
 
-/// A value that no list hands out. If it changes, a call that fails has written its output.
-static const auto NO_NODE = reinterpret_cast<vconf_keynode_handle>(&saved);
+/// A value that no list returns. If it changes, a failed call has written its output.
+static const auto INVALID_NODE = reinterpret_cast<vconf_keynode_handle>(&saved);
 
 // Saving the settings, and putting them back.
 
-/// Fails where the key's value can't be determined, and so could not be put back.
-static Held look(const char *key)
+/// Fails the check if a value has two types at once, since it could not be put back.
+static StoredValue read_stored(const char *key)
 {
-    Held held = {};
+    StoredValue stored = {};
     int value = -1;
     char *text = CALL(vconf_get_str(key));
     if (CALL(vconf_get_bool(key, &value)) != -1 && value != -1) {
         if (text != nullptr)
             fail("-1 for a text", show(value));
-        held = {Held::boolean, value, ""};
-    } else if (text != nullptr && std::string(text).size() < sizeof held.content) {
-        held.form = Held::text;
-        std::string(text).copy(held.content, sizeof held.content);
+        stored = {StoredValue::boolean, value, ""};
+    } else if (text != nullptr && std::string(text).size() < sizeof stored.content) {
+        stored.type = StoredValue::text;
+        std::string(text).copy(stored.content, sizeof stored.content);
     }
     free(text);
-    return held;
+    return stored;
 }
 
-static bool is_stored(size_t row)
+static bool is_in_settings_store(size_t row)
 {
     return SETTINGS[row].place == SettingPlace::settings_store;
 }
 
-static bool is_any(const Held &held)
+static bool is_set(const StoredValue &stored)
 {
-    return held.form != Held::nothing;
+    return stored.type != StoredValue::nothing;
 }
 
-static bool is_boolean(const Held &held)
+static bool is_boolean(const StoredValue &stored)
 {
-    return held.form == Held::boolean;
+    return stored.type == StoredValue::boolean;
 }
 
-static bool is_text(const Held &held)
+static bool is_text(const StoredValue &stored)
 {
-    return held.form == Held::text;
+    return stored.type == StoredValue::text;
 }
 
-static std::string describe(const Held &held)
+static std::string describe(const StoredValue &stored)
 {
-    return held.form == Held::nothing ? "not set"
-           : held.form == Held::text  ? show(held.content)
-                                      : show(held.number);
+    return stored.type == StoredValue::nothing ? "not set"
+           : stored.type == StoredValue::text  ? show(stored.content)
+                                               : show(stored.number);
 }
 
 static void save()
 {
     for (size_t i = 0; i < SETTINGS.size(); i++)
-        if (is_stored(i))
-            saved[i] = look(SETTINGS[i].key);
-    if (const Held missing = look(MISSING); is_any(missing))
-        fail("nothing under " + show(MISSING), describe(missing));
+        if (is_in_settings_store(i))
+            saved[i] = read_stored(SETTINGS[i].key);
+    if (const StoredValue missing = read_stored(MISSING_KEY); is_set(missing))
+        fail("nothing under " + show(MISSING_KEY), describe(missing));
 }
 
 static int store_texts(const Texts &texts)
@@ -122,27 +122,27 @@ static void put_back()
 {
     for (size_t i = 0; i < SETTINGS.size(); i++) {
         const char *key = SETTINGS[i].key;
-        if (!is_stored(i) || describe(look(key)) == describe(saved[i]))
+        if (!is_in_settings_store(i) || describe(read_stored(key)) == describe(saved[i]))
             continue;
-        if (saved[i].form == Held::boolean)
+        if (saved[i].type == StoredValue::boolean)
             vconf_set_bool(key, saved[i].number);
-        else if (saved[i].form == Held::text)
+        else if (saved[i].type == StoredValue::text)
             store_texts({{key, saved[i].content}});
     }
     Differences differences;
     for (size_t i = 0; i < SETTINGS.size(); i++)
-        if (is_stored(i))
-            differences.compare(SETTINGS[i].key, describe(saved[i]), describe(look(SETTINGS[i].key)));
-    differences.end();
+        if (is_in_settings_store(i))
+            differences.compare(SETTINGS[i].key, describe(saved[i]), describe(read_stored(SETTINGS[i].key)));
+    differences.fail_if_any();
 }
 
 // Keys to check with.
 
-static std::vector<std::string> find_keys(size_t count, bool (*fits)(const Held &) = is_any)
+static std::vector<std::string> find_keys(size_t count, bool (*fits)(const StoredValue &) = is_set)
 {
     std::vector<std::string> keys;
     for (size_t i = 0; i < SETTINGS.size(); i++)
-        if (is_stored(i) && fits(saved[i]))
+        if (is_in_settings_store(i) && fits(saved[i]))
             keys.emplace_back(SETTINGS[i].key);
     if (keys.size() < count)
         skip("too few settings are set: set the keyboard's settings first");
@@ -154,7 +154,7 @@ static std::string find_key()
     return find_keys(1).back();
 }
 
-/// A key that holds a text already: a store may refuse a text under another key.
+/// Returns a key that already holds a text, since a store may refuse a text under other keys.
 static std::string find_text_key()
 {
     return find_keys(1, is_text).front();
@@ -202,33 +202,34 @@ static std::string folder_of(const std::string &path)
 // The promises.
 
 static constexpr Check CHECKS[] = {
-    {"vconf_get_bool() of a missing key gives -1, and leaves its output untouched",
-     "It would back up a switch that is not set as off, and it stands for on.",
-     [] { expect_no_bool(MISSING); }},
+    {"vconf_get_bool() returns -1 for a missing key, and leaves its output untouched",
+     "The service would back up an unset switch as off, although an unset switch is on.",
+     [] { expect_no_bool(MISSING_KEY); }},
 
-    {"vconf_get_bool() gives 0, and a value of 0 or 1",
-     "It would take a switch that was read for one that was not, or log a failure that is none.",
+    {"vconf_get_bool() returns 0, and sets a value of 0 or 1",
+     "The service would treat a switch that was read as unreadable, or log a failure that did not happen.",
      [] {
          const auto keys = find_keys(1, is_boolean);
          if (const int value = get_bool(keys[0]); value != 0 && value != 1)
              fail("0 or 1", show(value));
      }},
 
-    {"vconf_get_str() of a missing key gives null", "It would take languages for downloaded that are not.",
-     [] { expect(CALL(vconf_get_str(MISSING)), nullptr); }},
+    {"vconf_get_str() returns null for a missing key",
+     "The service would restore languages that are not downloaded.",
+     [] { expect(CALL(vconf_get_str(MISSING_KEY)), nullptr); }},
 
-    {"vconf_get() of nothing, or of part of a key's name, gives a negative value",
-     "It would not store the default languages where none are selected.",
+    {"vconf_get() returns a negative value if no key has the name, even if a key's name begins with it",
+     "The service would not store the default languages when none are selected.",
      [] {
          const List list;
-         expect_negative(CALL(vconf_get(list.handle, MISSING, VCONF_GET_KEYS)));
+         expect_negative(CALL(vconf_get(list.handle, MISSING_KEY, VCONF_GET_KEYS)));
          std::string part = find_key();
          part.pop_back();
          expect_negative(CALL(vconf_get(list.handle, part.c_str(), VCONF_GET_KEYS)));
      }},
 
-    {"vconf_get() finds a key by its name, and below each folder above it",
-     "It would back up no languages, or overwrite the selected ones with the default.",
+    {"vconf_get() finds a key by its full name, and by each directory above it",
+     "The service would back up no languages, or overwrite the selected languages with the default.",
      [] {
          const std::string key = find_key();
          for (std::string path = key; path.find('/') != std::string::npos; path = folder_of(path))
@@ -236,20 +237,20 @@ static constexpr Check CHECKS[] = {
      }},
 
     {"vconf_keylist_lookup() finds a key by its full name only, and otherwise leaves its output untouched",
-     "It would back up the languages of another key.",
+     "The service would back up the languages of another key.",
      [] {
          const std::string key = find_key();
          const List list(folder_of(key));
          for (const std::string &part : {key.substr(0, key.size() - 1), key + "x", folder_of(key),
                                          key.substr(key.rfind('/') + 1), std::string()}) {
-             vconf_keynode_handle node = NO_NODE;
+             vconf_keynode_handle node = INVALID_NODE;
              expect_negative(CALL(vconf_keylist_lookup(list.handle, part.c_str(), &node)));
-             expect(node == NO_NODE, true, "the output is untouched: ");
+             expect(node == INVALID_NODE, true, "the output is untouched: ");
          }
      }},
 
-    {"vconf_keynode_get_str() gives a text that lives as long as its list",
-     "It would back up a text that another call has overwritten.",
+    {"vconf_keynode_get_str() returns a text that stays valid as long as its list",
+     "The service would back up a text that another call has overwritten.",
      [] {
          const std::string key = find_text_key();
          const std::string text = get_text(key);
@@ -262,11 +263,12 @@ static constexpr Check CHECKS[] = {
              vconf_keynode_get_str(find_node(other, key));
              get_text(key);
          }
-         note("vconf_keynode_get_str(), after other calls");
+         note_call("vconf_keynode_get_str(), after other calls");
          expect(kept, text);
      }},
 
-    {"vconf_get_str() gives a new text each time", "It would free a text twice, or read one that is gone.",
+    {"vconf_get_str() returns a new text each time",
+     "The service would free a text twice, or read a freed text.",
      [] {
          const std::string key = find_text_key();
          char *one = CALL(vconf_get_str(key.c_str()));
@@ -279,28 +281,29 @@ static constexpr Check CHECKS[] = {
          free(other);
      }},
 
-    {"null handles and texts are refused", "It would crash where a call before has failed, since it goes on.",
+    {"null handles and texts are refused",
+     "The service would crash after a failed call, since it goes on after failures.",
      [] {
          const List list;
          int value = 0;
          vconf_keynode_handle node = nullptr;
          expect(CALL(vconf_get_bool(nullptr, &value)), -1);
-         expect(CALL(vconf_get_bool(MISSING, nullptr)), -1);
+         expect(CALL(vconf_get_bool(MISSING_KEY, nullptr)), -1);
          expect(CALL(vconf_set_bool(nullptr, 1)), -1);
          expect(CALL(vconf_get_str(nullptr)), nullptr);
-         expect_negative(CALL(vconf_get(nullptr, MISSING, VCONF_GET_KEYS)));
+         expect_negative(CALL(vconf_get(nullptr, MISSING_KEY, VCONF_GET_KEYS)));
          expect_negative(CALL(vconf_get(list.handle, nullptr, VCONF_GET_KEYS)));
-         expect_negative(CALL(vconf_keylist_lookup(nullptr, MISSING, &node)));
+         expect_negative(CALL(vconf_keylist_lookup(nullptr, MISSING_KEY, &node)));
          expect_negative(CALL(vconf_keylist_lookup(list.handle, nullptr, &node)));
          expect(CALL(vconf_keynode_get_str(nullptr)), nullptr);
-         expect_negative(CALL(vconf_keylist_add_str(nullptr, MISSING, "")));
+         expect_negative(CALL(vconf_keylist_add_str(nullptr, MISSING_KEY, "")));
          expect_negative(CALL(vconf_keylist_add_str(list.handle, nullptr, "")));
-         expect_negative(CALL(vconf_keylist_add_str(list.handle, MISSING, nullptr)));
+         expect_negative(CALL(vconf_keylist_add_str(list.handle, MISSING_KEY, nullptr)));
          expect_error(CALL(vconf_set(nullptr)));
          expect_negative(CALL(vconf_keylist_free(nullptr)));
      }},
 
-    {"vconf_set_bool() stores what vconf_get_bool() reads, any value but 0 as 1",
+    {"vconf_get_bool() reads what vconf_set_bool() stored: 1 for any value except 0",
      "A restored switch would not change, or get the opposite value.",
      [] {
          const std::vector<std::string> keys = find_keys(1, is_boolean);
@@ -313,8 +316,8 @@ static constexpr Check CHECKS[] = {
      },
      Check::changes},
 
-    {"a boolean replaces a text, and a text a boolean",
-     "It would read a switch from a text, or languages from a switch.",
+    {"a boolean replaces a text, and a text replaces a boolean",
+     "The service would read a switch from a text, or languages from a switch.",
      [] {
          const std::string key = find_text_key();
          expect(CALL(vconf_set_bool(key.c_str(), 0)), 0);
@@ -328,30 +331,30 @@ static constexpr Check CHECKS[] = {
      },
      Check::changes},
 
-    {"a value outlives the process that stored it, and is seen by another at once",
-     "What it restores would be gone when it ends.",
+    {"a value outlives the process that stored it, and other processes see it at once",
+     "Restored settings would be lost when the service exits.",
      [] {
          const std::string key = find_text_key();
-         run_apart([&] { expect(store_texts({{key, "kept"}}), 0); });
-         run_apart([&] { expect(get_text(key), "kept"); });
-         const pid_t reader = start_apart([&] {
-             get_text(key); // so that the library may remember it
+         run_in_process([&] { expect(store_texts({{key, "kept"}}), 0); });
+         run_in_process([&] { expect(get_text(key), "kept"); });
+         const pid_t reader = start_process([&] {
+             get_text(key); // the library may cache the value
              raise(SIGSTOP);
              expect(get_bool(key), 1);
          });
          int status = 0;
          waitpid(reader, &status, WUNTRACED);
          if (WIFSTOPPED(status)) {
-             run_apart([&] { expect(CALL(vconf_set_bool(key.c_str(), 1)), 0); });
+             run_in_process([&] { expect(CALL(vconf_set_bool(key.c_str(), 1)), 0); });
              kill(reader, SIGCONT);
              waitpid(reader, &status, 0);
          }
-         end_as(status);
+         end_if_process_failed(status);
      },
      Check::changes},
 
-    {"vconf_set() stores the text that vconf_keylist_add_str() was given",
-     "It would restore no languages, or other ones.",
+    {"vconf_set() stores the text that vconf_keylist_add_str() added",
+     "The service would restore no languages, or other languages.",
      [] {
          const std::string key = find_text_key();
          for (const std::string &text : {std::string(), std::string("xx_XX#"), std::string(10'000, 'x'),
@@ -369,11 +372,11 @@ static constexpr Check CHECKS[] = {
      },
      Check::changes},
 
-    {"vconf_set() stores all texts or none", "It would leave a device between two states.",
+    {"vconf_set() stores all texts or none", "The service would leave the device between two states.",
      [] {
          std::vector<std::string> keys = find_keys(2);
          keys.resize(2);
-         run_apart([&] {
+         run_in_process([&] {
              if (store_texts({{keys[0], "old"}, {keys[1], "old"}}) != 0)
                  skip("the store refuses a text for a switch");
              if (store_texts({{keys[0], "new"}, {keys[1], "\xff is no UTF-8"}}) != 0)
@@ -381,16 +384,16 @@ static constexpr Check CHECKS[] = {
                      expect(get_text(key), "old");
          });
          for (int round = 0; round < 8; round++) {
-             const pid_t writer = start_apart([&] {
+             const pid_t writer = start_process([&] {
                  for (int i = 0;; i++)
                      store_texts({{keys[0], std::to_string(i)}, {keys[1], std::to_string(i)}});
              });
              usleep(5000);
              kill(writer, SIGKILL);
              waitpid(writer, nullptr, 0);
-             run_apart([&] {
+             run_in_process([&] {
                  const std::string texts[] = {get_text(keys[0]), get_text(keys[1])};
-                 note("vconf_set() in a process that is killed");
+                 note_call("vconf_set() in a process that is killed");
                  expect(texts[0], texts[1]);
              });
          }

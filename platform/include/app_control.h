@@ -1,8 +1,7 @@
 /** @file
  * Application control (libcapi-appfw-app-control): the requests that applications send each other.
  *
- * A null handle or out-parameter is refused with an error code. Which codes there are is the platform's own
- * matter.
+ * A null handle or out-parameter is refused with an error code. Each platform defines its own codes.
  */
 #pragma once
 
@@ -10,38 +9,40 @@
 extern "C" {
 #endif
 
-/** A request that an application received, or the reply that it makes to one. */
+/** A request that an application received, or its reply to a request. */
 typedef struct app_control *app_control_handle;
 
 /**
- * Tells the operation that a request asks for.
+ * Gets the operation that a request asks for.
  *
- * @param[out] operation  the operation's URI, a new text to be released with free(), or null when the
- *                        request names none; untouched on failure
+ * @param[out] operation  the operation's URI, a new text that the caller releases with free(), or null when
+ *                        the request names no operation; untouched on failure
  * @return 0, or an error code
  */
 int app_control_get_operation(app_control_handle request, char **operation);
 
 /**
- * Makes an empty handle, for a reply.
+ * Creates an empty handle, for a reply.
  *
- * @param[out] handle  to be released with app_control_destroy(); untouched on failure
+ * @param[out] handle  the new handle, which the caller releases with app_control_destroy(); untouched on
+ *                     failure
  * @return 0, or an error code
  */
 int app_control_create(app_control_handle *handle);
 
 /**
- * Answers the application that sent a request. A request is answered once; one that never is has failed.
+ * Answers the application that sent a request. Each request is answered once. A request that is never
+ * answered has failed.
  *
  * @param reply    the reply to send
- * @param request  the request that is answered
+ * @param request  the request to answer
  * @param result   0 for success; becomes the exit status of a launcher that waits for the answer
  * @return 0, or an error code
  */
 int app_control_reply_to_launch_request(app_control_handle reply, app_control_handle request, int result);
 
 /**
- * Releases a handle made by app_control_create(). A request belongs to the application framework.
+ * Releases a handle that app_control_create() made. A request belongs to the application framework.
  *
  * @return 0, or an error code
  */

@@ -19,7 +19,7 @@ extern "C" {
  *
  * @param buffer    log buffer, such as #DLOG_BUFFER_APPS
  * @param priority  urgency, such as #DLOG_PRIORITY_ERROR
- * @param tag       name that a reader filters by
+ * @param tag       name by which a reader can filter the log
  * @param format    printf format of the message
  * @return the number of bytes written, or a negative value on failure
  */

@@ -7,14 +7,14 @@
 extern "C" {
 #endif
 
-/** No input method can have this identifier. */
+/** Error code: no input method can have this identifier. */
 #define ISF_CONTROL_INVALID_IDENTIFIER (-2)
 
 /**
- * Asks for the active input method.
+ * Gets the active input method.
  *
- * @param[out] identifier  its identifier, a new text to be released with g_free(), which malloc() may have
- *                         allocated (see orvanta_cloud.h); untouched on failure
+ * @param[out] identifier  its identifier, a new text that the caller releases with g_free(); malloc() may
+ * have allocated it (see orvanta_cloud.h); untouched on failure
  * @return the identifier's length in bytes, or 0 or a negative value on failure
  */
 int isf_control_get_active_ime(char **identifier);

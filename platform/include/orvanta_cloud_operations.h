@@ -1,6 +1,6 @@
 /** @file
- * The operations with which the cloud backup client asks an application to take part in an exchange. A
- * request may carry more text behind one.
+ * The operations by which the cloud backup client asks an application to take part in an exchange. In a
+ * request, more text may follow the operation.
  */
 #pragma once
 

@@ -1,4 +1,4 @@
-// Stands in for the platform's C functions: each shows what is asked of the platform, and asks it.
+// Wrappers of the platform's C functions. Each traces the call, and then makes it.
 
 #include <cstdarg>
 
@@ -19,7 +19,7 @@
     {                                                                                                        \
         const auto call = [](auto... args) {                                                                 \
             static auto *const next = next_function<decltype(function)>(#function);                          \
-            return cross<result>({#function, #arguments, Success::success}, next, args...);                  \
+            return trace_call<result>({#function, #arguments, Success::success}, next, args...);             \
         };                                                                                                   \
         return call arguments;                                                                               \
     }
@@ -28,8 +28,8 @@
     int function(type callback, void *context)                                                               \
     {                                                                                                        \
         static auto *const next = next_function<decltype(function)>(#function);                              \
-        return cross<int>({#function, "(callback, context)", Success::zero}, next,                           \
-                          wrap<function>(callback, #name, #callback_arguments), context);                    \
+        return trace_call<int>({#function, "(callback, context)", Success::zero}, next,                      \
+                               wrap_callback<function>(callback, #name, #callback_arguments), context);      \
     }
 
 #include "boundary.def"
@@ -39,12 +39,12 @@ int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, vo
     static auto *const next = next_function<decltype(service_app_main)>("service_app_main");
     using App = service_app_callbacks;
     static App wrapped;
-    wrapped.create = wrap<&App::create>(callbacks->create, "create", "(user_data)");
-    wrapped.terminate = wrap<&App::terminate>(callbacks->terminate, "terminate", "(user_data)");
+    wrapped.create = wrap_callback<&App::create>(callbacks->create, "create", "(user_data)");
+    wrapped.terminate = wrap_callback<&App::terminate>(callbacks->terminate, "terminate", "(user_data)");
     wrapped.app_control =
-        wrap<&App::app_control>(callbacks->app_control, "app_control", "(request, user_data)");
+        wrap_callback<&App::app_control>(callbacks->app_control, "app_control", "(request, user_data)");
     const std::vector<std::string> arguments(argv, argv + argc);
-    return cross<int>(
+    return trace_call<int>(
         {"service_app_main", "(argv, user_data)", Success::zero},
         [&](const auto &, void *data) { return next(argc, argv, &wrapped, data); }, arguments, user_data);
 }
@@ -60,7 +60,7 @@ int __dlog_print(int buffer, int priority, const char *tag, const char *format, 
 
     if (!Frame::is_in_platform()) {
         const std::optional<int> failure = take_failure("__dlog_print");
-        const size_t depth = Frame::begin();
+        const size_t depth = Frame::write_open_frames();
         if (writes_json())
             write_line(R"({"event":"log","depth":)" + show(depth) + ",\"priority\":" + show(priority) +
                        ",\"tag\":" + show(tag) + ",\"message\":" + show(text) +
@@ -71,7 +71,7 @@ int __dlog_print(int buffer, int priority, const char *tag, const char *format, 
         if (failure)
             return *failure;
     }
-    // In the format: the log may look for colours there.
+    // Passed as the format, since the log may look for colours there.
     std::string message;
     for (const char *c = text; *c != '\0'; c++)
         message.append(*c == '%' ? 2 : 1, *c);

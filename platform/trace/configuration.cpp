@@ -1,4 +1,4 @@
-// Stands in for scim::ConfigModule, and for the configuration that it creates.
+// Wrappers of scim::ConfigModule, and of the configuration that it creates.
 
 #define Uses_SCIM_CONFIG_BASE
 #define Uses_SCIM_CONFIG_MODULE
@@ -7,9 +7,9 @@
 #include "trace.h"
 
 template <>
-inline constexpr const char *KIND<const scim::ConfigModule *> = "module";
+inline constexpr const char *HANDLE_KIND<const scim::ConfigModule *> = "module";
 template <>
-inline constexpr const char *KIND<const scim::ConfigBase *> = "config";
+inline constexpr const char *HANDLE_KIND<const scim::ConfigBase *> = "config";
 
 namespace
 {
@@ -17,7 +17,7 @@ namespace
 using Texts = std::vector<scim::String>;
 using Numbers = std::vector<int>;
 
-/// Shows what is asked of a configuration, and asks it.
+/// Traces the calls to a configuration, and makes them.
 class TracedConfig : public scim::ConfigBase
 {
 public:
@@ -45,19 +45,19 @@ public:
 
     bool flush() override
     {
-        return ask("scim::ConfigBase::flush", "(config)", [&] { return traced->flush(); });
+        return trace("scim::ConfigBase::flush", "(config)", [&] { return traced->flush(); });
     }
 
     bool erase(const scim::String &key) override
     {
         const auto work = [&] { return traced->erase(key); };
-        return ask("scim::ConfigBase::erase", "(config, key)", work, key);
+        return trace("scim::ConfigBase::erase", "(config, key)", work, key);
     }
 
     bool reload() override
     {
         const auto work = [&] { return traced->reload(); };
-        return ask("scim::ConfigBase::reload", "(config)", work) && scim::ConfigBase::reload();
+        return trace("scim::ConfigBase::reload", "(config)", work) && scim::ConfigBase::reload();
     }
 
 private:
@@ -65,20 +65,20 @@ private:
     bool get(const scim::String &key, Value *value) const
     {
         const auto work = [&] { return traced->read(key, value); };
-        return ask("scim::ConfigBase::read", "(config, key, value)", work, key, value);
+        return trace("scim::ConfigBase::read", "(config, key, value)", work, key, value);
     }
 
     template <class Value>
     bool set(const scim::String &key, const Value &value)
     {
         const auto work = [&] { return traced->write(key, value); };
-        return ask("scim::ConfigBase::write", "(config, key, value)", work, key, value);
+        return trace("scim::ConfigBase::write", "(config, key, value)", work, key, value);
     }
 
     template <class Work, class... Args>
-    bool ask(const char *function, const char *names, Work work, const Args &...args) const
+    bool trace(const char *function, const char *names, Work work, const Args &...args) const
     {
-        return cross<bool>(
+        return trace_call<bool>(
             {function, names, Success::positive}, [&](auto...) { return work(); },
             static_cast<const scim::ConfigBase *>(this), args...);
     }
@@ -88,8 +88,9 @@ private:
 
 } // namespace
 
-// The members go by the names that they are linked by: a constructor of our own would construct what the
-// module's own one constructs again. Called so, `this` is the first argument.
+// The wrappers of ConfigModule's members are plain functions with the members' link names. They take `this`
+// as the first argument. A real constructor here would construct the data members, which the library's
+// constructor then constructs again.
 
 #if _GLIBCXX_USE_CXX11_ABI
 #define STRING_LINK_NAME "NSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE"
@@ -110,14 +111,14 @@ void construct(scim::ConfigModule *module, const scim::String &name)
 {
     static auto *const next = next_function<decltype(construct)>(CONSTRUCTOR_LINK_NAME);
     const auto work = [&](auto...) { next(module, name); };
-    cross<void>({"scim::ConfigModule::ConfigModule", "(module, name)"}, work,
-                static_cast<const scim::ConfigModule *>(module), name);
+    trace_call<void>({"scim::ConfigModule::ConfigModule", "(module, name)"}, work,
+                     static_cast<const scim::ConfigModule *>(module), name);
 }
 
 bool is_valid(const scim::ConfigModule *module)
 {
     static auto *const next = next_function<decltype(is_valid)>(VALID_LINK_NAME);
-    return cross<bool>({"scim::ConfigModule::valid", "(module)"}, next, module);
+    return trace_call<bool>({"scim::ConfigModule::valid", "(module)"}, next, module);
 }
 
 scim::ConfigPointer create_config(const scim::ConfigModule *module)
@@ -131,6 +132,6 @@ scim::ConfigPointer create_config(const scim::ConfigModule *module)
             traced = new TracedConfig(config);
         return traced.get();
     };
-    cross<const scim::ConfigBase *>({"scim::ConfigModule::create_config", "(module)"}, work, module);
+    trace_call<const scim::ConfigBase *>({"scim::ConfigModule::create_config", "(module)"}, work, module);
     return traced;
 }

@@ -23,7 +23,7 @@ static std::string variable(const char *name)
     return value == nullptr ? "" : value;
 }
 
-// What is shown.
+// Formatting.
 
 bool writes_json()
 {
@@ -39,8 +39,8 @@ std::string quote(const std::string &text)
         const gunichar character = g_utf8_get_char(next);
         if (character == '"' || character == '\\')
             g_string_append(quoted, "\\");
-        // A terminal shows what is printable and does nothing else. What JSON can't write as one escape is
-        // left as it is.
+        // Escapes unprintable characters, which could control a terminal, except those that JSON can't write
+        // as one escape.
         if (g_unichar_isprint(character) != FALSE || character > 0xffff)
             g_string_append_unichar(quoted, character);
         else
@@ -52,7 +52,7 @@ std::string quote(const std::string &text)
 namespace
 {
 
-/// Held by the thread that uses what follows, or the frames; never while a call is made.
+/// Guards the handles, the failures, the frames and the output. Never held while a traced call is made.
 std::recursive_mutex mutex;
 
 struct NamedHandle {
@@ -60,10 +60,10 @@ struct NamedHandle {
     const void *owner;
 };
 
-// Never destroyed: the service may call until the very end.
+// Never destroyed, since the service may make calls until the process ends.
 std::map<const void *, NamedHandle> &handles = *new std::map<const void *, NamedHandle>;
 
-struct Failure {
+struct InjectedFailure {
     std::string function;
     int call = 1;
     int code = -1;
@@ -90,10 +90,10 @@ void forget_handle(const void *handle)
                   [&](const auto &known) { return known.first == handle || known.second.owner == handle; });
 }
 
-// The calls that are to fail.
+// Calls that are made to fail.
 
-/// Takes the number behind a mark, if that comes next.
-static bool take_number(std::string_view &rest, char mark, int &number)
+/// Parses the number after a mark, if the mark comes next. Returns false for an invalid number.
+static bool parse_number(std::string_view &rest, char mark, int &number)
 {
     if (!rest.starts_with(mark))
         return true;
@@ -102,21 +102,22 @@ static bool take_number(std::string_view &rest, char mark, int &number)
     return error == std::errc();
 }
 
-static std::vector<Failure> parse_failures()
+static std::vector<InjectedFailure> parse_failures()
 {
-    std::istringstream words(variable(TRACE_FAIL_VARIABLE));
-    std::vector<Failure> failures;
-    for (std::string word; words >> word;) {
-        Failure &failure = failures.emplace_back();
-        std::string_view rest = word;
+    std::istringstream entries(variable(TRACE_FAIL_VARIABLE));
+    std::vector<InjectedFailure> failures;
+    for (std::string entry; entries >> entry;) {
+        InjectedFailure &failure = failures.emplace_back();
+        std::string_view rest = entry;
         failure.function = rest.substr(0, rest.find_first_of("#="));
         rest.remove_prefix(failure.function.size());
         if (std::count(std::begin(TRACED_FUNCTIONS), std::end(TRACED_FUNCTIONS), failure.function) > 0 &&
-            take_number(rest, '#', failure.call) && failure.call > 0 &&
-            take_number(rest, '=', failure.code) && rest.empty())
+            parse_number(rest, '#', failure.call) && failure.call > 0 &&
+            parse_number(rest, '=', failure.code) && rest.empty())
             continue;
-        // A mistake must not pass for a platform that works.
-        fprintf(stderr, "libime-backup-trace: no call that can fail: %s\n", quote(word).c_str());
+        // A typing mistake must not look like a platform that works.
+        fprintf(stderr, "libime-backup-trace: invalid entry in %s: %s\n", TRACE_FAIL_VARIABLE,
+                quote(entry).c_str());
         _exit(EXIT_FAILURE);
     }
     return failures;
@@ -125,26 +126,26 @@ static std::vector<Failure> parse_failures()
 std::optional<int> take_failure(const std::string &function)
 {
     const std::lock_guard lock(mutex);
-    static const std::vector<Failure> failures = parse_failures();
+    static const std::vector<InjectedFailure> failures = parse_failures();
     static std::map<std::string, int> calls;
     const int call = ++calls[function];
-    for (const Failure &failure : failures)
+    for (const InjectedFailure &failure : failures)
         if (failure.function == function && failure.call == call)
             return failure.code;
     return std::nullopt;
 }
 
-// Where it goes.
+// Output.
 
 static int open_output()
 {
-    const std::string place = variable(TRACE_VARIABLE);
-    if (place.empty())
+    const std::string target = variable(TRACE_VARIABLE);
+    if (target.empty())
         return STDERR_FILENO;
-    if (place.size() < 6 && place.find_first_not_of("0123456789") == std::string::npos)
-        return std::stoi(place);
-    const int file = open(place.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-    // Not in the place of a standard stream that is closed: what is written there would end up in the trace.
+    if (target.size() < 6 && target.find_first_not_of("0123456789") == std::string::npos)
+        return std::stoi(target);
+    const int file = open(target.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    // Avoids the descriptor of a closed standard stream: output to that stream would end up in the trace.
     return file > STDERR_FILENO ? file : fcntl(file, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
 }
 
@@ -158,7 +159,7 @@ void write_line(std::string line)
     else if (!thread.empty())
         line += "  on thread " + thread;
     line += "\n";
-    // That nobody reads the trace any more is no reason for the service to end.
+    // Blocks SIGPIPE, so that the service goes on when the trace's reader has exited.
     sigset_t broken_pipe;
     sigset_t before;
     sigemptyset(&broken_pipe);
@@ -178,29 +179,29 @@ void write_line(std::string line)
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-Frame::Frame(const Shape &call, std::vector<ShownArgument> arguments_before)
-    : failure(call.is_callback ? std::nullopt : take_failure(call.function)), shape(call),
+Frame::Frame(const CallInfo &call, std::vector<ShownArgument> arguments_before)
+    : failure(call.is_callback ? std::nullopt : take_failure(call.function)), info(call),
       arguments(std::move(arguments_before)), outer(innermost)
 {
     const std::lock_guard lock(mutex);
-    depth = outer != nullptr ? outer->depth + 1 : begin(outermost);
+    depth = outer != nullptr ? outer->depth + 1 : write_open_frames(outermost);
     innermost = this;
     if (outermost == nullptr)
         outermost = this;
 }
 
-size_t Frame::begin()
+size_t Frame::write_open_frames()
 {
     const std::lock_guard lock(mutex);
-    return begin(innermost != nullptr ? innermost : outermost);
+    return write_open_frames(innermost != nullptr ? innermost : outermost);
 }
 
-size_t Frame::begin(Frame *frame)
+size_t Frame::write_open_frames(Frame *frame)
 {
     if (frame == nullptr)
         return 0;
-    if (!std::exchange(frame->is_begun, true)) {
-        begin(frame->outer);
+    if (!std::exchange(frame->is_begin_written, true)) {
+        write_open_frames(frame->outer);
         write_line(frame->describe("begin") + (writes_json() ? "" : " {"));
     }
     return frame->depth + 1;
@@ -216,12 +217,13 @@ void Frame::end(std::vector<ShownArgument> arguments_after, const std::string &r
     innermost = outer;
     if (outermost == this)
         outermost = nullptr;
-    begin(outer);
+    write_open_frames(outer);
     if (writes_json())
-        write_line(describe(is_begun ? "end" : "call") + ",\"result\":" + (result.empty() ? "null" : result) +
+        write_line(describe(is_begin_written ? "end" : "call") +
+                   ",\"result\":" + (result.empty() ? "null" : result) +
                    ",\"made_to_fail\":" + show(failure.has_value()) + ",\"us\":" + microseconds);
     else
-        write_line((is_begun ? std::string(2 * depth, ' ') + "}" : describe("call")) +
+        write_line((is_begin_written ? std::string(2 * depth, ' ') + "}" : describe("call")) +
                    (result.empty() ? "" : " = " + result) +
                    (failure ? "  made to fail" : "  " + microseconds + " \u00b5s"));
 }
@@ -230,7 +232,7 @@ std::string Frame::describe(const char *event) const
 {
     std::string all;
     std::vector<std::string> written;
-    const char *rest = shape.names + 1;
+    const char *rest = info.argument_names + 1;
     for (const auto &[text, is_written] : arguments) {
         const std::string name(rest, strcspn(rest, ",)"));
         all += all.empty() ? "" : writes_json() ? "," : ", ";
@@ -240,9 +242,9 @@ std::string Frame::describe(const char *event) const
         rest += name.size() + 2;
     }
     if (!writes_json())
-        return std::string(2 * depth, ' ') + (shape.is_callback ? "callback " : "") + shape.function + "(" +
+        return std::string(2 * depth, ' ') + (info.is_callback ? "callback " : "") + info.function + "(" +
                all + ")";
     return R"({"event":)" + quote(event) + ",\"depth\":" + std::to_string(depth) +
-           ",\"callback\":" + show(shape.is_callback) + ",\"function\":" + quote(shape.function) +
+           ",\"callback\":" + show(info.is_callback) + ",\"function\":" + quote(info.function) +
            ",\"arguments\":{" + all + "},\"written\":" + show(written);
 }

@@ -1,4 +1,5 @@
-// A call that crosses the boundary: shown, and made or not. Threads share all but the frame that each is in.
+// Traces a call between the service and its platform, and makes it or makes it fail. Each thread has its own
+// current frame; all other state is shared.
 #pragma once
 
 #include <atomic>
@@ -15,46 +16,47 @@
 #include "orvanta_cloud.h"
 #include "vconf.h"
 
-/// Whether a script reads the trace.
+/// True if the trace is written as JSON, else as text.
 bool writes_json();
 
-/// The text between quotation marks, as JSON has it. What is no UTF-8 becomes replacement characters.
+/// Returns the text as a JSON string. Invalid UTF-8 becomes replacement characters.
 std::string quote(const std::string &text);
 
-/// Handles are called by their kind and a number, in the order in which they appear. One that is shown behind
-/// another, its owner, belongs to it.
+/// Returns a handle's name: its kind, and a number in the order in which handles of this kind appear. The
+/// handle belongs to `owner`, unless that is null.
 std::string show_handle(const char *kind, const void *handle, const void *owner);
 
-/// The name is given anew, and so are those of what belongs to the handle.
+/// Forgets the names of a handle and of the handles that belong to it. They get new names when they reappear.
 void forget_handle(const void *handle);
 
-/// What a handle of this type is called.
+/// The kind in the name of a handle of this type; null for a type that is not a handle.
 template <class Value>
-inline constexpr const char *KIND = nullptr;
+inline constexpr const char *HANDLE_KIND = nullptr;
 template <>
-inline constexpr const char *KIND<app_control_handle> = "app_control";
+inline constexpr const char *HANDLE_KIND<app_control_handle> = "app_control";
 template <>
-inline constexpr const char *KIND<orvanta_cloud_list_handle> = "list";
+inline constexpr const char *HANDLE_KIND<orvanta_cloud_list_handle> = "list";
 template <>
-inline constexpr const char *KIND<orvanta_cloud_record_handle> = "record";
+inline constexpr const char *HANDLE_KIND<orvanta_cloud_record_handle> = "record";
 template <>
-inline constexpr const char *KIND<orvanta_cloud_source_handle> = "source";
+inline constexpr const char *HANDLE_KIND<orvanta_cloud_source_handle> = "source";
 template <>
-inline constexpr const char *KIND<vconf_keylist_handle> = "keylist";
+inline constexpr const char *HANDLE_KIND<vconf_keylist_handle> = "keylist";
 template <>
-inline constexpr const char *KIND<vconf_keynode_handle> = "keynode";
+inline constexpr const char *HANDLE_KIND<vconf_keynode_handle> = "keynode";
 template <>
-inline constexpr const char *KIND<void *> = "data";
+inline constexpr const char *HANDLE_KIND<void *> = "data";
 
-/// Whether a call sets what this argument points to.
+/// True if a call sets the value that an argument of this type points to.
 template <class Value>
-inline constexpr bool IS_OUTPUT = std::is_pointer_v<Value> && (KIND<Value> == nullptr) &&
+inline constexpr bool IS_OUTPUT = std::is_pointer_v<Value> && (HANDLE_KIND<Value> == nullptr) &&
                                   !std::is_convertible_v<Value, std::string> &&
                                   !std::is_function_v<std::remove_pointer_t<Value>>;
 
-/// What an output holds, to tell whether a call has changed it. It may hold no value of its type before.
+/// Returns an output's value, to detect that a call has changed it. A trivial type is returned as bytes,
+/// since it may be invalid before the call.
 template <class Value>
-auto held_by([[maybe_unused]] const Value &value)
+auto output_value([[maybe_unused]] const Value &value)
 {
     if constexpr (!IS_OUTPUT<Value>) {
         return nullptr;
@@ -66,15 +68,15 @@ auto held_by([[maybe_unused]] const Value &value)
     }
 }
 
-/// A value in the trace's format. One that a call sets is shown when it is set.
+/// Returns a value in the trace's format. An output's value is included only if it is set.
 template <class Value>
 std::string show(const Value &value, bool is_set = true, const void *owner = nullptr)
 {
     if constexpr (std::is_pointer_v<Value>)
         if (value == nullptr)
             return "null";
-    if constexpr (KIND<Value> != nullptr) {
-        return show_handle(KIND<Value>, value, owner);
+    if constexpr (HANDLE_KIND<Value> != nullptr) {
+        return show_handle(HANDLE_KIND<Value>, value, owner);
     } else if constexpr (std::is_same_v<Value, bool>) {
         return value ? "true" : "false";
     } else if constexpr (std::is_arithmetic_v<Value>) {
@@ -86,7 +88,7 @@ std::string show(const Value &value, bool is_set = true, const void *owner = nul
         return !writes_json() ? "&" + held : is_set ? held : "null";
     } else if constexpr (std::is_pointer_v<Value>) {
         return writes_json() ? "\"callback\"" : "callback";
-    } else { // several
+    } else { // a list
         std::string all;
         for (const auto &element : value)
             all += (all.empty() ? "" : ", ") + show(element);
@@ -94,11 +96,11 @@ std::string show(const Value &value, bool is_set = true, const void *owner = nul
     }
 }
 
-/// The handle among the arguments that the others belong to.
+/// Returns the first argument if it is a handle to which the other arguments' handles belong, else null.
 template <class First = int, class... Rest>
-const void *owner_in(const First &first = {}, const Rest &...)
+const void *find_owner(const First &first = {}, const Rest &...)
 {
-    if constexpr (KIND<First> != nullptr && !(std::is_same_v<First, Rest> || ...))
+    if constexpr (HANDLE_KIND<First> != nullptr && !(std::is_same_v<First, Rest> || ...))
         return first;
     else
         return nullptr;
@@ -106,10 +108,11 @@ const void *owner_in(const First &first = {}, const Rest &...)
 
 struct ShownArgument {
     std::string text;
-    bool is_written = false; ///< by a call that failed all the same
+    bool is_written = false; ///< true for an output that a failed call has written
 };
 
-/// What says that a call succeeded, so that it has set what it is to set.
+/// Which results of a call mean success. A successful call has set its outputs. `zero_releases` is for a call
+/// that also releases its handle.
 enum class Success { always, zero, zero_releases, not_negative, positive };
 
 inline bool has_succeeded(Success success, int result)
@@ -120,86 +123,89 @@ inline bool has_succeeded(Success success, int result)
                                               : result == 0;
 }
 
-struct Shape {
+struct CallInfo {
     const char *function;
-    const char *names; ///< of the arguments, as "(one, other)"
+    const char *argument_names; ///< such as "(one, other)"
     Success success = Success::always;
     bool is_callback = false;
 };
 
-/// A call over the boundary, or a callback that the platform makes: one line of the trace when it is over, or
-/// two, around those of what came in between.
+/// A call to the platform, or a callback that the platform makes. A call without inner lines has one line in
+/// the trace, written at its end. Otherwise, a line at its beginning and one at its end enclose the inner
+/// lines.
 class Frame
 {
 public:
-    /// The code, if this call is to fail instead of being made.
+    /// The call's result if it is made to fail; such a call does not reach the platform.
     const std::optional<int> failure;
 
-    Frame(const Shape &call, std::vector<ShownArgument> arguments_before);
+    Frame(const CallInfo &call, std::vector<ShownArgument> arguments_before);
 
-    /// Ends it with the arguments, with those that it was to set, and the result, if it has one.
+    /// Ends the call, with the arguments after the call, which include its outputs, and with its result, if
+    /// any.
     void end(std::vector<ShownArgument> arguments_after, const std::string &result = "");
 
-    /// Shows the frames that this thread is in: what comes is to stand below them.
+    /// Writes the opening lines of this thread's frames, unless they are written, before a line inside them.
     ///
-    /// @return how deep that is
-    static size_t begin();
+    /// @return the depth of the line inside
+    static size_t write_open_frames();
 
-    /// Whether the platform runs on this thread, so that a call does not come from the service.
-    static bool is_in_platform() { return innermost != nullptr && !innermost->shape.is_callback; }
+    /// True if the platform is running on this thread, so that the platform makes the next call, not the
+    /// service.
+    static bool is_in_platform() { return innermost != nullptr && !innermost->info.is_callback; }
 
 private:
-    static size_t begin(Frame *frame);
+    static size_t write_open_frames(Frame *frame);
     std::string describe(const char *event) const;
 
-    /// The one that this thread is in now.
+    /// This thread's current frame.
     static inline thread_local Frame *innermost = nullptr;
-    /// The first one that is not over: what other threads do stands below it.
+    /// The first frame that has not ended. The lines of other threads are written inside it.
     static inline Frame *outermost = nullptr;
 
-    const Shape shape;
+    const CallInfo info;
     std::vector<ShownArgument> arguments;
     Frame *const outer;
     size_t depth = 0;
-    bool is_begun = false;
+    bool is_begin_written = false;
     const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
 };
 
-/// Writes one line, at once, with the thread, if it is not the main one. What can't be written is lost: the
-/// service goes on.
+/// Writes one line without buffering, and adds the thread unless it is the main thread. Ignores write errors,
+/// so that the service goes on.
 ///
-/// @param line of JSON without the brace that ends it
+/// @param line  a JSON line comes without its closing brace
 void write_line(std::string line);
 
-/// The code with which the call of a function that comes now is to fail, if it is.
+/// Counts a call of a function. Returns the call's result if it is made to fail.
 std::optional<int> take_failure(const std::string &function);
 
-/// The function of this name that would be called without this library.
+/// Returns the function that would be called without this library.
 template <class Function>
 Function *next_function(const char *symbol)
 {
     return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, symbol));
 }
 
-/// Makes a call, unless it is to fail, and shows it, if it comes from the service.
+/// Makes a call, unless it is made to fail. Traces the call if it comes from the service.
 template <class Result, class Real, class... Args>
-Result cross(const Shape &shape, Real real, Args... args)
+Result trace_call(const CallInfo &info, Real real, Args... args)
 {
-    if (!shape.is_callback && Frame::is_in_platform())
+    if (!info.is_callback && Frame::is_in_platform())
         return real(args...);
-    const auto show_all = [&args..., ... before = held_by(args)](bool are_set) {
-        [[maybe_unused]] const void *owner = owner_in(args...);
+    const auto show_all = [&args..., ... before = output_value(args)](bool are_set) {
+        [[maybe_unused]] const void *owner = find_owner(args...);
         [[maybe_unused]] const auto show_one = [&](const auto &argument, bool is_changed) {
             return ShownArgument{show(argument, are_set || is_changed, owner), !are_set && is_changed};
         };
-        return std::vector<ShownArgument>{show_one(args, held_by(args) != before)...};
+        return std::vector<ShownArgument>{show_one(args, output_value(args) != before)...};
     };
-    std::vector<ShownArgument> shown = show_all(shape.is_callback);
-    Frame frame(shape, shown);
-    // Before the call: once it is made, another thread may get a handle in the same place.
-    const bool releases = shape.success == Success::zero_releases && !frame.failure;
+    std::vector<ShownArgument> shown = show_all(info.is_callback);
+    Frame frame(info, shown);
+    // Before the call: after it, another thread may get a new handle with the same address.
+    const bool releases = info.success == Success::zero_releases && !frame.failure;
     if (releases)
-        forget_handle(owner_in(args...));
+        forget_handle(find_owner(args...));
     if constexpr (std::is_void_v<Result>) {
         if (!frame.failure)
             real(args...);
@@ -212,7 +218,7 @@ Result cross(const Shape &shape, Real real, Args... args)
             result = *frame.failure;
         bool succeeded = !frame.failure;
         if constexpr (std::is_arithmetic_v<Result>)
-            succeeded = succeeded && has_succeeded(shape.success, result);
+            succeeded = succeeded && has_succeeded(info.success, result);
         if (!releases)
             shown = show_all(succeeded);
         frame.end(shown, show(result));
@@ -220,14 +226,15 @@ Result cross(const Shape &shape, Real real, Args... args)
     }
 }
 
-/// Hands the platform a callback that shows the service's. `PLACE` is where it is registered.
-template <auto PLACE, class Result, class... Args>
-auto wrap(Result (*callback)(Args...), const char *name, const char *names)
+/// Returns a callback for the platform, which traces and calls the service's callback. `REGISTRAR` is the
+/// function or member by which the service registers the callback.
+template <auto REGISTRAR, class Result, class... Args>
+auto wrap_callback(Result (*callback)(Args...), const char *name, const char *names)
 {
     static std::atomic<Result (*)(Args...)> registered;
-    static const Shape shape = {name, names, Success::always, true};
+    static const CallInfo info = {name, names, Success::always, true};
     registered = callback;
     return callback == nullptr ? nullptr : +[](Args... args) {
-        return cross<Result>(shape, registered.load(), args...);
+        return trace_call<Result>(info, registered.load(), args...);
     };
 }

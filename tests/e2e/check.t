@@ -45,24 +45,24 @@ Each broken promise is detected, and its library is named.
   $ broken vconf:output --only 'vconf: vconf_get*missing'
   TAP version 14
   1..2
-  not ok 1 - vconf: vconf_get_bool() of a missing key gives -1, and leaves its output untouched
+  not ok 1 - vconf: vconf_get_bool() returns -1 for a missing key, and leaves its output untouched
     ---
     call: "vconf_get_bool(key, &value)"
     expected: "the output: 42"
     got: "the output: 0"
-    means: "It would back up a switch that is not set as off, and it stands for on."
+    means: "The service would back up an unset switch as off, although an unset switch is on."
     ...
-  ok 2 - vconf: vconf_get_str() of a missing key gives null
+  ok 2 - vconf: vconf_get_str() returns null for a missing key
   [1]
-  $ broken dlog:long --only 'long and odd' | sed '/^#/s/.*[0-9]: /# ... /'
+  $ broken dlog:long --only 'long and unusual' | sed '/^#/s/.*[0-9]: /# ... /'
   TAP version 14
   1..1
-  not ok 1 - dlog: __dlog_print() prints long and odd texts
+  not ok 1 - dlog: __dlog_print() prints long and unusual texts
     ---
     call: "__dlog_print(DLOG_BUFFER_APPS, DLOG_PRIORITY_INFO, \"IME_BACKUP\", \"%s\", text.c_str())"
     expected: "a return"
-    got: "death by SIGABRT"
-    means: "It would crash on what a backup holds."
+    got: "killed by SIGABRT"
+    means: "The service would crash on a text in a backup."
     ...
   # ... "
   # ... %s %n"
@@ -76,9 +76,9 @@ Each broken promise is detected, and its library is named.
   > done <promises
   [1]
   $ broken scim:flush | sed -n 's/^not ok [0-9]* - //p'
-  scim: an integer that is written and flushed is read by each process
-  scim: a boolean that is written and flushed is read by each process
-  scim: reload() gives true, and leaves what was flushed
+  scim: every process can read an integer that was written and flushed
+  scim: every process can read a boolean that was written and flushed
+  scim: reload() returns true, and keeps flushed values
 
 A value that can't be put back is named. A check that hangs is ended. An interrupted check puts values back.
 
@@ -86,20 +86,20 @@ A value that can't be put back is named. A check that hangs is ended. An interru
   $ broken vconf:unstored --only 'vconf: a boolean replaces'
   TAP version 14
   1..1
-  # vconf: not put back: "db/ise/engine/lpm/selected_lang" should be "\"de_DE#fr_FR#\"" and is "0"
-  not ok 1 - vconf: a boolean replaces a text, and a text a boolean
+  # vconf: not put back: "db/ise/engine/lpm/selected_lang" should be "\"de_DE#fr_FR#\"" but is "0"
+  not ok 1 - vconf: a boolean replaces a text, and a text replaces a boolean
     ---
     call: "vconf_get_bool(key, &value)"
     expected: "-1"
     got: "0"
-    means: "It would read a switch from a text, or languages from a switch."
+    means: "The service would read a switch from a text, or languages from a switch."
     ...
   [1]
   $ ime-backupctl settings get selected_lang
   false
   $ prepare
   $ broken vconf:hang --only 'vconf: a boolean replaces' | grep got; ime-backupctl settings | diff before -
-    got: "none in 10 seconds"
+    got: "no return in 10 seconds"
   $ for signal in INT TERM HUP; do
   >     env --default-signal=INT BROKEN=vconf:hang LD_PRELOAD=$BUILD/tests/libbroken-platform.so \
   >         ime-backup-check --only 'vconf: a boolean replaces' >results & checks=$!

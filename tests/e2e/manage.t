@@ -179,27 +179,27 @@ Exports and imports backups and bare snapshots, with all their problems.
   $ ime-backupctl show 42 --json >snapshot; cat snapshot
   {"default_keyboard":"kbd"}
   $ ime-backupctl import <(cat snapshot) >/dev/null
-  ime-backupctl: it has no selected_lang
-  ime-backupctl: it has no handwriting
-  ime-backupctl: it has no prediction
-  ime-backupctl: it has no auto_space
-  ime-backupctl: it has no auto_capitalize
-  ime-backupctl: it has no auto_punctuation
-  ime-backupctl: it has no key_tap_sound
-  ime-backupctl: it has no key_tap_vib
+  ime-backupctl: selected_lang is missing
+  ime-backupctl: handwriting is missing
+  ime-backupctl: prediction is missing
+  ime-backupctl: auto_space is missing
+  ime-backupctl: auto_capitalize is missing
+  ime-backupctl: auto_punctuation is missing
+  ime-backupctl: key_tap_sound is missing
+  ime-backupctl: key_tap_vib is missing
   $ ime-backupctl show --json | cmp - snapshot
   $ printf '%s' ' {"handwriting":1,"selected_lang":[{"lang_id":"en_US"},7],"mood":"good"}' >odd
   $ ime-backupctl import odd --json | tr -d ' \n'
-  ime-backupctl: it has no default_keyboard
-  ime-backupctl: selected_lang has elements that are no languages
-  ime-backupctl: handwriting is of another type than a backup's
-  ime-backupctl: it has no prediction
-  ime-backupctl: it has no auto_space
-  ime-backupctl: it has no auto_capitalize
-  ime-backupctl: it has no auto_punctuation
-  ime-backupctl: it has no key_tap_sound
-  ime-backupctl: it has no key_tap_vib
-  ime-backupctl: it has a "mood", which is no setting
+  ime-backupctl: default_keyboard is missing
+  ime-backupctl: selected_lang has elements that are not languages
+  ime-backupctl: handwriting has the wrong type
+  ime-backupctl: prediction is missing
+  ime-backupctl: auto_space is missing
+  ime-backupctl: auto_capitalize is missing
+  ime-backupctl: auto_punctuation is missing
+  ime-backupctl: key_tap_sound is missing
+  ime-backupctl: key_tap_vib is missing
+  ime-backupctl: "mood" is not a setting
   {"succeeded":true,"reason":"","backup":44,"stored":true} (no-eol)
   $ ime-backupctl show
   default_keyboard  (not set)

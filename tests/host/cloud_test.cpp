@@ -581,7 +581,7 @@ TEST_F(Cloud, ABackupHoldsWhatTheDeviceDoes)
         {with("\"handwriting\":true", "\"handwriting\":1"), "odd snapshot: handwriting"},
         {with("\"prediction\":false,", ""), "prediction ((not set) instead of false)"},
         {with("}", ",\"mood\":1}"), "odd snapshot: selected_lang"},
-        {with("false}", "false,\"mood\":1}"), "odd snapshot: it has a \"mood\""},
+        {with("false}", "false,\"mood\":1}"), "odd snapshot: \"mood\" is not a setting"},
         {right.substr(0, right.size() - 1), "can't be read"},
         {"[]", "can't be read"},
         {"", "can't be read"},
