@@ -48,8 +48,7 @@ std::optional<bool> read_switch(const SettingRow &row, const DeviceValue &value)
     const std::string text = config_text(value);
     if (row.form == SettingForm::boolean_switch)
         return read_boolean(text);
-    return static_cast<int>(strtol(text.c_str(), nullptr, 10)) !=
-           0; // 0 if the text does not begin with a number
+    return static_cast<int>(strtol(text.c_str(), nullptr, 10)) != 0; // a text without a number is 0
 }
 
 std::vector<std::string> split_list(const std::string &list)
