@@ -2,12 +2,12 @@
 
 #include "backups.h"
 #include "commands.h"
-#include "contact.h"
 #include "files.h"
 #include "history.h"
 #include "ime_backup_trusted_folder.h"
 #include "paths.h"
 #include "setting.h"
+#include "shared_names.h"
 
 namespace fs = std::filesystem;
 

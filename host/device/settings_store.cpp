@@ -120,7 +120,7 @@ bool SettingsStore::find_database()
     if (!fs::exists(fs::symlink_status(store_file())))
         return false;
     if (!fs::is_regular_file(store_file()))
-        refuse_store("it is no regular file");
+        refuse_store("it is not a regular file");
     open_database();
     return true;
 }
@@ -142,7 +142,7 @@ void SettingsStore::open_database()
     if (version > SCHEMA_VERSION)
         refuse_store("it was made by a later version");
     if (version != SCHEMA_VERSION)
-        refuse_store("it is no settings store");
+        refuse_store("it is not a settings store");
 }
 
 /// Does what reads the store.

@@ -7,11 +7,11 @@
 #include <functional>
 
 #include "account.h"
-#include "contact.h"
 #include "files.h"
 #include "handles.h"
 #include "ime_backup_trusted_folder.h"
 #include "paths.h"
+#include "shared_names.h"
 
 Exchange::Exchange(Direction which, const Callbacks &registered) : direction(which), callbacks(registered)
 {

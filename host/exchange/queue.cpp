@@ -5,9 +5,9 @@
 #include <unistd.h>
 
 #include "account.h"
-#include "contact.h"
 #include "paths.h"
 #include "process.h"
+#include "shared_names.h"
 #include "text.h"
 
 static constexpr guint LOCK_RETRY_MS = 20;

@@ -9,8 +9,8 @@
 #include <glib.h>
 #include <nlohmann/json.hpp>
 
-#include "contact.h"
 #include "errors.h"
+#include "shared_names.h"
 #include "value_json.h"
 
 using Json = nlohmann::json;

@@ -11,12 +11,12 @@
 #include <gio/gio.h>
 #include <glib-unix.h>
 
-#include "contact.h"
 #include "errors.h"
 #include "files.h"
 #include "paths.h"
 #include "process.h"
 #include "request.h"
+#include "shared_names.h"
 #include "text.h"
 
 static constexpr char APPLICATION_ID[] = "com.orvanta.ime-backup-service";

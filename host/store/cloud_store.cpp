@@ -4,8 +4,8 @@
 
 #include <glib.h>
 
-#include "contact.h"
 #include "paths.h"
+#include "shared_names.h"
 #include "snapshot.h"
 
 std::string snapshot_in(const CloudRecords &records)

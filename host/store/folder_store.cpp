@@ -112,7 +112,7 @@ private:
                                     "; move it away, and a new one is made");
         };
         struct stat status = {};
-        require(lstat(lock_file.c_str(), &status) != 0 || S_ISREG(status.st_mode), "it is no regular file");
+        require(lstat(lock_file.c_str(), &status) != 0 || S_ISREG(status.st_mode), "it is not a regular file");
         FileLock lock(lock_file);
         lock.acquire("what holds " + lock_file.string());
         require(fstat(lock.opened().get(), &status) == 0 && status.st_nlink <= 1, "it has another name, too");

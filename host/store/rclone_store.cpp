@@ -11,9 +11,9 @@
 
 #include "child.h"
 #include "cloud_store.h"
-#include "contact.h"
 #include "files.h"
 #include "process.h"
+#include "shared_names.h"
 #include "text.h"
 
 namespace fs = std::filesystem;
@@ -223,15 +223,15 @@ private:
         child.arguments.insert(child.arguments.end(), arguments.begin(), arguments.end());
         child.files = {
             {STDIN_FILENO, input_file.get()}, {STDOUT_FILENO, output.get()}, {STDERR_FILENO, errors.get()}};
-        child.microseconds = time_left();
-        const ChildEnd end = run_child(std::move(child));
+        child.time_limit_us = time_left();
+        const ChildResult end = run_child(std::move(child));
         if (end.error == ENOENT)
             throw PlatformError("a remote store needs the program rclone: apt-get install rclone");
         if (end.error != 0)
             throw PlatformError(std::string("can't start rclone: ") + strerror(end.error));
-        if (end.stopped == Stop::interrupted)
+        if (end.stopped == StopReason::interrupted)
             throw InterruptedError("interrupted; what the remote store was asked to do may be done");
-        if (end.stopped == Stop::timed_out)
+        if (end.stopped == StopReason::timed_out)
             throw TimeoutError(TOO_LATE);
 
         Result result{WIFEXITED(end.status) ? WEXITSTATUS(end.status) : -1, read_from(output, 0),

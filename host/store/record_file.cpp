@@ -68,7 +68,7 @@ static std::string check(const std::string &content)
 {
     const size_t version = HEAD.size();
     if (!content.starts_with(HEAD))
-        throw HostError(is_record_file(content) ? CHANGED : "it is no record file");
+        throw HostError(is_record_file(content) ? CHANGED : "it is not a record file");
     const size_t digits = content.find_first_not_of("0123456789", version) - version;
     if (content.compare(version, digits, std::to_string(VERSION)) != 0)
         throw HostError("it is damaged, or was written by a later version of the backup service");

@@ -163,7 +163,7 @@ A place that can't be written: nothing is changed, and it can be tried again. Al
   0 
   0 
   0 the history does not tell how this ended: can't open WORK/state/history.jsonl: Is a directory
-  3 ime-backupctl: can't use WORK/state/history.jsonl: it is no regular file
+  3 ime-backupctl: can't use WORK/state/history.jsonl: it is not a regular file
   $ rmdir $journal; mv kept $journal
   $ ime-backupctl undo | head -n 1
   setting           before  after

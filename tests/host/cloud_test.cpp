@@ -16,7 +16,6 @@
 
 #include "account.h"
 #include "cloud_store.h"
-#include "contact.h"
 #include "device.h"
 #include "files.h"
 #include "history.h"
@@ -24,6 +23,7 @@
 #include "ime_backup_trusted_folder.h"
 #include "paths.h"
 #include "report.h"
+#include "shared_names.h"
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
@@ -299,8 +299,8 @@ TEST_F(Cloud, NoNumberIsGivenTwice)
     // What is no lock of a store's is somebody's.
     const fs::path other = root.path / "other";
     const std::pair<const char *, std::function<void()>> others[] = {
-        {"no regular file", [&] { fs::create_symlink(other, lock); }},
-        {"no regular file", [&] { fs::create_directory(lock); }},
+        {"not a regular file", [&] { fs::create_symlink(other, lock); }},
+        {"not a regular file", [&] { fs::create_directory(lock); }},
         {"another name",
          [&] {
              write_file(lock, "");
