@@ -1,6 +1,6 @@
-# install_placed(FILE FOLDER COMPONENT): installs a file that names the programs' place, from FILE.in, where
-# @PLACE@ is the prefix. It is made as it is installed, since only then the prefix is known. The build tree has
-# one of its own.
+# install_placed(FILE FOLDER COMPONENT): installs a file that contains the path of the programs. It is made from
+# FILE.in, in which @PLACE@ stands for the prefix, during the installation, since the prefix is not known before.
+# Another copy, with the build tree as prefix, is made in the build tree.
 function(install_placed file folder component)
   set(template ${CMAKE_CURRENT_SOURCE_DIR}/${file}.in)
   cmake_path(GET file FILENAME name)

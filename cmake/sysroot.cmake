@@ -1,6 +1,6 @@
-# What is built with a sysroot takes headers and libraries from there alone. A toolchain file names it, as
-# CMAKE_SYSROOT or in CMAKE_FIND_ROOT_PATH, or the command line does the latter. There may be several, such as a
-# platform and what it was built with: they are searched in this order.
+# A build with sysroots uses headers and libraries from the sysroots only. CMAKE_SYSROOT and CMAKE_FIND_ROOT_PATH
+# list the sysroots. The toolchain file sets them; CMAKE_FIND_ROOT_PATH may also be set on the command line. There may
+# be several sysroots, such as a platform and the system it was built on. They are searched in order.
 set(sysroots "")
 foreach(root IN LISTS CMAKE_FIND_ROOT_PATH CMAKE_SYSROOT)
   file(REAL_PATH "${root}" root)
@@ -15,7 +15,7 @@ foreach(kind LIBRARY INCLUDE PACKAGE)
 endforeach()
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 
-# pkg-config, which a build of the host platform asks, knows of one sysroot: here the first with GLib.
+# A build of the host platform uses pkg-config, which supports only one sysroot: the first with GLib is taken.
 set(ENV{PKG_CONFIG_PATH} "")
 set(ENV{PKG_CONFIG_LIBDIR} /nowhere)
 foreach(root IN LISTS sysroots)
@@ -30,7 +30,7 @@ foreach(root IN LISTS sysroots)
   endif()
 endforeach()
 
-# What a library needs in turn is there, too, before the linker looks where the build machine has its own.
+# The dependencies of libraries are also searched in the sysroots first, before the build machine's own folders.
 foreach(root IN LISTS sysroots)
   foreach(folder lib/${CMAKE_LIBRARY_ARCHITECTURE} lib64 lib)
     if(NOT root STREQUAL /)
@@ -39,7 +39,7 @@ foreach(root IN LISTS sysroots)
   endforeach()
 endforeach()
 
-# Sets `result` to those of the paths that lie, or lead by a link, out of the sysroots.
+# list_strays(RESULT PATH...): sets RESULT to the paths that are outside of the sysroots, after links are resolved.
 function(list_strays result)
   set(strays "")
   foreach(path IN LISTS ARGN)

@@ -7,5 +7,5 @@ set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSROOT ${SYSROOT})
 set(CMAKE_CXX_COMPILER ${TRIPLET}-g++)
 
-# With this, programs of the device run on the build machine, such as the one that makes a manual.
+# With this, programs for the device run on the build machine, such as the one that makes a manual.
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-${CMAKE_SYSTEM_PROCESSOR}-static -L ${SYSROOT})

@@ -1,4 +1,4 @@
-# Removes the files that the last "cmake --install" put in place, and the folders of its own.
+# Removes the files that the last "cmake --install" installed, and its ime-backup folders if they are then empty.
 if(NOT EXISTS install_manifest.txt)
   message(FATAL_ERROR "There is no install_manifest.txt: nothing was installed from this build.")
 endif()
