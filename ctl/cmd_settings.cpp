@@ -34,7 +34,7 @@ static void change_settings(Cli &cli, const std::string &what, const NewValues &
             throw UsageError(std::string(row.member) + ": " + reason);
     const FileLock turn = wait_for_turn(false);
     Table changed = change_device(cli, {what}, values);
-    tell_success(cli.document, open_device().not_assured());
+    tell_success(cli.document, open_device().durability_warning());
     changed.is_for_people = false;
     cli.document.set("settings", changed);
 }

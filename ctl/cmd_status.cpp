@@ -81,7 +81,7 @@ static Finding look_at_cloud()
         const auto store = open_store();
         const CloudStore::Listing listing = store->list();
         store->require_writable();
-        if (!listing.is_there)
+        if (!listing.exists)
             return {store->location() + " isn't there yet: a backup makes it"};
         const size_t count = listing.numbers.size();
         return {store->location() + ", " + std::to_string(count) + (count == 1 ? " backup" : " backups")};
@@ -119,7 +119,7 @@ static Finding look_at_last_exchange()
                     "Put back what it changed with: ime-backupctl undo " + std::to_string(open->number),
                     false};
         const HistoryEntry *const last = find_newest(entries, [](const HistoryEntry &entry) {
-            return entry.what == "backup" || entry.what == "restore" || entry.what == "info";
+            return entry.operation == "backup" || entry.operation == "restore" || entry.operation == "info";
         });
         if (last == nullptr)
             return {"none yet"};

@@ -30,14 +30,14 @@ namespace fs = std::filesystem;
 static std::vector<BackupNumber> list_backups(const CloudStore &store)
 {
     const CloudStore::Listing listing = store.list();
-    if (!listing.is_there) {
+    if (!listing.exists) {
         if (store.is_chosen())
             refuse_missing(store);
         fprintf(stderr, "ime-backupctl: there is no backup yet: %s is made by the first one\n",
                 escaped(store.location()).c_str());
         return {};
     }
-    for (const std::string &name : listing.left_out)
+    for (const std::string &name : listing.misnamed)
         fprintf(stderr, "ime-backupctl: %s is left out: no backup has this number\n", escaped(name).c_str());
     return listing.numbers;
 }
@@ -155,7 +155,7 @@ void run_log(Cli &cli)
     };
     const auto store = open_store();
     const std::vector<BackupNumber> numbers = list_backups(*store);
-    store->fetch(numbers);
+    store->prefetch(numbers);
     Table log{{{"id", ""}, {"time", ""}, {"changes", ""}, {"reason", ""}}};
     Table lines{{{"", "id"}, {"", "time"}, {"", "setting"}, {"", "from"}, {"", "to"}, {"", ""}},
                 {},
@@ -216,7 +216,7 @@ static void look_after(Document &document, const CloudStore &store, const std::v
     document.set("deleted", std::vector<BackupNumber>());
     document.set("kept", std::vector<BackupNumber>());
     const CloudStore::Listing listing = store.list();
-    if (!listing.is_there && !going.empty())
+    if (!listing.exists && !going.empty())
         throw HostError("it is not known what was deleted: " + store.location() +
                         " seems not to be there any more");
     tell_deleted(document, going, listing.numbers, "deleted");
@@ -291,7 +291,7 @@ static Selection select(const CloudStore &store, const std::vector<BackupNumber>
     std::vector<BackupNumber> numbers;
     std::vector<std::string> dates;
     std::vector<RatedBackup> backups;
-    store.fetch(known);
+    store.prefetch(known);
     for (const BackupNumber number : known) {
         std::string date;
         RatedBackup backup{RatedBackup::State::damaged, {}};

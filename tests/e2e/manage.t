@@ -163,7 +163,7 @@ What a backup would fail for in the store is seen before; nothing is stored.
   $ mkdir -p $cloud/backup-000041.json.new/x; try_store; rm -r $cloud/*.new
   NOT FINE  can't write WORK/state/cloud/backup-000041.json: File exists. Try again once it can be used, or set IME_BACKUP_CLOUD_STORE to another place
   $ flock $cloud/.lock sleep 2 & sleep 0.1; try_store; kill $!
-  NOT FINE  what holds WORK/state/cloud/.lock did not finish in time. Try again once it can be used, or set IME_BACKUP_CLOUD_STORE to another place
+  NOT FINE  the process that holds WORK/state/cloud/.lock did not finish in time. Try again once it can be used, or set IME_BACKUP_CLOUD_STORE to another place
 
 Out of the store and into it: a backup, a bare snapshot, whatever is odd about it.
 

@@ -162,7 +162,7 @@ A place that can't be written: nothing is changed, and it can be tried again. Al
   $ printf '%s\n' restore 'restore --dry-run' 'settings set key_tap_vib on' history | try_each
   0 
   0 
-  0 the history does not tell how this ended: can't open WORK/state/history.jsonl: Is a directory
+  0 can't note the result in the history: can't open WORK/state/history.jsonl: Is a directory
   3 ime-backupctl: can't use WORK/state/history.jsonl: it is not a regular file
   $ rmdir $journal; mv kept $journal
   $ ime-backupctl undo | head -n 1
