@@ -1,8 +1,8 @@
 /** @file
- * The floor that the service is measured against: what a backup and a restore can't do without, in one
- * program on the same libraries. It reads the same values, writes the same values as durably, and does
- * nothing between: no log, no report, and no failure that it survives. Before a restore it notes, durably,
- * too, what was set: what can't be undone is no restore.
+ * The floor: the least program that makes a backup and a restore, for comparison with the service. It uses
+ * the same libraries, reads and writes the same values, and makes them as durable. It has no log, no report
+ * and no handling of failures. Before a restore, it durably saves the old values, since a restore must be
+ * undoable.
  *
  * Usage: floor backup | floor restore [NUMBER], with IME_BACKUP_HOST_DIR and IME_BACKUP_CLOUD_STORE set.
  */
@@ -25,7 +25,7 @@ static std::string no_refusal(const SettingRow &, const DeviceValue &)
     return "";
 }
 
-/// Written with the library that the service writes it with.
+/// Makes the snapshot with the same library as the service.
 static std::string make_snapshot(const DeviceState &state)
 {
     const SnapshotValues values = plan_backup(state, no_refusal).snapshot;
@@ -63,9 +63,9 @@ static void restore(const CloudStore &backups, const std::string &number)
 {
     const CloudRecords records = backups.read(backups.find(number)).records;
     const DeviceState before = host_device()->read_all();
-    const std::filesystem::path note = state_root() / "before.json";
-    std::filesystem::remove(note);
-    create_file_durably(note, make_snapshot(before));
+    const std::filesystem::path saved = state_root() / "before.json";
+    std::filesystem::remove(saved);
+    create_file_durably(saved, make_snapshot(before));
 
     const DeviceState after = plan_restore({records.back().value}, before, no_refusal).device;
     const std::shared_ptr<ScimDaemon> daemon = ScimDaemon::connect();
@@ -84,14 +84,14 @@ static void restore(const CloudStore &backups, const std::string &number)
 
 int main(int argc, char **argv)
 try {
-    const std::string what = argc > 1 ? argv[1] : "";
+    const std::string operation = argc > 1 ? argv[1] : "";
     const std::unique_ptr<CloudStore> backups = open_store();
-    if (what == "backup")
+    if (operation == "backup")
         back_up(*backups);
-    else if (what == "restore")
+    else if (operation == "restore")
         restore(*backups, argc > 2 ? argv[2] : "");
     else
-        throw HostError("it does nothing but backup and restore");
+        throw HostError("usage: floor backup | floor restore [NUMBER]");
     return EXIT_SUCCESS;
 } catch (const std::exception &error) {
     fprintf(stderr, "floor: %s\n", error.what());

@@ -1,6 +1,6 @@
 #!/bin/sh
-# What one would do without the service: a backup and a restore with the tools that SCIM, SQLite and others bring, a
-# value at a time. There is a restore at once, too, with as few processes as these tools can do it with.
+# A backup and a restore without the service: with the command-line tools of SCIM, SQLite and others, one value at a
+# time. restore_at_once uses as few processes as possible with these tools.
 #
 # Usage: script.sh backup|restore|restore_at_once, with IME_BACKUP_HOST_DIR and IME_BACKUP_CLOUD_STORE set.
 set -eu
@@ -46,7 +46,7 @@ backup() {
     find_newest
     number=$(basename "$file" .json)
     number=${number#backup-}
-    number=${number#"${number%%[!0]*}"} # else it would be octal
+    number=${number#"${number%%[!0]*}"} # leading zeros would make it octal
     [ "$number" = '*' ] && number=0
     file=$(printf '%s/backup-%06d.json' "$IME_BACKUP_CLOUD_STORE" $((number + 1)))
     printf '%s%s","records":%s}' "$HEAD" "$(checksum "$records")" "$records" >"$file.new"
@@ -104,7 +104,7 @@ restore_at_once() {
         (.handwriting and $handwriting, .prediction, .auto_space, .auto_capitalize, .key_tap_sound, .key_tap_vib
             | if . then 1 else 0 end),
         .auto_punctuation')
-    # shellcheck disable=SC2086 # one word each
+    # shellcheck disable=SC2086 # each value is one word
     set -- $values
     put string $ENGINE "$1"
     database "BEGIN; INSERT OR REPLACE INTO settings VALUES ('$LANGUAGES', 'string', '$2'),

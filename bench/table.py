@@ -1,4 +1,4 @@
-"""The bench's table, from what it measured.
+"""Prints the table of the bench from its measurements.
 
 Usage: table.py [--check] FOLDER
 """
@@ -10,11 +10,11 @@ import sys
 from collections import defaultdict
 
 work = pathlib.Path(sys.argv[-1])
-times = defaultdict(dict)  # of each that was measured: its median in each round, in ms
+times = defaultdict(dict)  # for each command, its median in each round, in ms
 for file in work.glob("rounds/*.json"):
     for result in json.loads(file.read_text())["results"]:
         times[result["command"]][file.name.split("-")[0]] = result["median"] * 1000
-weights = {}  # MB, and synced files
+weights = {}  # for each command, its peak memory in MB and its number of synced files
 for line in (work / "weights").read_text().splitlines():
     name, memory, synced = line.split("\t")
     weights[name] = int(memory) / 1024, int(synced)
@@ -24,7 +24,7 @@ missed = False
 
 
 def show(title, ratios, target, *names, shares=(1, 1)):
-    """A row for the ratio of two that were measured, of which each may be a share of what was."""
+    """Prints a row with the ratio of two commands, whose times are first divided by `shares`."""
     global missed
     ratio = statistics.median(ratios)
     spread = "{:.2f}-{:.2f}".format(*statistics.quantiles(ratios, n=4)[::2]) if len(ratios) > 3 else ""

@@ -88,7 +88,7 @@ static Cell cell_of(const SnapshotValues &values, SettingForm form)
 
 Inspection inspect(const CloudStore &store, const std::vector<BackupNumber> &numbers)
 {
-    store.fetch(numbers);
+    store.prefetch(numbers);
     Inspection inspection;
     inspection.table = {{{"id", "id"},
                          {"time", "time"},

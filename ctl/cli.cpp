@@ -4,8 +4,8 @@
 
 #include <glib.h>
 
-#include "contact.h"
 #include "process.h"
+#include "shared_names.h"
 #include "text.h"
 
 static constexpr double DEFAULT_TIMEOUT = 30;

@@ -5,10 +5,10 @@
 #include <utility>
 #include <vector>
 
-#include "contact.h"
 #include "document.h"
 #include "files.h"
 #include "report.h"
+#include "shared_names.h"
 
 struct Cli;
 

@@ -14,10 +14,10 @@
 #include <glib.h>
 
 #include "child.h"
-#include "contact.h"
 #include "orvanta_cloud_operations.h"
 #include "paths.h"
 #include "process.h"
+#include "shared_names.h"
 #include "text.h"
 #include "trace_options.h"
 
@@ -121,8 +121,8 @@ static void add_trace(Child &service, Cli &cli)
     };
 }
 
-static ChildEnd run_service(Cli &cli, const char *operation, const std::string &backup,
-                            const Descriptor &report, const Descriptor &log)
+static ChildResult run_service(Cli &cli, const char *operation, const std::string &backup,
+                               const Descriptor &report, const Descriptor &log)
 {
     Child service{.program = find_service(cli), .arguments = {operation}};
     service.environment[REPORT_VARIABLE] = name_report_file(report.get(), REPORT_DESCRIPTOR);
@@ -133,10 +133,10 @@ static ChildEnd run_service(Cli &cli, const char *operation, const std::string &
     service.files = {{STDOUT_FILENO, log_file}, {STDERR_FILENO, log_file}, {REPORT_DESCRIPTOR, report.get()}};
     if (cli.traces)
         add_trace(service, cli);
-    service.microseconds = time_left();
+    service.time_limit_us = time_left();
     std::signal(SIGALRM, on_late_signal);
     service.on_late_signal = on_late_signal;
-    const ChildEnd end = run_child(service);
+    const ChildResult end = run_child(service);
     if (end.error != 0)
         throw PlatformError("can't start the service " + service.program + ": " + strerror(end.error));
     return end;
@@ -168,7 +168,7 @@ ExchangeReport run_exchange(Cli &cli, const char *operation, const std::string &
     const Descriptor log = open_log(log_file);
     const off_t log_begin = size_of(log);
     const Descriptor report_file(memfd_create("exchange-report", MFD_CLOEXEC));
-    const ChildEnd end = run_service(cli, operation, backup, report_file, log);
+    const ChildResult end = run_service(cli, operation, backup, report_file, log);
 
     ExchangeReport report;
     try {
@@ -185,10 +185,10 @@ ExchangeReport run_exchange(Cli &cli, const char *operation, const std::string &
         }
         return report;
     }
-    if (end.stopped == Stop::interrupted) {
+    if (end.stopped == StopReason::interrupted) {
         report.result = Result::interrupted;
         report.reason = "interrupted";
-    } else if (end.stopped == Stop::timed_out) {
+    } else if (end.stopped == StopReason::timed_out) {
         report.result = Result::timed_out;
         report.reason = "the service did not finish in time and was stopped";
     } else if (report.reason.empty() && WIFSIGNALED(end.status)) {

@@ -118,7 +118,7 @@ static void apply_plan(Cli &cli, ExchangeReport &report, const std::string &stor
     try {
         change_device(cli, {"restore", 0, report.backup, store, report.reason}, values);
         if (report.result == ExchangeReport::Result::succeeded)
-            report.reason = open_device().not_assured();
+            report.reason = open_device().durability_warning();
     } catch (const HostError &) {
         for (SettingReport &setting : report.settings) {
             const SettingRow &row = find_setting(setting.member);

@@ -12,8 +12,8 @@ std::string describe(const HistoryEntry &entry)
     if (entry.undoes != 0)
         return "undo of entry " + std::to_string(entry.undoes);
     if (entry.backup == 0)
-        return entry.what;
-    return entry.what == "restore" ? "restore of " + name_of(entry.backup) : name_of(entry.backup);
+        return entry.operation;
+    return entry.operation == "restore" ? "restore of " + name_of(entry.backup) : name_of(entry.backup);
 }
 
 static std::string name_of(const HistoryEntry &entry)
@@ -59,7 +59,7 @@ void run_history(Cli &cli)
         const std::string date = std::to_string(entry.time);
         table.rows.push_back({entry.number,
                               {utc_time(date), format_date(date)},
-                              entry.what,
+                              entry.operation,
                               describe(entry),
                               {entry.backup == 0 ? Json() : Json(entry.backup), ""},
                               {entry.succeeded == true, ""},
@@ -134,8 +134,8 @@ void run_undo(Cli &cli)
     } else {
         change_device(cli, {"undo", entry->number}, values);
     }
-    const std::string article = entry->what.starts_with("settings") ? "" : "the ";
-    report_success(cli.document, is_dry ? "" : open_device().not_assured(),
+    const std::string article = entry->operation.starts_with("settings") ? "" : "the ";
+    report_success(cli.document, is_dry ? "" : open_device().durability_warning(),
                    (is_dry ? "would undo " : "undid ") + article + describe(*entry) + " (entry " +
                        std::to_string(entry->number) + ")");
 }

@@ -35,7 +35,7 @@ static void change_settings(Cli &cli, const std::string &what, const NewValues &
             throw UsageError(std::string(row.member) + ": " + reason);
     const FileLock lock = lock_exchanges(false);
     Table changed = change_device(cli, {what}, values);
-    report_success(cli.document, open_device().not_assured());
+    report_success(cli.document, open_device().durability_warning());
     changed.is_for_people = false;
     cli.document.set("settings", changed);
 }

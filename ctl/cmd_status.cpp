@@ -2,12 +2,12 @@
 
 #include "backups.h"
 #include "commands.h"
-#include "contact.h"
 #include "files.h"
 #include "history.h"
 #include "ime_backup_trusted_folder.h"
 #include "paths.h"
 #include "setting.h"
+#include "shared_names.h"
 
 namespace fs = std::filesystem;
 
@@ -80,7 +80,7 @@ static Finding check_cloud_store()
         const auto store = open_store();
         const CloudStore::Listing listing = store->list();
         store->require_writable();
-        if (!listing.is_there)
+        if (!listing.exists)
             return {store->location() + " does not exist yet: the first backup makes it"};
         const size_t count = listing.numbers.size();
         return {store->location() + ", " + std::to_string(count) + (count == 1 ? " backup" : " backups")};
@@ -116,7 +116,7 @@ static Finding check_last_exchange()
             return {describe(*open) + " was interrupted",
                     "Revert its changes with: ime-backupctl undo " + std::to_string(open->number), false};
         const HistoryEntry *const last = find_newest(entries, [](const HistoryEntry &entry) {
-            return entry.what == "backup" || entry.what == "restore" || entry.what == "info";
+            return entry.operation == "backup" || entry.operation == "restore" || entry.operation == "info";
         });
         if (last == nullptr)
             return {"none yet"};

@@ -30,14 +30,14 @@ namespace fs = std::filesystem;
 static std::vector<BackupNumber> list_backups(const CloudStore &store)
 {
     const CloudStore::Listing listing = store.list();
-    if (!listing.is_there) {
+    if (!listing.exists) {
         if (store.is_chosen())
             refuse_missing(store);
         fprintf(stderr, "ime-backupctl: no backups yet: the first one makes %s\n",
                 escaped(store.location()).c_str());
         return {};
     }
-    for (const std::string &name : listing.left_out)
+    for (const std::string &name : listing.misnamed)
         fprintf(stderr, "ime-backupctl: %s is ignored: its number is not valid\n", escaped(name).c_str());
     return listing.numbers;
 }
@@ -155,7 +155,7 @@ void run_log(Cli &cli)
     };
     const auto store = open_store();
     const std::vector<BackupNumber> numbers = list_backups(*store);
-    store->fetch(numbers);
+    store->prefetch(numbers);
     Table log{{{"id", ""}, {"time", ""}, {"changes", ""}, {"reason", ""}}};
     Table lines{{{"", "id"}, {"", "time"}, {"", "setting"}, {"", "from"}, {"", "to"}, {"", ""}},
                 {},
@@ -221,7 +221,7 @@ static void check_deletion(Document &document, const CloudStore &store,
     document.set("deleted", std::vector<BackupNumber>());
     document.set("kept", std::vector<BackupNumber>());
     const CloudStore::Listing listing = store.list();
-    if (!listing.is_there && !chosen.empty())
+    if (!listing.exists && !chosen.empty())
         throw HostError("can't tell which backups were deleted: " + store.location() + " has disappeared");
     report_deleted(document, chosen, listing.numbers, "deleted");
     std::vector<std::string> left;
@@ -296,7 +296,7 @@ static Selection select(const CloudStore &store, const std::vector<BackupNumber>
     std::vector<BackupNumber> numbers;
     std::vector<std::string> dates;
     std::vector<RatedBackup> backups;
-    store.fetch(known);
+    store.prefetch(known);
     for (const BackupNumber number : known) {
         std::string date;
         RatedBackup backup{RatedBackup::State::damaged, {}};

@@ -33,7 +33,7 @@ Importable make_importable(const std::string &content)
     if (g_utf8_validate(content.data(), static_cast<gssize>(content.size()), nullptr) == FALSE)
         throw HostError("not UTF-8 text");
     const std::string text = content.substr(0, content.find_last_not_of(" \t\r\n") + 1);
-    if (!is_read_alike(text))
+    if (!is_unambiguous(text))
         throw DamagedError("not strict JSON: parsers may read it differently");
     const std::optional<Snapshot> snapshot = read_snapshot(text);
     if (!snapshot || !snapshot->is_object)

@@ -12,7 +12,7 @@ inline std::string text_of(const uint8_t *data, size_t size)
     return {reinterpret_cast<const char *>(data), size};
 }
 
-/// Ends the run when what must always hold does not.
+/// Ends the run if a condition does not hold.
 inline void require(bool holds)
 {
     if (!holds)

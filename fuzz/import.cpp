@@ -1,4 +1,4 @@
-// Whatever is imported is refused, or becomes a backup that is whole and has the same snapshot.
+// An import of any text either fails, or makes a valid backup with the same snapshot.
 
 #include "import.h"
 

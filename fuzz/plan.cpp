@@ -1,4 +1,4 @@
-// The service does to any device what the plan says that it does, with any records.
+// On any device and with any records, the service makes exactly the changes of the plan.
 
 #include "plan.h"
 
@@ -20,11 +20,11 @@
 #include "record_file.h"
 #include "vconf.h"
 
-// A device that keeps what it is told.
+// A fake device: its state is in memory, and all writes succeed except invalid identifiers.
 
 static DeviceState device;
 
-static DeviceValue &value_under(const std::string &key)
+static DeviceValue &value_of(const std::string &key)
 {
     for (const SettingRow &row : ALL_SETTINGS)
         if (row.key == key)
@@ -56,7 +56,7 @@ int __dlog_print(int, int, const char *, const char *, ...)
 
 int isf_control_get_active_ime(char **identifier)
 {
-    const DeviceValue &keyboard = value_under("");
+    const DeviceValue &keyboard = value_of("");
     if (!keyboard || !refuses(ALL_SETTINGS[0], keyboard).empty())
         return -1;
     *identifier = g_strdup(std::get<std::string>(*keyboard).c_str());
@@ -67,31 +67,31 @@ int isf_control_set_active_ime(const char *identifier)
 {
     if (!refuses(ALL_SETTINGS[0], identifier).empty())
         return ISF_CONTROL_INVALID_IDENTIFIER;
-    value_under("") = identifier;
+    value_of("") = identifier;
     return 0;
 }
 
 int vconf_get_bool(const char *key, int *value)
 {
-    const DeviceValue &kept = value_under(key);
-    if (!kept || !std::holds_alternative<bool>(*kept))
+    const DeviceValue &stored = value_of(key);
+    if (!stored || !std::holds_alternative<bool>(*stored))
         return -1;
-    *value = std::get<bool>(*kept) ? 1 : 0;
+    *value = std::get<bool>(*stored) ? 1 : 0;
     return 0;
 }
 
 int vconf_set_bool(const char *key, int value)
 {
-    value_under(key) = value != 0;
+    value_of(key) = value != 0;
     return 0;
 }
 
-/// The service never frees such a text.
+/// Keeps its texts, since the service never frees them.
 char *vconf_get_str(const char *key)
 {
-    static std::map<std::string, char *> given;
-    free(given[key]);
-    return given[key] = copy_text(value_under(key));
+    static std::map<std::string, char *> returned;
+    free(returned[key]);
+    return returned[key] = copy_text(value_of(key));
 }
 
 struct vconf_keynode {
@@ -110,8 +110,8 @@ vconf_keylist_handle vconf_keylist_new()
 
 int vconf_get(vconf_keylist_handle list, const char *directory, int)
 {
-    list->node.text = copy_text(value_under(directory));
-    return value_under(directory) ? 0 : -1;
+    list->node.text = copy_text(value_of(directory));
+    return value_of(directory) ? 0 : -1;
 }
 
 int vconf_keylist_lookup(vconf_keylist_handle list, const char *, vconf_keynode_handle *node)
@@ -134,7 +134,7 @@ int vconf_keylist_add_str(vconf_keylist_handle list, const char *key, const char
 int vconf_set(vconf_keylist_handle list)
 {
     for (const auto &[key, text] : list->added)
-        value_under(key) = text;
+        value_of(key) = text;
     return 0;
 }
 
@@ -151,15 +151,15 @@ namespace
 struct Config : scim::DummyConfig {
     bool read(const scim::String &key, int *value) const override
     {
-        const DeviceValue &kept = value_under(key);
-        if (kept)
-            *value = static_cast<int>(strtol(config_text(kept).c_str(), nullptr, 10));
-        return kept.has_value();
+        const DeviceValue &stored = value_of(key);
+        if (stored)
+            *value = static_cast<int>(strtol(config_text(stored).c_str(), nullptr, 10));
+        return stored.has_value();
     }
     bool read(const scim::String &key, bool *value) const override
     {
-        const DeviceValue &kept = value_under(key);
-        const std::string text = " " + (kept ? config_text(kept) : "?") + " ";
+        const DeviceValue &stored = value_of(key);
+        const std::string text = " " + (stored ? config_text(stored) : "?") + " ";
         if (strchr(text.c_str() + 1, ' ') != text.c_str() + text.size() - 1)
             return false;
         *value = strstr(" true TRUE True 1 ", text.c_str()) != nullptr;
@@ -167,12 +167,12 @@ struct Config : scim::DummyConfig {
     }
     bool write(const scim::String &key, int value) override
     {
-        value_under(key) = value;
+        value_of(key) = value;
         return true;
     }
     bool write(const scim::String &key, bool value) override
     {
-        value_under(key) = value;
+        value_of(key) = value;
         return true;
     }
 };
@@ -204,7 +204,7 @@ static std::string make_text(FuzzedDataProvider &data, size_t max_length)
     if (data.ConsumeBool())
         return data.PickValueInArray(WORDS);
     std::string text = data.ConsumeRandomLengthString(max_length);
-    for (char &c : text) // a device keeps texts in UTF-8, without NUL
+    for (char &c : text) // a device's texts are UTF-8 without NUL
         c = static_cast<char>(c & 0x7f) == '\0' ? '#' : static_cast<char>(c & 0x7f);
     return text;
 }
@@ -247,7 +247,7 @@ static void check_backup()
 
 static void check_restore(const std::vector<std::optional<std::string>> &records)
 {
-    for (const auto &record : records) // such a backup is damaged
+    for (const auto &record : records) // a backup with such a record is refused as damaged
         if (!read_snapshot(*record) && service_reads(record->c_str()))
             return;
     const RestorePlan plan = plan_restore(records, device, refuses);

@@ -1,4 +1,5 @@
-// A record file of any content is read or refused, and what is read is written and read again as it was.
+// Any content of a record file is read or refused. Records that are read stay the same when they are written
+// and read again.
 
 #include "record_file.h"
 
@@ -7,7 +8,7 @@
 #include "errors.h"
 #include "fuzz.h"
 
-static void read(const std::string &content)
+static void check(const std::string &content)
 {
     CloudRecords records;
     try {
@@ -25,10 +26,10 @@ static void read(const std::string &content)
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     const std::string text = text_of(data, size);
-    read(text);
-    // Few texts have a checksum that is right.
+    check(text);
+    // Random texts rarely have a valid checksum, so also try one with a checksum added.
     g_autofree gchar *checksum = g_compute_checksum_for_data(G_CHECKSUM_SHA256, data, size);
-    read(R"({"format":"ime-backup-records","version":1,"sha256":")" + std::string(checksum) +
-         R"(","records":)" + text + "}");
+    check(R"({"format":"ime-backup-records","version":1,"sha256":")" + std::string(checksum) +
+          R"(","records":)" + text + "}");
     return 0;
 }

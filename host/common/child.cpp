@@ -16,11 +16,11 @@
 #include "process.h"
 
 static constexpr gint64 GRACE_US = 2'000'000;
-/// How often to look for the end of a process that can't be polled.
-static constexpr gint64 LOOK_MS = 20;
+/// How often to check for the end of a child without a pidfd.
+static constexpr gint64 CHECK_INTERVAL_MS = 20;
 static constexpr size_t STACK_SIZE = size_t{64} << 10;
-/// Higher than any that a child is given a file under.
-static constexpr int FREE_DESCRIPTOR = 16;
+/// Higher than each key of Child::files.
+static constexpr int FIRST_FREE_DESCRIPTOR = 16;
 
 Environment current_environment()
 {
@@ -34,7 +34,8 @@ Environment current_environment()
 namespace
 {
 
-struct Start {
+/// The arguments and the result of execute().
+struct ExecData {
     Child &child;
     std::vector<char *> arguments;
     std::vector<char *> environment;
@@ -53,65 +54,69 @@ static std::vector<char *> pointers_to(std::vector<std::string> &texts)
     return pointers;
 }
 
-/// Runs in the new process, but on the memory of this one, which stands still until the program takes over.
+/// Runs in the child, but in this process's memory. This process is suspended until the child calls exec or
+/// exits.
 static int execute(void *data)
 {
-    Start &start = *static_cast<Start *>(data);
-    std::map<int, int> &files = start.child.files;
-    prctl(PR_SET_PDEATHSIG, start.child.end_signal);
-    if (getppid() != start.parent) // it was killed before
+    ExecData &exec_data = *static_cast<ExecData *>(data);
+    std::map<int, int> &files = exec_data.child.files;
+    prctl(PR_SET_PDEATHSIG, exec_data.child.end_signal);
+    if (getppid() != exec_data.parent) // the parent was killed before prctl()
         return EXIT_FAILURE;
     signal(SIGPIPE, SIG_DFL); // this process may ignore it
     close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
-    for (auto &[number, file] : files) // one's number may be that of another here
-        file = fcntl(file, F_DUPFD_CLOEXEC, FREE_DESCRIPTOR);
+    // Out of the way first: dup2() could overwrite a file that is still needed.
+    for (auto &[number, file] : files)
+        file = fcntl(file, F_DUPFD_CLOEXEC, FIRST_FREE_DESCRIPTOR);
     const bool has_files = std::all_of(
         files.begin(), files.end(), [](const auto &given) { return dup2(given.second, given.first) >= 0; });
     if (has_files)
-        execvpe(start.arguments[0], start.arguments.data(), start.environment.data());
-    start.error = has_files ? errno : EMFILE;
+        execvpe(exec_data.arguments[0], exec_data.arguments.data(), exec_data.environment.data());
+    exec_data.error = has_files ? errno : EMFILE;
     return EXIT_FAILURE;
 }
 
-/// @param error why there is none, as errno has it
+/// @param error set to errno if the program could not be started, else to 0
+/// @return the child's process id
 static pid_t start(Child &child, int &error)
 {
     child.arguments.insert(child.arguments.begin(), child.program);
     std::vector<std::string> variables;
     for (const auto &[name, value] : child.environment)
         variables.emplace_back(name).append("=").append(value);
-    Start launch{child, pointers_to(child.arguments), pointers_to(variables)};
-    // A copy of this process's memory would take longer than all the rest.
+    ExecData exec_data{child, pointers_to(child.arguments), pointers_to(variables)};
+    // Sharing the memory is faster: copying it would take longer than all the rest.
     const auto stack = std::make_unique_for_overwrite<char[]>(STACK_SIZE);
-    const pid_t process = clone(execute, stack.get() + STACK_SIZE, CLONE_VM | CLONE_VFORK | SIGCHLD, &launch);
-    error = process < 0 ? errno : launch.error;
+    const pid_t process =
+        clone(execute, stack.get() + STACK_SIZE, CLONE_VM | CLONE_VFORK | SIGCHLD, &exec_data);
+    error = process < 0 ? errno : exec_data.error;
     if (process > 0 && error != 0)
         waitpid(process, nullptr, 0);
     return process;
 }
 
-ChildEnd run_child(Child child)
+ChildResult run_child(Child child)
 {
     TerminationSignals signals(child.on_late_signal);
-    ChildEnd end;
+    ChildResult result;
     int ends[2] = {-1, -1};
     if (child.output >= 0 && pipe2(ends, O_CLOEXEC) != 0)
         return {.error = errno};
     const Descriptor output(ends[0]);
     const Descriptor input(ends[1]);
     if (output) {
-        // What the child started may hold the other end when the child has ended.
+        // A grandchild may keep the pipe open after the child exits.
         fcntl(output.get(), F_SETFL, O_NONBLOCK);
         child.files[child.output] = input.get();
     }
-    const pid_t process = start(child, end.error);
-    if (end.error != 0)
-        return end;
+    const pid_t process = start(child, result.error);
+    if (result.error != 0)
+        return result;
 
-    const auto stop = [&](Stop why) {
-        kill(process, end.stopped == Stop::none ? child.end_signal : SIGKILL);
-        if (end.stopped == Stop::none)
-            end.stopped = why;
+    const auto stop = [&](StopReason reason) {
+        kill(process, result.stopped == StopReason::none ? child.end_signal : SIGKILL);
+        if (result.stopped == StopReason::none)
+            result.stopped = reason;
     };
     const auto read_some = [&] {
         char text[4096];
@@ -121,17 +126,17 @@ ChildEnd run_child(Child child)
         return count > 0;
     };
     const Descriptor ended(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
-    gint64 deadline = child.microseconds ? g_get_monotonic_time() + *child.microseconds : G_MAXINT64;
+    gint64 deadline = child.time_limit_us ? g_get_monotonic_time() + *child.time_limit_us : G_MAXINT64;
     pollfd files[] = {
         {ended.get(), POLLIN, 0}, {TerminationSignals::file(), POLLIN, 0}, {output.get(), POLLIN, 0}};
-    while (waitpid(process, &end.status, WNOHANG) == 0) {
+    while (waitpid(process, &result.status, WNOHANG) == 0) {
         const gint64 left_ms = (deadline - g_get_monotonic_time()) / 1000 + 1;
         poll(files, std::size(files),
-             static_cast<int>(std::clamp<gint64>(left_ms, 0, ended ? G_MAXINT : LOOK_MS)));
+             static_cast<int>(std::clamp<gint64>(left_ms, 0, ended ? G_MAXINT : CHECK_INTERVAL_MS)));
         if (signals.take()) {
-            stop(Stop::interrupted);
+            stop(StopReason::interrupted);
         } else if (g_get_monotonic_time() >= deadline) {
-            stop(Stop::timed_out);
+            stop(StopReason::timed_out);
             deadline = g_get_monotonic_time() + GRACE_US;
         }
         if (files[2].revents != 0)
@@ -139,5 +144,5 @@ ChildEnd run_child(Child child)
     }
     while (read_some()) {
     }
-    return end;
+    return result;
 }

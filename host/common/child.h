@@ -12,33 +12,34 @@
 
 using Environment = std::map<std::string, std::string>;
 
-/// The variables of this process.
+/// The environment variables of this process.
 Environment current_environment();
 
-/// A program that is to run in a process of its own.
+/// A program to run in a child process.
 struct Child {
-    std::string program; ///< its path, or its name in one of the folders in $PATH
+    std::string program; ///< a path, or a name to search for in $PATH
     std::vector<std::string> arguments{};
     Environment environment = current_environment();
-    std::map<int, int> files{}; ///< numbers in the new process, and the open files here that they stand for
-    int output = -1;            ///< the number there of a pipe, whose text goes to on_output
+    std::map<int, int> files{}; ///< file descriptors of the child, each with the one here that it duplicates
+    int output = -1;            ///< the child's descriptor of a pipe; its text goes to on_output
     std::function<void(std::string_view)> on_output{};
-    std::optional<gint64> microseconds{}; ///< that it may take
-    /// Asks it to end: when its time is over, this process is asked to end, or this process is killed.
+    std::optional<gint64> time_limit_us{};
+    /// Sent to the child when its time is over, or when this process gets a termination signal or is killed.
     int end_signal = SIGTERM;
-    /// Handles what TerminationSignals takes from its end on; else what did so before does.
+    /// Handles termination signals after the child's end; default: the handler from before run_child().
     void (*on_late_signal)(int) = nullptr;
 };
 
-/// Why a process was asked to end.
-enum class Stop { none, interrupted, timed_out };
+/// Why run_child() ended a child.
+enum class StopReason { none, interrupted, timed_out };
 
-struct ChildEnd {
-    int error = 0;   ///< why it could not be started, as errno has it
-    int status = -1; ///< as waitpid() has it
-    Stop stopped = Stop::none;
+struct ChildResult {
+    int error = 0;   ///< errno if the child could not be started
+    int status = -1; ///< as returned by waitpid()
+    StopReason stopped = StopReason::none;
 };
 
-/// Runs a program to its end. It is asked to end when its time is over, or when this process is; it is killed
-/// at a second signal, or two seconds after its time. What handled the signals before gets one afterwards.
-ChildEnd run_child(Child child);
+/// Runs a program and waits until it ends. Sends it Child::end_signal when its time is over or this process
+/// gets a termination signal, and kills it at a second signal or two seconds after its time. Afterwards, a
+/// signal that came meanwhile also goes to this process's own handler.
+ChildResult run_child(Child child);

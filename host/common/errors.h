@@ -2,17 +2,17 @@
 
 #include <stdexcept>
 
-/// Something that the host can't do; the message is for the person at the workstation, on one line.
+/// A failure of the host. Its message is one line for people.
 struct HostError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// The platform isn't there: its state or its daemon can't be used at all.
+/// The platform can't be used: its state, its daemon or its store.
 struct PlatformError : HostError {
     using HostError::HostError;
 };
 
-/// A file that can't be read; perhaps only now, or only by this user.
+/// A file that can't be read, perhaps only at the moment or by this user.
 struct UnreadableError : PlatformError {
     using PlatformError::PlatformError;
 };
@@ -22,22 +22,23 @@ struct DaemonError : PlatformError {
     using PlatformError::PlatformError;
 };
 
-/// No input method is active, or none that can be backed up.
+/// No input method is active, or the active one can't be backed up.
 struct KeyboardError : PlatformError {
     using PlatformError::PlatformError;
 };
 
-/// A value that can't be used for what it was meant for.
+/// An invalid value.
 struct ValueError : HostError {
     using HostError::HostError;
 };
 
-/// Something did not come to its end in the time that it had.
+/// The time limit was reached.
 struct TimeoutError : HostError {
     using HostError::HostError;
 };
 
-/// The process was asked to end in the middle of something. It is no HostError: nothing goes on after it.
+/// The process got a termination signal. This is not a HostError, so that code which handles a HostError and
+/// continues does not catch it.
 struct InterruptedError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };

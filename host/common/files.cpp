@@ -15,11 +15,12 @@ namespace fs = std::filesystem;
 
 static constexpr mode_t PRIVATE_FOLDER = 0700;
 static constexpr mode_t PRIVATE_FILE = 0600;
-/// Behind the name of a file that is being written.
-static constexpr char PARTIAL[] = ".new";
+/// Suffix of the temporary file that replaces another.
+static constexpr char TEMPORARY_SUFFIX[] = ".new";
 static constexpr size_t BUFFER_SIZE = size_t{64} << 10;
 
-static std::string why()
+/// ": " and the text of errno.
+static std::string error_text()
 {
     return std::string(": ") + g_strerror(errno);
 }
@@ -28,10 +29,10 @@ Descriptor open_file(const fs::path &file, int flags)
 {
     Descriptor descriptor(open(file.c_str(), flags | O_CLOEXEC | O_NONBLOCK, PRIVATE_FILE));
     if (!descriptor)
-        throw UnreadableError("can't open " + file.string() + why());
+        throw UnreadableError("can't open " + file.string() + error_text());
     struct stat status = {};
     if (fstat(descriptor.get(), &status) != 0 || !S_ISREG(status.st_mode))
-        throw PlatformError("can't use " + file.string() + ": it is no regular file");
+        throw PlatformError("can't use " + file.string() + ": it is not a regular file");
     return descriptor;
 }
 
@@ -46,7 +47,7 @@ std::string read_to_end(const Descriptor &file, size_t max_size)
             throw HostError("it is larger than " + std::to_string(max_size) + " bytes");
     }
     if (count < 0)
-        throw UnreadableError("it can't be read" + why());
+        throw UnreadableError("it can't be read" + error_text());
     return content;
 }
 
@@ -91,19 +92,20 @@ bool sync_file(const fs::path &file)
     return descriptor && fdatasync(descriptor.get()) == 0 && sync_folder(file.parent_path());
 }
 
-/// Writes `content` beside `file`, and has `put_in_place` rename that.
+/// Writes `content` to a temporary file beside `file`, and calls `put_in_place` to rename the temporary file.
 static void write_file(const fs::path &file, const std::string &content, bool synced,
                        bool (*put_in_place)(const char *from, const char *to))
 {
     make_private_folder(file.parent_path());
-    const fs::path partial = file.string() + PARTIAL;
-    unlink(partial.c_str());
-    const Descriptor descriptor(open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, PRIVATE_FILE));
+    const fs::path temporary = file.string() + TEMPORARY_SUFFIX;
+    unlink(temporary.c_str());
+    const Descriptor descriptor(
+        open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, PRIVATE_FILE));
     const bool written =
         descriptor && write_at(descriptor, 0, content) && (!synced || fsync(descriptor.get()) == 0);
-    if (!written || !put_in_place(partial.c_str(), file.c_str())) {
-        const std::string reason = why();
-        unlink(partial.c_str());
+    if (!written || !put_in_place(temporary.c_str(), file.c_str())) {
+        const std::string reason = error_text();
+        unlink(temporary.c_str());
         throw HostError("can't write " + file.string() + reason);
     }
 }
@@ -111,14 +113,14 @@ static void write_file(const fs::path &file, const std::string &content, bool sy
 void remove_file_durably(const fs::path &file)
 {
     if (unlink(file.c_str()) != 0 || !sync_folder(file.parent_path()))
-        throw HostError("can't remove " + file.string() + why());
+        throw HostError("can't remove " + file.string() + error_text());
 }
 
 void replace_file(const fs::path &file, const std::string &content)
 {
     write_file(file, content, false, [](const char *from, const char *to) {
-        // A file that takes another's name has some file systems begin to write it to the disk, which takes
-        // ten times as long. One that changes names with it doesn't.
+        // Some file systems flush a file to the disk when it is renamed over another, which takes ten times
+        // as long. They don't when the two files exchange names.
         struct stat old = {};
         if (lstat(to, &old) == 0 && S_ISREG(old.st_mode) &&
             renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_EXCHANGE) == 0) {
@@ -133,7 +135,7 @@ void replace_file_durably(const fs::path &file, const std::string &content)
 {
     write_file(file, content, true, [](const char *from, const char *to) { return rename(from, to) == 0; });
     if (!sync_folder(file.parent_path()))
-        throw HostError("can't write " + file.string() + why());
+        throw HostError("can't write " + file.string() + error_text());
 }
 
 void create_file_durably(const fs::path &file, const std::string &content)
@@ -141,11 +143,11 @@ void create_file_durably(const fs::path &file, const std::string &content)
     write_file(file, content, true, [](const char *from, const char *to) {
         if (renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0)
             return true;
-        // Some file systems can't tell; those who make files here take turns.
+        // Some file systems do not support RENAME_NOREPLACE. The check is enough, since writers take turns.
         return errno == EINVAL && access(to, F_OK) != 0 && rename(from, to) == 0;
     });
     if (!sync_folder(file.parent_path())) {
-        const std::string reason = why();
+        const std::string reason = error_text();
         unlink(file.c_str());
         throw HostError("can't write " + file.string() + reason);
     }
@@ -159,7 +161,7 @@ void require_creatable(const fs::path &file, const std::string &content)
 static bool make_folder(const fs::path &folder)
 {
     int result = mkdir(folder.c_str(), PRIVATE_FOLDER);
-    // Once more only: some file systems say the same of a folder that nobody can make.
+    // Retry only once: some file systems return ENOENT for a folder that can't be made at all.
     if (result != 0 && errno == ENOENT && folder.has_relative_path() && make_folder(folder.parent_path()))
         result = mkdir(folder.c_str(), PRIVATE_FOLDER);
     if (result == 0) {
@@ -174,16 +176,16 @@ void make_private_folder(const fs::path &folder)
 {
     std::error_code ignored;
     if (!fs::is_directory(folder, ignored) && !make_folder(folder))
-        throw PlatformError("can't make the folder " + folder.string() + why());
+        throw PlatformError("can't make the folder " + folder.string() + error_text());
     if (access(folder.c_str(), W_OK | X_OK) != 0)
-        throw PlatformError("can't write in the folder " + folder.string() + why());
+        throw PlatformError("can't write in the folder " + folder.string() + error_text());
 }
 
 bool is_usable_folder(const fs::path &folder)
 {
     std::error_code error;
     fs::path existing = folder;
-    // A link to nothing is in the way of a folder.
+    // A dangling link counts as existing: no folder can be made under its name.
     while (!fs::exists(fs::symlink_status(existing, error)) && existing.has_relative_path())
         existing = existing.parent_path();
     return fs::is_directory(existing, error) && access(existing.c_str(), W_OK | X_OK) == 0;
@@ -203,9 +205,9 @@ void require_replaceable(const fs::path &file)
     std::error_code ignored;
     if (!is_usable_folder(file.parent_path()))
         throw PlatformError("can't write in " + file.parent_path().string());
-    for (const fs::path &name : {file, fs::path(file.string() + PARTIAL)})
+    for (const fs::path &name : {file, fs::path(file.string() + TEMPORARY_SUFFIX)})
         if (fs::is_directory(fs::symlink_status(name, ignored)))
-            throw PlatformError("there is a folder in the place of " + name.string());
+            throw PlatformError("can't replace " + name.string() + ": it is a folder");
 }
 
 void FileLock::acquire(const std::string &who)
@@ -230,6 +232,6 @@ bool FileLock::lock(int operation)
     if (TEMP_FAILURE_RETRY(flock(descriptor.get(), operation)) == 0)
         return true;
     if (errno != EWOULDBLOCK)
-        throw PlatformError("can't lock " + file.string() + why());
+        throw PlatformError("can't lock " + file.string() + error_text());
     return false;
 }

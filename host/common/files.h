@@ -31,77 +31,79 @@ private:
     int number;
 };
 
-/// Opens a file with the flags of open(). Only its owner can read one that is made. Anything but a regular
-/// file, such as a FIFO, is refused at once.
+/// Opens a regular file with the flags of open(). Never blocks, not even on a FIFO. Only its owner can read a
+/// file that this creates.
 ///
-/// @throws UnreadableError when it can't be opened
-/// @throws PlatformError when it is no regular file
+/// @throws UnreadableError when the file can't be opened
+/// @throws PlatformError when it is not a regular file
 Descriptor open_file(const std::filesystem::path &file, int flags);
 
-/// @throws UnreadableError
-/// @throws HostError when it is no regular file or is larger than `max_size`
+/// @throws UnreadableError when the file can't be opened or read
+/// @throws HostError when it is not a regular file or is larger than `max_size`
 std::string read_file(const std::filesystem::path &file, size_t max_size);
 
-/// What an open file, or a pipe, holds from where it stands.
+/// Reads an open file or a pipe from its current position to the end.
 ///
-/// @throws UnreadableError
-/// @throws HostError when it is larger than `max_size`
+/// @throws UnreadableError when it can't be read
+/// @throws HostError when the rest is larger than `max_size`
 std::string read_to_end(const Descriptor &file, size_t max_size);
 
-/// What an open file holds from `offset` on, as far as it can be read.
+/// Reads an open file from `offset` to the end, or to the first error.
 std::string read_from(const Descriptor &file, off_t offset);
 
-/// Replaces a file, whole or not at all. Its writers take turns: one that is killed leaves at most one
-/// temporary file behind, which the next replaces.
+/// Replaces a file atomically. Its writers must take turns. A writer that is killed leaves at most one
+/// temporary file, which the next writer replaces.
 ///
-/// @throws HostError when it can't be written; the old file is then still there
+/// @throws HostError when the file can't be written; the old file is unchanged
 void replace_file(const std::filesystem::path &file, const std::string &content);
 
-/// The same, and it outlives a power cut once this returns.
+/// Replaces a file as replace_file() does. The new file survives a power cut once this returns.
 void replace_file_durably(const std::filesystem::path &file, const std::string &content);
 
-/// Has what was made, renamed and removed in a folder outlive a power cut.
+/// Makes sure that files created, renamed and removed in a folder stay so after a power cut.
 ///
-/// @return false when it may not
+/// @return false on failure
 bool sync_folder(const std::filesystem::path &folder);
 
-/// Makes a file that was not there, whole or not at all. It outlives a power cut once this returns.
+/// Creates a file atomically. It survives a power cut once this returns.
 ///
-/// @throws HostError when it can't be written or is there already
+/// @throws HostError when the file can't be written or exists already
 void create_file_durably(const std::filesystem::path &file, const std::string &content);
 
-/// Throws as create_file_durably() does where that can't write a file. None is made.
+/// Throws HostError if create_file_durably() can't write this file, and leaves no file behind.
 void require_creatable(const std::filesystem::path &file, const std::string &content);
 
 /// Writes into an open file from `offset` on.
 ///
-/// @return false when not all of it is written
+/// @return false when not all of `content` is written
 bool write_at(const Descriptor &file, off_t offset, const std::string &content);
 
-/// Has a file that another wrote outlive a power cut, and its name, too.
+/// Makes sure that a file of another process survives a power cut, under its name.
 ///
-/// @return false when it can't be synced
+/// @return false when the file or its folder can't be synced
 bool sync_file(const std::filesystem::path &file);
 
-/// @throws HostError when it can't be removed, or may come back after a power cut
+/// Removes a file. It stays removed after a power cut.
+///
+/// @throws HostError when the file can't be removed, or may come back after a power cut
 void remove_file_durably(const std::filesystem::path &file);
 
-/// Makes a folder, and those above it that are missing; only their owner can enter what is made.
+/// Makes a folder and its missing parents. Only the owner can enter the new folders.
 ///
-/// @throws PlatformError when it can't be made or nothing can be written in it
+/// @throws PlatformError when the folder can't be made or is not writable
 void make_private_folder(const std::filesystem::path &folder);
 
-/// Throws PlatformError when a file can't be opened to be written, or made. Nothing is made.
+/// Throws PlatformError if a file can't be opened for writing, or created. Creates nothing.
 void require_writable_file(const std::filesystem::path &file);
 
-/// Throws PlatformError when replace_file() has something in its way. Nothing is made.
+/// Throws PlatformError if replace_file() would fail on this path. Creates nothing.
 void require_replaceable(const std::filesystem::path &file);
 
-/// Whether a folder can be written in, or could be made.
+/// True if the folder is writable, or does not exist and could be made.
 bool is_usable_folder(const std::filesystem::path &folder);
 
-/// A lock between processes. One that dies lets go of it. Each function throws PlatformError when the file
-/// can't be locked; those that wait for others throw as wait_for_another() does.
+/// A lock between processes, released when its holder dies. Each function throws PlatformError when the file
+/// can't be locked. Functions that wait for other processes throw as wait_for_another() does.
 class FileLock
 {
 public:
@@ -109,16 +111,16 @@ public:
 
     /// Waits until no other process holds the lock.
     ///
-    /// @param who holds it meanwhile, for a person
+    /// @param who the holder, for messages
     void acquire(const std::string &who = "another process");
 
     /// @return false when another process holds the lock
     bool try_acquire() { return lock(LOCK_EX | LOCK_NB); }
 
-    /// Shares the lock with other processes that share it, and waits until none holds it for itself.
+    /// Waits until no process holds the lock exclusively, and takes a shared lock. Always returns true.
     bool share();
 
-    /// The file, once it was locked.
+    /// The lock file; open once a lock was tried.
     const Descriptor &opened() const { return descriptor; }
 
 private:

@@ -29,6 +29,6 @@ fs::path absolute_path(const fs::path &path)
     std::error_code error;
     const fs::path absolute = fs::absolute(path, error);
     if (error)
-        throw PlatformError("can't tell where " + path.string() + " is: " + error.message());
+        throw PlatformError("can't make the path " + path.string() + " absolute: " + error.message());
     return absolute;
 }

@@ -20,7 +20,7 @@ using Clock = std::chrono::steady_clock;
 
 static constexpr int SIGNALS[] = {SIGTERM, SIGINT, SIGHUP};
 
-/// What a command or a request needs to have open at most, besides what it was started with.
+/// Most file descriptors that a command or a request opens.
 static constexpr int NEEDED_DESCRIPTORS = 20;
 
 void prepare_process()
@@ -30,26 +30,26 @@ void prepare_process()
     for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
         if (fcntl(stream, F_GETFD) < 0)
             static_cast<void>(open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY));
-    // Libraries end the process where they find none left.
+    // Some libraries abort the process when it runs out of descriptors.
     std::vector<Descriptor> spare(NEEDED_DESCRIPTORS);
     for (Descriptor &descriptor : spare)
         if (descriptor = Descriptor(dup(STDERR_FILENO)); !descriptor)
-            throw PlatformError(std::string("can't open the files that are needed: ") + strerror(errno));
+            throw PlatformError(std::string("can't open enough files: ") + strerror(errno));
 }
 
-static std::optional<Clock::time_point> end_of_time;
+static std::optional<Clock::time_point> deadline;
 
 void limit_time(double seconds)
 {
-    end_of_time =
+    deadline =
         Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
 }
 
 std::optional<std::int64_t> time_left()
 {
-    if (!end_of_time)
+    if (!deadline)
         return std::nullopt;
-    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(*end_of_time - Clock::now());
+    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(*deadline - Clock::now());
     return std::max<std::int64_t>(left.count(), 0);
 }
 
@@ -82,14 +82,14 @@ static void on_signal(int signal)
 
 TerminationSignals::TerminationSignals(void (*later)(int))
 {
-    if (file() < 0) // which must not be made in the handler
-        throw PlatformError("can't take signals: too many open files");
+    if (file() < 0) // made here, since the handler must not make it
+        throw PlatformError("can't catch signals: too many open files");
     struct sigaction action = {};
     action.sa_handler = on_signal;
     action.sa_flags = SA_RESTART;
     for (size_t i = 0; i < std::size(SIGNALS); i++) {
         sigaction(SIGNALS[i], nullptr, &before[i]);
-        if (before[i].sa_handler == SIG_IGN) // by who started this process
+        if (before[i].sa_handler == SIG_IGN) // set by the parent process
             continue;
         sigaction(SIGNALS[i], &action, nullptr);
         if (later != nullptr) {
@@ -103,10 +103,10 @@ TerminationSignals::~TerminationSignals()
 {
     for (size_t i = 0; i < std::size(SIGNALS); i++)
         sigaction(SIGNALS[i], &before[i], nullptr);
-    const bool is_untold = take();
+    const bool is_unreported = take();
     struct sigaction current = {};
     sigaction(last_signal, nullptr, &current);
-    if (is_untold || (has_told && current.sa_handler != SIG_DFL))
+    if (is_unreported || (was_reported && current.sa_handler != SIG_DFL))
         raise(last_signal);
 }
 
@@ -114,6 +114,6 @@ bool TerminationSignals::take()
 {
     eventfd_t count = 0;
     const bool has_come = eventfd_read(file(), &count) == 0;
-    has_told = has_told || has_come;
+    was_reported = was_reported || has_come;
     return has_come;
 }

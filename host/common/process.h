@@ -5,45 +5,46 @@
 #include <optional>
 #include <string>
 
-/// The first thing that a program of the host does. Nobody but its owner can read what it makes from then on,
-/// and no file that it opens takes the place of a standard stream that it was started without.
+/// Prepares this process; each program of the host calls this first. Files that the process creates are
+/// private to their owner. Standard streams that are closed are replaced, so that no other file gets their
+/// numbers.
 ///
-/// @throws PlatformError when too few files can be opened
+/// @throws PlatformError when the process can't open enough files
 void prepare_process();
 
-/// Sets how many seconds this process may take from now on. Without a limit, it waits as long as others take.
+/// Sets the time limit of this process, in seconds from now. Default: no limit.
 void limit_time(double seconds);
 
-/// @return microseconds that are left, at least 0; nothing when there is no limit
+/// Returns the microseconds that are left, at least 0; nothing when there is no limit.
 std::optional<std::int64_t> time_left();
 
-/// Waits a moment before another look at what another process holds.
+/// Pauses for some milliseconds. For loops that wait for another process.
 ///
-/// @param who is late, for a person
-/// @throws TimeoutError when the time is over
-/// @throws InterruptedError when TerminationSignals has something to tell, which stays there to be taken
+/// @param who the other process, for messages
+/// @throws TimeoutError when the time limit is reached
+/// @throws InterruptedError when a termination signal has come; TerminationSignals::take() still returns it
 void wait_for_another(const std::string &who);
 
-/// Takes SIGTERM, SIGINT and SIGHUP, which ask this process to end, while the object is there, except
-/// those that are ignored. Then what handled them before does so again. It also gets one that came meanwhile,
-/// but what take() has told of does not end the process.
+/// Catches SIGTERM, SIGINT and SIGHUP during its lifetime, except signals that are ignored. The destructor
+/// restores the earlier handlers, and raises again a signal that was caught. It does not raise a signal that
+/// take() has reported and that would end the process.
 class TerminationSignals
 {
 public:
-    /// @param later handles the signals once the object is gone; else what did so before does
+    /// @param later handles the signals after this object's lifetime; default: the earlier handler
     /// @throws PlatformError when no more files can be opened
     explicit TerminationSignals(void (*later)(int) = nullptr);
     TerminationSignals(const TerminationSignals &) = delete;
     TerminationSignals &operator=(const TerminationSignals &) = delete;
     ~TerminationSignals();
 
-    /// Can be read from while take() has something to tell.
+    /// A file descriptor, readable while a signal waits for take().
     static int file();
 
-    /// @return whether a signal has come since the last call
+    /// True if a signal has come since the last call.
     bool take();
 
 private:
     struct sigaction before[3] = {};
-    bool has_told = false;
+    bool was_reported = false; ///< take() has returned true
 };

@@ -9,7 +9,7 @@
 static bool is_harmless(gunichar character)
 {
     static constexpr GUnicodeType HARMFUL[] = {
-        G_UNICODE_CONTROL, G_UNICODE_FORMAT, // such as those that turn the direction of writing
+        G_UNICODE_CONTROL, G_UNICODE_FORMAT, // such as bidirectional overrides
         G_UNICODE_SURROGATE, G_UNICODE_LINE_SEPARATOR, G_UNICODE_PARAGRAPH_SEPARATOR};
     return std::ranges::find(HARMFUL, g_unichar_type(character)) == std::end(HARMFUL);
 }
@@ -45,7 +45,7 @@ std::vector<std::string> wrap(const std::string &text, size_t width)
         if (!lines.back().empty() && length(lines.back()) + 1 + length(word) > width)
             lines.emplace_back();
         lines.back() += (lines.back().empty() ? "" : " ") + word;
-        while (length(lines.back()) > width) { // a word alone that is too long
+        while (length(lines.back()) > width) { // a single word that is too long
             const std::string line = lines.back();
             const gchar *cut = g_utf8_offset_to_pointer(line.c_str(), static_cast<glong>(width));
             lines.back() = std::string(line.c_str(), cut);

@@ -6,12 +6,12 @@
 
 #include "join.h"
 
-/// The text on one line that does nothing to a terminal: characters that control it or can't be seen, and
-/// bytes that are no UTF-8, become escape sequences.
+/// Returns the text as one line that is safe to print on a terminal: control characters, invisible characters
+/// and bytes that are not UTF-8 become escape sequences.
 std::string escaped(std::string_view text);
 
-/// The text's words in lines of at most this width, which is not 0.
+/// Wraps the text's words into lines of at most `width` characters, which must not be 0.
 std::vector<std::string> wrap(const std::string &text, size_t width);
 
-/// Whether what is written to this file is shown in colours: on a terminal, unless $NO_COLOR is set.
+/// True if text for this file may have colours: it is a terminal, and $NO_COLOR is not set.
 bool shows_colour(int file);

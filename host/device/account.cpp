@@ -20,7 +20,7 @@ size_t Account::begin(const Change &change)
         if (observer)
             observer(number, change);
     } catch (const PlatformError &) {
-        end(number, Change::Outcome::refused); // who was told of it before it was refused learns that it was
+        end(number, Change::Outcome::refused); // also tells the observer
         throw;
     }
     return number;

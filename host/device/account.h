@@ -1,8 +1,8 @@
 /** @file
- * What the platform's libraries did to the device in this process. The service goes on after a failure and
- * tells nobody, so a library notes each change before it makes the change, and each place that it can't use.
+ * The account: a log of what the platform's libraries do to the device in this process. The service ignores
+ * most failures. So a library notes each change before it makes the change, and each place that it can't use.
  *
- * All of it is used on one thread.
+ * For use on one thread only.
  */
 #pragma once
 
@@ -18,7 +18,7 @@
 /// A change to a key of the device.
 struct Change {
     enum class Outcome {
-        pending, ///< begun, and perhaps made
+        pending, ///< begun, may have been made
         made,
         refused
     };
@@ -30,50 +30,53 @@ struct Change {
     Outcome outcome = Outcome::pending;
 };
 
-/// A place that could not be used.
+/// A failure to use a place.
 struct Problem {
     enum class Kind {
         failure,
-        lateness,    ///< the time of the process was over
-        interruption ///< the process was asked to end
+        timeout,     ///< the time limit was reached
+        interruption ///< a termination signal came
     };
 
     SettingPlace place;
-    std::string reason; ///< for a person, on one line
+    std::string reason; ///< one line for people
     Kind kind = Kind::failure;
 };
 
+/// The log of one exchange or, outside of exchanges, of the process so far.
 class Account
 {
 public:
     using Observer = std::function<void(size_t number, const Change &change)>;
 
-    /// Begins an account. The observer is told of each change when it begins, and throws PlatformError if it
-    /// must not be made; and when its outcome is known.
+    /// Clears the account and starts it for an exchange. The observer is called when a change begins, and
+    /// again when its outcome is known. It throws PlatformError to forbid a change that begins.
     void start(Observer observer);
 
-    /// Whether it is that of an exchange, at whose end what was written is made durable.
+    /// True during an exchange. The exchange makes all changes durable at its end, so libraries need not.
     bool is_started() const { return started; }
 
-    /// Ends it, and lets go of all that is in it.
+    /// Ends and clears the account, and releases the objects that it keeps.
     void finish();
 
     /// Notes a change that is about to be made.
     ///
-    /// @return its number
-    /// @throws PlatformError when it must not be made
+    /// @return the number of the change
+    /// @throws PlatformError when the change must not be made
     size_t begin(const Change &change);
 
+    /// Notes the outcome of a change.
     void end(size_t number, Change::Outcome outcome);
 
-    /// Notes a problem, once.
+    /// Notes a problem; does nothing if the same problem was noted before.
     void note(const Problem &problem);
 
-    /// Notes that a call through the platform's interface has come to the library of this host.
+    /// Notes a call to this host's library for a place. It shows that the process has not loaded another
+    /// library in its stead.
     void note_call(SettingPlace place) { called.insert(place); }
     bool has_call(SettingPlace place) const { return called.contains(place); }
 
-    /// Keeps something, such as a connection, until the account is finished.
+    /// Keeps an object, such as a connection, until the account is finished.
     void keep(std::shared_ptr<void> object) { kept.push_back(std::move(object)); }
 
     const std::vector<Change> &changes() const { return noted_changes; }
@@ -91,11 +94,12 @@ private:
 /// The account of this process.
 Account &account();
 
-/// The one object of its type, while there is one.
+/// The process's object of a type, while one exists.
 template <class Object>
 inline std::weak_ptr<Object> shared_object;
 
-/// The same, made when it is first needed. All share it for as long as one of them or the account keeps it.
+/// Returns the process's object of a type, and makes it first if there is none. The account and the callers
+/// share its ownership.
 template <class Object>
 std::shared_ptr<Object> share_in_account()
 {
@@ -108,16 +112,16 @@ std::shared_ptr<Object> share_in_account()
     return object;
 }
 
-/// Does what the platform's interface asks for. A place that can't be used is noted, and yields `failed`.
+/// Does the work of a platform function. If the work throws, notes the problem and returns `failed`.
 template <class Result, class Work>
-Result with_account(SettingPlace place, Result failed, Work work)
+Result note_problems(SettingPlace place, Result failed, Work work)
 {
     try {
         return work();
     } catch (const PlatformError &error) {
         account().note({place, error.what()});
     } catch (const TimeoutError &error) {
-        account().note({place, error.what(), Problem::Kind::lateness});
+        account().note({place, error.what(), Problem::Kind::timeout});
     } catch (const InterruptedError &error) {
         account().note({place, error.what(), Problem::Kind::interruption});
     }

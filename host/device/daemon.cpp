@@ -15,7 +15,7 @@
 #define Uses_SCIM_CONFIG_PATH
 #include <scim.h>
 
-/// The file has one line for each value, and its reader does not survive a longer one.
+/// SCIM's file has one line for each value, and SCIM crashes on a longer line.
 static constexpr size_t MAX_TEXT_LENGTH = 16'000;
 
 DeviceValue parse_config_text(const scim::String &text)
@@ -30,7 +30,7 @@ DeviceValue parse_config_text(const scim::String &text)
 
 bool is_config_text(const std::string &text)
 {
-    // The reader trims a value.
+    // SCIM trims these from a value that it reads.
     static constexpr std::string_view BLANKS = " \t\n\v";
     return !text.empty() && text.length() <= MAX_TEXT_LENGTH &&
            text.find_first_of(std::string_view("\n\0", 2)) == std::string::npos &&
@@ -54,37 +54,37 @@ const scim::String &active_engine()
 namespace
 {
 
-/// How a value travels, and the commands that carry it.
+/// The protocol's type for a value, and the commands that read and write it.
 template <class Value>
-struct Wire;
+struct WireFormat;
 
 template <>
-struct Wire<scim::String> {
+struct WireFormat<scim::String> {
     using Type = scim::String;
     static constexpr int GET = scim::SCIM_TRANS_CMD_GET_CONFIG_STRING;
     static constexpr int SET = scim::SCIM_TRANS_CMD_SET_CONFIG_STRING;
 };
 
 template <>
-struct Wire<int> {
+struct WireFormat<int> {
     using Type = scim::uint32;
     static constexpr int GET = scim::SCIM_TRANS_CMD_GET_CONFIG_INT;
     static constexpr int SET = scim::SCIM_TRANS_CMD_SET_CONFIG_INT;
 };
 
 template <>
-struct Wire<bool> {
+struct WireFormat<bool> {
     using Type = scim::uint32;
     static constexpr int GET = scim::SCIM_TRANS_CMD_GET_CONFIG_BOOL;
     static constexpr int SET = scim::SCIM_TRANS_CMD_SET_CONFIG_BOOL;
 };
 
-/// A daemon that only lets itself be read has this set.
+/// A key that is true if the daemon is read-only.
 constexpr char READ_ONLY[] = "/FrontEnd/Socket/ConfigReadOnly";
 
-/// A question, with its answer in the same place afterwards.
-struct Question : scim::Transaction {
-    Question(scim::uint32 magic_key, int command)
+/// A request to the daemon; send() replaces it by the answer.
+struct Request : scim::Transaction {
+    Request(scim::uint32 magic_key, int command)
     {
         put_command(scim::SCIM_TRANS_CMD_REQUEST);
         put_data(magic_key);
@@ -96,18 +96,18 @@ struct Question : scim::Transaction {
 
 std::shared_ptr<ScimDaemon> ScimDaemon::connect()
 {
-    // A daemon that is lost in an exchange stays lost to the end of it.
+    // The account keeps the connection, so that a lost daemon stays lost to the end of the exchange.
     return share_in_account<ScimDaemon>();
 }
 
 static constexpr useconds_t CONNECT_RETRY_US = 10'000;
 
-/// Connects as SCIM's own client does, but for no longer than this: a daemon that is stopped has others wait
-/// in front of its door, and then in a queue to that.
+/// Connects as SCIM's own client does, but with a time limit: connect() blocks when the daemon is stopped and
+/// its backlog is full.
 static Descriptor connect_to(const scim::SocketAddress &address, int timeout_ms)
 {
     if (!address.valid())
-        throw DaemonError("SCIM_SOCKET_ADDRESS is no address of a SCIM daemon");
+        throw DaemonError("SCIM_SOCKET_ADDRESS is not a valid address");
     const auto *target = static_cast<const sockaddr *>(address.get_data());
     Descriptor connection(socket(target->sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
@@ -119,7 +119,7 @@ static Descriptor connect_to(const scim::SocketAddress &address, int timeout_ms)
             throw DaemonError("the SCIM daemon (at " + address.get_address() + ") does not answer");
         usleep(CONNECT_RETRY_US);
     }
-    fcntl(connection.get(), F_SETFL, 0); // SCIM's socket waits before it reads
+    fcntl(connection.get(), F_SETFL, 0); // blocking: SCIM's socket waits for data before it reads
     return connection;
 }
 
@@ -133,10 +133,9 @@ ScimDaemon::ScimDaemon() : connection(connect_to(address, timeout_ms)), socket(c
 
 static constexpr size_t MAX_FILE_SIZE = size_t{16} << 20;
 
-/// Where the process at the other end of a local socket keeps its configuration, seen from here.
-///
-/// @return an empty path when that can't be told, or it isn't SCIM's own module that keeps it
-static std::filesystem::path find_file(const Descriptor &connection)
+/// Returns the path at which this process finds the configuration file of the daemon at the other end of a
+/// local socket; empty if it can't be found, or the daemon does not use SCIM's own configuration module.
+static std::filesystem::path find_config_file(const Descriptor &connection)
 {
     static constexpr std::string_view HOME = "SCIM_HOME=";
     ucred peer = {};
@@ -155,15 +154,15 @@ static std::filesystem::path find_file(const Descriptor &connection)
                 home = variable.substr(HOME.length());
         if (home.starts_with("/"))
             return process / "root" / home.substr(1) / ".scim/config";
-    } catch (const HostError &) { // another user's
+    } catch (const HostError &) { // another user's process
     }
     return {};
 }
 
-/// The texts in the daemon's file by their keys, except one whose line is cut.
+/// Reads the texts in the daemon's file by key. Skips an incomplete last line.
 ///
-/// @return nothing when it can't be read
-std::optional<ScimDaemon::Texts> ScimDaemon::texts_in(const std::filesystem::path &file)
+/// @return nothing when the file can't be read
+std::optional<ScimDaemon::Texts> ScimDaemon::read_texts(const std::filesystem::path &file)
 {
     static constexpr std::string_view SEPARATOR = " = ";
     try {
@@ -178,48 +177,51 @@ std::optional<ScimDaemon::Texts> ScimDaemon::texts_in(const std::filesystem::pat
     }
 }
 
-const ScimDaemon::Texts &ScimDaemon::look_into_file()
+/// Returns the texts in the daemon's file, as read before the first write since the last flush.
+const ScimDaemon::Texts &ScimDaemon::texts_before_flush()
 {
     if (!before) {
-        file = find_file(connection);
-        before = texts_in(file).value_or(Texts());
+        file = find_config_file(connection);
+        before = read_texts(file).value_or(Texts());
     }
     return *before;
 }
 
-void ScimDaemon::compare_file()
+/// Throws if the daemon's file lacks a value that was written, or a key that it had before.
+void ScimDaemon::check_file()
 {
-    const std::optional<Texts> now = texts_in(file);
+    const std::optional<Texts> now = read_texts(file);
     if (!now) {
         file.clear();
         return;
     }
-    std::vector<std::string> lacking;
+    std::vector<std::string> missing;
     for (const auto &[key, text] : expected) {
         const auto held = now->find(key);
-        // The value for all users takes the place of one that was erased.
+        // After an erase, the value for all users is in force.
         if (held == now->end() ? text.has_value() : held->second != (text ? text : read<scim::String>(key)))
-            lacking.push_back(key);
+            missing.push_back(key);
     }
-    const auto foreign = std::count_if(before->begin(), before->end(), [&](const auto &line) {
+    const auto others = std::count_if(before->begin(), before->end(), [&](const auto &line) {
         return !expected.contains(line.first) && !now->contains(line.first);
     });
-    if (foreign > 0)
-        lacking.push_back(std::to_string(foreign) + " other keys");
-    cut.reset();
-    if (lacking.empty())
+    if (others > 0)
+        missing.push_back(std::to_string(others) + " other keys");
+    truncated.reset();
+    if (missing.empty())
         return;
-    static constexpr std::string_view ROOT = "/root"; // of the process, in front of the path that it uses
+    // find_config_file() put "/proc/PID/root" in front of the daemon's own path.
+    static constexpr std::string_view ROOT = "/root";
     const std::string path = file.string().substr(file.string().find(ROOT) + ROOT.length());
-    cut = DaemonError(name() + "did not write all of " + path + ", which lacks " + join(lacking, ", ") +
-                      "; free space on its disk, and do this again before the daemon ends");
-    throw DaemonError(*cut);
+    truncated = DaemonError(name() + "did not write all of " + path + ", which lacks " + join(missing, ", ") +
+                            "; free space on its disk, and do this again before the daemon ends");
+    throw DaemonError(*truncated);
 }
 
 void ScimDaemon::make_durable()
 {
-    if (cut)
-        throw DaemonError(*cut);
+    if (truncated)
+        throw DaemonError(*truncated);
     if (has_unflushed()) {
         flush();
         reload();
@@ -228,81 +230,83 @@ void ScimDaemon::make_durable()
     is_unsynced = false;
 }
 
-std::string ScimDaemon::not_assured() const
+std::string ScimDaemon::durability_warning() const
 {
-    return is_doubtful ? "what was written to " + name() +
-                             "is not assured to outlive a power cut, since its file can't be " +
+    return is_doubtful ? "a power cut may undo what " + name() + "has stored, since its file can't be " +
                              (file.empty() ? "found" : "synced")
                        : "";
 }
 
-// What it is asked.
+// Requests.
 
 std::string ScimDaemon::name() const
 {
     return "the SCIM daemon (at " + address.get_address() + ") ";
 }
 
-void ScimDaemon::lose(const std::string &how)
+/// Throws, and makes all later requests throw.
+void ScimDaemon::fail_for_good(const std::string &how)
 {
     lost = DaemonError(name() + how);
     throw DaemonError(*lost);
 }
 
-/// @return false when the daemon answers that it can't; else the answer's data is next, if it has some
-bool ScimDaemon::ask(scim::Transaction &question)
+/// Sends a request and receives the answer.
+///
+/// @return false when the daemon refuses; else the answer's data, if any, can be read from `request`
+bool ScimDaemon::send(scim::Transaction &request)
 {
     if (lost)
         throw DaemonError(*lost);
-    if (!question.write_to_socket(socket))
-        lose("was lost");
-    if (!question.read_from_socket(socket, timeout_ms))
-        lose(socket.wait_for_data(0) == 0 ? "does not answer" : "was lost");
+    if (!request.write_to_socket(socket))
+        fail_for_good("was lost");
+    if (!request.read_from_socket(socket, timeout_ms))
+        fail_for_good(socket.wait_for_data(0) == 0 ? "does not answer" : "was lost");
     int reply = 0;
-    if (!question.get_command(reply) || reply != scim::SCIM_TRANS_CMD_REPLY)
-        lose("gave an answer that makes no sense");
-    if (question.get_data_type() != scim::SCIM_TRANS_DATA_COMMAND)
+    if (!request.get_command(reply) || reply != scim::SCIM_TRANS_CMD_REPLY)
+        fail_for_good("gave an invalid answer");
+    if (request.get_data_type() != scim::SCIM_TRANS_DATA_COMMAND)
         return true;
-    return question.get_command(reply) && reply == scim::SCIM_TRANS_CMD_OK;
+    return request.get_command(reply) && reply == scim::SCIM_TRANS_CMD_OK;
 }
 
-void ScimDaemon::require(scim::Transaction &question, const std::string &what)
+void ScimDaemon::require(scim::Transaction &request, const std::string &action)
 {
-    if (!ask(question))
-        throw DaemonError(name() + "refused to " + what);
+    if (!send(request))
+        throw DaemonError(name() + "refused to " + action);
 }
 
 template <class Value>
 std::optional<Value> ScimDaemon::read(const scim::String &key)
 {
-    Question question(magic_key, Wire<Value>::GET);
-    question.put_data(key);
-    typename Wire<Value>::Type value{};
-    if (!ask(question))
+    Request request(magic_key, WireFormat<Value>::GET);
+    request.put_data(key);
+    typename WireFormat<Value>::Type value{};
+    if (!send(request))
         return std::nullopt;
-    if (!question.get_data(value))
-        lose("gave an answer that makes no sense");
+    if (!request.get_data(value))
+        fail_for_good("gave an invalid answer");
     return static_cast<Value>(value);
 }
 
 std::vector<DeviceValue> ScimDaemon::read_values(const std::vector<scim::String> &keys)
 {
-    Question question(magic_key, Wire<scim::String>::GET);
+    Request request(magic_key, WireFormat<scim::String>::GET);
     for (size_t i = 0; i < keys.size(); i++) {
         if (i > 0)
-            question.put_command(Wire<scim::String>::GET);
-        question.put_data(keys[i]);
+            request.put_command(WireFormat<scim::String>::GET);
+        request.put_data(keys[i]);
     }
     std::vector<DeviceValue> values;
-    if (ask(question)) {
+    if (send(request)) {
         scim::String text;
         int reply = 0;
-        while (question.get_data(text) && question.get_command(reply))
+        while (request.get_data(text) && request.get_command(reply))
             values.push_back(parse_config_text(text));
     }
     if (values.size() == keys.size())
         return values;
-    // The answer leaves out what isn't set, and doesn't tell which that is.
+    // The answer skips keys that aren't set, without saying which.
     values.clear();
     for (const scim::String &key : keys)
         values.push_back(parse_config_text(read<scim::String>(key).value_or("")));
@@ -318,11 +322,11 @@ void ScimDaemon::require_writable()
 template <class Value>
 void ScimDaemon::write(const scim::String &key, const Value &value)
 {
-    Question question(magic_key, Wire<Value>::SET);
-    question.put_data(key);
-    question.put_data(static_cast<typename Wire<Value>::Type>(value));
-    look_into_file();
-    require(question, "store " + key);
+    Request request(magic_key, WireFormat<Value>::SET);
+    request.put_data(key);
+    request.put_data(static_cast<typename WireFormat<Value>::Type>(value));
+    texts_before_flush();
+    require(request, "store " + key);
     expected[key] = config_text(value);
 }
 
@@ -330,11 +334,11 @@ template <class Value>
 void ScimDaemon::write_on_account(Change change, const scim::String &key, const Value &value)
 {
     const auto stored = read<scim::String>(key);
-    const Texts &lines = look_into_file();
+    const Texts &lines = texts_before_flush();
     if (const auto line = lines.find(key);
         stored == config_text(change.after) &&
         (file.empty() || (line != lines.end() && line->second == *stored))) {
-        is_unsynced = true; // by a process that was killed
+        is_unsynced = true; // it may be unsynced by a process that was killed
         return;
     }
     change.before = parse_config_text(stored.value_or(""));
@@ -343,7 +347,7 @@ void ScimDaemon::write_on_account(Change change, const scim::String &key, const 
         write(key, value);
         unflushed.push_back(number);
     } catch (const DaemonError &) {
-        if (!lost) // else it may have arrived
+        if (!lost) // if lost, the value may have arrived
             account().end(number, Change::Outcome::refused);
         throw;
     }
@@ -351,12 +355,12 @@ void ScimDaemon::write_on_account(Change change, const scim::String &key, const 
 
 void ScimDaemon::erase(const scim::String &key)
 {
-    if (!read<scim::String>(key)) // which the daemon would refuse
+    if (!read<scim::String>(key)) // the daemon refuses to erase a key that isn't set
         return;
-    Question question(magic_key, scim::SCIM_TRANS_CMD_ERASE_CONFIG);
-    question.put_data(key);
-    look_into_file();
-    require(question, "erase " + key);
+    Request request(magic_key, scim::SCIM_TRANS_CMD_ERASE_CONFIG);
+    request.put_data(key);
+    texts_before_flush();
+    require(request, "erase " + key);
     expected[key] = std::nullopt;
 }
 
@@ -369,8 +373,8 @@ void ScimDaemon::flush()
             account().end(change, outcome);
     };
     try {
-        Question question(magic_key, scim::SCIM_TRANS_CMD_FLUSH_CONFIG);
-        require(question, "write its configuration down");
+        Request request(magic_key, scim::SCIM_TRANS_CMD_FLUSH_CONFIG);
+        require(request, "write its configuration");
     } catch (const DaemonError &) {
         if (!lost)
             end_changes(Change::Outcome::refused);
@@ -378,17 +382,17 @@ void ScimDaemon::flush()
     }
     if (has_unflushed()) {
         is_unsynced = true;
-        compare_file();
+        check_file();
     }
     end_changes(Change::Outcome::made);
 }
 
 void ScimDaemon::reload()
 {
-    if (cut)
-        throw DaemonError(*cut);
-    Question question(magic_key, scim::SCIM_TRANS_CMD_RELOAD_CONFIG);
-    require(question, "reload its configuration");
+    if (truncated)
+        throw DaemonError(*truncated);
+    Request request(magic_key, scim::SCIM_TRANS_CMD_RELOAD_CONFIG);
+    require(request, "reload its configuration");
 }
 
 template std::optional<scim::String> ScimDaemon::read(const scim::String &);

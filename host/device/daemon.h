@@ -16,35 +16,36 @@
 #include "errors.h"
 #include "files.h"
 
-/// The value that a text of SCIM's file stands for: an integer or a boolean if that is how SCIM writes one,
-/// else the text. An empty one is as good as none.
+/// Converts a text from SCIM's file to a value: an integer or a boolean if SCIM writes it this way, else the
+/// text. An empty text is no value.
 DeviceValue parse_config_text(const scim::String &text);
 
-/// Whether SCIM's file can keep a text as it is.
+/// True if SCIM's file can keep the text unchanged.
 bool is_config_text(const std::string &text);
 
-/// Whether an input method can have this identifier.
+/// True if the text is a valid identifier of an input method.
 bool is_identifier(const std::string &text);
 
-/// The key of the active input method. SCIM has a default engine for each language. A device has one for all,
-/// which is SCIM's for the languages that have none of their own.
+/// Returns the key of the active input method. SCIM has a default engine for each language, a device has one
+/// for all. It is stored as SCIM's default engine for languages that have none of their own.
 const scim::String &active_engine();
 
 /// A connection to the SCIM daemon, which keeps the input-method configuration.
 ///
-/// SCIM's own client connects again, unseen, when the daemon was lost, and answers alike for a key that isn't
-/// set and for a daemon that doesn't answer. Here a lost daemon stays lost, with the values that it had not
-/// yet flushed, and a key isn't set only when the daemon says so.
+/// SCIM's own client reconnects silently when the connection is lost, and returns the same for a key that
+/// isn't set and for a daemon that doesn't answer. This class does neither: a lost connection stays lost,
+/// since values that the daemon had not flushed are lost, too; and a key counts as not set only if the daemon
+/// says so.
 ///
-/// SCIM's daemon answers that all is well when its disk is full, and cuts its file. So what the file holds
-/// after a flush is compared with what was written, where the file can be found.
+/// When its disk is full, SCIM's daemon truncates its file and still reports success. So flush() compares the
+/// file with the values that were written, if it can find the file.
 ///
-/// Every function throws DaemonError: when the daemon refuses, and when it is lost or doesn't answer, which
-/// makes each one throw from then on.
+/// Every function throws DaemonError when the daemon refuses a request, does not answer, or is lost. After
+/// the latter two, all functions throw.
 class ScimDaemon
 {
 public:
-    /// The process's connection, which all share for as long as one of them or the account keeps it.
+    /// Returns the process's connection. The account and the callers share its ownership.
     static std::shared_ptr<ScimDaemon> connect();
 
     ScimDaemon();
@@ -53,50 +54,52 @@ public:
     template <class Value>
     std::optional<Value> read(const scim::String &key);
 
-    /// Reads several values with one question.
+    /// Reads several values with one request.
     std::vector<DeviceValue> read_values(const std::vector<scim::String> &keys);
 
-    /// Throws when it only lets itself be read.
+    /// Throws when the daemon is read-only.
     void require_writable();
 
-    /// Writes a value, which outlives the daemon once it is flushed.
+    /// Writes a value. It is in the daemon's file once flush() returns.
     template <class Value>
     void write(const scim::String &key, const Value &value);
 
     /// Erases a key, if it is set.
     void erase(const scim::String &key);
 
-    /// The same on the account, unless the key holds the value already, also in the file. The change is
-    /// pending until it is flushed; with a daemon that is lost it stays so, since it may have arrived.
+    /// Writes a value and notes the change in the account. Does nothing if both the daemon and its file have
+    /// the value already. The change is pending until flush(). It stays pending if the daemon is lost, since
+    /// the value may have arrived.
     ///
-    /// @param change with the place, and the key by which the account knows it
+    /// @param change its place, its key in the account, and its new value
     template <class Value>
     void write_on_account(Change change, const scim::String &key, const Value &value);
 
     bool has_unflushed() const { return !expected.empty(); }
 
-    /// Throws, too, when the daemon's file lacks something then.
+    /// Has the daemon write its file. Throws also when the file then lacks a value.
     void flush();
 
-    /// Has the daemon take over what has changed in its files. Not after a flush that left something out: the
-    /// daemon would forget what it still has.
+    /// Has the daemon read its files again. Throws after a flush that did not write all values: the daemon
+    /// would lose the values that only its memory has.
     void reload();
 
-    /// Flushes what was written, and has it outlive a power cut as far as not_assured() doesn't deny it.
+    /// Flushes values, and makes sure that they survive a power cut unless durability_warning() says
+    /// otherwise.
     void make_durable();
 
-    /// Why what was written may not outlive a power cut, or an empty text.
-    std::string not_assured() const;
+    /// Returns the reason why changes may not survive a power cut; empty if they do.
+    std::string durability_warning() const;
 
 private:
     using Texts = std::map<std::string, std::string>;
 
-    static std::optional<Texts> texts_in(const std::filesystem::path &file);
-    const Texts &look_into_file();
-    void compare_file();
-    bool ask(scim::Transaction &question);
-    void require(scim::Transaction &question, const std::string &what);
-    [[noreturn]] void lose(const std::string &how);
+    static std::optional<Texts> read_texts(const std::filesystem::path &file);
+    const Texts &texts_before_flush();
+    void check_file();
+    bool send(scim::Transaction &request);
+    void require(scim::Transaction &request, const std::string &action);
+    [[noreturn]] void fail_for_good(const std::string &how);
     std::string name() const;
 
     const scim::SocketAddress address{scim::scim_get_default_socket_config_address()};
@@ -105,11 +108,12 @@ private:
     const scim::Socket socket;
     scim::uint32 magic_key = 0;
     std::optional<DaemonError> lost;
-    std::vector<size_t> unflushed;                              ///< changes on the account
-    std::map<std::string, std::optional<std::string>> expected; ///< that the next flush writes or erases
-    std::filesystem::path file;     ///< of the daemon, or empty when it is not known
-    std::optional<Texts> before;    ///< what it held before that flush
-    std::optional<DaemonError> cut; ///< how the file is not what it should be
-    bool is_unsynced = false;       ///< something was flushed since it was synced
-    bool is_doubtful = false;       ///< something was flushed that can't be synced
+    std::vector<size_t> unflushed; ///< numbers of changes in the account
+    /// The texts that the next flush writes; nothing for a key that it erases.
+    std::map<std::string, std::optional<std::string>> expected;
+    std::filesystem::path file;           ///< the daemon's file; empty when it is not known
+    std::optional<Texts> before;          ///< the file's texts before the next flush
+    std::optional<DaemonError> truncated; ///< the last flush did not write all values
+    bool is_unsynced = false;             ///< the file was written since it was last synced
+    bool is_doubtful = false;             ///< the file was written and could not be synced
 };

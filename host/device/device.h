@@ -6,8 +6,9 @@
 #include "errors.h"
 #include "setting_value.h"
 
-/// The settings of a device, wherever it keeps them, for what looks at all of them alike.
-/// Every function throws PlatformError when a place can't be used: DaemonError when that is the SCIM daemon.
+/// Access to all settings of a device, wherever the device keeps them.
+/// Every function throws DaemonError when the SCIM daemon can't be used, and PlatformError when another place
+/// can't.
 class Device
 {
 public:
@@ -16,33 +17,31 @@ public:
     Device &operator=(const Device &) = delete;
     virtual ~Device() = default;
 
-    /// @return a value for each row
+    /// Returns one value for each row.
     virtual std::vector<DeviceValue> read(std::span<const SettingRow> rows) = 0;
 
-    /// Whether it keeps a value.
-    ///
-    /// @return why not, for a person, or an empty text
+    /// Returns the reason why the device can't store a value, for people; empty if it can.
     virtual std::string refuses(const SettingRow &row, const DeviceValue &value) = 0;
 
-    /// Changes a setting, durably once make_durable() has returned.
+    /// Changes a setting. The change is durable once make_durable() has returned.
     ///
-    /// @throws ValueError when it refuses the value
+    /// @throws ValueError when the device can't store the value
     virtual void write(const SettingRow &row, const DeviceValue &value) = 0;
 
-    /// Throws when the place of a setting can't be written. Nothing is made.
+    /// Throws when a setting can't be written. Changes nothing.
     virtual void require_writable(const SettingRow &row) = 0;
 
-    /// Has what was written outlive a power cut, as far as not_assured() doesn't deny it.
+    /// Makes sure that changes survive a power cut, except those that durability_warning() names.
     virtual void make_durable() = 0;
 
-    /// Why what was written may not outlive a power cut, for a person, or an empty text.
-    virtual std::string not_assured() = 0;
+    /// Returns the reason why changes may not survive a power cut, for people; empty if they do.
+    virtual std::string durability_warning() = 0;
 
-    /// Whether the service, in this process, keeps the setting on this device. Else the platform's library
-    /// for it is another's.
+    /// True if the service in this process accesses the setting through this host's library. False if another
+    /// library, loaded in its stead, keeps the setting elsewhere.
     virtual bool serves(const SettingRow &row) = 0;
 
-    /// Where the SCIM daemon is looked for.
+    /// The address at which the SCIM daemon is expected.
     virtual std::string daemon_address() = 0;
 
     DeviceValue read_one(const SettingRow &row) { return read({&row, 1}).front(); }

@@ -19,12 +19,12 @@ using Json = nlohmann::json;
 
 static constexpr char JOURNAL[] = "history.jsonl";
 static constexpr size_t MAX_SIZE = size_t{256} << 20;
-/// As many of the newest entries are kept, and as many of the newest that can be undone.
-static constexpr size_t KEPT = 200;
-/// The journal is written anew, without what is not kept, once in so many entries.
-static constexpr EntryNumber TIDY_INTERVAL = 100;
-/// Space for the end of an entry, reserved before its first change.
-static constexpr off_t RESERVED = 8192;
+/// The number of newest entries that are kept, and also of newest entries that can be undone.
+static constexpr size_t MAX_KEPT = 200;
+/// After this number of entries, the journal is rewritten without old entries.
+static constexpr EntryNumber REWRITE_INTERVAL = 100;
+/// Bytes reserved before an entry's first change, so that a full disk does not prevent the end of the entry.
+static constexpr off_t RESERVED_SIZE = 8192;
 
 static fs::path journal_file()
 {
@@ -39,8 +39,8 @@ NamedValues name_values(const DeviceState &device)
     return values;
 }
 
-// A line is a JSON object with members of one entry: later ones add to those before. A checksum of the text
-// in front of it is its last member.
+// Each line is a JSON object with members of one entry. Later lines of an entry add or replace members. The
+// last member of a line is a checksum of the text before it.
 
 static constexpr char SUM[] = R"(,"sum":")";
 static constexpr size_t SUM_LENGTH = 16;
@@ -60,7 +60,7 @@ static std::string encode_line(const Json &object)
     return text + SUM + checksum_of(text) + "\"}\n";
 }
 
-/// @return the object in a line without its newline; null if the checksum does not match
+/// Returns the object in a line, which has no newline at its end; null if the checksum does not match.
 static Json decode_line(std::string_view line)
 {
     if (line.size() < TAIL_LENGTH)
@@ -72,8 +72,8 @@ static Json decode_line(std::string_view line)
 namespace
 {
 
-/// An entry with its text.
-struct Kept {
+/// An entry with its lines in the journal.
+struct JournalEntry {
     HistoryEntry entry;
     Json members = Json::object();
     std::string lines;
@@ -90,13 +90,13 @@ static NamedValues read_values(const Json &members, const char *name)
     return values;
 }
 
-static void decode(Kept &kept)
+static void decode(JournalEntry &journal_entry)
 {
-    const Json &members = kept.members;
-    HistoryEntry &entry = kept.entry;
+    const Json &members = journal_entry.members;
+    HistoryEntry &entry = journal_entry.entry;
     entry.fault = members.value("fault", entry.fault);
     entry.time = members.value("time", entry.time);
-    entry.what = members.value("what", "");
+    entry.operation = members.value("what", "");
     if (!entry.fault.empty())
         return;
     members.at("time");
@@ -114,14 +114,14 @@ static void decode(Kept &kept)
     entry.changed = members.value("changed", entry.changed);
     for (const std::string &member : entry.changed)
         if (!entry.before.contains(member))
-            throw HostError("it does not tell what " + member + " was before");
+            throw HostError("it lacks the old value of " + member);
 }
 
-/// The entries in a journal's whole lines. What a power cut left of others has no end, or has NUL in it: they
-/// were not synced, so nothing followed from them.
-static std::vector<Kept> parse(const std::string &journal)
+/// Returns the entries in a journal. Skips lines that a power cut left without an end or with NUL in them:
+/// they were not synced, so no change depends on them.
+static std::vector<JournalEntry> parse(const std::string &journal)
 {
-    std::vector<Kept> entries;
+    std::vector<JournalEntry> entries;
     const auto last_number = [&] { return entries.empty() ? 0 : entries.back().entry.number; };
     size_t begin = 0;
     for (size_t end = 0; (end = journal.find('\n', begin)) != std::string::npos; begin = end + 1) {
@@ -135,29 +135,29 @@ static std::vector<Kept> parse(const std::string &journal)
             const EntryNumber next = last_number() + 1;
             entries.emplace_back().entry.number = std::max(number, next);
         }
-        Kept &kept = entries.back();
-        kept.lines.append(line).append("\n");
-        if (number == kept.entry.number)
-            kept.members.update(object);
+        JournalEntry &current = entries.back();
+        current.lines.append(line).append("\n");
+        if (number == current.entry.number)
+            current.members.update(object);
         else
-            kept.entry.fault = "it is damaged";
+            current.entry.fault = "it is damaged";
     }
-    for (Kept &kept : entries)
+    for (JournalEntry &complete : entries)
         try {
-            decode(kept);
+            decode(complete);
         } catch (const Json::exception &) {
-            kept.entry.fault = "it is damaged";
+            complete.entry.fault = "it is damaged";
         } catch (const HostError &error) {
-            kept.entry.fault = error.what();
+            complete.entry.fault = error.what();
         }
     return entries;
 }
 
-// The note of the last restore, which an earlier version left.
+// An earlier version kept a note of the last restore in place of a journal. The note becomes an entry.
 
 static constexpr char EARLIER_NOTE[] = "last-restore.json";
 static constexpr char EARLIER_REPORT[] = "last-exchange.json";
-static constexpr char UNREADABLE[] = ".damaged"; ///< behind its name when it can't be read
+static constexpr char DAMAGED_SUFFIX[] = ".damaged"; ///< of a note that can't be read
 
 static void add_earlier_change(const Json &change, Json &entry)
 {
@@ -169,8 +169,7 @@ static void add_earlier_change(const Json &change, Json &entry)
     entry["planned"][row->member] = change.at("after");
 }
 
-/// The members of the entry that stands for the note: its lines are reports and, in between, changes by their
-/// numbers.
+/// Reads the note into the members of an entry. Each line of the note is a report or a numbered change.
 static void read_earlier_note(const std::string &note, Json &entry)
 {
     Json report;
@@ -183,7 +182,7 @@ static void read_earlier_note(const std::string &note, Json &entry)
         else
             report = object;
     }
-    if (!report.at("changes").empty()) // which are all
+    if (!report.at("changes").empty()) // all of them
         changes = report["changes"];
     entry["backup"] = report.at("backup");
     for (const Json &change : changes)
@@ -198,16 +197,16 @@ static void read_earlier_note(const std::string &note, Json &entry)
 namespace
 {
 
-/// The note as an entry behind the last one.
+/// The note as an entry after the last one.
 struct EarlierNote {
     bool is_there = false;
     bool is_readable = true;
-    std::string line; ///< empty when it was taken before a power cut
+    std::string line; ///< of the journal; empty if the journal has this entry already
 };
 
 } // namespace
 
-static EarlierNote take_earlier_note(const std::vector<Kept> &entries)
+static EarlierNote convert_earlier_note(const std::vector<JournalEntry> &entries)
 {
     const fs::path file = state_root() / EARLIER_NOTE;
     struct stat status = {};
@@ -223,23 +222,23 @@ static EarlierNote take_earlier_note(const std::vector<Kept> &entries)
         read_earlier_note(read_file(file, MAX_SIZE), entry);
     } catch (const std::exception &error) {
         note.is_readable = false;
-        entry["fault"] = std::string("it was kept by an earlier version, in ") + EARLIER_NOTE + UNREADABLE +
-                         ", and is damaged";
+        entry["fault"] = std::string("an earlier version kept it in ") + EARLIER_NOTE + DAMAGED_SUFFIX +
+                         ", which is damaged";
     }
-    if (std::ranges::none_of(entries, [&](const Kept &kept) { return kept.entry.time == time; }))
+    if (std::ranges::none_of(entries, [&](const JournalEntry &known) { return known.entry.time == time; }))
         note.line = encode_line(entry);
     return note;
 }
 
-// What is kept.
+// The entries to keep.
 
 static bool can_be_undone(const HistoryEntry &entry)
 {
     return !entry.changed.empty() && !entry.is_undone;
 }
 
-/// Tells which entries are undone: an undo that is undone does not count.
-static void find_undone(std::vector<Kept> &entries)
+/// Sets HistoryEntry::is_undone. An undo that is itself undone does not count.
+static void mark_undone(std::vector<JournalEntry> &entries)
 {
     std::set<EntryNumber> undone;
     for (size_t i = entries.size(); i-- > 0;) {
@@ -250,24 +249,24 @@ static void find_undone(std::vector<Kept> &entries)
     }
 }
 
-static void drop_old(std::vector<Kept> &entries)
+static void drop_old(std::vector<JournalEntry> &entries)
 {
     size_t newest = 0;
     size_t undoable = 0;
-    std::vector<Kept> kept;
+    std::vector<JournalEntry> kept;
     for (size_t i = entries.size(); i-- > 0;) {
         const HistoryEntry &entry = entries[i].entry;
-        const bool is_undoable = can_be_undone(entry) && ++undoable <= KEPT;
-        if (++newest <= KEPT || is_undoable || !entry.fault.empty())
+        const bool is_undoable = can_be_undone(entry) && ++undoable <= MAX_KEPT;
+        if (++newest <= MAX_KEPT || is_undoable || !entry.fault.empty())
             kept.push_back(std::move(entries[i]));
     }
     entries.assign(std::make_move_iterator(kept.rbegin()), std::make_move_iterator(kept.rend()));
 }
 
-static std::vector<Kept> select(const std::string &journal)
+static std::vector<JournalEntry> select(const std::string &journal)
 {
-    std::vector<Kept> entries = parse(journal);
-    find_undone(entries);
+    std::vector<JournalEntry> entries = parse(journal);
+    mark_undone(entries);
     drop_old(entries);
     return entries;
 }
@@ -278,9 +277,9 @@ std::vector<HistoryEntry> read_history()
     std::error_code ignored;
     if (fs::exists(fs::symlink_status(journal_file(), ignored)))
         journal = read_file(journal_file(), MAX_SIZE);
-    journal += take_earlier_note(parse(journal)).line;
+    journal += convert_earlier_note(parse(journal)).line;
     std::vector<HistoryEntry> entries;
-    for (Kept &kept : select(journal))
+    for (JournalEntry &kept : select(journal))
         entries.push_back(std::move(kept.entry));
     return entries;
 }
@@ -292,7 +291,7 @@ const HistoryEntry *find_undoable(const std::vector<HistoryEntry> &entries)
         if (!entry.fault.empty())
             throw HostError("entry " + std::to_string(entry.number) + " of the history can't be read: " +
                             entry.fault + "; name the entry that is to be undone");
-        if (can_be_undone(entry) && (entry.what == "restore" || entry.what.starts_with("settings")))
+        if (can_be_undone(entry) && (entry.operation == "restore" || entry.operation.starts_with("settings")))
             return &entry;
     }
     return nullptr;
@@ -311,19 +310,19 @@ try {
 
 // Writing.
 
-static constexpr char WHAT_TO_DO[] = "; see that this file can be written, and try again";
+static constexpr char ADVICE[] = "; make sure that this file can be written, and try again";
 
 void require_writable_history()
 {
     require_writable_file(journal_file());
 }
 
-HistoryWriter::HistoryWriter(const std::string &what, EntryNumber undoes)
+HistoryWriter::HistoryWriter(const std::string &operation, EntryNumber undoes)
 {
     entry.time = g_get_real_time() / 1000;
     try {
         open();
-        Json line = {{"time", entry.time}, {"what", what}};
+        Json line = {{"time", entry.time}, {"what", operation}};
         if (undoes != 0)
             line["undoes"] = undoes;
         append(line);
@@ -338,13 +337,14 @@ void HistoryWriter::open()
     file = open_file(journal_file(), O_RDWR | O_CREAT);
     if (!find_end())
         tidy();
-    if (ftruncate(file.get(), size) != 0) // what a power cut or a full disk left of a line
+    if (ftruncate(file.get(), size) != 0) // removes an incomplete line
         throw HostError(std::string("can't write ") + JOURNAL + ": " + g_strerror(errno));
 }
 
-/// Finds the end of the last whole line, and the next number, from the end of the journal alone.
+/// Finds the end of the last complete line and the number of the new entry. Reads only the journal's last
+/// part.
 ///
-/// @return false when there is more to do
+/// @return false when tidy() must read or rewrite the whole journal
 bool HistoryWriter::find_end()
 {
     static constexpr off_t TAIL = off_t{64} << 10;
@@ -360,19 +360,19 @@ bool HistoryWriter::find_end()
     entry.number = last.at("entry").get<EntryNumber>() + 1;
     size = begin + static_cast<off_t>(end) + 1;
     std::error_code ignored;
-    return entry.number % TIDY_INTERVAL != 0 &&
+    return entry.number % REWRITE_INTERVAL != 0 &&
            !fs::exists(fs::symlink_status(state_root() / EARLIER_NOTE, ignored));
 }
 
-/// Writes the journal anew, with what is kept alone, and takes an earlier version's note into it.
+/// Rewrites the journal without old entries, and moves an earlier version's note into it.
 void HistoryWriter::tidy()
 {
     std::string journal = read_from(file, 0);
     journal.erase(journal.rfind('\n') + 1);
-    const EarlierNote note = take_earlier_note(parse(journal));
+    const EarlierNote note = convert_earlier_note(parse(journal));
     std::string kept;
     entry.number = 1;
-    for (const Kept &known : select(journal + note.line)) {
+    for (const JournalEntry &known : select(journal + note.line)) {
         kept += known.lines;
         entry.number = known.entry.number + 1;
     }
@@ -381,11 +381,11 @@ void HistoryWriter::tidy()
         file = open_file(journal_file(), O_RDWR);
     }
     size = static_cast<off_t>(kept.size());
-    const fs::path file_of_note = state_root() / EARLIER_NOTE;
+    const fs::path note_file = state_root() / EARLIER_NOTE;
     if (note.is_there && note.is_readable)
-        remove_file_durably(file_of_note);
+        remove_file_durably(note_file);
     else if (note.is_there)
-        fs::rename(file_of_note, file_of_note.string() + UNREADABLE);
+        fs::rename(note_file, note_file.string() + DAMAGED_SUFFIX);
     fs::remove(state_root() / EARLIER_REPORT);
 }
 
@@ -420,10 +420,10 @@ void HistoryWriter::plan(const NamedValues &before, const NamedValues &planned)
             throw HostError("can't write " + journal_file().string() + ": " + g_strerror(errno));
     } catch (const HostError &error) {
         throw PlatformError(std::string("nothing was changed, since it could not be undone: ") +
-                            error.what() + WHAT_TO_DO);
+                            error.what() + ADVICE);
     }
     static_cast<void>(
-        fallocate(file.get(), FALLOC_FL_KEEP_SIZE, size, RESERVED)); // not every file system can
+        fallocate(file.get(), FALLOC_FL_KEEP_SIZE, size, RESERVED_SIZE)); // not all file systems support it
 }
 
 void HistoryWriter::finish(bool succeeded, const std::string &reason, const std::vector<std::string> &changed)
@@ -433,6 +433,6 @@ void HistoryWriter::finish(bool succeeded, const std::string &reason, const std:
         if (!entry.planned.empty() && fdatasync(file.get()) != 0)
             throw HostError("can't write " + journal_file().string() + ": " + g_strerror(errno));
     } catch (const HostError &error) {
-        g_printerr("the history does not tell how this ended: %s\n", error.what());
+        g_printerr("can't note the result in the history: %s\n", error.what());
     }
 }

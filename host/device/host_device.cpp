@@ -1,4 +1,4 @@
-// The workstation: the settings store, and SCIM's daemon.
+// The workstation as a device: it keeps its settings in the settings store and the SCIM daemon.
 
 #include "device.h"
 
@@ -28,7 +28,8 @@ static Function *find_function(const char *name)
     return reinterpret_cast<Function *>(dlsym(RTLD_DEFAULT, name));
 }
 
-/// Makes a harmless call as the service would make one.
+/// Calls a harmless function of the library that the service uses for this place. If that is this host's
+/// library, the library notes the call in the account.
 static void call_as_service(SettingPlace place)
 {
     switch (place) {
@@ -45,7 +46,7 @@ static void call_as_service(SettingPlace place)
         }
         break;
     case SettingPlace::configuration:
-        static_cast<void>(scim::ConfigModule("none")); // no module is called so
+        static_cast<void>(scim::ConfigModule("none")); // no module has this name
         break;
     }
 }
@@ -72,7 +73,7 @@ public:
         for (size_t i = 0; i < rows.size(); i++)
             if (rows[i].place != SettingPlace::settings_store)
                 values[i] = *next++;
-        for (size_t i = 0; i < rows.size(); i++) // an identifier may look like a number
+        for (size_t i = 0; i < rows.size(); i++) // a numeric identifier was read as a number
             if (rows[i].form == SettingForm::identifier && values[i])
                 values[i] = config_text(values[i]);
         return values;
@@ -84,7 +85,7 @@ public:
             return "";
         if (row.place == SettingPlace::settings_store)
             return std::holds_alternative<int>(*value)
-                       ? std::string("the settings store keeps no number under ") + row.key
+                       ? std::string("the settings store can't keep a number under ") + row.key
                        : "";
         if (row.form == SettingForm::identifier)
             return is_identifier(config_text(value)) ? "" : "no input method can have this identifier";
@@ -101,7 +102,7 @@ public:
             SettingsStore::open()->set({{row.key, value}});
             return;
         }
-        // What no input method can have may have been active before, and is put back.
+        // An undo writes back the earlier identifier even if it is not valid.
         if (value && !is_config_text(config_text(value)))
             throw ValueError(refuses(row, value));
         const std::shared_ptr<ScimDaemon> daemon = ScimDaemon::connect();
@@ -126,10 +127,10 @@ public:
             daemon->make_durable();
     }
 
-    std::string not_assured() override
+    std::string durability_warning() override
     {
         const auto daemon = shared_object<ScimDaemon>.lock();
-        return daemon ? daemon->not_assured() : "";
+        return daemon ? daemon->durability_warning() : "";
     }
 
     bool serves(const SettingRow &row) override

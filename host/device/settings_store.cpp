@@ -27,10 +27,10 @@ static fs::path store_file()
     throw PlatformError("the settings store " + store_file().string() + " can't be used: " + reason);
 }
 
-/// Why the last wait for another's lock was in vain.
+/// The error that ended the last wait for another process's lock.
 static std::exception_ptr wait_failure;
 
-/// Waits a moment for another's lock. SQLite gives up at 0.
+/// SQLite's busy handler: waits for another process's lock. SQLite stops waiting when this returns 0.
 static int wait_for_lock(void *, int)
 {
     try {
@@ -42,9 +42,9 @@ static int wait_for_lock(void *, int)
     }
 }
 
-/// Runs `work`, and tells of its failure what a person needs to know.
+/// Runs `work`, and converts its exceptions to errors with a message for people.
 template <class Work>
-static auto with_clear_errors(Work work)
+static auto convert_errors(Work work)
 {
     try {
         return work();
@@ -75,12 +75,12 @@ static void make_tables(SQLite::Database &database)
     transaction.commit();
 }
 
-/// The content of a new store. It is made in memory, and keeps a log once it is a file.
+/// The content of a new store's file, which will use a write-ahead log.
 static std::string new_store()
 {
-    static constexpr size_t VERSION_TO_WRITE = 18; // offsets in the file's header
-    static constexpr size_t VERSION_TO_READ = 19;
-    static constexpr char WITH_LOG = 2;
+    static constexpr size_t WRITE_VERSION = 18; // offsets in the file's header
+    static constexpr size_t READ_VERSION = 19;
+    static constexpr char WAL_MODE = 2; // a database in memory can't switch to it
     SQLite::Database database(":memory:", SQLite::OPEN_READWRITE);
     make_tables(database);
     sqlite3_int64 size = 0;
@@ -89,18 +89,18 @@ static std::string new_store()
     if (!image)
         throw std::bad_alloc();
     std::string content(image.get(), image.get() + size);
-    content.at(VERSION_TO_WRITE) = content.at(VERSION_TO_READ) = WITH_LOG;
+    content.at(WRITE_VERSION) = content.at(READ_VERSION) = WAL_MODE;
     return content;
 }
 
-/// Makes the store, whole or not at all: what lies in its place is a store, or a damaged one.
+/// Makes the store atomically, so that an incomplete file in its place is always a damaged store.
 static void make_store(const fs::path &file)
 {
     FileLock lock(file.string() + ".lock");
     lock.acquire();
     if (fs::exists(file))
         return;
-    // A log of a store that was taken away would be replayed onto the new one.
+    // SQLite would replay the log of a store that was moved away onto the new one.
     for (const char *suffix : {"-wal", "-shm", "-journal"})
         if (const fs::path left = file.string() + suffix; fs::exists(fs::symlink_status(left)))
             remove_file_durably(left);
@@ -120,7 +120,7 @@ bool SettingsStore::find_database()
     if (!fs::exists(fs::symlink_status(store_file())))
         return false;
     if (!fs::is_regular_file(store_file()))
-        refuse_store("it is no regular file");
+        refuse_store("it is not a regular file");
     open_database();
     return true;
 }
@@ -128,33 +128,32 @@ bool SettingsStore::find_database()
 void SettingsStore::open_database()
 {
     const fs::path file = store_file();
-    // What a process that was killed left beside the store goes into it when the store is written, not when
-    // it is only looked at.
+    // A process that was killed leaves a log beside the store. A process that only reads leaves the log
+    // alone; the next write merges it.
     std::error_code ignored;
-    const bool is_left_alone = fs::exists(file.string() + "-wal", ignored);
+    const bool keeps_log = fs::exists(file.string() + "-wal", ignored);
     database.emplace(file.string(), SQLite::OPEN_READWRITE);
     sqlite3_busy_handler(database->getHandle(), wait_for_lock, nullptr);
-    sqlite3_db_config(database->getHandle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, is_left_alone ? 1 : 0,
-                      nullptr);
-    // Either way the store is never half written, whatever comes.
+    sqlite3_db_config(database->getHandle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, keeps_log ? 1 : 0, nullptr);
+    // An exchange syncs once, at its end. In both modes, transactions stay atomic after a power cut.
     database->exec(account().is_started() ? "PRAGMA synchronous = NORMAL" : "PRAGMA synchronous = FULL");
     const int version = database->execAndGet("PRAGMA user_version").getInt();
     if (version > SCHEMA_VERSION)
         refuse_store("it was made by a later version");
     if (version != SCHEMA_VERSION)
-        refuse_store("it is no settings store");
+        refuse_store("it is not a settings store");
 }
 
-/// Does what reads the store.
+/// Runs `work`, which reads the store. After a failure, neither reads nor writes are tried again.
 template <class Work>
 auto SettingsStore::read(Work work)
 {
-    if (unreadable)
-        std::rethrow_exception(unreadable);
+    if (read_failure)
+        std::rethrow_exception(read_failure);
     try {
-        return with_clear_errors(work);
+        return convert_errors(work);
     } catch (...) {
-        unreadable = unwritable = std::current_exception();
+        read_failure = write_failure = std::current_exception();
         throw;
     }
 }
@@ -162,17 +161,17 @@ auto SettingsStore::read(Work work)
 template <class Work>
 void SettingsStore::write(Work work)
 {
-    if (unwritable)
-        std::rethrow_exception(unwritable);
+    if (write_failure)
+        std::rethrow_exception(write_failure);
     try {
-        with_clear_errors(work);
+        convert_errors(work);
     } catch (...) {
-        unwritable = std::current_exception();
+        write_failure = std::current_exception();
         throw;
     }
 }
 
-/// The value in two columns, its type and its text.
+/// Reads a value from two columns: its type and its text.
 static DeviceValue column_value(const SQLite::Statement &row, int type_column)
 {
     const std::string type = row.getColumn(type_column).getString();
@@ -188,15 +187,17 @@ static DeviceValue column_value(const SQLite::Statement &row, int type_column)
 namespace
 {
 
-/// A run of a statement, which is prepared once. It ends with the object: else it would go on reading.
-struct Run {
-    Run(std::optional<SQLite::Statement> &prepared, const SQLite::Database &database, const char *sql)
+/// Prepares a statement on first use, and resets it at the end of the scope. Without a reset, the statement
+/// would keep its read transaction open.
+struct StatementReset {
+    StatementReset(std::optional<SQLite::Statement> &prepared, const SQLite::Database &database,
+                   const char *sql)
         : statement(prepared ? *prepared : prepared.emplace(database, sql))
     {
     }
-    Run(const Run &) = delete;
-    Run &operator=(const Run &) = delete;
-    ~Run() { statement.tryReset(); }
+    StatementReset(const StatementReset &) = delete;
+    StatementReset &operator=(const StatementReset &) = delete;
+    ~StatementReset() { statement.tryReset(); }
 
     SQLite::Statement &statement;
 };
@@ -208,9 +209,9 @@ DeviceValue SettingsStore::get(const std::string &key)
     return read([&]() -> DeviceValue {
         if (!find_database())
             return std::nullopt;
-        const Run run(select, *database, "SELECT type, value FROM settings WHERE key = ?");
-        run.statement.bind(1, key);
-        return run.statement.executeStep() ? column_value(run.statement, 0) : std::nullopt;
+        const StatementReset use(select, *database, "SELECT type, value FROM settings WHERE key = ?");
+        use.statement.bind(1, key);
+        return use.statement.executeStep() ? column_value(use.statement, 0) : std::nullopt;
     });
 }
 
@@ -219,7 +220,7 @@ Settings SettingsStore::below(const std::string &key)
     return read([&]() -> Settings {
         if (!find_database())
             return {};
-        // '0' is the character behind '/'.
+        // '0' is the character after '/'.
         SQLite::Statement query(*database, "SELECT key, type, value FROM settings"
                                            " WHERE key = ?1 OR (key > ?1 || '/' AND key < ?1 || '0')");
         query.bind(1, key);
@@ -239,7 +240,7 @@ void SettingsStore::require_writable()
             return;
         if (sqlite3_db_readonly(database->getHandle(), "main") != 0)
             refuse_store("it can't be written");
-        // Waits for another writer as a set does; rolled back at the end.
+        // Waits for other writers as set() does. The destructor rolls back.
         const SQLite::Transaction probe(*database, SQLite::TransactionBehavior::IMMEDIATE);
     });
 }
@@ -252,18 +253,18 @@ void SettingsStore::store(const std::string &key, const DeviceValue &value)
         remove.exec();
         return;
     }
-    const Run run(replace, *database, "INSERT OR REPLACE INTO settings VALUES (?, ?, ?)");
+    const StatementReset use(replace, *database, "INSERT OR REPLACE INTO settings VALUES (?, ?, ?)");
     const bool *truth = std::get_if<bool>(&*value);
-    run.statement.bind(1, key);
-    run.statement.bind(2, truth != nullptr ? "bool" : "string");
-    run.statement.bind(3, truth == nullptr ? std::get<std::string>(*value) : *truth ? "1" : "0");
-    run.statement.exec();
+    use.statement.bind(1, key);
+    use.statement.bind(2, truth != nullptr ? "bool" : "string");
+    use.statement.bind(3, truth == nullptr ? std::get<std::string>(*value) : *truth ? "1" : "0");
+    use.statement.exec();
 }
 
 void SettingsStore::set(const Settings &settings)
 {
-    const auto is_held = [this](const auto &setting) { return get(setting.first) == setting.second; };
-    if (std::all_of(settings.begin(), settings.end(), is_held))
+    const auto is_stored = [this](const auto &setting) { return get(setting.first) == setting.second; };
+    if (std::all_of(settings.begin(), settings.end(), is_stored))
         return;
     write([&] { set_all(settings); });
 }
@@ -306,11 +307,11 @@ void SettingsStore::make_durable()
                                       &done) == SQLITE_OK &&
             logged == done)
             return;
-        // Another process still reads what was there before, or the disk is full: then the log has to do.
+        // Another process still reads an older state, or the disk is full. Syncing the log is enough.
         sqlite3_file *log = nullptr;
         if (sqlite3_file_control(database->getHandle(), "main", SQLITE_FCNTL_JOURNAL_POINTER, &log) !=
                 SQLITE_OK ||
             log->pMethods == nullptr || log->pMethods->xSync(log, SQLITE_SYNC_NORMAL) != SQLITE_OK)
-            refuse_store("what was stored may not outlive a power cut");
+            refuse_store("changes may not survive a power cut");
     });
 }

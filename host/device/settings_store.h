@@ -11,35 +11,36 @@
 
 #include "account.h"
 
-/// Values by their keys. The store keeps booleans and texts.
+/// Values by key. The store keeps booleans and texts.
 using Settings = std::map<std::string, DeviceValue>;
 
-/// The host's settings store, an SQLite database. Several processes may use it at once. It is opened when it
-/// is first needed, and made when it is first written.
+/// The host's settings store, an SQLite database. Several processes may use it at once. The database is
+/// opened on first use, and created on first write.
 ///
-/// Every function throws PlatformError when the database can't be read or written, or holds what no store
-/// does; while another locks it, they throw as wait_for_another() does. The first failure is the last
-/// attempt: another would wait as long, and who could not read does not overwrite.
+/// Every function throws PlatformError when the database can't be read or written or has invalid content, and
+/// throws as wait_for_another() does while another process locks the database. After a failure, later calls
+/// throw the same error without another attempt: a retry would wait as long again, and a database that can't
+/// be read must not be overwritten.
 class SettingsStore
 {
 public:
-    /// The process's store, which all share for as long as one of them or the account keeps it.
+    /// Returns the process's store. The account and the callers share its ownership.
     static std::shared_ptr<SettingsStore> open();
 
     DeviceValue get(const std::string &key);
 
-    /// The key itself, if it has a value, and all keys below it.
+    /// Returns the values of a key and of all keys below it.
     Settings below(const std::string &key);
 
-    /// Throws when nothing can be stored. Nothing is made.
+    /// Throws when nothing can be stored. Changes nothing.
     void require_writable();
 
-    /// Stores values, all or none, whatever their keys held before, on the account. Where they hold them
-    /// already, nothing is written. It outlives the process at once, and a power cut, too, unless the account
-    /// is that of an exchange.
+    /// Stores all values or none, and notes the changes in the account. Writes nothing if the store has these
+    /// values already. The changes survive a power cut once this returns or, in an exchange, once
+    /// make_durable() does.
     void set(const Settings &settings);
 
-    /// Has all that was stored outlive a power cut.
+    /// Makes sure that all changes survive a power cut.
     void make_durable();
 
 private:
@@ -54,8 +55,8 @@ private:
     void write(Work work);
 
     std::optional<SQLite::Database> database;
-    std::optional<SQLite::Statement> select; ///< prepared when it is first run, as is the next
+    std::optional<SQLite::Statement> select; ///< both statements are prepared on first use
     std::optional<SQLite::Statement> replace;
-    std::exception_ptr unreadable; ///< why, once it is known
-    std::exception_ptr unwritable;
+    std::exception_ptr read_failure; ///< thrown again by later reads
+    std::exception_ptr write_failure;
 };

@@ -5,10 +5,10 @@
 
 #include "setting_value.h"
 
-/// Member of an object that stands for a text which is no UTF-8: its bytes, in base 64.
+/// The member that holds the base64-encoded bytes of a text that is not UTF-8.
 inline constexpr char BYTES[] = "base64";
 
-/// Converts a device's value without loss.
+/// Converts device values to JSON and back without loss.
 template <>
 struct nlohmann::adl_serializer<DeviceValue> {
     static void to_json(nlohmann::json &json, const DeviceValue &value)

@@ -1,4 +1,4 @@
-// The steps of a backup and of a restore, in their order.
+// The steps of a backup and of a restore, in order.
 
 #include "exchange.h"
 
@@ -7,22 +7,22 @@
 #include <functional>
 
 #include "account.h"
-#include "contact.h"
 #include "files.h"
 #include "handles.h"
 #include "ime_backup_trusted_folder.h"
 #include "paths.h"
+#include "shared_names.h"
 
 Exchange::Exchange(Direction which, const Callbacks &registered) : direction(which), callbacks(registered)
 {
     if (direction == Direction::restore) {
         exchange_report.operation = "restore";
         steps = {&Exchange::prepare, &Exchange::ask_for_restoration_path, &Exchange::download,
-                 &Exchange::plan_restore, &Exchange::have_records_restored};
+                 &Exchange::plan_restore, &Exchange::restore_records};
     } else if (callbacks.backup != nullptr) {
         exchange_report.operation = "backup";
         steps = {&Exchange::prepare, &Exchange::ask_for_keys_and_dates, &Exchange::plan_backup,
-                 &Exchange::have_records_filled, &Exchange::upload};
+                 &Exchange::fill_records, &Exchange::upload};
     } else {
         exchange_report.operation = "info";
         steps = {&Exchange::prepare, &Exchange::ask_for_keys_and_dates};
@@ -35,7 +35,7 @@ bool Exchange::run_step()
     return ++next == steps.size();
 }
 
-/// Calls a callback that is to send an answer before it returns.
+/// Calls a callback that must send an answer before it returns.
 template <class... Args>
 void Exchange::ask(Answer answer, void (*callback)(Args...), Args... args)
 {
@@ -53,12 +53,12 @@ void Exchange::prepare()
 
 // The device.
 
-/// What can be read of the device. A place that can't be is a problem if the service uses it.
+/// Reads the device. A place that can't be read is noted as a problem if the service uses it.
 DeviceState Exchange::read_device()
 {
     DeviceState state;
     for (const bool settings_store :
-         {true, false}) { // SCIM's daemon has the others, and answers for all at once
+         {true, false}) { // the SCIM daemon has the other settings, and returns all with one request
         std::vector<SettingRow> rows(std::begin(ALL_SETTINGS), std::end(ALL_SETTINGS));
         std::erase_if(rows, [&](const SettingRow &row) {
             return (row.place == SettingPlace::settings_store) != settings_store;
@@ -69,7 +69,7 @@ DeviceState Exchange::read_device()
                 state[index_of(rows[i])] = values[i];
         } catch (const PlatformError &error) {
             for (const SettingRow &row : rows) {
-                unread.insert(row.place);
+                unread_places.insert(row.place);
                 if (device.serves(row))
                     account().note({row.place, error.what()});
             }
@@ -78,7 +78,7 @@ DeviceState Exchange::read_device()
     return state;
 }
 
-/// Throws what the account tells of places that could not be used, with these reasons in front.
+/// Throws if there are reasons for a failure, or problems in the account. The message has the reasons first.
 static void require_no_problem(std::vector<std::string> reasons = {})
 {
     bool is_daemon = false;
@@ -91,7 +91,7 @@ static void require_no_problem(std::vector<std::string> reasons = {})
     }
     if (kind == Problem::Kind::interruption)
         throw InterruptedError(join(reasons, "; "));
-    if (kind == Problem::Kind::lateness)
+    if (kind == Problem::Kind::timeout)
         throw TimeoutError(join(reasons, "; "));
     if (is_daemon)
         throw DaemonError(join(reasons, "; "));
@@ -101,32 +101,34 @@ static void require_no_problem(std::vector<std::string> reasons = {})
         throw HostError(join(reasons, "; "));
 }
 
-DeviceState Exchange::look_at_device()
+DeviceState Exchange::read_device_or_throw()
 {
     DeviceState state = read_device();
     require_no_problem();
     return state;
 }
 
-/// Tells what is not known of a success: the settings that another library keeps in the service's process,
-/// and what may not outlive a power cut.
-void Exchange::report_doubts()
+/// Reports the limits of a success: settings that could not be checked, since another library keeps them in
+/// the service's process, and changes that may not survive a power cut.
+void Exchange::report_caveats()
 {
     std::vector<std::string> unserved;
     for (const SettingRow &row : SETTINGS)
         if (!device.serves(row))
             unserved.emplace_back(row.member);
-    std::vector<std::string> doubts = {device.not_assured()};
+    std::vector<std::string> caveats = {device.durability_warning()};
     if (!unserved.empty())
-        doubts.insert(doubts.begin(), "not checked, since another library keeps it: " + join(unserved, ", "));
-    std::erase(doubts, "");
-    exchange_report.reason = join(doubts, "; ");
+        caveats.insert(caveats.begin(),
+                       "not checked, since another library keeps it: " + join(unserved, ", "));
+    std::erase(caveats, "");
+    exchange_report.reason = join(caveats, "; ");
 }
 
-/// The change from one value to another, for a person.
-static std::string instead(const SettingRow &row, const DeviceValue &held, const DeviceValue &planned)
+/// Describes a setting whose value is not the planned one, for people.
+static std::string describe_difference(const SettingRow &row, const DeviceValue &actual,
+                                       const DeviceValue &planned)
 {
-    return std::string(row.member) + " (" + format_value(row, held) + " instead of " +
+    return std::string(row.member) + " (" + format_value(row, actual) + " instead of " +
            format_value(row, planned) + ")";
 }
 
@@ -145,14 +147,14 @@ void Exchange::ask_for_keys_and_dates()
 
 void Exchange::plan_backup()
 {
-    before = look_at_device();
+    before = read_device_or_throw();
     backup_plan = ::plan_backup(before, std::bind_front(&Device::refuses, &device));
 }
 
-void Exchange::have_records_filled()
+void Exchange::fill_records()
 {
     ask(Answer::backup_path, callbacks.backup, make_list(*records));
-    if (!account().changes().empty()) // the service sets languages that were not set
+    if (!account().changes().empty()) // the service sets default languages if none are set
         device.make_durable();
     require_no_problem();
     for (const Obstacle &obstacle : backup_plan->obstacles)
@@ -160,7 +162,7 @@ void Exchange::have_records_filled()
             throw_obstacle(obstacle);
     if (!path)
         throw HostError("the service had nothing to back up");
-    // Else a file of an earlier backup would pass for this one's.
+    // Without this check, the file of an earlier backup could be uploaded.
     if (written_path != *path)
         throw HostError(file_error.empty() ? "the service wrote no backup file" : file_error);
 }
@@ -168,10 +170,10 @@ void Exchange::have_records_filled()
 void Exchange::upload()
 {
     const std::string content = ::read_file(host_path(*path), MAX_RECORD_FILE_SIZE);
-    if (content != written)
-        throw HostError("the backup file is not what was written into it");
+    if (content != written_content)
+        throw HostError("the backup file was changed after it was written");
     require_planned_backup(check_upload(content));
-    report_doubts();
+    report_caveats();
     const auto store = open_store(highest_backup);
     exchange_report.storing = true;
     exchange_report.backup = store->add(content);
@@ -179,12 +181,12 @@ void Exchange::upload()
     exchange_report.stored = true;
 }
 
-/// The records in a backup file, once they are known to be those that were announced.
+/// Returns the records in a backup file. Throws if they are not the announced ones.
 CloudRecords Exchange::check_upload(const std::string &content) const
 {
     const CloudRecords filled = decode_record_file(content);
     if (filled.size() != records->size())
-        throw HostError("the backup file holds other records than were announced");
+        throw HostError("the backup file holds a different number of records than were announced");
     for (size_t i = 0; i < filled.size(); i++) {
         const std::string key = filled[i].key.value_or("");
         if (filled[i].key != (*records)[i].key || filled[i].date != (*records)[i].date)
@@ -195,7 +197,7 @@ CloudRecords Exchange::check_upload(const std::string &content) const
     return filled;
 }
 
-/// The settings in which a record is not the plan's.
+/// Returns the indexes of the settings in which a snapshot differs from the plan.
 static std::vector<size_t> find_differences(const std::string &value, const BackupPlan &plan)
 {
     const std::optional<Snapshot> snapshot = read_snapshot(value);
@@ -210,7 +212,8 @@ static std::vector<size_t> find_differences(const std::string &value, const Back
     return differences;
 }
 
-/// Each record holds what the device does. A setting that was changed meanwhile may stand with either value.
+/// Throws unless each record holds the device's values. A setting that was changed meanwhile may have the old
+/// or the new value.
 void Exchange::require_planned_backup(const CloudRecords &filled)
 {
     std::optional<BackupPlan> now;
@@ -221,11 +224,11 @@ void Exchange::require_planned_backup(const CloudRecords &filled)
             if (!device.serves(row))
                 continue;
             if (!now)
-                now = ::plan_backup(look_at_device(), std::bind_front(&Device::refuses, &device));
-            const SnapshotValue held = read_snapshot(*record.value)->values[i];
-            if (held != now->snapshot[i])
-                wrong.push_back(
-                    instead(row, device_value(row, held), device_value(row, backup_plan->snapshot[i])));
+                now = ::plan_backup(read_device_or_throw(), std::bind_front(&Device::refuses, &device));
+            const SnapshotValue actual = read_snapshot(*record.value)->values[i];
+            if (actual != now->snapshot[i])
+                wrong.push_back(describe_difference(row, device_value(row, actual),
+                                                    device_value(row, backup_plan->snapshot[i])));
         }
     if (!wrong.empty())
         throw HostError("the service did not back up what the device holds: " + join(wrong, ", "));
@@ -252,8 +255,8 @@ void Exchange::download()
     replace_file(source.file, downloaded.content);
 }
 
-/// A device that can't be read or written now is one that the service must not begin to change. From here on
-/// each change can be undone.
+/// Plans the restore, and notes the plan in the history, so that the restore can be undone. Throws if the
+/// device can't be read and written: the service must then not begin to change it.
 void Exchange::plan_restore()
 {
     for (const SettingRow &row : SETTINGS)
@@ -266,7 +269,7 @@ void Exchange::plan_restore()
     std::vector<std::optional<std::string>> values;
     for (const CloudRecord &record : downloaded.records)
         values.push_back(record.value);
-    before = look_at_device();
+    before = read_device_or_throw();
     restore_plan = ::plan_restore(values, before, std::bind_front(&Device::refuses, &device));
     exchange_report = report_planned(*restore_plan, exchange_report.backup, downloaded.records);
     exchange_report.result = ExchangeReport::Result::undecided;
@@ -293,15 +296,15 @@ void Exchange::note(const Change &change)
     if (!is_planned)
         throw PlatformError("the service must not change " + change.key + " in a " +
                             exchange_report.operation);
-    if (!history->has_planned(row->member)) // what one record changes another may change back
+    if (!history->has_planned(row->member)) // one record may change what the next changes back
         history->plan(name_values(before), {{row->member, change.after}});
 }
 
-void Exchange::have_records_restored()
+void Exchange::restore_records()
 {
     ask(Answer::record_list, callbacks.restoration, &source);
     try {
-        device.make_durable(); // also what a process that was killed left
+        device.make_durable(); // includes changes of a process that was killed
     } catch (const DaemonError &error) {
         account().note({SettingPlace::configuration, error.what()});
     } catch (const PlatformError &error) {
@@ -311,10 +314,10 @@ void Exchange::have_records_restored()
                                         compare_settings(after.emplace(read_device()))};
     std::erase(reasons, "");
     require_no_problem(reasons);
-    report_doubts();
+    report_caveats();
 }
 
-/// @return how the records that the service handed back are not those of the plan
+/// Returns how the records from the service differ from the plan; empty if they don't.
 std::string Exchange::compare_records() const
 {
     if (downloaded.records.empty())
@@ -334,20 +337,20 @@ std::string Exchange::compare_records() const
     return "";
 }
 
-/// Reports what each setting came to.
+/// Reports the value of each setting.
 ///
-/// @return where the device does not hold what it should
+/// @return how the device differs from the plan; empty if it doesn't
 std::string Exchange::compare_settings(const DeviceState &state)
 {
     std::vector<std::string> wrong;
     for (size_t i = 0; i < state.size(); i++) {
         const SettingRow &row = ALL_SETTINGS[i];
-        if (unread.contains(row.place) || !device.serves(row))
+        if (unread_places.contains(row.place) || !device.serves(row))
             continue;
         const DeviceValue &planned = restore_plan->device[i];
         const bool is_right = state[i] == planned;
         if (!is_right)
-            wrong.push_back(instead(row, state[i], planned));
+            wrong.push_back(describe_difference(row, state[i], planned));
         if (i < SETTINGS.size()) {
             SettingReport &report = exchange_report.settings[i];
             report.after = state[i];
@@ -360,12 +363,12 @@ std::string Exchange::compare_settings(const DeviceState &state)
 
 // The result.
 
-/// The settings that are other than before, or may be.
+/// Returns the settings that have changed or may have.
 std::vector<std::string> Exchange::find_changed() const
 {
     const auto is_changed = [&](const SettingRow &row) {
         const size_t i = index_of(row);
-        const bool is_read = after && !unread.contains(row.place);
+        const bool is_read = after && !unread_places.contains(row.place);
         return (is_read && (*after)[i] != before[i]) ||
                std::ranges::any_of(account().changes(), [&](const Change &change) {
                    return change.place == row.place && change.key == row.key &&
@@ -380,7 +383,7 @@ std::vector<std::string> Exchange::find_changed() const
     return changed;
 }
 
-void Exchange::decide(ExchangeReport::Result result, const std::string &reason)
+void Exchange::finish(ExchangeReport::Result result, const std::string &reason)
 {
     exchange_report.result = result;
     if (result != ExchangeReport::Result::succeeded)
@@ -396,7 +399,7 @@ void Exchange::complete() const
     callbacks.completed(exchange_report.result == ExchangeReport::Result::succeeded ? 1 : 0);
 }
 
-// The service's part.
+// Called by the service.
 
 int Exchange::answer_ready(int is_ready)
 {
@@ -437,7 +440,7 @@ int Exchange::write_file(orvanta_cloud_list_handle list, const char *device_path
             throw HostError("there is no folder " + folder.string());
         replace_file(file, text);
         written_path = device_path;
-        written = text;
+        written_content = text;
         return ORVANTA_CLOUD_ERROR_NONE;
     } catch (const HostError &error) {
         file_error = error.what();

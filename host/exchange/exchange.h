@@ -25,45 +25,45 @@ struct orvanta_cloud_source {
     std::filesystem::path file;
 };
 
-/// What an exchange waits for while the service's callback runs.
+/// The answer that an exchange expects from the service while a callback of the service runs.
 enum class Answer { none, ready, keys_and_dates, backup_path, restoration_path, record_list };
 
-/// Which half of the interface an exchange, and an answer, belongs to.
+/// The half of the cloud library's interface that an exchange or an answer belongs to.
 enum class Direction { backup, restore };
 
-/// A backup or a restore: a row of steps, each of which asks the service for something or does something for
-/// it. Its result is that of its last step, or of the first that fails; it is given once.
+/// A backup or a restore: a sequence of steps. A step calls the service back or works for it. The exchange
+/// fails at the first step that fails, and succeeds after its last step.
 class Exchange
 {
 public:
-    /// A backup without a backup callback tells its keys and dates and goes no further.
+    /// A backup without a backup callback ends after it has asked for keys and dates.
     Exchange(Direction direction, const Callbacks &callbacks);
 
-    /// Begins, once it has its turn.
+    /// Begins the exchange's entry in the history. Call this when the exchange has its turn.
     void begin() { history.emplace(exchange_report.operation); }
 
-    /// Runs the next step. A failed one throws HostError, or whatever else went wrong.
+    /// Runs the next step. A step that fails throws HostError, or any other exception.
     ///
-    /// @return whether it was the last
+    /// @return true after the last step
     bool run_step();
 
-    /// Notes a change that is about to be made in the history.
+    /// Notes in the history a change that is about to be made.
     ///
-    /// @throws PlatformError when it must not be made: it can't be noted, or is none that such an exchange
-    /// makes
+    /// @throws PlatformError when the change must not be made: it can't be noted, or is not part of such an
+    /// exchange
     void note(const Change &change);
 
-    /// Gives the exchange its result, with the account as it stands.
-    void decide(ExchangeReport::Result result, const std::string &reason = "");
+    /// Sets the result, and completes the report and the history.
+    void finish(ExchangeReport::Result result, const std::string &reason = "");
 
     const ExchangeReport &report() const { return exchange_report; }
-    /// The report of an exchange that has its result.
+    /// The report as a line of JSON, after finish().
     const std::string &encoded_report() const { return report_line; }
 
-    /// Tells the service the result.
+    /// Calls the service's completed callback.
     void complete() const;
 
-    // What the service answers and does while one of its callbacks runs. Each yields a code of the library.
+    // Functions that the service calls while one of its callbacks runs. They return a code of the library.
 
     bool awaits(Direction which, Answer answer) const { return which == direction && answer == awaited; }
     bool is_in_callback() const { return awaited != Answer::none; }
@@ -82,22 +82,22 @@ private:
     void prepare();
     void ask_for_keys_and_dates();
     void plan_backup();
-    void have_records_filled();
+    void fill_records();
     void upload();
     void ask_for_restoration_path();
     void download();
     void plan_restore();
-    void have_records_restored();
+    void restore_records();
 
     DeviceState read_device();
-    DeviceState look_at_device();
+    DeviceState read_device_or_throw();
 
     CloudRecords check_upload(const std::string &content) const;
     void require_planned_backup(const CloudRecords &filled);
     std::string compare_records() const;
     std::string compare_settings(const DeviceState &state);
     std::vector<std::string> find_changed() const;
-    void report_doubts();
+    void report_caveats();
 
     const Direction direction;
     const Callbacks callbacks;
@@ -108,19 +108,19 @@ private:
 
     Answer awaited = Answer::none;
     bool ready = false;
-    std::optional<CloudRecords> records; ///< announced by a backup, or handed back by a restore
+    std::optional<CloudRecords> records; ///< announced by a backup, or returned by a restore
     std::optional<std::string> path;     ///< device path of the backup or restoration file
-    std::string written_path;            ///< what was written to be backed up, and where
-    std::string written;
-    std::string file_error;
+    std::string written_path;            ///< device path of the file that the service wrote
+    std::string written_content;
+    std::string file_error; ///< why the last attempt to write the file failed
     orvanta_cloud_source source;
     Backup downloaded;
-    std::optional<HistoryWriter> history; ///< nothing before it has its turn
-    DeviceState before;                   ///< the device, when it was planned what it becomes
-    std::optional<DeviceState> after;     ///< the device at the end, except what is unread
+    std::optional<HistoryWriter> history; ///< nothing before begin()
+    DeviceState before;                   ///< the device when the exchange was planned
+    std::optional<DeviceState> after;     ///< the device at the end, except unread places
 
     Device &device = *host_device();
-    std::set<SettingPlace> unread;
+    std::set<SettingPlace> unread_places; ///< reading them has failed
     std::optional<BackupPlan> backup_plan;
     std::optional<RestorePlan> restore_plan;
 };

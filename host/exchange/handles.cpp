@@ -1,4 +1,4 @@
-// Lists and records. The library keeps track of those that are alive, so that a bad handle is refused.
+// Lists and records. The library keeps all valid handles, so that it can refuse an invalid one.
 
 #include "handles.h"
 
@@ -16,23 +16,23 @@ struct orvanta_cloud_list {
     size_t cursor = 0;
 };
 
-/// The objects of one kind that are alive, by their handles.
+/// All objects of a type, by handle.
 template <class Object>
-static std::unordered_map<Object *, std::unique_ptr<Object>> alive;
+static std::unordered_map<Object *, std::unique_ptr<Object>> objects;
 
 template <class Object>
 static Object *make(Object object)
 {
     auto made = std::make_unique<Object>(std::move(object));
     Object *handle = made.get();
-    alive<Object>.emplace(handle, std::move(made));
+    objects<Object>.emplace(handle, std::move(made));
     return handle;
 }
 
 template <class Object>
-static bool is_alive(Object *handle)
+static bool is_valid(Object *handle)
 {
-    return alive<Object>.contains(handle);
+    return objects<Object>.contains(handle);
 }
 
 orvanta_cloud_list_handle make_list(const CloudRecords &content)
@@ -45,7 +45,7 @@ orvanta_cloud_list_handle make_list(const CloudRecords &content)
 
 std::optional<CloudRecords> copy_records(orvanta_cloud_list_handle list)
 {
-    if (!is_alive(list))
+    if (!is_valid(list))
         return std::nullopt;
     CloudRecords copies;
     for (const CloudRecord *record : list->records)
@@ -55,8 +55,8 @@ std::optional<CloudRecords> copy_records(orvanta_cloud_list_handle list)
 
 void release_lists_and_records()
 {
-    alive<orvanta_cloud_list>.clear();
-    alive<orvanta_cloud_record>.clear();
+    objects<orvanta_cloud_list>.clear();
+    objects<orvanta_cloud_record>.clear();
 }
 
 int orvanta_cloud_list_create(orvanta_cloud_list_handle *list)
@@ -69,17 +69,17 @@ int orvanta_cloud_list_create(orvanta_cloud_list_handle *list)
 
 int orvanta_cloud_list_destroy(orvanta_cloud_list_handle list)
 {
-    if (!is_alive(list))
+    if (!is_valid(list))
         return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
     for (orvanta_cloud_record_handle record : list->records)
-        alive<orvanta_cloud_record>.erase(record);
-    alive<orvanta_cloud_list>.erase(list);
+        objects<orvanta_cloud_record>.erase(record);
+    objects<orvanta_cloud_list>.erase(list);
     return ORVANTA_CLOUD_ERROR_NONE;
 }
 
 int orvanta_cloud_list_add(orvanta_cloud_list_handle list, orvanta_cloud_record_handle record)
 {
-    if (!is_alive(list) || !is_alive(record) || record->in_list)
+    if (!is_valid(list) || !is_valid(record) || record->in_list)
         return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
     record->in_list = true;
     list->records.push_back(record);
@@ -88,7 +88,7 @@ int orvanta_cloud_list_add(orvanta_cloud_list_handle list, orvanta_cloud_record_
 
 int orvanta_cloud_list_get_record_count(orvanta_cloud_list_handle list, int *count)
 {
-    if (!is_alive(list) || count == nullptr)
+    if (!is_valid(list) || count == nullptr)
         return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
     *count = static_cast<int>(list->records.size());
     return ORVANTA_CLOUD_ERROR_NONE;
@@ -96,7 +96,7 @@ int orvanta_cloud_list_get_record_count(orvanta_cloud_list_handle list, int *cou
 
 int orvanta_cloud_list_move_to_first(orvanta_cloud_list_handle list)
 {
-    if (!is_alive(list))
+    if (!is_valid(list))
         return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
     if (list->records.empty())
         return ORVANTA_CLOUD_ERROR_NO_RECORD;
@@ -106,7 +106,7 @@ int orvanta_cloud_list_move_to_first(orvanta_cloud_list_handle list)
 
 int orvanta_cloud_list_move_to_next(orvanta_cloud_list_handle list)
 {
-    if (!is_alive(list))
+    if (!is_valid(list))
         return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
     if (list->cursor + 1 >= list->records.size())
         return ORVANTA_CLOUD_ERROR_NO_RECORD;
@@ -116,7 +116,7 @@ int orvanta_cloud_list_move_to_next(orvanta_cloud_list_handle list)
 
 int orvanta_cloud_list_get_current_record(orvanta_cloud_list_handle list, orvanta_cloud_record_handle *record)
 {
-    if (!is_alive(list) || record == nullptr)
+    if (!is_valid(list) || record == nullptr)
         return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
     if (list->cursor >= list->records.size())
         return ORVANTA_CLOUD_ERROR_NO_RECORD;
@@ -135,7 +135,7 @@ int orvanta_cloud_record_create(orvanta_cloud_record_handle *record)
 static int set_text(orvanta_cloud_record_handle record, std::optional<std::string> CloudRecord::*member,
                     const char *text)
 {
-    if (!is_alive(record) || text == nullptr || g_utf8_validate(text, -1, nullptr) == FALSE)
+    if (!is_valid(record) || text == nullptr || g_utf8_validate(text, -1, nullptr) == FALSE)
         return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
     record->*member = text;
     return ORVANTA_CLOUD_ERROR_NONE;
@@ -158,7 +158,7 @@ int orvanta_cloud_record_set_value(orvanta_cloud_record_handle record, const cha
 
 int orvanta_cloud_record_get_value(orvanta_cloud_record_handle record, char **value)
 {
-    if (!is_alive(record) || value == nullptr)
+    if (!is_valid(record) || value == nullptr)
         return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
     *value = record->value ? g_strdup(record->value->c_str()) : nullptr;
     return ORVANTA_CLOUD_ERROR_NONE;
@@ -166,7 +166,7 @@ int orvanta_cloud_record_get_value(orvanta_cloud_record_handle record, char **va
 
 int orvanta_cloud_record_set_fail(orvanta_cloud_record_handle record)
 {
-    if (!is_alive(record))
+    if (!is_valid(record))
         return ORVANTA_CLOUD_ERROR_INVALID_PARAMETER;
     record->failed = true;
     return ORVANTA_CLOUD_ERROR_NONE;

@@ -5,9 +5,9 @@
 #include <unistd.h>
 
 #include "account.h"
-#include "contact.h"
 #include "paths.h"
 #include "process.h"
+#include "shared_names.h"
 #include "text.h"
 
 static constexpr guint LOCK_RETRY_MS = 20;
@@ -18,8 +18,9 @@ static void append(int file, const std::string &line)
         g_printerr("liborvanta-cloud-svc: the exchange's report is incomplete\n");
 }
 
-/// Losing the report is harmless: it informs of a result, and never changes it.
-static void deliver(const Exchange &exchange)
+/// Writes an exchange's result to standard error and to the report file. A report that can't be written does
+/// not change the result.
+static void send_report(const Exchange &exchange)
 {
     const ExchangeReport &report = exchange.report();
     if (report.result != ExchangeReport::Result::succeeded)
@@ -48,8 +49,8 @@ bool ExchangeQueue::is_in_callback() const
 void ExchangeQueue::close()
 {
     while (!exchanges.empty())
-        decide(ExchangeReport::Result::undecided, "the service ended before the exchange was over");
-    decided.clear();
+        finish(ExchangeReport::Result::undecided, "the service ended before the exchange was over");
+    finished.clear();
     if (source != 0)
         g_source_remove(source);
     source = 0;
@@ -67,12 +68,12 @@ gboolean ExchangeQueue::on_iteration(void *queue)
 {
     // The service may close the library in a callback.
     const auto self = static_cast<ExchangeQueue *>(queue)->shared_from_this();
-    self->run();
+    self->run_iteration();
     return G_SOURCE_REMOVE;
 }
 
-/// Runs one iteration. Whatever is thrown in one ends here, as the reason of a failure.
-void ExchangeQueue::run()
+/// Runs one step. An exception ends the exchange, and its message is the reason of the failure.
+void ExchangeQueue::run_iteration()
 {
     source = 0;
     if (exchanges.empty()) {
@@ -84,30 +85,32 @@ void ExchangeQueue::run()
         if (!take_turn())
             pause = LOCK_RETRY_MS;
         else if (exchanges.front().run_step())
-            decide(ExchangeReport::Result::succeeded);
+            finish(ExchangeReport::Result::succeeded);
     } catch (const InterruptedError &) { // the main loop ends, which closes the queue
         return;
     } catch (const NoBackupError &error) {
-        decide(ExchangeReport::Result::no_backup, error.what());
+        finish(ExchangeReport::Result::no_backup, error.what());
     } catch (const DamagedError &error) {
-        decide(ExchangeReport::Result::damaged, error.what());
+        finish(ExchangeReport::Result::damaged, error.what());
     } catch (const DaemonError &error) {
-        decide(ExchangeReport::Result::no_daemon, error.what());
+        finish(ExchangeReport::Result::no_daemon, error.what());
     } catch (const KeyboardError &error) {
-        decide(ExchangeReport::Result::no_keyboard, error.what());
+        finish(ExchangeReport::Result::no_keyboard, error.what());
     } catch (const PlatformError &error) {
-        decide(ExchangeReport::Result::no_platform, error.what());
+        finish(ExchangeReport::Result::no_platform, error.what());
     } catch (const TimeoutError &error) {
-        decide(ExchangeReport::Result::timed_out, error.what());
+        finish(ExchangeReport::Result::timed_out, error.what());
     } catch (const std::exception &error) {
-        decide(ExchangeReport::Result::failed, error.what());
+        finish(ExchangeReport::Result::failed, error.what());
     } catch (...) {
-        decide(ExchangeReport::Result::failed, "the service threw what is no exception");
+        finish(ExchangeReport::Result::failed, "the service threw an unknown exception");
     }
     schedule(pause);
 }
 
-/// Exchanges of one state root take turns.
+/// Tries to lock #EXCHANGE_LOCK, and begins the first exchange when it succeeds.
+///
+/// @return true while this queue holds the lock
 bool ExchangeQueue::take_turn()
 {
     if (has_turn)
@@ -118,14 +121,15 @@ bool ExchangeQueue::take_turn()
     if (!has_turn && time_left() == 0)
         throw TimeoutError("another exchange did not finish in time");
     if (has_turn) {
-        account().start([this](size_t number, const Change &change) { tell(number, change); });
+        account().start([this](size_t number, const Change &change) { on_change(number, change); });
         exchanges.front().begin();
     }
     return has_turn;
 }
 
-/// Tells of a change where it has to be known whatever comes.
-void ExchangeQueue::tell(size_t number, const Change &change)
+/// Notes a change in the history and in the report file at once, so that they have it even if this process is
+/// killed.
+void ExchangeQueue::on_change(size_t number, const Change &change)
 {
     if (change.outcome == Change::Outcome::pending)
         exchanges.front().note(change);
@@ -133,26 +137,26 @@ void ExchangeQueue::tell(size_t number, const Change &change)
         append(*file, encode_change(number, change));
 }
 
-/// Ends the first exchange with this result, and its turn with it.
-void ExchangeQueue::decide(ExchangeReport::Result result, const std::string &reason)
+/// Ends the first exchange with this result, and releases the lock.
+void ExchangeQueue::finish(ExchangeReport::Result result, const std::string &reason)
 {
     Exchange &exchange = exchanges.front();
-    exchange.decide(result, reason);
-    deliver(exchange);
+    exchange.finish(result, reason);
+    send_report(exchange);
     account().finish();
     turn.reset();
     has_turn = false;
-    decided.push_back(std::move(exchange));
+    finished.push_back(std::move(exchange));
     exchanges.pop_front();
 }
 
-/// A service ends itself once it is told that an exchange is completed, so it is told of none while another
-/// waits.
+/// Calls the completed callbacks. The service exits in its completed callback, so none is called while
+/// another exchange waits.
 void ExchangeQueue::complete()
 {
-    while (!decided.empty()) {
-        const Exchange exchange = std::move(decided.front());
-        decided.pop_front();
+    while (!finished.empty()) {
+        const Exchange exchange = std::move(finished.front());
+        finished.pop_front();
         exchange.complete();
     }
 }

@@ -9,32 +9,31 @@
 #include "exchange.h"
 #include "files.h"
 
-/// The exchanges that wait for their turn, carried out from the main loop one step an iteration. It is the
-/// one part of the library that the main loop calls.
+/// The exchanges to run, in order. The main loop runs one step in each iteration.
 class ExchangeQueue : public std::enable_shared_from_this<ExchangeQueue>
 {
 public:
     void add(Direction direction, const Callbacks &callbacks);
 
-    /// The exchange that waits for this answer, if there is one.
+    /// Returns the exchange that expects this answer, or null.
     Exchange *find(Direction direction, Answer answer);
 
     bool is_in_callback() const;
 
-    /// Gives up what is under way. The service is told nothing more.
+    /// Aborts all exchanges. The service gets no further callbacks.
     void close();
 
 private:
     static gboolean on_iteration(void *queue);
-    void run();
+    void run_iteration();
     void schedule(guint milliseconds);
     bool take_turn();
-    void tell(size_t number, const Change &change);
-    void decide(ExchangeReport::Result result, const std::string &reason = "");
+    void on_change(size_t number, const Change &change);
+    void finish(ExchangeReport::Result result, const std::string &reason = "");
     void complete();
 
-    std::deque<Exchange> exchanges; ///< the first is under way
-    std::deque<Exchange> decided;   ///< those whose result the service has not been told
+    std::deque<Exchange> exchanges; ///< the first one runs, the others wait
+    std::deque<Exchange> finished;  ///< their completed callback has not run yet
     std::optional<FileLock> turn;
     bool has_turn = false;
     guint source = 0;

@@ -9,8 +9,8 @@
 #include <glib.h>
 #include <nlohmann/json.hpp>
 
-#include "contact.h"
 #include "errors.h"
+#include "shared_names.h"
 #include "value_json.h"
 
 using Json = nlohmann::json;
@@ -114,33 +114,33 @@ std::optional<int> find_report_file()
     return number;
 }
 
-// As JSON. A word that is not known is an error: what is read may have been written by a later version.
+// JSON. An unknown enumerator is an error: a later version may have written the report.
 
 template <class Enum, size_t COUNT>
-static void read_word(const Json &json, Enum &value, const char *const (&words)[COUNT])
+static void read_enumerator(const Json &json, Enum &value, const char *const (&names)[COUNT])
 {
-    const auto found = std::find(std::begin(words), std::end(words), json.get_ref<const std::string &>());
-    if (found == std::end(words))
-        throw HostError("it has a word that is not known: " + json.get<std::string>());
-    value = static_cast<Enum>(found - std::begin(words));
+    const auto found = std::find(std::begin(names), std::end(names), json.get_ref<const std::string &>());
+    if (found == std::end(names))
+        throw HostError("it has an unknown value: " + json.get<std::string>());
+    value = static_cast<Enum>(found - std::begin(names));
 }
 
-#define WORDS(Enum, ...)                                                                                     \
-    static constexpr const char *WORDS_OF_##Enum[] = {__VA_ARGS__};                                          \
+#define ENUM_NAMES(Enum, ...)                                                                                \
+    static constexpr const char *NAMES_OF_##Enum[] = {__VA_ARGS__};                                          \
     static void to_json(Json &json, Enum value)                                                              \
     {                                                                                                        \
-        json = WORDS_OF_##Enum[static_cast<size_t>(value)];                                                  \
+        json = NAMES_OF_##Enum[static_cast<size_t>(value)];                                                  \
     }                                                                                                        \
     static void from_json(const Json &json, Enum &value)                                                     \
     {                                                                                                        \
-        read_word(json, value, WORDS_OF_##Enum);                                                             \
+        read_enumerator(json, value, NAMES_OF_##Enum);                                                       \
     }
 
 using Outcome = Change::Outcome;
-WORDS(Result, "undecided", "succeeded", "failed", "no platform", "no daemon", "no keyboard", "no backup",
-      "damaged", "timed out")
-WORDS(Outcome, "pending", "made", "refused")
-WORDS(SettingPlace, "input-method control", "settings store", "configuration")
+ENUM_NAMES(Result, "undecided", "succeeded", "failed", "no platform", "no daemon", "no keyboard", "no backup",
+           "damaged", "timed out")
+ENUM_NAMES(Outcome, "pending", "made", "refused")
+ENUM_NAMES(SettingPlace, "input-method control", "settings store", "configuration")
 
 template <>
 struct nlohmann::adl_serializer<SnapshotValue> {
@@ -207,7 +207,7 @@ static void read_line(const Json &object, ExchangeReport &report)
     }
     const auto index = object["change"].get<size_t>();
     if (index > report.changes.size())
-        throw HostError("it lacks a change");
+        throw HostError("a change is missing");
     report.changes.resize(std::max(report.changes.size(), index + 1));
     report.changes[index] = object.get<Change>();
 }
@@ -216,12 +216,12 @@ ExchangeReport decode_report(const std::string &text)
 {
     ExchangeReport report;
     std::istringstream lines(text);
-    // A line that does not end was being written when its process was killed.
+    // The last line is incomplete if its writer was killed.
     for (std::string line; std::getline(lines, line) && !lines.eof();)
         try {
             read_line(Json::parse(line), report);
         } catch (const Json::exception &) {
-            throw HostError("it is no report, or damaged");
+            throw HostError("it is not a report, or is damaged");
         }
     return report;
 }

@@ -7,72 +7,74 @@
 #include "cloud_store.h"
 #include "plan.h"
 
-/// Why a setting is not known to be restored.
+/// SettingReport::why of a setting that was not read again after the restore.
 inline constexpr char NOT_CHECKED[] = "not checked";
 
-/// What a restore came to for one setting.
+/// The result of a restore for one setting.
 struct SettingReport {
-    std::string member; ///< of the snapshot
+    std::string member; ///< SettingRow::member
     DeviceValue before;
-    SnapshotValue wanted; ///< by the last record that was applied
+    SnapshotValue wanted; ///< from the last record that was applied
     DeviceValue after;
-    std::string why; ///< it is not as wanted, or not known to be; empty if it is
+    std::string why; ///< why `after` is not `wanted`, or may not be; else empty
 };
 
-/// How an exchange went, for the cloud backup client that started it.
+/// The result of an exchange, for the cloud backup client that started it.
 struct ExchangeReport {
     enum class Result {
-        undecided, ///< it was interrupted, or is under way
+        undecided, ///< the exchange was interrupted, or still runs
         succeeded,
         failed,
-        no_platform, ///< failed, since the device's platform isn't there
-        no_daemon,   ///< the same, for want of the SCIM daemon
-        no_keyboard, ///< the same, for want of an active input method
-        no_backup,   ///< failed, since there is no such backup
-        damaged,     ///< failed, since the backup is damaged
-        timed_out,
-        interrupted, ///< the client's own
+        no_platform, ///< PlatformError
+        no_daemon,   ///< DaemonError
+        no_keyboard, ///< KeyboardError
+        no_backup,   ///< NoBackupError
+        damaged,     ///< DamagedError
+        timed_out,   ///< TimeoutError
+        interrupted, ///< InterruptedError; set only by the client
     };
 
     std::string operation; ///< "backup", "restore" or "info"
     Result result = Result::undecided;
-    std::string reason;                  ///< of a failure, for a person; or what is not known of a success
-    BackupNumber backup = 0;             ///< that was made or restored; 0 if there is none
-    bool storing = false;                ///< whether it began to store a backup
-    bool stored = false;                 ///< whether it did
-    CloudRecords records;                ///< without their values
+    std::string reason;                  ///< of a failure, or the limits of a success; for people
+    BackupNumber backup = 0;             ///< the backup that was made or restored; 0 if there is none
+    bool storing = false;                ///< the exchange has begun to store a backup
+    bool stored = false;                 ///< the backup is stored
+    CloudRecords records;                ///< without values
     std::vector<SettingReport> settings; ///< of a restore
     std::vector<Change> changes;
 };
 
-/// The report of a restore that goes by this plan.
+/// Returns the report of a restore that goes as planned.
 ExchangeReport report_planned(const RestorePlan &plan, BackupNumber number, const CloudRecords &records);
 
-/// Throws the failure that a report tells of, as it was thrown in the exchange; nothing when it succeeded.
+/// Throws the exception that the exchange failed with. Does nothing for a success.
 void throw_failure(const ExchangeReport &report);
 
-/// Throws the reason why a device can't be backed up.
+/// Throws the error for an obstacle to a backup.
 [[noreturn]] void throw_obstacle(const Obstacle &obstacle);
 
-/// Reads a backup that is to be restored.
+/// Reads a backup.
 ///
-/// @throws DamagedError and UnreadableError, which name the backup
+/// @throws DamagedError and UnreadableError with the number of the backup in the message
 Backup read_for_restore(const CloudStore &store, BackupNumber number);
 
-/// The variable's value for an open file that a new process has under this number. It tells the file, too: a
-/// number alone could be that of a file which the process opened itself.
+/// Returns the value of #REPORT_VARIABLE for a file that the new process gets under this descriptor. The
+/// value also identifies the file, since the descriptor alone could be that of a file which the process
+/// opened itself.
 std::string name_report_file(int file, int number_in_process);
 
-/// The number of the file that the variable names, if this process was given one.
+/// Returns the descriptor in #REPORT_VARIABLE; nothing if this process did not get such a file.
 std::optional<int> find_report_file();
 
-/// A report as one line of JSON.
+/// Returns a report as one line of JSON.
 std::string encode_report(const ExchangeReport &report);
 
-/// One change, with its number in the account, as one line of JSON that goes ahead of the report.
+/// Returns a change, with its number in the account, as one line of JSON. Such lines precede the report.
 std::string encode_change(size_t number, const Change &change);
 
-/// Reads what was written to the report's file: the last report in it or, while there is none, the changes.
+/// Reads the content of a report file: its last report or, if there is none yet, a report with the changes
+/// alone.
 ///
-/// @throws HostError when it is no report
+/// @throws HostError when the content is not a report
 ExchangeReport decode_report(const std::string &text);

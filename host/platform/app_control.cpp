@@ -1,4 +1,4 @@
-// Application control: what a service may do with a request.
+// Application control: the functions with which a service reads and answers a request.
 
 #include "app_control.h"
 

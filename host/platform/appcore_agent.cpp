@@ -1,4 +1,4 @@
-// The service-application framework on GApplication: each launch with an operation is one request.
+// The service-application framework, on top of GApplication. Each launch with an operation is one request.
 
 #include "appcore_agent.h"
 
@@ -11,35 +11,35 @@
 #include <gio/gio.h>
 #include <glib-unix.h>
 
-#include "contact.h"
 #include "errors.h"
 #include "files.h"
 #include "paths.h"
 #include "process.h"
 #include "request.h"
+#include "shared_names.h"
 #include "text.h"
 
 static constexpr char APPLICATION_ID[] = "com.orvanta.ime-backup-service";
 
-static constexpr char HELP[] =
-    "Usage: ime-backup-service [OPERATION]\n"
-    "Takes part in a backup or a restore of the on-screen keyboard's settings.\n"
-    "OPERATION is a URI such as\n"
-    "http://orvanta.com/appcontrol/operation/orvanta_cloud/backup\n"
-    "(or .../restore, .../get_backup_info). With a session bus, it goes to the\n"
-    "instance that runs already. Without one that is known, the service waits until\n"
-    "SIGTERM. The cloud backup client starts it: on a workstation, ime-backupctl.\n";
+static constexpr char HELP[] = "Usage: ime-backup-service [OPERATION]\n"
+                               "Takes part in a backup or a restore of the on-screen keyboard's settings.\n"
+                               "OPERATION is a URI such as\n"
+                               "http://orvanta.com/appcontrol/operation/orvanta_cloud/backup\n"
+                               "(or .../restore, .../get_backup_info). If an instance already runs on the\n"
+                               "session bus, it gets the operation. Without a known operation, the service\n"
+                               "waits until SIGTERM. The cloud backup client starts the service: on a\n"
+                               "workstation, ime-backupctl.\n";
 
-/// With it the session bus starts the service, for a request that is about to come.
+/// The option with which the session bus starts the service, before it sends a request.
 static constexpr char STARTED_BY_BUS[] = "--gapplication-service";
-static constexpr guint REQUEST_SECONDS = 5;
+static constexpr guint MAX_WAIT_FOR_REQUEST_S = 5;
 
 static constexpr int EXIT_USAGE = 2;
 static constexpr guint END_RETRY_MS = 20;
 static constexpr int END_RETRIES = 250;
 
-/// Who launches the service shares it until its request is answered, and an instance that ends takes it for
-/// itself: so no request reaches an instance that ends.
+/// A launch holds a shared lock on this file until its request is answered. An instance takes an exclusive
+/// lock before it ends. So no request reaches an instance that ends.
 static constexpr char LAUNCH_LOCK[] = "launch.lock";
 
 namespace
@@ -49,26 +49,26 @@ namespace
 struct ServiceApp {
     const service_app_callbacks &callbacks;
     void *user_data;
-    /// The answer to the launch that started this process; a launch that is never answered has failed.
+    /// The exit status: the answer to the request that started this process, or failure if there is none.
     int status = EXIT_FAILURE;
     bool created = false;
     bool ending = false;
-    bool terminated = false; ///< by a signal: it ends whatever comes
-    bool asked = false;      ///< a request has come
-    bool is_over = false;    ///< it was told to end
+    bool terminated = false;  ///< by a signal; later requests do not prevent the end
+    bool has_request = false; ///< a request has come
+    bool exit_called = false; ///< service_app_exit() was called
     std::optional<TerminationSignals> signals = std::nullopt;
     int end_retries = 0;
     std::optional<FileLock> launches = std::nullopt;
 };
 
-ServiceApp *running;
+ServiceApp *current_app;
 
 } // namespace
 
 static gboolean on_termination(int, GIOCondition, void *)
 {
-    running->signals->take();
-    running->terminated = true;
+    current_app->signals->take();
+    current_app->terminated = true;
     service_app_exit();
     return G_SOURCE_CONTINUE;
 }
@@ -83,14 +83,14 @@ static void on_startup(GApplication *application, ServiceApp *app)
         g_application_quit(application);
 }
 
-/// @return the answer
+/// Runs the service's callback for a request, and returns the answer.
 static int serve(ServiceApp &app, const char *operation)
 {
     app_control request;
     if (operation != nullptr)
         request.operation = operation;
-    app.asked = true;
-    app.ending = app.terminated; // else a request that came in time is served
+    app.has_request = true;
+    app.ending = app.terminated; // a new request cancels an end that is not due to a signal
     app.callbacks.app_control(&request, app.user_data);
     return request.result.value_or(EXIT_FAILURE);
 }
@@ -108,7 +108,7 @@ static int on_command_line(GApplication *, GApplicationCommandLine *command_line
     return status;
 }
 
-/// The bus's own way of asking: operations are URIs.
+/// Serves requests that come as D-Bus activations to open URIs: each operation is a URI.
 static void on_open(GApplication *, GFile **operations, gint count, const char *, ServiceApp *app)
 {
     for (int i = 0; app->created && i < count; i++) {
@@ -119,7 +119,7 @@ static void on_open(GApplication *, GFile **operations, gint count, const char *
 
 static gboolean on_no_request(void *)
 {
-    if (!running->asked)
+    if (!current_app->has_request)
         service_app_exit();
     return G_SOURCE_REMOVE;
 }
@@ -130,21 +130,21 @@ static void on_shutdown(GApplication *, ServiceApp *app)
         app->callbacks.terminate(app->user_data);
 }
 
-/// Takes or shares the lock on launches. A launch does without it where it can't be had: the exchange tells
-/// why.
+/// Takes the launch lock, exclusive or shared. Returns true also if the lock can't be used, so that a launch
+/// goes on without it: the exchange then reports why the state root can't be used.
 static bool lock_launches(bool (FileLock::*lock)())
 {
     try {
-        if (!running->launches)
-            running->launches.emplace(state_root() / LAUNCH_LOCK);
-        return (*running->launches.*lock)();
-    } catch (const std::runtime_error &) { // or the process is asked to end, or late
+        if (!current_app->launches)
+            current_app->launches.emplace(state_root() / LAUNCH_LOCK);
+        return (*current_app->launches.*lock)();
+    } catch (const std::runtime_error &) { // also after a termination signal, or the time limit
         return true;
     }
 }
 
-/// Waits until the bus has taken the application's name back. Else it could still lead a launch here once the
-/// lock on launches is gone.
+/// Releases the application's name on the bus, and waits for the reply. Without this, a launch could still
+/// reach this process after it has released the launch lock.
 static void release_name(GDBusConnection *bus)
 {
     GVariant *reply = g_dbus_connection_call_sync(
@@ -166,8 +166,8 @@ static int answer_option(const std::string &option)
     return fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
-/// Whether there is a session bus: where its address says so, or where a user's stands. Who waits for a
-/// report needs none: an instance that runs with other settings could answer in the new one's place.
+/// True if there is a session bus, at $DBUS_SESSION_BUS_ADDRESS or in the user's runtime folder. Always false
+/// for a client that waits for a report: on the bus, a running instance with other settings could answer.
 static bool has_session_bus()
 {
     if (g_getenv(REPORT_VARIABLE) != nullptr)
@@ -178,13 +178,13 @@ static bool has_session_bus()
     return std::filesystem::is_socket(std::filesystem::path(g_get_user_runtime_dir()) / "bus", ignored);
 }
 
-/// Serves the one request that it is started with. Nobody else can reach this instance.
+/// Serves one request without a bus: no other process can reach this instance.
 static int run_alone(ServiceApp &app, const char *operation)
 {
     if (!app.callbacks.create(app.user_data))
         return EXIT_FAILURE;
     app.status = serve(app, operation);
-    while (!app.is_over)
+    while (!app.exit_called)
         g_main_context_iteration(nullptr, TRUE);
     app.callbacks.terminate(app.user_data);
     return app.status;
@@ -211,9 +211,9 @@ static int run_on_bus(ServiceApp &app, int argc, char **argv, bool is_started_by
         fprintf(stderr, "ime-backup-service: %s\n", error->message);
         return EXIT_FAILURE;
     }
-    if (is_started_by_bus) // and has its name: the request is on its way
-        g_timeout_add_seconds(REQUEST_SECONDS, on_no_request, nullptr);
-    const bool is_primary = g_application_get_is_remote(application) == FALSE; // no other was running already
+    if (is_started_by_bus) // the bus sends the request now
+        g_timeout_add_seconds(MAX_WAIT_FOR_REQUEST_S, on_no_request, nullptr);
+    const bool is_primary = g_application_get_is_remote(application) == FALSE; // no other instance runs
     if (!is_primary)
         app.signals.reset();
 
@@ -229,20 +229,20 @@ static int run_on_bus(ServiceApp &app, int argc, char **argv, bool is_started_by
 int service_app_main(int argc, char **argv, service_app_callbacks *callbacks, void *user_data)
 try {
     prepare_process();
-    signal(SIGPIPE, SIG_IGN); // when nobody reads the log any more, a restore still ends in order
+    signal(SIGPIPE, SIG_IGN); // a restore must go on when the reader of the log is gone
     const bool is_started_by_bus = argc == 2 && strcmp(argv[1], STARTED_BY_BUS) == 0;
     if (argc > 1 && argv[1][0] == '-' && !is_started_by_bus)
         return answer_option(argv[1]);
 
     ServiceApp app{*callbacks, user_data};
-    running = &app;
+    current_app = &app;
     if (const char *seconds = g_getenv(TIMEOUT_VARIABLE); seconds != nullptr)
         limit_time(g_ascii_strtod(seconds, nullptr));
-    app.signals.emplace(); // before the name on the bus tells others that the service is there
+    app.signals.emplace(); // before the service gets its name on the bus
     g_unix_fd_add(TerminationSignals::file(), G_IO_IN, on_termination, nullptr);
     const int status = is_started_by_bus || has_session_bus() ? run_on_bus(app, argc, argv, is_started_by_bus)
                                                               : run_alone(app, argc > 1 ? argv[1] : nullptr);
-    running = nullptr;
+    current_app = nullptr;
     return status;
 } catch (const PlatformError &error) {
     fprintf(stderr, "ime-backup-service: %s\n", error.what());
@@ -251,9 +251,9 @@ try {
 
 static gboolean try_to_end(void *)
 {
-    if (running == nullptr || !running->ending)
+    if (current_app == nullptr || !current_app->ending)
         return G_SOURCE_REMOVE;
-    if (running->end_retries++ < END_RETRIES && !lock_launches(&FileLock::try_acquire))
+    if (current_app->end_retries++ < END_RETRIES && !lock_launches(&FileLock::try_acquire))
         return G_SOURCE_CONTINUE;
     g_application_quit(g_application_get_default());
     return G_SOURCE_REMOVE;
@@ -261,18 +261,18 @@ static gboolean try_to_end(void *)
 
 void service_app_exit(void)
 {
-    if (running == nullptr)
+    if (current_app == nullptr)
         return;
-    running->is_over = true;
+    current_app->exit_called = true;
     GApplication *application = g_application_get_default();
-    if (application == nullptr) // it runs alone
+    if (application == nullptr) // started by run_alone()
         return;
     if (g_application_get_dbus_connection(application) == nullptr) {
-        g_application_quit(application); // nobody else can reach this instance
+        g_application_quit(application); // no other process can reach this instance
         return;
     }
-    running->ending = true;
-    running->end_retries = 0;
+    current_app->ending = true;
+    current_app->end_retries = 0;
     if (try_to_end(nullptr) == G_SOURCE_CONTINUE)
         g_timeout_add(END_RETRY_MS, try_to_end, nullptr);
 }

@@ -1,7 +1,7 @@
-// What the input-method framework promises of the configuration module "socket" and the stock library doesn't
-// keep: it can be opened any number of times in one process, a configuration that can't be reached is an
-// empty handle, and what could not be read or written is known. Linked before libscim-1.0, this takes the
-// place of its scim::ConfigModule.
+// The configuration module "socket", as the device's input-method framework has it. It can be opened any
+// number of times in one process, returns an empty handle when the daemon can't be reached, and notes failed
+// reads and writes. SCIM's own module does none of this. Linked before libscim-1.0, this library replaces its
+// scim::ConfigModule.
 
 #define Uses_SCIM_CONFIG_BASE
 #define Uses_SCIM_CONFIG_MODULE
@@ -15,7 +15,8 @@ namespace
 
 constexpr SettingPlace PLACE = SettingPlace::configuration;
 
-/// The daemon's configuration, on the account. It has no values but integers, booleans and texts.
+/// The daemon's configuration. Notes changes and problems in the account. Supports integers, booleans and
+/// texts only.
 class DaemonConfig : public scim::DummyConfig
 {
 public:
@@ -30,7 +31,7 @@ public:
     bool write(const scim::String &key, int value) override { return set(key, value); }
     bool write(const scim::String &key, bool value) override { return set(key, value); }
 
-    /// Not in an exchange, whose history could not put back what is erased.
+    /// Fails in an exchange, since its history could not undo an erase.
     bool erase(const scim::String &key) override
     {
         return !account().is_started() && with_daemon([&] { daemon->erase(key); });
@@ -50,7 +51,7 @@ private:
     template <class Work>
     static bool with_daemon(Work work)
     {
-        return with_account(PLACE, false, [&] {
+        return note_problems(PLACE, false, [&] {
             work();
             return true;
         });
@@ -59,7 +60,7 @@ private:
     template <class Value>
     bool get(const scim::String &key, Value *value) const
     {
-        return with_account(PLACE, false, [&] {
+        return note_problems(PLACE, false, [&] {
             const std::optional<Value> stored = daemon->read<Value>(key);
             if (stored)
                 *value = *stored;
@@ -83,11 +84,11 @@ private:
 namespace scim
 {
 
-// There is no module to load: what the class keeps of one only tells whether it is the one that there is.
+// Nothing is loaded. Of the class's members, m_config_create_config is set only for the module "socket".
 
 static ConfigPointer create_daemon_config()
 {
-    return with_account(PLACE, ConfigPointer(), [] { return ConfigPointer(new DaemonConfig); });
+    return note_problems(PLACE, ConfigPointer(), [] { return ConfigPointer(new DaemonConfig); });
 }
 
 ConfigModule::ConfigModule(const String &name)

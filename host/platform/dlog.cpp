@@ -1,4 +1,4 @@
-// The platform log: one line for each message, on standard error.
+// The platform log: writes each message to standard error as one line.
 
 #include "dlog.h"
 
@@ -10,10 +10,10 @@
 
 #include "text.h"
 
-/// By priority.
+/// The letters of the priorities.
 static constexpr char LETTERS[] = "??VDIWEF";
 
-/// The first colour sequence ("\033[...m") in `text` from `begin` on, or "".
+/// Returns the first colour sequence ("\033[...m") in `text` from `begin` on, or "".
 static std::string find_colour(const std::string &text, size_t begin)
 {
     const size_t escape = text.find("\033[", begin);
@@ -22,8 +22,8 @@ static std::string find_colour(const std::string &text, size_t begin)
     return end == std::string::npos || text[end] != 'm' ? "" : text.substr(escape, end + 1 - escape);
 }
 
-/// Keeps a message on its line, whatever it quotes: the newline that ends it is dropped. The colours of its
-/// format are shown, or dropped too; those of what it quotes are as harmful as any other control character.
+/// Converts a message to one line that is safe to print. Drops the newline at its end. Keeps the colours that
+/// the format begins and ends with if `with_colour` is true, and escapes all other control characters.
 static std::string sanitize(const std::string &format, std::string text, bool with_colour)
 {
     const std::string opening = find_colour(format, 0);
@@ -53,7 +53,7 @@ int __dlog_print(int /*buffer*/, int priority, const char *tag, const char *form
         g_strdup_printf("%s.%03dZ %c %s %d: ", time, g_date_time_get_microsecond(now) / 1000, letter,
                         tag == nullptr ? "" : tag, getpid());
 
-    // One write for each line: lines of several processes do not mix.
+    // One write for each line, so that lines of several processes do not mix.
     const std::string line = head + sanitize(format, text, shows_colour(STDERR_FILENO)) + "\n";
     return static_cast<int>(write(STDERR_FILENO, line.data(), line.size()));
 }

@@ -15,7 +15,7 @@ int isf_control_get_active_ime(char **identifier)
     if (identifier == nullptr)
         return FAILED;
     account().note_call(PLACE);
-    return with_account(PLACE, FAILED, [&] {
+    return note_problems(PLACE, FAILED, [&] {
         const scim::String engine = ScimDaemon::connect()->read<scim::String>(active_engine()).value_or("");
         if (!is_identifier(engine))
             return FAILED;
@@ -28,10 +28,10 @@ int isf_control_set_active_ime(const char *identifier)
 {
     if (identifier == nullptr || !is_identifier(identifier))
         return ISF_CONTROL_INVALID_IDENTIFIER;
-    return with_account(PLACE, FAILED, [&] {
+    return note_problems(PLACE, FAILED, [&] {
         const std::shared_ptr<ScimDaemon> daemon = ScimDaemon::connect();
         daemon->write_on_account({PLACE, "", {}, identifier}, active_engine(), scim::String(identifier));
-        if (!account().is_started() && daemon->has_unflushed()) { // else the exchange flushes it at its end
+        if (!account().is_started() && daemon->has_unflushed()) { // an exchange flushes at its end
             daemon->flush();
             daemon->reload();
         }

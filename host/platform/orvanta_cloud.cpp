@@ -1,4 +1,4 @@
-// The exchanges' C interface.
+// The C interface of exchanges.
 
 #include "orvanta_cloud.h"
 
@@ -11,7 +11,7 @@ namespace
 {
 
 struct Library {
-    Callbacks backup; ///< sets that are being registered
+    Callbacks backup; ///< registered so far for the next exchange
     Callbacks restore;
     std::shared_ptr<ExchangeQueue> queue = std::make_shared<ExchangeQueue>();
 };
@@ -30,7 +30,7 @@ int set_callback(Callbacks Library::*set, Callback Callbacks::*member, Callback 
     return ORVANTA_CLOUD_ERROR_NONE;
 }
 
-/// The preparation callback begins a set.
+/// Registers the preparation callback, which begins a set of callbacks.
 int begin_set(Callbacks Library::*set, orvanta_cloud_request_cb callback)
 {
     if (library != nullptr)
@@ -38,22 +38,22 @@ int begin_set(Callbacks Library::*set, orvanta_cloud_request_cb callback)
     return set_callback(set, &Callbacks::preparation, callback);
 }
 
-/// The completed callback closes a set, which starts an exchange.
+/// Registers the completed callback, which completes a set of callbacks and starts an exchange.
 int close_set(Callbacks Library::*set, Direction direction, orvanta_cloud_completed_cb callback)
 {
     if (const int error = set_callback(set, &Callbacks::completed, callback); error != 0)
         return error;
     const Callbacks &callbacks = (*library).*set;
-    const bool is_whole = direction == Direction::backup
-                              ? callbacks.keys_and_dates != nullptr
-                              : callbacks.restoration_path != nullptr && callbacks.restoration != nullptr;
-    if (callbacks.preparation == nullptr || !is_whole)
+    const bool is_complete = direction == Direction::backup
+                                 ? callbacks.keys_and_dates != nullptr
+                                 : callbacks.restoration_path != nullptr && callbacks.restoration != nullptr;
+    if (callbacks.preparation == nullptr || !is_complete)
         return ORVANTA_CLOUD_ERROR_INVALID_STATE;
     library->queue->add(direction, callbacks);
     return ORVANTA_CLOUD_ERROR_NONE;
 }
 
-/// Hands an answer to the exchange that waits for it.
+/// Passes an answer to the exchange that expects it.
 template <class... Args>
 int answer(Direction direction, Answer awaited, int (Exchange::*take)(Args...), Args... args)
 {

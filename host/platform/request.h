@@ -3,9 +3,9 @@
 #include <optional>
 #include <string>
 
-/// A request as the framework receives it, or the reply that the application makes.
+/// A request from the framework, or a reply from the application.
 struct app_control {
     std::optional<std::string> operation;
-    /// Set once the request is answered.
+    /// The answer to the request, if there is one.
     std::optional<int> result;
 };

@@ -1,4 +1,4 @@
-// The settings store's C interface.
+// The C interface of the settings store.
 
 #include "vconf.h"
 
@@ -14,14 +14,14 @@
 
 struct vconf_keynode {
     DeviceValue value;
-    bool added; ///< rather than fetched from the store
+    bool added; ///< false if it was read from the store
 };
 
 struct vconf_keylist {
     std::map<std::string, vconf_keynode> nodes;
 };
 
-/// The lists that are alive, so that a bad handle is refused.
+/// All valid handles, so that an invalid one can be refused.
 static std::set<vconf_keylist_handle> lists;
 
 static constexpr int DONE = 0;
@@ -29,11 +29,11 @@ static constexpr int FAILED = -1;
 
 static constexpr SettingPlace PLACE = SettingPlace::settings_store;
 
-/// Does what the C interface asks for; a store that can't be used goes to the account.
+/// Does the work of a function of the C interface. Notes a failure of the store in the account.
 template <class Work>
 static int with_store(Work work)
 {
-    return with_account(PLACE, FAILED, [&] { return work(*SettingsStore::open()); });
+    return note_problems(PLACE, FAILED, [&] { return work(*SettingsStore::open()); });
 }
 
 static bool is_key(const char *key)
@@ -41,7 +41,7 @@ static bool is_key(const char *key)
     return key != nullptr && *key != '\0' && g_utf8_validate(key, -1, nullptr) != FALSE;
 }
 
-/// The value, if it has this type.
+/// Returns the value if it has this type, else null.
 template <class Type>
 static const Type *value_as(const DeviceValue &value)
 {
@@ -139,7 +139,7 @@ int vconf_set(vconf_keylist_handle list)
 {
     if (!lists.contains(list))
         return FAILED;
-    // What was only fetched is not stored again: another process may have changed it since.
+    // Values that were read are not stored again, since another process may have changed them.
     Settings added;
     for (const auto &[key, node] : list->nodes)
         if (node.added)

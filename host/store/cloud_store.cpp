@@ -4,8 +4,8 @@
 
 #include <glib.h>
 
-#include "contact.h"
 #include "paths.h"
+#include "shared_names.h"
 #include "snapshot.h"
 
 std::string snapshot_in(const CloudRecords &records)
@@ -22,7 +22,7 @@ static constexpr std::string_view PREFIX = "backup-";
 static constexpr std::string_view RCLONE_SCHEME = "rclone:";
 static constexpr BackupNumber MAX_NUMBER = 999'999'999'999;
 
-/// The place that was chosen for the store, or "".
+/// The location in $IME_BACKUP_CLOUD_STORE, or "".
 static std::string chosen_location()
 {
     const char *location = g_getenv(STORE_VARIABLE);
@@ -35,8 +35,8 @@ std::string CloudStore::without_secrets(const std::string &text)
         const char *pattern;
         const char *shown;
     } SECRETS[] = {
-        // A remote's parameters, except those that tell remotes apart. In an error's text, a backslash may
-        // stand in front of a quote.
+        // A remote's parameters, except those that identify it. In error messages, a quote may follow a
+        // backslash.
         {R"((,(?!(?:type|provider|vendor|url|host|port|user|region|endpoint)=)[^=,:/"']*=))"
          R"((?:\\?"(?:[^"]|"")*(?:"|\z)|'(?:[^']|'')*(?:'|\z)|[^,:]*))",
          R"(\1***)"},
@@ -63,7 +63,7 @@ static std::unique_ptr<CloudStore> make_store()
         return make_folder_store(state_root() / "cloud");
     if (location.starts_with(RCLONE_SCHEME)) {
         const std::string target = location.substr(RCLONE_SCHEME.size());
-        // Without a remote in front, rclone would take it for a folder.
+        // rclone would treat a target without a remote as a local folder.
         if (target.find(':') != std::string::npos && target[target.find_first_of(":,/")] != '/')
             return make_rclone_store(location, target);
     }
@@ -77,13 +77,13 @@ static std::unique_ptr<CloudStore> make_store()
 std::unique_ptr<CloudStore> open_store(HighestKnown highest_known)
 {
     std::unique_ptr<CloudStore> store = make_store();
-    store->ask_for_highest = highest_known;
+    store->get_highest_known = highest_known;
     return store;
 }
 
 std::string CloudStore::file_name(BackupNumber number)
 {
-    // Padded, so that a listing of the folder is in order.
+    // Padded, so that file names sort by number.
     g_autofree gchar *name = g_strdup_printf("backup-%06" G_GUINT64_FORMAT ".json", number);
     return name;
 }
@@ -111,9 +111,9 @@ CloudStore::Listing CloudStore::parse_listing(const std::vector<std::string> &na
         if (const auto number = number_taken_by(name); number && file_name(*number) == name)
             listing.numbers.push_back(*number);
         else if (g_regex_match_simple(R"(^backup-[0-9]+\.json\z)", name.c_str(), G_REGEX_RAW, {}) != FALSE)
-            listing.left_out.push_back(name);
+            listing.misnamed.push_back(name);
     std::sort(listing.numbers.begin(), listing.numbers.end());
-    std::sort(listing.left_out.begin(), listing.left_out.end());
+    std::sort(listing.misnamed.begin(), listing.misnamed.end());
     return listing;
 }
 

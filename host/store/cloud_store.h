@@ -11,7 +11,7 @@
 #include "errors.h"
 #include "record_file.h"
 
-/// The number of a backup, in the order in which they were made.
+/// The number of a backup. Later backups have higher numbers.
 using BackupNumber = std::uint64_t;
 
 /// There is no such backup.
@@ -19,32 +19,32 @@ struct NoBackupError : HostError {
     using HostError::HostError;
 };
 
-/// A backup was read, and is none that could be used. Of one that can't be read, UnreadableError tells.
+/// A backup was read, but its content is damaged. For a backup that can't be read, see UnreadableError.
 struct DamagedError : HostError {
     using HostError::HostError;
 };
 
 struct Backup {
-    std::string content; ///< of its record file
+    std::string content; ///< the content of the record file
     CloudRecords records;
 };
 
-/// The snapshot that a restore of these records leaves in force: that of the last one.
+/// Returns the snapshot in the last record, which a restore applies last.
 ///
-/// @throws DamagedError when a record holds none
+/// @throws DamagedError when a record holds no snapshot
 std::string snapshot_in(const CloudRecords &records);
 
-/// Stands for the number of the newest backup.
+/// Names the newest backup, in place of its number.
 inline constexpr char LATEST[] = "latest";
 
-/// Yields the highest number of a backup that is known to have been given at a location, or 0. It is asked
-/// where the place may have lost count.
+/// Returns the highest backup number that is known to have been used at a location, or 0. A store calls this
+/// when it may have lost its own record of used numbers.
 using HighestKnown = BackupNumber (*)(const std::string &location);
 
-/// The host's cloud: a place with backups in it. Each is a record file that is never changed, under a number
-/// of its own, which no other backup gets once it is deleted. A place that isn't there holds none.
-/// Every function throws PlatformError when a folder can't be used, and HostError when a remote store does
-/// not do what is asked of it.
+/// The host's cloud: a folder or a remote location with backups. A backup is a record file that never
+/// changes. Its number is never used again, not even after the backup is deleted. A location that does not
+/// exist counts as empty. Every function throws PlatformError when a folder can't be used, and HostError when
+/// a remote store fails.
 class CloudStore
 {
 public:
@@ -52,59 +52,59 @@ public:
     CloudStore &operator=(const CloudStore &) = delete;
     virtual ~CloudStore() = default;
 
-    /// Its place, for a person: without passwords.
+    /// The location, for people: without passwords.
     const std::string &location() const { return place; }
-    /// A location, or a text with one in it, for a person.
+    /// Masks the passwords in a location, or in a text that contains a location.
     static std::string without_secrets(const std::string &text);
-    /// Whether its place was chosen by $IME_BACKUP_CLOUD_STORE.
+    /// True if $IME_BACKUP_CLOUD_STORE names the location.
     static bool is_chosen();
 
     struct Listing {
-        bool is_there = false;
+        bool exists = false;               ///< the location exists
         std::vector<BackupNumber> numbers; ///< newest last
-        std::vector<std::string> left_out; ///< files named as backups are, but with no number that can be
+        std::vector<std::string> misnamed; ///< files named like a backup, with an invalid number
     };
 
     Listing list() const;
-    bool exists() const { return list().is_there; }
+    bool exists() const { return list().exists; }
 
-    /// The number that a person wrote, or that of the newest backup when it is empty or #LATEST.
+    /// Converts a user's text to a backup number. An empty text and #LATEST mean the newest backup.
     ///
-    /// @throws NoBackupError
+    /// @throws NoBackupError when there is no such backup
     BackupNumber find(const std::string &text) const { return find(text, list().numbers); }
-    /// The same, of the backups that are known already.
+    /// Finds a backup as above, in a list of backups that is known already.
     BackupNumber find(const std::string &text, const std::vector<BackupNumber> &known) const;
 
-    /// @throws NoBackupError
-    /// @throws DamagedError when it is no record file or was changed since it was written
-    /// @throws UnreadableError, whose message begins with "can't be read"
+    /// @throws NoBackupError when there is no such backup
+    /// @throws DamagedError when the file is not a record file, or was changed after it was written
+    /// @throws UnreadableError with a message that begins with "can't be read"
     Backup read(BackupNumber number) const;
 
-    /// Says that these will be read, so that a remote store hands them over together.
-    virtual void fetch(const std::vector<BackupNumber> & /*numbers*/) const {}
+    /// Loads these backups from a remote store with one transfer. Later calls of read() and size() use them.
+    virtual void prefetch(const std::vector<BackupNumber> & /*numbers*/) const {}
 
-    /// Goes the way of a backup that is added, as far as it goes without one, and throws where that fails.
+    /// Tests whether a backup could be added, and throws if not. Adds no backup.
     virtual void require_writable() const = 0;
 
-    /// Adds a backup, whole or not at all, and durably. Makes the place if it isn't there.
+    /// Adds a backup atomically and durably. Makes the location if it does not exist.
     ///
-    /// @return its number
-    /// @throws HostError when it can't be written
+    /// @return the number of the new backup
+    /// @throws HostError when the backup can't be written
     virtual BackupNumber add(const std::string &content) = 0;
 
-    /// Chooses some of the backups that there are.
+    /// Selects backups from those that exist.
     using Choose = std::function<std::vector<BackupNumber>(const std::vector<BackupNumber> &known)>;
 
-    /// Deletes the backups that are chosen, and durably. From a folder they go in this order, and meanwhile
-    /// no other process adds or deletes one. Whether they are gone, a listing tells.
+    /// Deletes the selected backups durably. A folder store deletes them in order, and locks out other
+    /// processes meanwhile. Use list() to check which backups are deleted.
     ///
-    /// @throws HostError when one can't be deleted; others may be
+    /// @throws HostError when a backup can't be deleted; others may then be deleted or not
     virtual void remove(const Choose &choose) = 0;
 
-    /// The size of a backup's file, if it is known.
+    /// Returns the size of a backup's file in bytes, if it is known.
     virtual std::optional<std::uintmax_t> size(BackupNumber number) const = 0;
 
-    /// Whether a file of this path, which may not exist yet, lies among those of the store.
+    /// True if the path lies in the store's folder. The file need not exist.
     virtual bool contains(const std::filesystem::path & /*file*/) const { return false; }
 
 protected:
@@ -112,41 +112,41 @@ protected:
 
     static std::string file_name(BackupNumber number);
     static std::optional<BackupNumber> parse_number(const std::string &digits);
-    /// The number that a file takes up: one that is named as a backup's is, whatever may follow.
+    /// Returns the number in a name that begins with the name of a backup's file. The suffix is ignored.
     static std::optional<BackupNumber> number_taken_by(const std::string &name);
     static Listing parse_listing(const std::vector<std::string> &names);
 
-    /// The highest number that others know to have been given here, if they know one.
-    BackupNumber highest_known() const { return ask_for_highest == nullptr ? 0 : ask_for_highest(place); }
+    /// Returns the highest number that is known to have been used here, see HighestKnown.
+    BackupNumber highest_known() const { return get_highest_known == nullptr ? 0 : get_highest_known(place); }
 
-    /// The number for another backup.
+    /// @throws HostError when no higher number is allowed
     BackupNumber number_after(BackupNumber highest) const;
 
 private:
-    /// The names of the files in the place, or nothing when it isn't there.
+    /// Returns the names of the files in the location; nothing when the location does not exist.
     virtual std::optional<std::vector<std::string>> list_names() const = 0;
-    /// The content of a backup's file.
+    /// Reads a backup's file.
     ///
-    /// @throws NoBackupError
-    /// @throws DamagedError when it is larger than a backup, or no file
-    /// @throws UnreadableError
+    /// @throws NoBackupError when there is no such backup
+    /// @throws DamagedError when it is not a regular file, or too large for a backup
+    /// @throws UnreadableError when it can't be read
     virtual std::string read_content(BackupNumber number) const = 0;
 
     friend std::unique_ptr<CloudStore> open_store(HighestKnown highest_known);
 
     const std::string place;
-    HighestKnown ask_for_highest = nullptr;
+    HighestKnown get_highest_known = nullptr;
 };
 
-/// Backups in a folder.
+/// Makes a store for backups in a folder.
 std::unique_ptr<CloudStore> make_folder_store(const std::filesystem::path &folder);
 
-/// Backups in a remote place.
+/// Makes a store for backups in a remote location.
 ///
-/// @param target the place, as rclone has it
+/// @param target the location in rclone's form, REMOTE:PATH
 std::unique_ptr<CloudStore> make_rclone_store(const std::string &location, const std::string &target);
 
-/// The store named by $IME_BACKUP_CLOUD_STORE, else a folder below the state root.
+/// Makes the store named by $IME_BACKUP_CLOUD_STORE; default: the folder `cloud` in the state root.
 ///
-/// @throws PlatformError when it names what can be no store
+/// @throws PlatformError when the variable has an invalid location
 std::unique_ptr<CloudStore> open_store(HighestKnown highest_known = nullptr);

@@ -24,36 +24,36 @@ public:
             return;
         const std::vector<BackupNumber> known = list().numbers;
         BackupNumber highest = known.empty() ? 0 : known.back();
-        std::optional<FileLock> lock; // one that isn't there yet is not made
+        std::optional<FileLock> lock; // only if the lock file exists: this function must not make it
         if (fs::exists(fs::symlink_status(lock_file, ignored)))
-            highest = highest_given(lock.emplace(take_turn()), known);
+            highest = highest_used(lock.emplace(lock_store()), known);
         require_creatable(file(number_after(highest)), std::string(BLOCK_SIZE, ' '));
     }
 
     BackupNumber add(const std::string &content) override
     {
         make_private_folder(folder);
-        const FileLock lock = take_turn();
-        const BackupNumber number = number_after(highest_given(lock, list().numbers));
+        const FileLock lock = lock_store();
+        const BackupNumber number = number_after(highest_used(lock, list().numbers));
         create_file_durably(file(number), content);
-        // As long as the backup is there its name tells the number, too. Here it takes up its space: a backup
-        // can then be deleted when the disk is full.
-        remember(lock, number);
+        // While the backup exists, its name has the number, too. Writing the number now reserves the space
+        // for it, so that a backup can be deleted when the disk is full.
+        write_highest(lock, number);
         return number;
     }
 
     void remove(const Choose &choose) override
     {
-        const FileLock lock = take_turn();
+        const FileLock lock = lock_store();
         const std::vector<BackupNumber> known = list().numbers;
-        const std::vector<BackupNumber> going = choose(known);
-        // Where the newest stays its name tells the number, and nothing need be written on a disk that is
+        const std::vector<BackupNumber> chosen = choose(known);
+        // If the newest backup stays, its name keeps the number, and nothing is written: the disk may be
         // full.
-        const bool newest_goes = !known.empty() && std::ranges::count(going, known.back()) > 0;
-        if (newest_goes &&
-            (!remember(lock, highest_given(lock, known)) || fdatasync(lock.opened().get()) != 0))
-            throw HostError("can't note in " + lock_file.string() + " which numbers were given");
-        for (const BackupNumber number : going)
+        const bool deletes_newest = !known.empty() && std::ranges::count(chosen, known.back()) > 0;
+        if (deletes_newest &&
+            (!write_highest(lock, highest_used(lock, known)) || fdatasync(lock.opened().get()) != 0))
+            throw HostError("can't write the highest number of a backup to " + lock_file.string());
+        for (const BackupNumber number : chosen)
             remove_file_durably(file(number));
     }
 
@@ -103,8 +103,8 @@ private:
 
     /// Locks the store.
     ///
-    /// @throws PlatformError when the lock's file is not the store's own, which must not be written to
-    FileLock take_turn() const
+    /// @throws PlatformError when the lock file may be another program's, and so must not be written
+    FileLock lock_store() const
     {
         const auto require = [this](bool is_right, const char *what) {
             if (!is_right)
@@ -112,27 +112,28 @@ private:
                                     "; move it away, and a new one is made");
         };
         struct stat status = {};
-        require(lstat(lock_file.c_str(), &status) != 0 || S_ISREG(status.st_mode), "it is no regular file");
+        require(lstat(lock_file.c_str(), &status) != 0 || S_ISREG(status.st_mode),
+                "it is not a regular file");
         FileLock lock(lock_file);
-        lock.acquire("what holds " + lock_file.string());
-        require(fstat(lock.opened().get(), &status) == 0 && status.st_nlink <= 1, "it has another name, too");
-        // After a power cut, it may hold as many NUL bytes.
+        lock.acquire("the process that holds " + lock_file.string());
+        require(fstat(lock.opened().get(), &status) == 0 && status.st_nlink <= 1, "it has another hard link");
+        // After a power cut, the content may be NUL bytes.
         require(status.st_size <= BLOCK_SIZE &&
                     read_from(lock.opened(), 0).find_first_not_of({"0123456789\n\0", 12}) ==
                         std::string::npos,
-                "it holds what no store writes");
+                "its content is not a backup number");
         return lock;
     }
 
-    /// The highest number given, as the lock's file remembers it or a backup's name tells it.
-    BackupNumber highest_given(const FileLock &lock, const std::vector<BackupNumber> &known) const
+    /// Returns the highest number that was ever used, from the lock file and the names of backups.
+    BackupNumber highest_used(const FileLock &lock, const std::vector<BackupNumber> &known) const
     {
         const std::string content = read_from(lock.opened(), 0);
-        const auto remembered = parse_number(content.substr(0, content.find('\n')));
-        return std::max(remembered ? *remembered : highest_known(), known.empty() ? 0 : known.back());
+        const auto noted = parse_number(content.substr(0, content.find('\n')));
+        return std::max(noted ? *noted : highest_known(), known.empty() ? 0 : known.back());
     }
 
-    static bool remember(const FileLock &lock, BackupNumber number)
+    static bool write_highest(const FileLock &lock, BackupNumber number)
     {
         return write_at(lock.opened(), 0, std::to_string(number) + "\n");
     }
@@ -140,8 +141,8 @@ private:
     static constexpr int BLOCK_SIZE = 4096;
 
     const fs::path folder;
-    /// Locked while a backup is added or deleted: several state roots may share a store. It holds the highest
-    /// number given, so that no other backup gets the number of one that was deleted.
+    /// Locked while a backup is added or deleted, since several state roots may share a store. The file has
+    /// the highest number used, so that the number of a deleted backup is not used again.
     const fs::path lock_file = folder / ".lock";
 };
 

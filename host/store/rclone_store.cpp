@@ -11,23 +11,24 @@
 
 #include "child.h"
 #include "cloud_store.h"
-#include "contact.h"
 #include "files.h"
 #include "process.h"
+#include "shared_names.h"
 #include "text.h"
 
 namespace fs = std::filesystem;
 
-/// Behind the name of a backup's file and a random word: it is being uploaded, or its upload was cut off.
+/// Suffix of an upload that is not complete. The name is the backup's file name, a random word and this
+/// suffix.
 static constexpr char UPLOAD_SUFFIX[] = ".new";
-/// Behind the name of a backup's file: the backup was the newest when it was deleted, and its number was
-/// given.
+/// Suffix of a file that marks the highest used number. The file is written when the newest backup is
+/// deleted.
 static constexpr char NOTE_SUFFIX[] = ".gone";
 static constexpr char NOTE[] = "The number in this file's name is not given to another backup.\n";
 
-/// Flags of rclone that change what is copied, listed, logged or deleted. It takes them from variables, too,
-/// which are meant for other calls.
-static constexpr char FLAGS_OF_OTHERS[] =
+/// Environment variables with flags for rclone that change what it copies, lists, logs or deletes. Users set
+/// them for their own calls of rclone.
+static constexpr char UNWANTED_VARIABLES[] =
     "^RCLONE_("
     "(BACKUP_DIR|COMPARE_DEST|COPY_DEST|CPUPROFILE|CUTOFF_MODE|DEFAULT_TIME|DELETE|DUMP|ERROR_ON_NO_TRANSFER"
     "|EXCLUDE|FAST_LIST|FILES_FROM|FILTER|FIX_CASE|HASH_FILTER|IGNORE|IMMUTABLE|INCLUDE|INPLACE|INTERACTIVE"
@@ -38,29 +39,28 @@ static constexpr char FLAGS_OF_OTHERS[] =
     "|ABSOLUTE|CHECK_FIRST|CHECKSUM|COUNT|CREATE_EMPTY_SRC_DIRS|CSV|DIR_SLASH|DIRS_ONLY|DISCARD|DRY_RUN"
     "|FILES_ONLY|FORMAT|HASH|HEAD|LINKS|OFFSET|RECURSIVE|RMDIRS|SEPARATOR|SIZE|SIZE_ONLY|TAIL|TIME_FORMAT"
     ")\\z";
-/// What traces the service, among what is preloaded, is not for what it starts.
-static constexpr char TRACER[] = R"([^ :]*libime-backup-trace\.so[ :]*)";
+/// The tracer in $LD_PRELOAD, which must trace the service but not rclone.
+static constexpr char TRACER_LIBRARY[] = R"([^ :]*libime-backup-trace\.so[ :]*)";
 
 static constexpr int MAX_TRIES = 8;
-static constexpr gint32 PAUSE_US = 100'000;
+static constexpr gint32 MAX_PAUSE_US = 100'000;
 
-/// A silent server has failed after this time, and after this part of the time left. rclone tries twice, and
-/// there is time to report its reason.
-static constexpr std::int64_t MAX_PATIENCE_US = 10'000'000;
-static constexpr std::int64_t SHARE_OF_PATIENCE = 4;
+/// rclone's time limit for a server that does not answer: this time, and at most this fraction of the time
+/// that is left. It leaves time for a second try and for the report.
+static constexpr std::int64_t MAX_SERVER_TIMEOUT_US = 10'000'000;
+static constexpr std::int64_t SERVER_TIMEOUT_DIVISOR = 4;
 
 /// The exit status of rclone when there is no such folder.
 static constexpr int NO_SUCH_FOLDER = 3;
 
-/// How a line of rclone's log begins.
-static constexpr char STAMP[] = R"(^\d{4}/\d\d/\d\d \d\d:\d\d:\d\d )";
-static constexpr size_t STAMP_SIZE = sizeof "0000/00/00 00:00:00 " - 1;
+/// The time at the beginning of a line of rclone's log.
+static constexpr char LOG_TIME[] = R"(^\d{4}/\d\d/\d\d \d\d:\d\d:\d\d )";
+static constexpr size_t LOG_TIME_SIZE = sizeof "0000/00/00 00:00:00 " - 1;
 static constexpr size_t MAX_REASON = 400;
 static constexpr char TOO_LATE[] = "rclone did not finish in time";
 
-/// A file in memory. Unlike a pipe it is whole when a process begins to read it, whatever becomes of this
-/// one.
-static Descriptor make_file(const std::string &content)
+/// Makes a file in memory. Unlike a pipe, it is complete for its reader even if this process is killed.
+static Descriptor make_memory_file(const std::string &content)
 {
     Descriptor file(memfd_create("rclone", MFD_CLOEXEC));
     if (!file || !write_at(file, 0, content))
@@ -68,15 +68,15 @@ static Descriptor make_file(const std::string &content)
     return file;
 }
 
-/// The last line that rclone logged, without the time and the level.
+/// Returns the last line of rclone's log, without the time and the level.
 static std::string find_reason(const std::string &errors)
 {
     std::string reason;
     std::istringstream lines(errors);
     for (std::string line; std::getline(lines, line);)
-        if (g_regex_match_simple(STAMP, line.c_str(), G_REGEX_RAW, {}) != FALSE)
-            reason = line.substr(STAMP_SIZE);
-        else if (reason.empty()) // not logged; behind what is, the rest of a server's answer
+        if (g_regex_match_simple(LOG_TIME, line.c_str(), G_REGEX_RAW, {}) != FALSE)
+            reason = line.substr(LOG_TIME_SIZE);
+        else if (reason.empty()) // not a log line; after a log line it would be the rest of a server's answer
             reason = line;
     for (const char *level : {"ERROR : ", "CRITICAL: "})
         if (reason.starts_with(level))
@@ -87,39 +87,41 @@ static std::string find_reason(const std::string &errors)
 namespace
 {
 
-/// Runs the program rclone, which reaches remote stores of many kinds. No place of this kind can be locked,
-/// and few can make a file only if there is none of its name. So a backup is uploaded under a name of its
-/// own, which takes up its number without counting as a backup; when no other file has this number, then or
-/// before, it gets the name of a backup. What can't be written to shows only when it is written to.
+/// A remote store of any kind that the program rclone supports. Remote locations can't be locked, and few can
+/// create a file only if its name is free. So a backup is uploaded under a unique name, which reserves its
+/// number but does not count as a backup. If no other file has this number, neither before nor after the
+/// upload, the upload is renamed to a backup. Whether a location is writable can only be found out by writing
+/// to it.
 class RcloneStore : public CloudStore
 {
 public:
     RcloneStore(const std::string &location, std::string rclone_target)
         : CloudStore(location), target(std::move(rclone_target))
     {
-        const std::int64_t patience = std::min(
-            MAX_PATIENCE_US, time_left().value_or(MAX_PATIENCE_US * SHARE_OF_PATIENCE) / SHARE_OF_PATIENCE);
-        const std::string milliseconds = std::to_string(patience / 1000) + "ms";
-        // Where the environment says nothing else: what fails is tried once more.
+        const std::int64_t timeout_us = std::min(
+            MAX_SERVER_TIMEOUT_US,
+            time_left().value_or(MAX_SERVER_TIMEOUT_US * SERVER_TIMEOUT_DIVISOR) / SERVER_TIMEOUT_DIVISOR);
+        const std::string milliseconds = std::to_string(timeout_us / 1000) + "ms";
+        // Defaults for variables that are not set: rclone retries a failed request once.
         rclone.environment.merge(Environment{{"RCLONE_RETRIES", "1"},
                                              {"RCLONE_LOW_LEVEL_RETRIES", "2"},
                                              {"RCLONE_CONTIMEOUT", milliseconds},
                                              {"RCLONE_TIMEOUT", milliseconds}});
-        g_autoptr(GRegex) others_flags = g_regex_new(FLAGS_OF_OTHERS, G_REGEX_RAW, {}, nullptr);
+        g_autoptr(GRegex) unwanted = g_regex_new(UNWANTED_VARIABLES, G_REGEX_RAW, {}, nullptr);
         std::erase_if(rclone.environment, [&](const auto &variable) {
             return variable.first.starts_with("IME_BACKUP_TRACE") ||
-                   g_regex_match(others_flags, variable.first.c_str(), {}, nullptr) != FALSE;
+                   g_regex_match(unwanted, variable.first.c_str(), {}, nullptr) != FALSE;
         });
         if (const auto preloaded = rclone.environment.find("LD_PRELOAD");
             preloaded != rclone.environment.end()) {
-            g_autoptr(GRegex) tracer = g_regex_new(TRACER, G_REGEX_RAW, {}, nullptr);
+            g_autoptr(GRegex) tracer = g_regex_new(TRACER_LIBRARY, G_REGEX_RAW, {}, nullptr);
             g_autofree gchar *others =
                 g_regex_replace_literal(tracer, preloaded->second.c_str(), -1, 0, "", {}, nullptr);
             preloaded->second = others;
         }
     }
 
-    void fetch(const std::vector<BackupNumber> &numbers) const override
+    void prefetch(const std::vector<BackupNumber> &numbers) const override
     {
         if (numbers.empty())
             return;
@@ -135,26 +137,25 @@ public:
         std::string names;
         for (const BackupNumber number : numbers)
             names += "/" + file_name(number) + "\n";
-        // A file that is not copied here is read alone later, which shows the reason.
+        // A file that can't be copied is read again by read_content(), which reports the reason.
         const Result copied = run({"copy", "--include-from", "-", "--max-size",
                                    std::to_string(MAX_RECORD_FILE_SIZE) + "B", "--", target, folder.get()},
                                   names);
-        if (copied.status < 0) // killed in the middle of a file
+        if (copied.status < 0) // killed: the last copy may be incomplete
             require_done(copied);
         std::error_code ignored;
         for (const BackupNumber number : numbers)
             if (const fs::path copy = fs::path(folder.get()) / file_name(number); fs::exists(copy, ignored))
-                fetched[number] = read_file(copy, MAX_RECORD_FILE_SIZE);
+                prefetched[number] = read_file(copy, MAX_RECORD_FILE_SIZE);
     }
 
     std::optional<std::uintmax_t> size(BackupNumber number) const override
     {
-        const auto known = fetched.find(number);
-        return known == fetched.end() ? std::nullopt : std::optional(known->second.size());
+        const auto known = prefetched.find(number);
+        return known == prefetched.end() ? std::nullopt : std::optional(known->second.size());
     }
 
-    /// Uploads a file that takes up no number, and takes it away again. A place that wasn't there may be
-    /// there afterwards, with nothing in it.
+    /// Uploads a file that reserves no number, and deletes it. This may create the location.
     void require_writable() const override
     {
         const BackupNumber highest = highest_taken(names_there());
@@ -173,24 +174,24 @@ public:
             const BackupNumber number = number_after(std::max(at_least, highest_taken(names)));
             if (try_to_add(number, content))
                 return number;
-            // Those who got in each other's way need not do so again.
-            const gint64 end = g_get_monotonic_time() + g_random_int_range(0, PAUSE_US << tries);
+            // A random pause, so that two processes do not collide again.
+            const gint64 end = g_get_monotonic_time() + g_random_int_range(0, MAX_PAUSE_US << tries);
             while (g_get_monotonic_time() < end)
                 wait_for_another("another process");
         }
-        throw HostError("others keep adding backups to " + location() + " at the same time");
+        throw HostError("other processes keep adding backups to " + location() + " at the same time");
     }
 
     void remove(const Choose &choose) override
     {
         const std::vector<std::string> names = names_there();
         const std::vector<BackupNumber> known = parse_listing(names).numbers;
-        const std::vector<BackupNumber> going = choose(known);
-        if (going.empty())
+        const std::vector<BackupNumber> chosen = choose(known);
+        if (chosen.empty())
             return;
         std::vector<std::string> files;
-        std::ranges::transform(going, std::back_inserter(files), file_name);
-        if (std::ranges::count(going, known.back()) > 0) {
+        std::ranges::transform(chosen, std::back_inserter(files), file_name);
+        if (std::ranges::count(chosen, known.back()) > 0) {
             const std::string note = file_name(highest_taken(names)) + NOTE_SUFFIX;
             put(note, NOTE);
             std::copy_if(names.begin(), names.end(), std::back_inserter(files), [&](const std::string &name) {
@@ -204,34 +205,34 @@ private:
     struct Result {
         int status;         ///< exit status, or -1 after a signal
         std::string output; ///< of its standard output
-        std::string reason; ///< of a failure, for a person
+        std::string reason; ///< of a failure, for people
     };
 
-    /// Runs a subcommand of rclone to its end. While it runs, the main loop of this process stands still;
-    /// SIGINT and SIGTERM end it nevertheless.
+    /// Runs a subcommand of rclone and waits for its end. This blocks the main loop, but termination signals
+    /// still end the subcommand.
     ///
     /// @param input its standard input
     /// @throws PlatformError when rclone isn't installed
-    /// @throws TimeoutError
-    /// @throws InterruptedError after a signal, of which the main loop learns, too
+    /// @throws TimeoutError when the time limit is reached
+    /// @throws InterruptedError after a termination signal, which the main loop then gets, too
     Result run(const std::vector<std::string> &arguments, const std::string &input = "") const
     {
-        const Descriptor input_file = make_file(input);
-        const Descriptor output = make_file("");
-        const Descriptor errors = make_file("");
+        const Descriptor input_file = make_memory_file(input);
+        const Descriptor output = make_memory_file("");
+        const Descriptor errors = make_memory_file("");
         Child child = rclone;
         child.arguments.insert(child.arguments.end(), arguments.begin(), arguments.end());
         child.files = {
             {STDIN_FILENO, input_file.get()}, {STDOUT_FILENO, output.get()}, {STDERR_FILENO, errors.get()}};
-        child.microseconds = time_left();
-        const ChildEnd end = run_child(std::move(child));
+        child.time_limit_us = time_left();
+        const ChildResult end = run_child(std::move(child));
         if (end.error == ENOENT)
             throw PlatformError("a remote store needs the program rclone: apt-get install rclone");
         if (end.error != 0)
             throw PlatformError(std::string("can't start rclone: ") + strerror(end.error));
-        if (end.stopped == Stop::interrupted)
-            throw InterruptedError("interrupted; what the remote store was asked to do may be done");
-        if (end.stopped == Stop::timed_out)
+        if (end.stopped == StopReason::interrupted)
+            throw InterruptedError("interrupted; the remote store may have carried out the request");
+        if (end.stopped == StopReason::timed_out)
             throw TimeoutError(TOO_LATE);
 
         Result result{WIFEXITED(end.status) ? WEXITSTATUS(end.status) : -1, read_from(output, 0),
@@ -249,7 +250,7 @@ private:
 
     std::optional<std::vector<std::string>> list_names() const override
     {
-        // With the folders, whose names end in a slash: they, too, are in the way of a file.
+        // The list includes folders, whose names end in a slash, since a folder also takes a name.
         const Result result = run({"lsf", "--", target});
         if (result.status == NO_SUCH_FOLDER)
             return std::nullopt;
@@ -270,8 +271,8 @@ private:
         return target + (target.ends_with(':') || target.ends_with('/') ? "" : "/") + name;
     }
 
-    /// The content of a file, or the beginning of one that is too large for a backup. There may be none of a
-    /// file that isn't there: a remote without folders takes it for a folder with nothing in it.
+    /// Reads a file, or the beginning of a file that is too large for a backup. For a file that does not
+    /// exist, remotes without folders report success and an empty content.
     Result get(const std::string &name) const
     {
         return run({"cat", "--count", std::to_string(MAX_RECORD_FILE_SIZE + 1), "--", file(name)});
@@ -279,13 +280,13 @@ private:
 
     void put(const std::string &name, const std::string &content) const
     {
-        // Told the size, rclone keeps no copy of its own meanwhile, which it would leave behind when killed.
+        // With the size, rclone makes no temporary copy, which it would leave behind when it is killed.
         require_done(run({"rcat", "--size", std::to_string(content.size()), "--", file(name)}, content));
     }
 
     std::string read_content(BackupNumber number) const override
     {
-        if (const auto known = fetched.find(number); known != fetched.end())
+        if (const auto known = prefetched.find(number); known != prefetched.end())
             return known->second;
         const Result result = get(file_name(number));
         if (result.output.size() > MAX_RECORD_FILE_SIZE)
@@ -293,8 +294,8 @@ private:
         const bool is_read = result.status == 0 && !result.output.empty();
         if (!is_read && !is_there(file_name(number)))
             throw NoBackupError("there is no backup " + std::to_string(number));
-        if (!is_read) // and the rest of the store can be used
-            throw UnreadableError(result.status == 0 ? "it comes as an empty file" : result.reason);
+        if (!is_read) // but the store can be listed
+            throw UnreadableError(result.status == 0 ? "rclone returned an empty file" : result.reason);
         return result.output;
     }
 
@@ -314,10 +315,10 @@ private:
 
     [[noreturn]] void refuse_changed() const
     {
-        throw HostError("the cloud store " + location() + " does not hand back what was put into it");
+        throw HostError("the cloud store " + location() + " does not return what was stored in it");
     }
 
-    /// Puts a file there, and sees that it is whole.
+    /// Uploads a file, and checks that the remote store returns the same content.
     void upload(const std::string &name, const std::string &content) const
     {
         try {
@@ -332,7 +333,9 @@ private:
         }
     }
 
-    /// @return false when another process may take the number
+    /// Uploads a backup, and renames the upload if no other file has its number.
+    ///
+    /// @return false when another process may use the number
     bool try_to_add(BackupNumber number, const std::string &content) const
     {
         const std::string uploaded = upload_name(number);
@@ -348,9 +351,9 @@ private:
         return false;
     }
 
-    /// Makes a backup of an upload that is whole, if no other file has its number. Of two processes that
-    /// upload under one number, at least one sees the other's file here. What a remote shows late is noticed
-    /// by the content.
+    /// Renames a complete upload to a backup, unless another file has its number. If two processes upload
+    /// under one number, at least one of them sees the other's file here. A remote may list files late;
+    /// comparing the content detects this.
     bool give_name(const std::string &uploaded, BackupNumber number, const std::string &content) const
     {
         for (const std::string &name : names_there())
@@ -370,17 +373,17 @@ private:
         return false;
     }
 
-    /// Does what it can: what is left over is no backup.
+    /// Deletes an upload. Ignores failures, since an upload is not a backup.
     void discard(const std::string &name) const
     {
         try {
             run({"deletefile", "--", file(name)});
-        } catch (const HostError &) { // the reason why it was given up is told
+        } catch (const HostError &) { // the caller reports why the upload failed
         }
     }
 
-    /// Uploads of processes that were killed would keep their numbers, and their space, for ever. None takes
-    /// two days, by any remote's clock.
+    /// Deletes uploads of processes that were killed, which would occupy their numbers and space for ever. No
+    /// upload takes two days, by any remote's clock.
     void discard_abandoned(const std::vector<std::string> &names) const
     {
         if (std::any_of(names.begin(), names.end(),
@@ -390,7 +393,7 @@ private:
     }
 
     const std::string target;
-    mutable std::map<BackupNumber, std::string> fetched; ///< what was handed over together
+    mutable std::map<BackupNumber, std::string> prefetched; ///< the content of prefetched backups
     Child rclone{.program = "rclone", .arguments = {"--ask-password=false"}, .end_signal = SIGKILL};
 };
 

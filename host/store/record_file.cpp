@@ -12,8 +12,8 @@ using Json = nlohmann::json;
 
 static constexpr int VERSION = 1;
 
-// A file is this head, the checksum of the records' text, the middle, that text and the tail. So the checksum
-// is of the file's own bytes, and nothing is parsed before they are known to be those that were written.
+// A file is HEAD, the version, CHECKSUM, the checksum, RECORDS, the records' text, and TAIL. The checksum
+// covers the text's bytes, so that it is verified before anything is parsed.
 static constexpr char FORMAT[] = "ime-backup-records";
 static const std::string HEAD = R"({"format":")" + std::string(FORMAT) + R"(","version":)";
 static constexpr char CHECKSUM[] = R"(,"sha256":")";
@@ -50,7 +50,7 @@ bool is_record_file(const std::string &content)
 {
     if (content.starts_with(HEAD))
         return true;
-    const Json root = Json::parse(content, nullptr, false); // it may have been written anew, with spaces
+    const Json root = Json::parse(content, nullptr, false); // a program may have reformatted it
     return root.is_object() && root.value("format", Json()) == FORMAT;
 }
 
@@ -58,17 +58,17 @@ std::string encode_record_file(const CloudRecords &records)
 {
     std::string content = frame(encode_records(records));
     if (content.size() > MAX_RECORD_FILE_SIZE)
-        throw HostError("the records are more than a record file can hold (" +
-                        std::to_string(content.size()) + " bytes)");
+        throw HostError("the records are too large for a record file (" + std::to_string(content.size()) +
+                        " bytes)");
     return content;
 }
 
-/// The records' text in a file, once it is known to be what was written.
-static std::string check(const std::string &content)
+/// Returns the records' text. Throws if the file is damaged.
+static std::string verified_text(const std::string &content)
 {
     const size_t version = HEAD.size();
     if (!content.starts_with(HEAD))
-        throw HostError(is_record_file(content) ? CHANGED : "it is no record file");
+        throw HostError(is_record_file(content) ? CHANGED : "it is not a record file");
     const size_t digits = content.find_first_not_of("0123456789", version) - version;
     if (content.compare(version, digits, std::to_string(VERSION)) != 0)
         throw HostError("it is damaged, or was written by a later version of the backup service");
@@ -90,7 +90,7 @@ static std::optional<std::string> read_text(const Json &element, const char *nam
                                                         : std::nullopt;
 }
 
-bool is_read_alike(const std::string &value)
+bool is_unambiguous(const std::string &value)
 {
     if (read_snapshot(value))
         return true;
@@ -104,7 +104,7 @@ bool is_read_alike(const std::string &value)
 
 CloudRecords decode_record_file(const std::string &content)
 {
-    const Json elements = Json::parse(check(content), nullptr, false);
+    const Json elements = Json::parse(verified_text(content), nullptr, false);
     if (!elements.is_array())
         throw HostError("it holds no records");
     CloudRecords records;
@@ -112,7 +112,7 @@ CloudRecords decode_record_file(const std::string &content)
         records.push_back(
             {read_text(element, "key"), read_text(element, "date"), read_text(element, "value")});
         const CloudRecord &record = records.back();
-        if (record.value && !is_read_alike(*record.value))
+        if (record.value && !is_unambiguous(*record.value))
             throw HostError("it holds a record that parsers read in different ways");
         for (const auto &text : {record.key, record.date})
             if (text && text->find('\0') != std::string::npos)

@@ -14,26 +14,25 @@ struct CloudRecord {
 
 using CloudRecords = std::vector<CloudRecord>;
 
-/// Key of the one record of a backup that the service makes.
+/// The key of the only record in a backup from the service.
 inline constexpr char RECORD_KEY[] = "0";
 
-/// A record file is one JSON document that holds records, with a checksum of their text. Anything larger than
-/// this is none.
+/// The maximum size of a record file in bytes. A record file is one JSON document with records and a checksum
+/// of their text.
 inline constexpr size_t MAX_RECORD_FILE_SIZE = size_t{16} * 1024 * 1024;
 
-/// Whether the service reads the same in a record's value as others do: a snapshot, or nothing at all.
-bool is_read_alike(const std::string &value);
+/// True if all JSON parsers agree on a record's value: they read the same snapshot, or all reject the text.
+bool is_unambiguous(const std::string &value);
 
-/// Whether the service may read something in a text with its parser, which takes more for JSON than others
-/// do.
+/// True if the service's parser accepts the text, or may accept it. This parser accepts more texts than
+/// strict ones.
 extern "C" bool service_reads(const char *text);
 
-/// Whether this is meant to be a record file, also if it is damaged.
+/// True if this is a record file, even a damaged one.
 bool is_record_file(const std::string &content);
 
-/// @throws HostError when the records are more than a file can hold
+/// @throws HostError when the records are too large for a record file
 std::string encode_record_file(const CloudRecords &records);
 
-/// @throws HostError when `content` is no record file, or is one that was damaged, or holds a value that is
-///         not read alike
+/// @throws HostError when `content` is not a record file, is damaged, or has an ambiguous value
 CloudRecords decode_record_file(const std::string &content);

@@ -1,4 +1,4 @@
-// Apart from the rest, and loaded when it is needed: JSON-GLib brings a dozen libraries along.
+// A library of its own, loaded when it is needed, since JSON-GLib depends on a dozen libraries.
 
 #include "record_file.h"
 
@@ -6,7 +6,8 @@
 
 #include <json-glib/json-glib.h>
 
-/// JSON-GLib calls itself for each level. No text that is nested deeper has as few brackets.
+/// The limit of brackets in a text that is parsed. JSON-GLib recurses at each level of nesting, and deep
+/// nesting would exhaust the stack.
 static constexpr auto MAX_BRACKETS = 1000;
 
 bool service_reads(const char *text)
@@ -14,7 +15,7 @@ bool service_reads(const char *text)
     const std::string_view whole(text);
     if (std::count(whole.begin(), whole.end(), '[') + std::count(whole.begin(), whole.end(), '{') >
         MAX_BRACKETS)
-        return true; // as far as it is known
+        return true; // it may
     g_autoptr(JsonParser) parser = json_parser_new();
     return json_parser_load_from_data(parser, text, -1, nullptr) != FALSE &&
            json_parser_get_root(parser) != nullptr;

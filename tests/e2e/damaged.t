@@ -22,9 +22,9 @@ Files that are not backups, or are damaged: each is listed with its fault, refus
   2   damaged: it is cut short
   3   damaged: it has been changed since it was written, or is cut short
   4   damaged: it is damaged, or was written by a later version of the backup service
-  5   damaged: it is no record file
+  5   damaged: it is not a record file
   6   damaged: it is larger than 16777216 bytes
-  7   damaged: can't use WORK/state/cloud/backup-000007.json: it is no regular file
+  7   damaged: can't use WORK/state/cloud/backup-000007.json: it is not a regular file
   8   can't be read: can't open WORK/state/cloud/backup-000008.json: No such file or directory
   9   damaged: record "" holds no snapshot
   10  damaged: it holds a record that parsers read in different ways

@@ -15,12 +15,12 @@
 
 #include <gtest/gtest.h>
 
-#include "contact.h"
 #include "files.h"
 #include "host.h"
 #include "ime_backup_settings.h"
 #include "orvanta_cloud_operations.h"
 #include "report.h"
+#include "shared_names.h"
 
 namespace fs = std::filesystem;
 using Arguments = std::vector<std::string>;

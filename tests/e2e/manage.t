@@ -163,7 +163,7 @@ The store is tested before the exchange begins: on a fault, nothing is stored.
   $ mkdir -p $cloud/backup-000041.json.new/x; try_store; rm -r $cloud/*.new
   NOT FINE  can't write WORK/state/cloud/backup-000041.json: File exists. Mend the fault and try again, or set IME_BACKUP_CLOUD_STORE to another place
   $ flock $cloud/.lock sleep 2 & sleep 0.1; try_store; kill $!
-  NOT FINE  what holds WORK/state/cloud/.lock did not finish in time. Mend the fault and try again, or set IME_BACKUP_CLOUD_STORE to another place
+  NOT FINE  the process that holds WORK/state/cloud/.lock did not finish in time. Mend the fault and try again, or set IME_BACKUP_CLOUD_STORE to another place
 
 Exports and imports backups and bare snapshots, with all their problems.
 

@@ -71,13 +71,13 @@ is restored.
   database disk image is malformed
   3 3 3 3
   $ rm -f $store-*; truncate -s 0 $store; try
-  it is no settings store
+  it is not a settings store
   3 3 3 3
   $ rm $store*; sqlite3 $store 'CREATE TABLE songs (title)'; try
-  it is no settings store
+  it is not a settings store
   3 3 3 3
   $ rm $store*; mkfifo $store; try
-  it is no regular file
+  it is not a regular file
   3 3 3 3
   $ ime-backupctl list | tail -n 1
   1   DAY TIME  AGE  kbd       en_US,ko_KR
@@ -101,9 +101,9 @@ State that can't be used, and state in another place.
   $ IME_BACKUP_HOST_DIR=/proc/state/root try_each <<<info
   3 ime-backupctl: can't make the folder /proc/state/root: No such file or directory
   $ (mkdir gone; cd gone; rmdir ../gone; IME_BACKUP_HOST_DIR=state try_each <<<backup)
-  3 ime-backupctl: can't tell where state is: No such file or directory
+  3 ime-backupctl: can't make the path state absolute: No such file or directory
   $ (mkdir gone; cd gone; rmdir ../gone; IME_BACKUP_CLOUD_STORE=store try_each <<<list)
-  3 ime-backupctl: can't tell where store is: No such file or directory
+  3 ime-backupctl: can't make the path store absolute: No such file or directory
   $ IME_BACKUP_CLOUD_STORE=/proc/store try_each <<<backup
   3 ime-backupctl: can't make the folder /proc/store: No such file or directory
   $ IME_BACKUP_CLOUD_STORE=file try_each <<<list
@@ -115,9 +115,9 @@ State that can't be used, and state in another place.
   >     echo backup | try_each
   >     mv kept $IME_BACKUP_HOST_DIR/$name
   > done
-  3 ime-backupctl: can't use WORK/state/service.log: it is no regular file
-  3 ime-backupctl: can't use WORK/state/exchange.lock: it is no regular file
-  3 ime-backupctl: can't use WORK/state/cloud/.lock: it is no regular file; move it away, and a new one is made
+  3 ime-backupctl: can't use WORK/state/service.log: it is not a regular file
+  3 ime-backupctl: can't use WORK/state/exchange.lock: it is not a regular file
+  3 ime-backupctl: can't use WORK/state/cloud/.lock: it is not a regular file; move it away, and a new one is made
   $ IME_BACKUP_CLOUD_STORE='a store' ime-backupctl backup
   backup 1  DAY TIME
   $ IME_BACKUP_CLOUD_STORE="$PWD/a store" ime-backupctl list

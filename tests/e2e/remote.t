@@ -120,7 +120,7 @@ rclone's success counts only if a listing confirms it.
   >     [[ $lie == head* ]] && step=rcat || step=moveto
   >     rclone_does "rclone=$rclone; [[ \$* != *\ $step\ * ]] || { $lie; }"; PATH=$PWD/bin:$PATH ime-backupctl import file
   > done
-  ime-backupctl: the cloud store rclone:dav:a "desk" * $x/--b does not hand back what was put into it
+  ime-backupctl: the cloud store rclone:dav:a "desk" * $x/--b does not return what was stored in it
   backup 10  imported
   $ ls "$folder" | tail -n 2
   backup-000009.json
@@ -198,7 +198,7 @@ A remote that hangs: every command ends in time, and on a signal.
   >     : >runs; PATH=$PWD/bin:$PATH command ime-backupctl $command 2>errors &
   >     until [[ -s runs ]]; do sleep 0.01; done; kill $!; wait $!; echo "$? $(head -n 1 errors)"
   > done
-  130 ime-backupctl: interrupted; what the remote store was asked to do may be done
+  130 ime-backupctl: interrupted; the remote store may have carried out the request
   130 ime-backupctl: interrupted; "ime-backupctl list" shows whether the backup was stored
   $ signal_daemon remote CONT
 
@@ -216,7 +216,7 @@ Interrupted uploads, on either side, leave no backup and remove nothing.
   $ upload; { kill -KILL $!; wait $!; } 2>/dev/null
   [137]
   $ upload; kill $!; wait $!; echo "$? $(tail -n 1 errors)"
-  130 ime-backupctl: interrupted; what the remote store was asked to do may be done
+  130 ime-backupctl: interrupted; the remote store may have carried out the request
   $ ime-backupctl list | cut -c 1-3 | paste -s
   id \t10 \t11  (esc)
 

@@ -163,8 +163,8 @@ each other.
   $ printf '%s\n' restore 'restore --dry-run' 'settings set key_tap_vib on' history | try_each
   0 
   0 
-  0 the history does not tell how this ended: can't open WORK/state/history.jsonl: Is a directory
-  3 ime-backupctl: can't use WORK/state/history.jsonl: it is no regular file
+  0 can't note the result in the history: can't open WORK/state/history.jsonl: Is a directory
+  3 ime-backupctl: can't use WORK/state/history.jsonl: it is not a regular file
   $ rmdir $journal; mv kept $journal
   $ ime-backupctl undo | head -n 1
   setting           before  after

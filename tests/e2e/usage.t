@@ -177,9 +177,10 @@ Help and versions. Each command's help is at most 80 columns wide and has an exa
   Takes part in a backup or a restore of the on-screen keyboard's settings.
   OPERATION is a URI such as
   http://orvanta.com/appcontrol/operation/orvanta_cloud/backup
-  (or .../restore, .../get_backup_info). With a session bus, it goes to the
-  instance that runs already. Without one that is known, the service waits until
-  SIGTERM. The cloud backup client starts it: on a workstation, ime-backupctl.
+  (or .../restore, .../get_backup_info). If an instance already runs on the
+  session bus, it gets the operation. Without a known operation, the service
+  waits until SIGTERM. The cloud backup client starts the service: on a
+  workstation, ime-backupctl.
   $ $service --hel
   ime-backup-service: there is no option --hel; see --help
   [2]

@@ -16,7 +16,6 @@
 
 #include "account.h"
 #include "cloud_store.h"
-#include "contact.h"
 #include "device.h"
 #include "files.h"
 #include "history.h"
@@ -24,6 +23,7 @@
 #include "ime_backup_trusted_folder.h"
 #include "paths.h"
 #include "report.h"
+#include "shared_names.h"
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
@@ -79,7 +79,7 @@ struct FakeDevice : Device {
         if (!is_durable)
             throw PlatformError("the disk is broken");
     }
-    std::string not_assured() override { return ""; }
+    std::string durability_warning() override { return ""; }
     bool serves(const SettingRow &row) override { return row.place != foreign; }
     std::string daemon_address() override { return ""; }
 
@@ -228,7 +228,7 @@ TEST_F(Cloud, StoreNumbersBackupsAndKeepsOthersOut)
     fs::rename(folder / "backup-000001.json", folder / "backup-000009.json");
     EXPECT_EQ(store.add("ten"), 10);
     EXPECT_EQ(store.list().numbers, (std::vector<BackupNumber>{2, 9, 10}));
-    EXPECT_EQ(store.list().left_out,
+    EXPECT_EQ(store.list().misnamed,
               (std::vector<std::string>{"backup-77.json", "backup-9223372036854775807.json"}));
     EXPECT_EQ(store.find(""), 10);
     EXPECT_EQ(store.read(9).content, content);
@@ -299,15 +299,15 @@ TEST_F(Cloud, NoNumberIsGivenTwice)
     // What is no lock of a store's is somebody's.
     const fs::path other = root.path / "other";
     const std::pair<const char *, std::function<void()>> others[] = {
-        {"no regular file", [&] { fs::create_symlink(other, lock); }},
-        {"no regular file", [&] { fs::create_directory(lock); }},
-        {"another name",
+        {"not a regular file", [&] { fs::create_symlink(other, lock); }},
+        {"not a regular file", [&] { fs::create_directory(lock); }},
+        {"another hard link",
          [&] {
              write_file(lock, "");
              fs::create_hard_link(lock, other);
          }},
-        {"what no store writes", [&] { write_file(lock, "9 lives"); }},
-        {"what no store writes", [&] { write_file(lock, std::string(10'000, '9')); }},
+        {"not a backup number", [&] { write_file(lock, "9 lives"); }},
+        {"not a backup number", [&] { write_file(lock, std::string(10'000, '9')); }},
     };
     for (const auto &[reason, make] : others) {
         fs::remove(lock);
@@ -540,8 +540,8 @@ TEST_F(Cloud, ABackupSucceedsOnlyWhole)
         {"announced no records", [](Service &s) { s.send_keys = false; }},
         {"record \"9\" that was not announced", [](Service &s) { s.key = "9"; }},
         {"record \"0\" that was not announced", [](Service &s) { s.date = "1"; }},
-        {"other records than were announced", [](Service &s) { s.add_record = true; }},
-        {"not what was written", [](Service &s) { s.tamper = true; }},
+        {"different number of records", [](Service &s) { s.add_record = true; }},
+        {"changed after it was written", [](Service &s) { s.tamper = true; }},
         {"nothing to back up", [](Service &s) { s.sent_path = ""; }},
         {"has no value", [](Service &s) { s.value.reset(); }},
         {"wrote no backup file", [](Service &s) { s.written_path = ""; }},
@@ -840,7 +840,7 @@ TEST_F(Cloud, NothingThrownPassesTheMainLoop)
     const auto throw_error = [] { throw std::runtime_error("thrown by the service"); };
     EXPECT_EQ(run_exchange(false, {.meanwhile = throw_error}).reason, "thrown by the service");
     open_store()->add(encode_record_file({{"0", "1", "{}"}}));
-    expect_in(run_exchange(true, {.meanwhile = [] { throw 7; }}).reason, "what is no exception");
+    expect_in(run_exchange(true, {.meanwhile = [] { throw 7; }}).reason, "an unknown exception");
 }
 
 TEST_F(Cloud, ARestoreIsInTheHistoryBeforeItsFirstChange)
@@ -859,7 +859,7 @@ TEST_F(Cloud, ARestoreIsInTheHistoryBeforeItsFirstChange)
     if (killed == 0)
         run_exchange(true, {.meanwhile = [] { raise(SIGKILL); }});
     waitpid(killed, nullptr, 0);
-    EXPECT_EQ(last().what + std::to_string(last().backup), "restore1");
+    EXPECT_EQ(last().operation + std::to_string(last().backup), "restore1");
     EXPECT_FALSE(last().succeeded.has_value());
     EXPECT_EQ(names(last().planned), "auto_punctuation auto_space handwriting key_tap_sound prediction ");
     EXPECT_EQ(last().before.at("prediction"), DeviceValue(false));

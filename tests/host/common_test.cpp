@@ -94,20 +94,20 @@ TEST(Child, IsStoppedAndWaitedFor)
         gint64 microseconds;
         int exit_status;
         int signal; ///< that ended it
-        Stop stopped;
+        StopReason stopped;
         int learnt_of; ///< signals that reach their handler afterwards
     } cases[] = {
-        {"exit 7", LONG_US, 7, 0, Stop::none, 0},
-        {"kill -HUP $$", LONG_US, 0, SIGHUP, Stop::none, 0},
-        {"kill -PIPE $$", LONG_US, 0, SIGPIPE, Stop::none, 0},
-        {"exec sleep 20", 100'000, 0, SIGTERM, Stop::timed_out, 0},
-        {"trap 'exit 3' TERM; while :; do sleep 0.01; done", 100'000, 3, 0, Stop::timed_out, 0},
-        {"trap '' TERM; exec sleep 20", 100'000, 0, SIGKILL, Stop::timed_out, 0},
-        {"kill -TERM $PPID; exec sleep 20", LONG_US, 0, SIGTERM, Stop::interrupted, 1},
-        {"kill -INT $PPID; exec sleep 20", LONG_US, 0, SIGTERM, Stop::interrupted, 1},
-        {"kill -HUP $PPID; exec sleep 20", LONG_US, 0, SIGTERM, Stop::interrupted, 1},
+        {"exit 7", LONG_US, 7, 0, StopReason::none, 0},
+        {"kill -HUP $$", LONG_US, 0, SIGHUP, StopReason::none, 0},
+        {"kill -PIPE $$", LONG_US, 0, SIGPIPE, StopReason::none, 0},
+        {"exec sleep 20", 100'000, 0, SIGTERM, StopReason::timed_out, 0},
+        {"trap 'exit 3' TERM; while :; do sleep 0.01; done", 100'000, 3, 0, StopReason::timed_out, 0},
+        {"trap '' TERM; exec sleep 20", 100'000, 0, SIGKILL, StopReason::timed_out, 0},
+        {"kill -TERM $PPID; exec sleep 20", LONG_US, 0, SIGTERM, StopReason::interrupted, 1},
+        {"kill -INT $PPID; exec sleep 20", LONG_US, 0, SIGTERM, StopReason::interrupted, 1},
+        {"kill -HUP $PPID; exec sleep 20", LONG_US, 0, SIGTERM, StopReason::interrupted, 1},
         {"trap '' TERM; kill -INT $PPID; sleep 0.2; kill -INT $PPID; exec sleep 20", LONG_US, 0, SIGKILL,
-         Stop::interrupted, 1},
+         StopReason::interrupted, 1},
     };
     const auto ignored = std::signal(SIGPIPE, SIG_IGN);
     for (const int signal : {SIGTERM, SIGINT, SIGHUP})
@@ -116,8 +116,8 @@ TEST(Child, IsStoppedAndWaitedFor)
         SCOPED_TRACE(test.script);
         signals_learnt_of = 0;
         Child child = shell(test.script);
-        child.microseconds = test.microseconds;
-        const ChildEnd end = run_child(child);
+        child.time_limit_us = test.microseconds;
+        const ChildResult end = run_child(child);
         EXPECT_EQ(end.error, 0);
         EXPECT_EQ(WIFSIGNALED(end.status) ? WTERMSIG(end.status) : 0, test.signal);
         EXPECT_EQ(WIFEXITED(end.status) ? WEXITSTATUS(end.status) : 0, test.exit_status);
@@ -125,7 +125,7 @@ TEST(Child, IsStoppedAndWaitedFor)
         EXPECT_EQ(signals_learnt_of, test.learnt_of);
     }
     EXPECT_EQ(std::signal(SIGHUP, SIG_IGN), learn_of_signal);
-    EXPECT_EQ(run_child(shell("kill -HUP $PPID; exit 7")).stopped, Stop::none) << "as nohup has it";
+    EXPECT_EQ(run_child(shell("kill -HUP $PPID; exit 7")).stopped, StopReason::none) << "as nohup has it";
     for (const int signal : {SIGTERM, SIGINT, SIGHUP})
         std::signal(signal, SIG_DFL);
     std::signal(SIGPIPE, ignored);

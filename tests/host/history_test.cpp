@@ -56,7 +56,7 @@ protected:
 
 bool is_same(const HistoryEntry &one, const HistoryEntry &other)
 {
-    return one.number == other.number && one.time == other.time && one.what == other.what &&
+    return one.number == other.number && one.time == other.time && one.operation == other.operation &&
            one.backup == other.backup && one.undoes == other.undoes && one.before == other.before &&
            one.planned == other.planned && one.succeeded == other.succeeded && one.reason == other.reason &&
            one.changed == other.changed;
@@ -124,7 +124,7 @@ TEST_F(History, AnyDamageShows)
             EXPECT_TRUE(is_seen) << i;
             add("backup", {});
             EXPECT_EQ(read_history().back().fault, "") << i;
-            EXPECT_EQ(read_history().back().what, "backup") << i;
+            EXPECT_EQ(read_history().back().operation, "backup") << i;
         }
         // A power cut leaves nothing, or NULs, of what was not synced: nothing followed from that.
         const size_t last_line = text.find_last_of('\n', text.size() - 2) + 1;
@@ -134,7 +134,7 @@ TEST_F(History, AnyDamageShows)
             for (const HistoryEntry &entry : read_history())
                 EXPECT_EQ(entry.fault, "") << i;
             add("backup", {});
-            EXPECT_EQ(read_history().back().what, "backup") << i;
+            EXPECT_EQ(read_history().back().operation, "backup") << i;
         }
     }
     write_file(journal, text.substr(0, text.find('\n') + 1) + "no line\n");

@@ -299,7 +299,7 @@ TEST(Config, TheActiveInputMethodIsPendingUntilTheExchangeFlushesIt)
             EXPECT_THROW(host_device()->make_durable(), DaemonError);
         EXPECT_EQ(outcomes(), test.outcomes);
         if (test.fault == Fault::none) {
-            EXPECT_NE(host_device()->not_assured().find("can't be found"), std::string::npos);
+            EXPECT_NE(host_device()->durability_warning().find("can't be found"), std::string::npos);
         }
     }
 }
