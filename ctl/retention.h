@@ -17,7 +17,7 @@ struct Retention {
     std::uint64_t daily = 0; ///< of each of the last days that have a backup, the one with the latest date
     std::uint64_t weekly = 0;
     std::uint64_t monthly = 0;
-    std::optional<std::int64_t> within; ///< the last milliseconds
+    std::optional<std::int64_t> within = {}; ///< the last milliseconds
 };
 
 /// The rules that keep each backup, for a person; none for one that goes. What can't be read is kept, and of
