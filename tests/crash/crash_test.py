@@ -45,6 +45,8 @@ SCENARIOS = {  # what was done before, and what is cut
     "restore, on first use": ([ONE, "backup", OTHER, FORGET], ["restore"]),
     "restore, later": ([ONE, "backup", OTHER, "settings unset key_tap_vib"], ["restore"]),
     "restore, the second": ([ONE, "backup", OTHER, "backup", "restore 1"], ["restore 2"]),
+    "restore, of chosen settings": ([ONE, "backup", OTHER, "settings unset key_tap_vib"],
+                                    ["restore --only default_keyboard,prediction,key_tap_vib"]),
     "undo": ([ONE, "backup", OTHER, "settings unset key_tap_vib prediction", "restore"], ["undo"]),
     "settings set, the first": ([], [ONE]),
     "settings set, later": ([ONE], [OTHER]),
