@@ -42,7 +42,6 @@ static constexpr char FLAGS_OF_OTHERS[] =
 static constexpr char TRACER[] = R"([^ :]*libime-backup-trace\.so[ :]*)";
 
 static constexpr int MAX_TRIES = 8;
-static constexpr gint32 PAUSE_US = 100'000;
 
 /// A silent server has failed after this time, and after this part of the time left. rclone tries twice, and
 /// there is time to report its reason.
@@ -173,10 +172,6 @@ public:
             const BackupNumber number = number_after(std::max(at_least, highest_taken(names)));
             if (try_to_add(number, content))
                 return number;
-            // Those who got in each other's way need not do so again.
-            const gint64 end = g_get_monotonic_time() + g_random_int_range(0, PAUSE_US << tries);
-            while (g_get_monotonic_time() < end)
-                wait_for_another("another process");
         }
         throw HostError("others keep adding backups to " + location() + " at the same time");
     }
@@ -274,7 +269,10 @@ private:
     /// file that isn't there: a remote without folders takes it for a folder with nothing in it.
     Result get(const std::string &name) const
     {
-        return run({"cat", "--count", std::to_string(MAX_RECORD_FILE_SIZE + 1), "--", file(name)});
+        // Without --no-traverse, rclone looks for the file in a listing of the folder. Some servers cut that
+        // short when another file vanishes meanwhile, and rclone then prints nothing and succeeds.
+        return run(
+            {"cat", "--no-traverse", "--count", std::to_string(MAX_RECORD_FILE_SIZE + 1), "--", file(name)});
     }
 
     void put(const std::string &name, const std::string &content) const
@@ -348,15 +346,32 @@ private:
         return false;
     }
 
+    /// True once no other file has the number of an upload. Of several uploads of a number, only the first by
+    /// name waits for the others to go: if all gave way, they could meet again under the next number.
+    bool wins(const std::string &uploaded, BackupNumber number) const
+    {
+        for (int tries = 0; tries < MAX_TRIES; tries++) {
+            bool is_alone = true;
+            for (const std::string &name : names_there())
+                if (name != uploaded && number_taken_by(name) == number) {
+                    if (name < uploaded || !name.ends_with(UPLOAD_SUFFIX))
+                        return false;
+                    is_alone = false;
+                }
+            if (is_alone)
+                return true;
+            wait_for_another("another process");
+        }
+        return false; // the process of the other upload was killed
+    }
+
     /// Makes a backup of an upload that is whole, if no other file has its number. Of two processes that
     /// upload under one number, at least one sees the other's file here. What a remote shows late is noticed
     /// by the content.
     bool give_name(const std::string &uploaded, BackupNumber number, const std::string &content) const
     {
-        for (const std::string &name : names_there())
-            if (name != uploaded && number_taken_by(name) == number)
-                return false;
-
+        if (!wins(uploaded, number))
+            return false;
         const std::string name = file_name(number);
         const Result moved = run({"moveto", "--ignore-existing", "--", file(uploaded), file(name)});
         const Result named = get(name);
