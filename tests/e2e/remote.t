@@ -233,6 +233,17 @@ Two devices at one path by mistake: what was said to be stored is there, under t
   device-1 imported
   device-2 imported
 
+A slower upload of the same number gives way. Files that come and go beside a backup do not hide it.
+
+  $ export rclone other=$WORK/remote/other; mkdir $other
+  $ rclone_does 'there=$(ls $other/*.ffffffffffffffff.new); [[ $* != *\ lsf\ * || ! $there ]] || { $rclone "$@"; rm $there; exit; }
+  >   [[ $* != *\ rcat\ * ]] || touch $other/$(basename "${@: -1}" | cut -d . -f 1,2).ffffffffffffffff.new'
+  $ lie_and import --store rclone:dav:other file
+  backup 1  imported
+  $ rclone_does '[[ $* != *\ cat\ * ]] || { while kill -0 $$; do : >$other/a; rm $other/a; done & for _ in {1..6}; do $rclone "$@" >read; [[ -s read ]] || break; done; cat read; exit; }'
+  $ lie_and import --store rclone:dav:other file
+  backup 2  imported
+
 Encrypted. A backup that can't be decrypted hides no other.
 
   $ export IME_BACKUP_CLOUD_STORE=rclone:safe:desk
