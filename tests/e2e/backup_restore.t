@@ -1,6 +1,6 @@
   $ . "$TESTDIR/helpers"
 
-A device as it comes is not backed up: it has no active input method. Nothing is stored.
+A new device has no active input method: the backup fails, and nothing is stored.
 
   $ ime-backupctl backup
   ime-backupctl: no input method is active
@@ -9,7 +9,7 @@ A device as it comes is not backed up: it has no active input method. Nothing is
   $ ime-backupctl list
   ime-backupctl: there is no backup yet: WORK/state/cloud is made by the first one
 
-All settings, with each way to write a value.
+All settings, with every way to write a value.
 
   $ xargs ime-backupctl settings set <<END
   > default_keyboard                 0f1e2d3c-4b5a-69c8-87d6-a5b4c3d2e1f0
@@ -67,8 +67,8 @@ All of them changed. The settings outlive the daemon, and a restore brings back 
   $ ime-backupctl show 2 --json
   {"default_keyboard":"another keyboard","selected_lang":[{"lang_id":"fr_FR"}],"handwriting":false,"prediction":true,"auto_space":false,"auto_capitalize":true,"auto_punctuation":true,"key_tap_sound":false,"key_tap_vib":true}
 
-What this device can't take over, each with the reason: a language and handwriting that are not there, and a
-setting that the backup does not hold. A number is a switch, too.
+Settings that this device can't take over, each with the reason: a language and handwriting that aren't
+installed, and a setting that is not in the backup. A switch may be stored as a number.
 
   $ put_backup 3 "$(record 0 1000000000000 '{"default_keyboard":"kbd3","selected_lang":[{"lang_id":"ja_JP"},{"lang_id":"fr_FR"}],"handwriting":true,"auto_space":true,"auto_punctuation":1,"key_tap_sound":"true"}')"
   $ restore 3
@@ -93,7 +93,7 @@ setting that the backup does not hold. A number is a switch, too.
   $ restore | grep ^selected_lang
   selected_lang     fr_FR   ja_JP  zh_CN is not downloaded
 
-Of several records, those that can be are applied, in their order.
+Of several records, the usable ones are applied in their order.
 
   $ put_backup 6 "$(record a 1 '{"default_keyboard":"kbd6a","prediction":true}')" "$(record b 2 'no JSON')" \
   >     '{"key":"c","date":"3","value":null}' "$(record d 4 '{"default_keyboard":"kbd6d"}')"
@@ -123,7 +123,7 @@ Of several records, those that can be are applied, in their order.
   7   damaged: record "0" holds no snapshot
   8   damaged: it holds no record
 
-A keyboard that the device refuses, whatever else it takes.
+The device refuses a keyboard, and takes the other settings.
 
   $ put_backup 9 "$(record 0 1 '{"default_keyboard":" kbd","prediction":true}')"
   $ restore 2>&1 | grep -v 'not in the backup'

@@ -7,7 +7,7 @@
   > }
   $ prepare; ime-backupctl settings >before
 
-The host platform keeps all promises, and the device is as it was.
+The host platform keeps all promises, and the check leaves the device unchanged.
 
   $ ime-backup-check >results
   $ head -n 3 results
@@ -26,7 +26,7 @@ The host platform keeps all promises, and the device is as it was.
   exchange files   fine  in WORK/state
   last exchange    fine  info succeeded
 
-What is not set is not written, since the store can't unset it. --read-only writes nothing.
+The check doesn't write settings that are not set, since the store can't unset them. --read-only writes nothing.
 
   $ IME_BACKUP_HOST_DIR=$WORK/empty ime-backup-check | grep -c '# SKIP too few'
   11
@@ -39,7 +39,7 @@ What is not set is not written, since the store can't unset it. --read-only writ
   36
   $ diff -r $IME_BACKUP_HOST_DIR copy
 
-A platform that breaks a promise is found out, and its library is named.
+A platform that breaks a promise fails the check, which names the library.
 
   $ broken() { env BROKEN="$1" LD_PRELOAD=$BUILD/tests/libbroken-platform.so ime-backup-check "${@:2}"; }
   $ broken vconf:output --only 'vconf: vconf_get*missing'
@@ -80,7 +80,7 @@ A platform that breaks a promise is found out, and its library is named.
   scim: a boolean that is written and flushed is read by each process
   scim: reload() gives true, and leaves what was flushed
 
-What can't be put back is named. A check that hangs ends, and so does one that is interrupted.
+Values that can't be put back are named. A check that hangs or is interrupted ends.
 
   $ prepare; ime-backupctl settings | diff before -
   $ broken vconf:unstored --only 'vconf: a boolean replaces'
@@ -114,7 +114,7 @@ What can't be put back is named. A check that hangs ends, and so does one that i
   129
   Bail out! Interrupted by SIGHUP
 
-It says what is wrong with its use.
+Wrong arguments are explained.
 
   $ for arguments in --list --help --version '--only no-such-check' --only --nothing extra; do
   >     ime-backup-check $arguments >output 2>errors; echo "$? $(wc -l <output) $(head -n 1 errors)"

@@ -7,7 +7,7 @@
   $ ime-backupctl settings set key_tap_vib off && ime-backupctl backup
   backup 3  DAY TIME
 
-What changed when. A backup that can't be read does not hide what came before and after it.
+The log shows which settings changed when. A backup that can't be read does not hide the others.
 
   $ ime-backupctl log
   id  time                     setting        from         to
@@ -28,7 +28,7 @@ What changed when. A backup that can't be read does not hide what came before an
   $ ime-backupctl log --json selected_lang | grep -v time | tr -d ' \n'
   [{"id":2,"changes":[{"name":"selected_lang","from":["de_DE","fr_FR"],"to":["en_US"]}],"reason":""},{"id":4,"changes":[],"reason":"damaged:record\"0\"holdsnosnapshot"}] (no-eol)
 
-Chosen settings, without the service. The others stay exactly as they are, also those that are not set.
+Chosen settings are restored without the service. The others stay as they are; unset ones stay unset.
 
   $ ime-backupctl settings >before
   $ restore 1 --only prediction,selected_lang
@@ -66,8 +66,14 @@ Chosen settings, without the service. The others stay exactly as they are, also 
   12     DAY TIME  undo of entry 9      done    selected_lang
   13     DAY TIME  restore of backup 2  done
   14     DAY TIME  restore of backup 4  failed  not restored: record "0"
+  $ change_store() { sqlite3 $IME_BACKUP_HOST_DIR/settings.db "$1"; }
+  $ change_store "CREATE TRIGGER full BEFORE INSERT ON settings BEGIN SELECT RAISE(ABORT, 'full'); END"
+  $ ime-backupctl restore 2 --only prediction; change_store 'DROP TRIGGER full'
+  setting     before  after
+  prediction  false   false  it should be true
+  ime-backupctl: the settings store WORK/state/settings.db can't be used: full
 
-Settings leave and come back, with those that are not set.
+Settings are dumped and loaded, including those that are not set.
 
   $ ime-backupctl settings dump >dump; ime-backupctl settings --json | diff dump -
   $ ime-backupctl settings >before
@@ -87,7 +93,7 @@ Settings leave and come back, with those that are not set.
   [2]
   $ ime-backupctl settings | diff before -
 
-Old backups go by days, weeks and months.
+Old backups are deleted by days, weeks and months.
 
   $ export IME_BACKUP_HOST_DIR=$PWD/old
   $ for day in 01-01 01-02 01-30 02-01 02-02 02-02 02-07 02-08 02-09; do
@@ -121,7 +127,7 @@ Old backups go by days, weeks and months.
   10                      
   11  DAY TIME  AGE  kbd  
 
-Completion in zsh and fish: values, and files behind an option.
+Completion in zsh and fish: values, and files after an option.
 
   $ cat >zsh <<'END'
   > compadd() { print -l -- "${(P)@[-1][@]}"; }

@@ -5,7 +5,7 @@
   backup 1  DAY TIME
   $ cp $cloud/backup-000001.json whole
 
-Files that are no backup, or no longer: each is named in the list, refused, and changes nothing.
+Files that are damaged or are no backups: the list names each, a restore refuses it, and nothing changes.
 
   $ head -c -20 whole >$cloud/backup-000002.json
   $ sed s/kbd/KBD/ whole >$cloud/backup-000003.json
@@ -37,7 +37,7 @@ Files that are no backup, or no longer: each is named in the list, refused, and 
   default_keyboard                  kbd
   $ rm $cloud/backup-00000[2-9].json $cloud/backup-000010.json
 
-Numbers that no backup can have are named; the next backup gets the next number.
+Files with impossible numbers are named; the next backup gets the next number.
 
   $ cp whole $cloud/backup-9223372036854775807.json
   $ touch $cloud/backup-0000002.json $cloud/backup-000002.json.new $cloud/backup-x.json
@@ -52,7 +52,7 @@ Numbers that no backup can have are named; the next backup gets the next number.
   4 ime-backupctl: there is no backup 9223372036854775807
   $ rm $cloud/backup-0000002.json $cloud/backup-922*
 
-A keyboard's identifier may look like anything nested, and comes back.
+A keyboard's identifier may look like nested JSON, and is restored.
 
   $ ime-backupctl settings set default_keyboard "$(printf '[%.0s' {1..1010})"
   $ ime-backupctl backup
@@ -64,8 +64,8 @@ A keyboard's identifier may look like anything nested, and comes back.
   1011
   $ ime-backupctl settings set default_keyboard kbd; ime-backupctl delete 3 >deleted
 
-What a backup holds is never obeyed by a terminal, nor believed by a reader of the log: not a colour, not a line
-of its own, not a control character in UTF-8. Only in a pipe is it the data itself.
+Text from a backup can't control a terminal or forge a line of the log: colours, line breaks and control
+characters in UTF-8 are escaped. Only a pipe gets the text unchanged.
 
   $ evil='\u001b[2J\nbackup 9\u009b31m\u202e\u0007'
   $ put_backup 4 "$(record "$evil" "$evil" "$evil")"

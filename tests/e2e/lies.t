@@ -26,7 +26,7 @@
   > END
   $ lie() { while read -r LIE; do LIE=$LIE LD_PRELOAD=$BUILD/tests/libliar.so try_each <<<"$1"; done <lies; }
 
-A service that makes a wrong snapshot: the settings that differ are named, and nothing is stored.
+The service makes a wrong snapshot: the settings that differ are named, and nothing is stored.
 
   $ lie backup
   1 ime-backupctl: the service did not back up what the device holds: default_keyboard (kb instead of kbd)
@@ -49,7 +49,7 @@ A service that makes a wrong snapshot: the settings that differ are named, and n
   $ ime-backupctl list | wc -l
   2
 
-A service that applies another snapshot than the one that it was handed.
+The service applies another snapshot than it was given.
 
   $ while read -r LIE; do
   >     xargs ime-backupctl settings set <<<"default_keyboard x selected_lang de_DE handwriting off prediction on auto_space off auto_capitalize on auto_punctuation off key_tap_sound on key_tap_vib off"
@@ -74,7 +74,7 @@ A service that applies another snapshot than the one that it was handed.
   1 ime-backupctl: the service did not restore record "0"; not restored: default_keyboard (x instead of kbd), selected_lang (de_DE instead of en_US,ko_KR), handwriting (false instead of true), prediction (true instead of false), auto_space (false instead of true), auto_capitalize (true instead of false), auto_punctuation (false instead of true), key_tap_sound (true instead of false), key_tap_vib (false instead of true)
   1 ime-backupctl: the service did not restore record "0"; not restored: default_keyboard (x instead of kbd), selected_lang (de_DE instead of en_US,ko_KR), handwriting (false instead of true), prediction (true instead of false), auto_space (false instead of true), auto_capitalize (true instead of false), auto_punctuation (false instead of true), key_tap_sound (true instead of false), key_tap_vib (false instead of true)
 
-A service that only tells the truth, with the same library; and one on another settings store than the host's.
+The same library without a lie; then a service with another settings store than the host's.
 
   $ LIE=x=y LD_PRELOAD=$BUILD/tests/libliar.so ime-backupctl restore 1 | tail -n 1
   backup 1  restored

@@ -1,7 +1,7 @@
   $ . "$TESTDIR/helpers"
   $ cloud=$IME_BACKUP_HOST_DIR/cloud
 
-A store that isn't there is not an empty one, and is made by a backup alone.
+A missing store is not an empty one, and only a backup creates it.
 
   $ ime-backupctl list
   ime-backupctl: there is no backup yet: WORK/state/cloud is made by the first one
@@ -22,7 +22,7 @@ A store that isn't there is not an empty one, and is made by a backup alone.
   $ ls -d store $cloud 2>/dev/null
   [2]
 
-A backup that would hold what the newest holds already can be left out; nothing else counts as the same.
+A backup with the same settings as the newest one can be skipped; nothing else counts as the same.
 
   $ ime-backupctl settings set default_keyboard kbd
   $ ime-backupctl backup --if-changed
@@ -49,7 +49,7 @@ A backup that would hold what the newest holds already can be left out; nothing 
   $ ime-backupctl backup --if-changed
   backup 3  DAY TIME
 
-Two backups differ, or one and the device, or it can't be told.
+Two backups, or a backup and the device, differ or can't be compared.
 
   $ ime-backupctl diff 1 3
   setting     backup 1  backup 3
@@ -65,7 +65,7 @@ Two backups differ, or one and the device, or it can't be told.
   3 ime-backupctl: no input method is active
   $ ime-backupctl settings set default_keyboard kbd
 
-What is in the store is checked.
+All backups in the store are verified.
 
   $ put_backup 4 "$(record a 1 '[]')"
   $ ime-backupctl verify
@@ -81,7 +81,7 @@ What is in the store is checked.
   $ echo verify 9 | try_each
   4 ime-backupctl: there is no backup 9
 
-Deleted: all that were named or none. A number is never given again.
+All named backups are deleted, or none. A number is never given again.
 
   $ ime-backupctl backup
   backup 5  DAY TIME
@@ -100,7 +100,7 @@ Deleted: all that were named or none. A number is never given again.
   $ ime-backupctl list; ime-backupctl backup
   backup 7  DAY TIME
 
-Pruned: never the newest one that is good, nor the good one that was made last.
+The newest good backup and the good backup with the latest date are never pruned.
 
   $ for day in 1 30; do
   >     put_backup $((40 - day)) "$(record 0 $(($(date +%s -d "$day days ago") * 1000)) '{"default_keyboard":"kbd"}')"
@@ -131,7 +131,7 @@ Pruned: never the newest one that is good, nor the good one that was made last.
   39    DAY TIME  newest
   backup 40  deleted
 
-What can't be read is not what may go: it may be good, and others are pruned as if it were not there.
+A backup that can't be read may be good, so it is kept; the others are pruned as if it did not exist.
 
   $ put_backup 37 "$(record 0 1 '{}')"; ln -s nowhere $cloud/backup-000038.json; cp $cloud/backup-000039.json whole
   $ ln -s nowhere $cloud/backup-000040.json; put_backup 36 "$(record 0 1 'no JSON')"
@@ -155,7 +155,7 @@ What can't be read is not what may go: it may be good, and others are pruned as 
   $ rm $cloud/backup-0000{38,40}.json; put_backup 40 "$(record 0 1 'no JSON')"; ime-backupctl delete 7
   backup 7  deleted
 
-What a backup would fail for in the store is seen before; nothing is stored.
+Problems of the store are noticed before a backup; nothing is stored.
 
   $ try_store() { ime-backupctl --timeout 0.5 status | sed -n 's/^cloud store *//p'; }
   $ ls -A $cloud >before; try_store; ls -A $cloud | diff before -
@@ -165,7 +165,7 @@ What a backup would fail for in the store is seen before; nothing is stored.
   $ flock $cloud/.lock sleep 2 & sleep 0.1; try_store; kill $!
   NOT FINE  what holds WORK/state/cloud/.lock did not finish in time. Try again once it can be used, or set IME_BACKUP_CLOUD_STORE to another place
 
-Out of the store and into it: a backup, a bare snapshot, whatever is odd about it.
+Export and import: a backup, a bare snapshot, and snapshots with problems.
 
   $ ime-backupctl export 39 file
   backup 39  written to file
@@ -241,7 +241,7 @@ Out of the store and into it: a backup, a bare snapshot, whatever is odd about i
   backup 42  deleted
   backup 43  deleted
 
-A number that the history knows is not given again, though the store's lock is lost.
+A number in the history is not given again, even if the store's lock is lost.
 
   $ mkdir lost && export IME_BACKUP_HOST_DIR=$PWD/lost
   $ for i in 1 2 3; do ime-backupctl backup >/dev/null; done

@@ -8,7 +8,7 @@
   $ cp -r $IME_BACKUP_HOST_DIR whole
   $ all_commands() { printf '%s\n' backup restore settings "settings set prediction on"; }
 
-A daemon that does not answer: waited for no longer than SCIM says, in milliseconds. Then none.
+A daemon that does not answer: commands wait for the time that SCIM_SOCKET_TIMEOUT sets. Then no daemon.
 
   $ export SCIM_SOCKET_TIMEOUT=300
   $ signal_scim STOP
@@ -40,7 +40,7 @@ A daemon that does not answer: waited for no longer than SCIM says, in milliseco
   1   DAY TIME  AGE  kbd       en_US,ko_KR
   $ start_scim
 
-A settings store that is damaged, none, or of a later version: no backup of defaults, no half restore.
+A settings store that is damaged, another file, or of a later version: no backup of defaults, no partial restore.
 
   $ store=$IME_BACKUP_HOST_DIR/settings.db
   $ try() {
@@ -81,7 +81,7 @@ A settings store that is damaged, none, or of a later version: no backup of defa
   $ ime-backupctl list | tail -n 1
   1   DAY TIME  AGE  kbd       en_US,ko_KR
 
-One that another program locks for too long can be backed up, and is not restored to.
+A settings store that another program locks for too long can be backed up, but not restored to.
 
   $ coproc sqlite3 $store
   $ echo "BEGIN EXCLUSIVE; SELECT 'locked';" >&${COPROC[1]}; read -r <&${COPROC[0]}; echo $REPLY
@@ -92,7 +92,7 @@ One that another program locks for too long can be backed up, and is not restore
   124 ime-backupctl: another process that holds the settings store did not finish in time
   $ eval "exec ${COPROC[1]}>&-"; wait
 
-State that can't be used, or is elsewhere.
+A state folder that can't be used, or is elsewhere.
 
   $ echo >file
   $ IME_BACKUP_HOST_DIR=file/state try_each <<<backup
@@ -130,7 +130,7 @@ State that can't be used, or is elsewhere.
   WORK/.local/state/ime-backup/exchange.lock
   xdg/ime-backup/exchange.lock
 
-Several at once, and a disk that is full (here, a file that may not grow). Nothing is stored by halves.
+Several backups at once, and a full disk (here, a limit on file sizes). No backup is stored partly.
 
   $ for i in {1..5}; do command ime-backupctl backup >made$i & done; wait; cut -c 1-8 made? | sort | paste -sd ,
   backup 3,backup 4,backup 5,backup 6,backup 7
@@ -142,7 +142,7 @@ Several at once, and a disk that is full (here, a file that may not grow). Nothi
   7   DAY 
   8   DAY 
 
-The SCIM daemon's disk is full: it says that all is well, and cuts its file. The same again mends that.
+The SCIM daemon's disk is full: it reports success, but truncates its file. Repeating the command mends the file.
 
   $ stop_scim; (trap '' XFSZ; start_scim)
   $ limit_file() { prlimit --pid $(cat $WORK/scim.pid) --fsize=$1:unlimited; }
@@ -165,7 +165,7 @@ The SCIM daemon's disk is full: it says that all is well, and cuts its file. The
   default_keyboard                  other
   auto_space                        true
 
-A service that never finishes, and does not mind being asked to; then one that waits, whose launcher is killed.
+A service that never finishes and ignores SIGTERM; then a waiting service whose launcher is killed.
 
   $ printf '%s\n' '#!/bin/sh' "trap '' TERM" 'echo $$ >pid' 'while :; do sleep 0.05; done' >stubborn
   $ printf '%s\n' '#!/bin/sh' 'echo $$ >pid' "exec $service unknown" >waiting
@@ -176,7 +176,7 @@ A service that never finishes, and does not mind being asked to; then one that w
   $ rm pid; command ime-backupctl --service $PWD/waiting info & disown; until [[ -s pid ]]; do sleep 0.05; done
   $ kill -KILL $!; is_gone
 
-A request to the session bus starts the service, which makes a backup and ends. Where none follows, it ends, too.
+A request on the session bus starts the service, which makes a backup and ends. Without a request, it ends as well.
 
   $ export operation bus=com.orvanta.ime-backup-service
   $ call_bus() { gdbus call --session -d org.freedesktop.DBus -o / -m org.freedesktop.DBus.$1 $bus $2; }
@@ -190,7 +190,7 @@ A request to the session bus starts the service, which makes a backup and ends. 
   (uint32 1,)
   (true,)
 
-All that is made is its owner's alone. A log that has grown is put aside.
+Only the owner can read the created files. A large log is renamed.
 
   $ umask 022; export IME_BACKUP_HOST_DIR=$PWD/new
   $ ime-backupctl settings set default_keyboard kbd

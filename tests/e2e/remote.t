@@ -15,7 +15,7 @@
   $ export IME_BACKUP_CLOUD_STORE='rclone:dav:a "desk" * $x/--b'
   $ folder="$WORK/remote/${IME_BACKUP_CLOUD_STORE#rclone:dav:}"
 
-A remote store is like a folder.
+A remote store works like a folder.
 
   $ ime-backupctl settings set default_keyboard kbd downloaded_lang en_US,ko_KR
   $ printf '%s\n' list show 'import /dev/null' | try_each
@@ -63,7 +63,7 @@ A remote store is like a folder.
   backup 1  deleted
   backup 3  deleted
 
-A number is never given again. Nothing else that is there is overwritten, deleted or taken for a backup.
+A number is never given again. Other files are not overwritten, deleted or treated as backups.
 
   $ ime-backupctl delete 4 2; ls "$folder"; ime-backupctl import file
   backup 2  deleted
@@ -88,7 +88,7 @@ A number is never given again. Nothing else that is there is overwritten, delete
   ime-backupctl: backup-99999999999999999999.json is left out: no backup has this number
   $ rm -r "$folder"/*{01,9}.json "$folder"/backup-000006.json "$folder"/*.{new,gone}
 
-What needs no store does not run rclone, and what reads all backups does so at once.
+Commands that need no store do not run rclone. Commands that read all backups fetch them with one rclone.
 
   $ for i in 6 7 8 9; do cp file "$folder/backup-00000$i.json"; done
   $ rclone=$(which rclone); mkdir bin
@@ -114,7 +114,7 @@ What needs no store does not run rclone, and what reads all backups does so at o
   8
   9
 
-What rclone says to have done counts only once it is seen.
+A success that rclone reports counts only once the store shows it.
 
   $ for lie in 'head -c 9 | $rclone rcat "${@: -1}"; exit' '$rclone "$@"; exit 1'; do
   >     [[ $lie == head* ]] && step=rcat || step=moveto
@@ -147,7 +147,7 @@ What rclone says to have done counts only once it is seen.
   $ rclone_does '[[ $* != *rcat* ]] || { echo 403 Forbidden >&2; exit 1; }'; lie_and status | grep ^cloud
   cloud store      NOT FINE  the cloud store rclone:dav:a "desk" * $x/--b can't be used: 403 Forbidden. Try again once it can be used, or set IME_BACKUP_CLOUD_STORE to another place
 
-What is meant for other calls of rclone changes nothing; what unlocks a remote reaches it, also from the service.
+Variables for other uses of rclone have no effect. Variables with credentials reach rclone, also from the service.
 
   $ rclone_does 'env >>seen'
   $ ( export DBUS_SESSION_BUS_ADDRESS=unix:path=/none RCLONE_BUFFER_SIZE=1M RCLONE_WEBDAV_USER=me
@@ -163,7 +163,7 @@ What is meant for other calls of rclone changes nothing; what unlocks a remote r
   RCLONE_BUFFER_SIZE=1M
   RCLONE_WEBDAV_USER=me
 
-A remote that can't be used: rclone's reason, and nothing is lost.
+A remote that can't be used: the message has rclone's reason, and nothing is lost.
 
   $ for store in wrong:x away:x none:x none /a:b; do
   >     printf -- "--store rclone:$store %s\n" list backup | try_each
@@ -185,10 +185,10 @@ A remote that can't be used: rclone's reason, and nothing is lost.
   cloud store      NOT FINE  the cloud store rclone:away:x can't be used: Failed t
   last exchange    failed    backup on DAY TIME: the cloud store rclone:/a:b can't
 
-A remote that hangs: every command ends in time, and when it is asked to.
+A remote that hangs: every command ends in time, and on a signal.
 
   $ signal_daemon remote STOP
-  $ printf -- '--timeout %s\n' '1.2 list' '2 backup' '2 restore 1' '0.5 status' | try_each | sed 's/:.*\(timeout\|deadline\).*/: ... timeout/'
+  $ printf -- '--timeout %s\n' '4 list' '4 backup' '4 restore 1' '0.5 status' | try_each | sed 's/:.*\(timeout\|deadline\).*/: ... timeout/'
   1 ime-backupctl: ... timeout
   1 ime-backupctl: ... timeout
   1 ime-backupctl: ... timeout
@@ -202,7 +202,7 @@ A remote that hangs: every command ends in time, and when it is asked to.
   130 ime-backupctl: interrupted; "ime-backupctl list" shows whether the backup had been stored by then
   $ signal_daemon remote CONT
 
-Uploads that are cut off, by the remote's end or by the client's, leave no backup and take nothing away.
+Uploads that are cut off because the remote or the client ends leave no backup, and delete nothing.
 
   $ python3 -c 'print("{\"default_keyboard\":\"" + "k" * 1000000 + "\"}")' >large
   $ upload() {
@@ -220,7 +220,7 @@ Uploads that are cut off, by the remote's end or by the client's, leave no backu
   $ ime-backupctl list | cut -c 1-3 | paste -s
   id \t10 \t11  (esc)
 
-Two devices at one path by mistake: what was said to be stored is there, under the number that was said.
+Two devices use one path by mistake: each backup is stored under the number that was reported.
 
   $ for device in 1 2; do
   >     printf '{"default_keyboard":"%s"}\n' $device >device-$device

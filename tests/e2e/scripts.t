@@ -1,7 +1,7 @@
   $ . "$TESTDIR/helpers"
   $ flat() { tr -d ' \n' | sed -E 's/\},/},\n/g; s/20[-0-9]+T[0-9:.]+Z/TIME/g; s/:[0-9]{13}/:DATE/g'; echo; }
 
-What a script gets of each command: one document with all that it may want.
+Each command gives scripts one JSON document.
 
   $ ime-backupctl settings set default_keyboard kbd downloaded_lang en_US,ko_KR handwriting on --json | flat
   {"succeeded":true,"reason":"","settings":[{"name":"default_keyboard","before":null,"after":"kbd"},
@@ -64,7 +64,7 @@ What a script gets of each command: one document with all that it may want.
   {"what":"cloud_store","fine":true,"found":"WORK/state/cloud,2backups","do":""},
   {"what":"last_exchange","fine":false,"found":"restoreofbackup3onDAYTIME:notrestored:record\"a\"","do":"SeeWORK/state/service.log"}]
 
-A failure is in the document, too, and on standard error; what can't be told is no document.
+A failure is in the document and on standard error; without a result, there is no document.
 
   $ for command in 'restore 9' 'import nowhere' 'settings unset mood' 'show 9' '--timeout 0.1 --service sleep info' 'restore 1 --strict'; do
   >     ime-backupctl $command --json | flat; echo "[${PIPESTATUS[0]}]"
@@ -118,7 +118,7 @@ A failure is in the document, too, and on standard error; what can't be told is 
   [3]
   $ start_scim
 
-Nothing but errors.
+Only errors are printed.
 
   $ for command in backup 'restore 1' undo list 'verify 1' 'show 1' 'diff 1' settings 'settings get prediction' info status 'export 1 file' \
   >     'import file' 'prune --keep 9' 'delete 1' 'list --json' 'restore 99'; do
@@ -156,7 +156,7 @@ On a terminal a table fits, with remarks below the lines that they are too long 
   $ for command in list verify settings\ --long diff 'restore --dry-run' status; do NO_COLOR=1 on_terminal $command; done | LC_ALL=C.UTF-8 grep -E '.{81}'
   [1]
 
-What only looks makes nothing, and tells what is in the way.
+Commands that only read create nothing, and report problems.
 
   $ export IME_BACKUP_HOST_DIR=$PWD/fresh
   $ for command in status settings 'settings get prediction' list verify show 'diff 1' 'delete 1' 'prune --keep 1'; do

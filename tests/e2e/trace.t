@@ -41,7 +41,7 @@ Each call stands below the callback that made it; the outcome goes to standard e
   $ tidy <errors
   record 0  DAY TIME
 
-A call that fails is not made. What the service makes of it is seen, and so is what the command tells.
+A call that is made to fail does not reach the library. The trace shows how the service goes on.
 
   $ command ime-backupctl trace backup --fail vconf_get_str --fail 'isf_control_get_active_ime#1=-3' 2>errors | untimed | grep -E 'made to fail|failed'
       isf_control_get_active_ime(&) = -3  made to fail
@@ -58,7 +58,7 @@ A call that fails is not made. What the service makes of it is seen, and so is w
   $ ime-backupctl list
   ime-backupctl: there is no backup yet: WORK/state/cloud is made by the first one
 
-A script gets an object on each line, with the members that the manual tells of, and each text as it is.
+Scripts get one object per line, with the manual's members and unchanged texts.
 
   $ ime-backupctl settings set default_keyboard 'k"\é😀'
   $ command ime-backupctl trace backup --json 2>/dev/null >lines; python3 - >members <<'END'
@@ -72,7 +72,7 @@ A script gets an object on each line, with the members that the manual tells of,
   13
   $ while read -r member; do man -l $BUILD/share/man/man1/ime-backupctl.1 | grep -qw -- "$member" || echo $member; done <members
 
-Callbacks and calls on other threads are told apart, and so is what a failing call has set all the same.
+The trace distinguishes callbacks and calls on other threads, and shows what a failing call has set nevertheless.
 
   $ threads() { THREADS=1 LD_PRELOAD=$BUILD/tests/libliar.so:$BUILD/tests/libforeign-vconf.so command ime-backupctl trace backup "$@" 2>/dev/null; }
   $ threads >lines
@@ -93,7 +93,7 @@ Callbacks and calls on other threads are told apart, and so is what a failing ca
   [('vconf_get_bool', 'db/ise/engine/prediction_val', 0), ('vconf_get_bool', 'no key', 0)]
   4 2
 
-A trace from elsewhere tells whether the calls are the same here: not their times, handles, threads and lines.
+A trace from another machine can be compared, without times, handles, threads and line numbers.
 
   $ ime-backupctl settings set default_keyboard kbd selected_lang ko_KR
   $ trace() { command ime-backupctl trace "$@" 2>errors; }
@@ -155,7 +155,7 @@ A trace from elsewhere tells whether the calls are the same here: not their time
   3 ime-backupctl: the service gave no result of an exchange (exit status 1); nothing on the device had been changed by then
   3 ime-backupctl: record "0" has no value: the settings could not be read
 
-Without anyone to read the trace, the exchange goes on to its end.
+If nobody reads the trace, the exchange still finishes.
 
   $ (sleep 0.2; command ime-backupctl trace backup; echo $? >status) 2>errors | head -n 0; cat status; tidy <errors
   1

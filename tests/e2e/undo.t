@@ -8,8 +8,8 @@
   $ ime-backupctl backup
   backup 1  DAY TIME
 
-What a restore changed is as it was, what was not set included, and what no restore would let through. Undo after
-undo goes further back, and an undo can be undone.
+Undo puts back all values that a restore changed, also unset ones and values that a restore would refuse. A
+second undo goes further back, and an undo can be undone.
 
   $ ime-backupctl settings set default_keyboard other selected_lang xx_XX
   $ ime-backupctl settings unset key_tap_sound
@@ -62,7 +62,7 @@ undo goes further back, and an undo can be undone.
   1 ime-backupctl: entry 5 (restore of backup 1) is undone already; "ime-backupctl undo 8" takes that back
   0 
 
-So is what is no value of its setting; a number comes back as the number that it was.
+Values of a wrong type are put back, too; a number stays the same number.
 
   $ stop_scim
   $ sed -i '/keyloom/d' $SCIM_HOME/.scim/config
@@ -84,7 +84,7 @@ So is what is no value of its setting; a number comes back as the number that it
   keyloom/key_sounds_val = a\tb (esc)
   keyloom/key_vibration_val = aM-^?b
 
-What changes nothing, fails or never begins leaves the way back from what was before.
+Commands that change nothing, fail or never start leave earlier entries undoable.
 
   $ ime-backupctl restore | tail -n 1
   backup 1  restored, except selected_lang, handwriting
@@ -106,7 +106,7 @@ What changes nothing, fails or never begins leaves the way back from what was be
   undid entry 14 (restore of backup 1)
   $ ime-backupctl settings | diff before -
 
-Interrupted: status and the history tell of it, and what it was to change is put back, but nothing else.
+After an interruption, status and the history report it, and undo puts back only the planned settings.
 
   $ ime-backupctl restore >/dev/null
   $ sed -i '$d' $journal
@@ -124,7 +124,7 @@ Interrupted: status and the history tell of it, and what it was to change is put
   $ ime-backupctl status | grep last
   last exchange    fine      restore of backup 2 was undone
 
-What can't be read, or names what is not known, is kept, and stands in the way of nothing but itself.
+History lines that can't be read or have unknown names are kept, and do not affect other entries.
 
   $ ime-backupctl restore >/dev/null
   $ cp $journal kept
@@ -149,7 +149,8 @@ What can't be read, or names what is not known, is kept, and stands in the way o
   30     1970-01-01 00:00:00 UTC  settings set         unreadable  it names a setting that this version does not know: emoji
   $ cp kept $journal
 
-A place that can't be written: nothing is changed, and it can be tried again. All that changes the device takes turns.
+If the history can't be written, nothing is changed, and the command can be repeated. Commands that change the
+device take turns.
 
   $ stop_scim
   $ printf '%s\n' undo 'undo --dry-run' 'settings set key_tap_vib on' | try_each

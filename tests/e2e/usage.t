@@ -1,6 +1,6 @@
   $ . "$TESTDIR/helpers"
 
-What is asked for makes no sense, or can't be used; the service is not launched.
+Wrong arguments and unusable files are refused before the service starts.
 
   $ ime-backupctl 2>&1 >/dev/null | head -n 2
   Backs up and restores the settings of the on-screen keyboard.
@@ -114,7 +114,7 @@ What is asked for makes no sense, or can't be used; the service is not launched.
   4 ime-backupctl: there is no backup [1,2]
   4 ime-backupctl: there is no backup 18446744073709551617
 
-Help and versions. Each command's help is at most 80 columns wide and has an example that a person can type.
+Help and versions. Each command's help is at most 80 columns wide and has a valid example.
 
   $ commands() { command ime-backupctl complete -- "$@" '' | grep -v '^[0-9]*$'; }
   $ each_help() { echo --help; commands | sed 's/$/ --help/'; for c in settings trace; do commands $c | sed "s/.*/$c & --help/"; done; }
@@ -184,7 +184,7 @@ Help and versions. Each command's help is at most 80 columns wide and has an exa
   ime-backup-service: there is no option --hel; see --help
   [2]
 
-Completion offers what may stand there: commands, options, settings and their values, backups, files.
+Completion offers the valid words: commands, options, settings and their values, backups, files.
 
   $ . "$SOURCE/ctl/ime-backupctl.bash"
   $ completed() { COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _ime_backupctl; echo "${COMPREPLY[*]}"; }
@@ -229,7 +229,7 @@ Completion offers what may stand there: commands, options, settings and their va
   prune
   
 
-The manuals are without fault, and tell of each member that a script gets.
+The manuals have no format errors, and describe every JSON member.
 
   $ manual=$BUILD/share/man/man1/ime-backupctl.1 service_manual=$BUILD/share/man/man8/ime-backup-service.8
   $ for page in $BUILD/share/man/man?/*; do
@@ -247,7 +247,7 @@ The manuals are without fault, and tell of each member that a script gets.
   1
   1
 
-A timer's service may start it, or cron, with next to no environment: what was looked for is named.
+A timer or cron starts the command with a minimal environment: messages name the files that were looked for.
 
   $ XDG_RUNTIME_DIR=$PWD MANPATH=$BUILD/share/man systemd-analyze verify --user $BUILD/lib/systemd/user/*
   $ bare() { env -i ${ASAN_OPTIONS:+ASAN_OPTIONS=$ASAN_OPTIONS LSAN_OPTIONS=$LSAN_OPTIONS} "$@"; }
@@ -258,7 +258,7 @@ A timer's service may start it, or cron, with next to no environment: what was l
   $ bare HOME=$PWD SCIM_SOCKET_ADDRESS=$SCIM_SOCKET_ADDRESS $BUILD/bin/ime-backupctl backup | cut -c 1-8
   backup 1
 
-Standard output that is full or closed: what could not be said is not said to be done.
+If standard output is full or closed, the command fails, since its result can't be reported.
 
   $ ime-backupctl settings set selected_lang $(printf 'xx_%s,' {1..500})
   $ ime-backupctl backup
@@ -281,7 +281,7 @@ Standard output that is full or closed: what could not be said is not said to be
   $ $service --help >/dev/full
   [1]
 
-Nor does a closed descriptor end up in a file of the device's state.
+With closed descriptors, no output ends up in the state's files.
 
   $ command ime-backupctl settings set prediction on <&- >&- 2>&-; echo $?
   0

@@ -75,8 +75,7 @@ TEST(Retention, KeepsWhatItsRulesSay)
         {UTC,
          {.daily = 1, .monthly = 2},
          {"2030-01-01T00:00 daily,monthly", "2026-06-14T10:00 monthly", "2026-06-13T10:00 newest"}},
-        // Backups that rules of dates can't judge leave the places to the others. One date is in
-        // microseconds.
+        // Backups without a usable date do not count as a day's. One date is in microseconds by mistake.
         {UTC,
          {.daily = 1},
          {"?2026-06-04T10:00 unreadable", "!2026-06-04T10:00", " no date", "1780000000000000 no date",
