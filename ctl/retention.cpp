@@ -33,7 +33,7 @@ apply_retention(const Retention &retention, const std::vector<RatedBackup> &back
         if (state != State::good)
             continue;
         newest = i;
-        if (date)
+        if (date && !period_of(*date, "%F").empty()) // the calendar ends with the year 9999
             by_date.push_back(i);
         else if (has_date_rule)
             kept_by[i].emplace_back("no date");

@@ -14,11 +14,10 @@ struct RatedBackup {
 /// How many backups to keep. A backup is kept if any rule keeps it.
 struct Retention {
     std::uint64_t newest = 0;
-    std::uint64_t daily =
-        0; ///< days that have a backup; of each day, the backup with the latest date is kept
-    std::uint64_t weekly = 0;           ///< likewise
-    std::uint64_t monthly = 0;          ///< likewise
-    std::optional<std::int64_t> within; ///< maximum age in milliseconds
+    std::uint64_t daily = 0; ///< days with a backup: of each, the backup with the latest date is kept
+    std::uint64_t weekly = 0;
+    std::uint64_t monthly = 0;
+    std::optional<std::int64_t> within = {}; ///< maximum age in milliseconds
 };
 
 /// Returns, for each backup, the names of the rules that keep it; none if the backup is to be deleted.

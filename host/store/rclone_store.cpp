@@ -43,7 +43,6 @@ static constexpr char UNWANTED_VARIABLES[] =
 static constexpr char TRACER_LIBRARY[] = R"([^ :]*libime-backup-trace\.so[ :]*)";
 
 static constexpr int MAX_TRIES = 8;
-static constexpr gint32 MAX_PAUSE_US = 100'000;
 
 /// rclone's time limit for a server that does not answer: this time, and at most this fraction of the time
 /// that is left. It leaves time for a second try and for the report.
@@ -174,10 +173,6 @@ public:
             const BackupNumber number = number_after(std::max(at_least, highest_taken(names)));
             if (try_to_add(number, content))
                 return number;
-            // A random pause, so that two processes do not collide again.
-            const gint64 end = g_get_monotonic_time() + g_random_int_range(0, MAX_PAUSE_US << tries);
-            while (g_get_monotonic_time() < end)
-                wait_for_another("another process");
         }
         throw HostError("other processes keep adding backups to " + location() + " at the same time");
     }
@@ -275,7 +270,10 @@ private:
     /// exist, remotes without folders report success and an empty content.
     Result get(const std::string &name) const
     {
-        return run({"cat", "--count", std::to_string(MAX_RECORD_FILE_SIZE + 1), "--", file(name)});
+        // Without --no-traverse, rclone looks for the file in a listing of the folder. Some servers cut that
+        // short when another file vanishes meanwhile, and rclone then prints nothing and succeeds.
+        return run(
+            {"cat", "--no-traverse", "--count", std::to_string(MAX_RECORD_FILE_SIZE + 1), "--", file(name)});
     }
 
     void put(const std::string &name, const std::string &content) const
@@ -351,15 +349,33 @@ private:
         return false;
     }
 
+    /// True once no other file has the number of an upload. Of several uploads under one number, only the
+    /// first by name waits until the others are gone: if all gave way, they could meet again under the next
+    /// number.
+    bool wins(const std::string &uploaded, BackupNumber number) const
+    {
+        for (int tries = 0; tries < MAX_TRIES; tries++) {
+            bool is_alone = true;
+            for (const std::string &name : names_there())
+                if (name != uploaded && number_taken_by(name) == number) {
+                    if (name < uploaded || !name.ends_with(UPLOAD_SUFFIX))
+                        return false;
+                    is_alone = false;
+                }
+            if (is_alone)
+                return true;
+            wait_for_another("another process");
+        }
+        return false; // the process of the other upload was killed
+    }
+
     /// Renames a complete upload to a backup, unless another file has its number. If two processes upload
     /// under one number, at least one of them sees the other's file here. A remote may list files late;
     /// comparing the content detects this.
     bool give_name(const std::string &uploaded, BackupNumber number, const std::string &content) const
     {
-        for (const std::string &name : names_there())
-            if (name != uploaded && number_taken_by(name) == number)
-                return false;
-
+        if (!wins(uploaded, number))
+            return false;
         const std::string name = file_name(number);
         const Result moved = run({"moveto", "--ignore-existing", "--", file(uploaded), file(name)});
         const Result named = get(name);

@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""Cuts the power at each step of a command, and looks whether all is there that the command told of.
+"""Cuts the power at each step of a command, and checks that everything that the command had reported is there.
 
 Usage: crash_test.py BUILD_DIR SCIM_LAUNCHER
 
-Each command runs once, and each change that it makes to files is recorded. What a power cut may leave of the files
-comes of the record; the real programs have to cope with it, beside a SCIM daemon with its file of that moment.
-Data lasts once its file is synced, a name once its folder is. Of data that is not synced, any part may be missing.
-Names that are not synced are missing from some change of their folder on.
+Each command runs once, and its changes of files are recorded. The record gives the states in which a power cut may
+leave the files. The real programs have to cope with each state, beside a SCIM daemon with its file of that moment.
+Data is durable once its file is synced, a name once its folder is synced. Any part of unsynced data may be missing.
+Unsynced names are missing from some change of their folder on.
 """
 
 import collections
@@ -36,15 +36,17 @@ ONE = ("settings set default_keyboard alpha selected_lang en_US,ko_KR handwritin
        " downloaded_lang en_US,ko_KR,fr_FR downloaded_with_handwriting_lang en_US")
 OTHER = ("settings set default_keyboard beta selected_lang fr_FR handwriting off prediction off auto_space off"
          " auto_capitalize on auto_punctuation off key_tap_sound on")
-LEFT_OUT = re.compile(r"(.*/)?(service\.log|.*-shm)")  # a log is for people; SQLite makes the other anew
+LEFT_OUT = re.compile(r"(.*/)?(service\.log|.*-shm)")  # the log is for people; SQLite recreates the other file
 FORGET = "find state -mindepth 1 -not -path state/cloud* -delete"  # all but the backups
 
-SCENARIOS = {  # what was done before, and what is cut
+SCENARIOS = {  # the commands before, and the commands that are cut
     "backup, the first": (["settings set default_keyboard alpha"], ["backup"]),
     "backup, a later one": ([ONE, "backup", OTHER], ["backup"]),
     "restore, on first use": ([ONE, "backup", OTHER, FORGET], ["restore"]),
     "restore, later": ([ONE, "backup", OTHER, "settings unset key_tap_vib"], ["restore"]),
     "restore, the second": ([ONE, "backup", OTHER, "backup", "restore 1"], ["restore 2"]),
+    "restore, of chosen settings": ([ONE, "backup", OTHER, "settings unset key_tap_vib"],
+                                    ["restore --only default_keyboard,prediction,key_tap_vib"]),
     "undo": ([ONE, "backup", OTHER, "settings unset key_tap_vib prediction", "restore"], ["undo"]),
     "settings set, the first": ([], [ONE]),
     "settings set, later": ([ONE], [OTHER]),
@@ -58,7 +60,7 @@ AFTERWARDS = [ONE, "backup", OTHER, "restore", "undo", "delete {newest}", "list"
 
 
 class Host:
-    """A folder with the files of a host; entered, it has a SCIM daemon."""
+    """A folder with the files of a host. As a context, it runs a SCIM daemon."""
 
     def __init__(self, folder):
         self.folder, self.state, self.config = folder, folder / "state", folder / "scim/.scim/config"
@@ -97,7 +99,7 @@ class Host:
         return self.config.read_bytes() if self.config.exists() else b""
 
     def settings(self):
-        """As they are shown, and as the settings store and SCIM's file have them."""
+        """The settings as shown, and as stored in the settings store and SCIM's file."""
         lines = self.configuration().decode().splitlines()
         kept = sorted(line for line in lines if "keyloom/" in line or "~other" in line)
         with tempfile.TemporaryDirectory() as copy:
@@ -114,24 +116,24 @@ def backups_in(names):
 
 
 def numbers_in(output, is_deleted=False):
-    """The backups that are told to be there, or to be deleted."""
+    """The backups that the output reports as stored, or as deleted."""
     return {int(number) for number, word in re.findall(rb"^backup (\d+)  (\S+)", output, re.M)
             if (word == b"deleted") == is_deleted}
 
 
 def record(name, folder):
     setup, commands = SCENARIOS[name]
-    made, output, told = folder / "record", folder / "output", b""
+    made, output, printed = folder / "record", folder / "output", b""
     with Host(folder) as host:
         host.state.mkdir(parents=True)
         for command in setup:
             result = host.run(command)
             assert result.returncode == 0, result
-            told += result.stdout
+            printed += result.stdout
         before, history, events = host.settings(), host.json("history"), []
         recording = SimpleNamespace(
             name=name, commands=commands, events=events, tree=host.tree(), configuration=host.configuration(),
-            entry=history[-1]["entry"] if history else 0, highest=max(numbers_in(told), default=0))
+            entry=history[-1]["entry"] if history else 0, highest=max(numbers_in(printed), default=0))
         made.touch()
         for command in commands:
             with output.open("ab") as file:
@@ -150,7 +152,7 @@ def record(name, folder):
 
 
 class File:
-    """What of a file is on the disk, and what is not known to be."""
+    """The synced content of a file, and its unsynced changes."""
 
     def __init__(self, synced=b""):
         self.synced, self.pending = synced, []
@@ -182,7 +184,7 @@ def change_names(names, event, path, other, what):
 
 
 class Cut:
-    """What is known when the power goes after so many events."""
+    """The state when the power is cut after a number of events."""
 
     def __init__(self, recording, count):
         self.recording, self.count = recording, count
@@ -197,7 +199,7 @@ class Cut:
             elif event == "seen":
                 self.configuration = data
             elif event in ("write", "truncate"):
-                if file:  # else its name is gone, and so is what is in it
+                if file:  # otherwise the file has been removed
                     file.pending.append((int(other), data if event == "write" else None))
             elif event == "sync" and file:
                 self.last_sync, file.synced, file.pending = i, file.content(), []
@@ -211,14 +213,14 @@ class Cut:
         self.unsynced = {file: path for path, file in files if file and file.pending}
 
     def left(self, data="nothing", names=None, chance=random):
-        """The files that are left, and what is missing: of the data of all files or of each, and all names from this
-        event on, or from one for each folder."""
+        """The files that are left. `data` says what is missing of the data of all files, or of each. `names` is the
+        event from which on names are missing, of all folders or of each."""
         tree, left = dict(self.before), {}
         for i, event, path, other, what in self.name_changes:
             folder = os.path.dirname(path)
             if names is None or i <= self.synced[folder] or i < (names if isinstance(names, int) else names[folder]):
                 change_names(tree, event, path, other, what)
-        for path, file in sorted(tree.items()):  # a folder comes before what is in it
+        for path, file in sorted(tree.items()):  # a folder comes before its files
             if os.path.dirname(path) in ("", *left):
                 left[path] = file and file.content(data if isinstance(data, str) else data.get(file), chance)
         of = data if isinstance(data, str) else {self.unsynced[file]: missing for file, missing in data.items()}
@@ -244,7 +246,8 @@ def in_turns(*iterators):
 
 
 def states_of(recording, chance):
-    """Each state once: the worst once all is told, then the worst of each cut, and any, until hardly one is new."""
+    """Each state once: the worst ones after the last event, then the worst and random ones of each cut, until hardly
+    any is new."""
     cuts = [Cut(recording, count) for count in range(len(recording.events) + 1)]
     last = cuts[-1]
     chance.shuffle(cuts)
@@ -262,7 +265,7 @@ def states_of(recording, chance):
 
 
 def check(cut, tree, host):
-    """What is wrong with the state in which a host is."""
+    """The problems of a host in this state."""
     recording, problems = cut.recording, []
 
     def succeed(command):
@@ -277,7 +280,7 @@ def check(cut, tree, host):
                 number not in listed or tree[path] != cut.names[path].content()):
             problems.append(f"backup {number} is lost")
     for number in numbers_in(cut.output, is_deleted=True) & listed:
-        problems.append(f"backup {number} is back, though it was told to be deleted")
+        problems.append(f"backup {number} is back, though it was reported as deleted")
 
     (before, before_kept), (after, after_kept) = recording.settings
     is_undo = recording.commands == ["undo"]  # of the last entry
@@ -288,7 +291,7 @@ def check(cut, tree, host):
     for name, value in host.settings()[0].items():
         if value not in ([after[name]] if is_done else [before[name], after[name]]):
             problems.append(f"{name} is {value}; before it was {before[name]}, afterwards {after[name]}")
-    # What had begun is put back, and an undo is completed.
+    # Unfinished changes can be undone, and an unfinished undo can be finished.
     if any(entry["changed"] and not entry["undone"] for entry in begun):
         succeed("undo")
     kept, wanted = host.settings()[1], after_kept if is_undo else before_kept

@@ -1,7 +1,7 @@
-// Preloaded into a program, it writes down each change that is made below the folder $CRASH_FOLDER, in the
-// file $CRASH_RECORD: one line for each call that succeeded, with tabs between the call, the path, a number
-// or a second path, and the data in hexadecimal digits. In front of a call it writes down which of the files
-// $CRASH_WATCHED, that others write, have changed.
+// This library is preloaded into a program. It records each change below the folder $CRASH_FOLDER in the file
+// $CRASH_RECORD. Each successful call is a line of tab-separated fields: the call, the path, a number or a
+// second path, and the data in hexadecimal. Before each call, it also records which of the files
+// $CRASH_WATCHED have changed: other programs write these.
 
 #include <cerrno>
 #include <cstdio>
@@ -30,8 +30,8 @@ static std::string variable(const char *name)
     return value == nullptr ? "" : value;
 }
 
-static void put_down(const char *call, const std::string &path, const std::string &argument,
-                     std::string_view data)
+static void write_record(const char *call, const std::string &path, const std::string &argument,
+                         std::string_view data)
 {
     static constexpr char DIGITS[] = "0123456789abcdef";
     std::string line = std::string(call) + '\t' + path + '\t' + argument + '\t';
@@ -40,7 +40,7 @@ static void put_down(const char *call, const std::string &path, const std::strin
         line += DIGITS[static_cast<unsigned char>(c) & 15];
     }
     line += '\n';
-    // Opened each time: a program that starts another gives files its own numbers.
+    // Opened each time, since a program that starts another one renumbers descriptors.
     const long record =
         syscall(SYS_openat, AT_FDCWD, variable("CRASH_RECORD").c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
     if (syscall(SYS_write, record, line.data(), line.size()) != static_cast<long>(line.size()))
@@ -50,7 +50,7 @@ static void put_down(const char *call, const std::string &path, const std::strin
 
 static void look_at_watched()
 {
-    // Never destroyed: files are closed until the very end.
+    // Never destroyed, since calls are recorded until the process ends.
     static auto &known = *new std::map<std::string, std::string>;
     std::istringstream paths(variable("CRASH_WATCHED"));
     for (std::string path; std::getline(paths, path, ':');) {
@@ -58,7 +58,7 @@ static void look_at_watched()
         content << std::ifstream(path).rdbuf();
         if (std::string &last = known[path]; last != content.str()) {
             last = content.str();
-            put_down("seen", path, "", last);
+            write_record("seen", path, "", last);
         }
     }
 }
@@ -69,7 +69,7 @@ static std::string path_of(int file)
     return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file), ignored);
 }
 
-/// Makes a call, and puts it down when it succeeds and changes something below the folder.
+/// Makes a call, and records it if it succeeds and concerns a path below the folder.
 template <class Call>
 static auto record(const char *name, const std::string &path, const std::string &argument,
                    std::string_view data, Call call)
@@ -83,7 +83,7 @@ static auto record(const char *name, const std::string &path, const std::string 
     const auto result = call();
     const int error = errno;
     if (result >= 0)
-        put_down(name, path, argument, data.substr(0, static_cast<size_t>(data.empty() ? 0 : result)));
+        write_record(name, path, argument, data.substr(0, static_cast<size_t>(data.empty() ? 0 : result)));
     errno = error;
     return result;
 }
@@ -97,7 +97,7 @@ static int record_open(const char *name, const char *path, int flags, mode_t mod
     return record(makes ? "create" : "truncate", path, "0", "", open_it);
 }
 
-/// A function in open()'s place that always takes a mode: the real one ignores it where none was given.
+/// Replaces open(). It always passes a mode, which the real function ignores without O_CREAT.
 #define RECORDED_OPEN(name)                                                                                  \
     int recorded_##name(const char *path, int flags, mode_t mode) __asm__(#name);                            \
     int recorded_##name(const char *path, int flags, mode_t mode)                                            \

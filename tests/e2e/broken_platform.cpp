@@ -1,5 +1,5 @@
-// A platform that breaks the one promise that $BROKEN names, as LIBRARY:PROMISE. Preloaded, it stands in
-// front of the real one.
+// A platform that breaks one promise: $BROKEN is LIBRARY:PROMISE. It is preloaded, so that it comes before
+// the real platform.
 
 #include <cstdarg>
 #include <cstdlib>
@@ -30,7 +30,7 @@ static bool breaks(const char *promise)
     return broken != nullptr && strcmp(broken, promise) == 0;
 }
 
-/// The platform's own function of a name.
+/// Returns the platform's own function of this name.
 #define NEXT(name) reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
 
 // The log and the application.
@@ -126,7 +126,7 @@ int vconf_set_bool(const char *key, int value)
     return NEXT(vconf_set_bool)(key, breaks("vconf:inverse") ? !value : value);
 }
 
-/// The same text at a place that all calls share.
+/// Returns the text in a buffer that all calls share.
 static char *in_one_place(const std::string &text)
 {
     static char place[1 << 18];
@@ -336,7 +336,7 @@ int orvanta_cloud_record_get_value(orvanta_cloud_record_handle record, char **va
 
 int orvanta_cloud_record_set_date(orvanta_cloud_record_handle record, const char *date)
 {
-    const bool is_late = date != nullptr && strlen(date) > 10; // for seconds
+    const bool is_late = date != nullptr && strlen(date) > 10; // longer than a date in seconds
     if (is_late && breaks("orvanta-cloud-svc:seconds"))
         return NEXT(orvanta_cloud_record_set_date)(record, std::string(date, 10).c_str());
     return is_late && breaks("orvanta-cloud-svc:date") ? -1

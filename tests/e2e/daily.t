@@ -66,6 +66,12 @@ A restore of chosen settings, without the service. The other settings stay exact
   12     DAY TIME  undo of entry 9      done    selected_lang
   13     DAY TIME  restore of backup 2  done
   14     DAY TIME  restore of backup 4  failed  not restored: record "0"
+  $ change_store() { sqlite3 $IME_BACKUP_HOST_DIR/settings.db "$1"; }
+  $ change_store "CREATE TRIGGER full BEFORE INSERT ON settings BEGIN SELECT RAISE(ABORT, 'full'); END"
+  $ ime-backupctl restore 2 --only prediction; change_store 'DROP TRIGGER full'
+  setting     before  after
+  prediction  false   false  should be true
+  ime-backupctl: the settings store WORK/state/settings.db can't be used: full
 
 A dump and its load, with unset settings.
 

@@ -1,5 +1,5 @@
-// ime-backupctl and the service with a SCIM daemon of their own, when something gets in between: signals,
-// kills, a bus, others at the same time. What a session can show is in the transcripts.
+// ime-backupctl, the service and a SCIM daemon under disturbances: signals, kills, a bus, concurrent
+// processes. The transcripts cover everything that a shell session can show.
 
 #include <algorithm>
 #include <chrono>
@@ -30,7 +30,7 @@ static constexpr int EXIT_TIMED_OUT = 124;
 namespace
 {
 
-/// Tries `condition` until it holds; false when it never does.
+/// Waits until `condition` holds. Returns false after a time limit.
 template <class Condition>
 bool eventually(Condition condition)
 {
@@ -127,7 +127,7 @@ void Workstation::make_two_backups()
     }
 }
 
-/// Runs backups and restores, each disturbed at a later moment than the one before.
+/// Runs backups and restores, and disturbs each at a later moment than the previous one.
 void Workstation::disturb_exchanges(int rounds, const Disturb &disturb)
 {
     make_two_backups();
@@ -138,8 +138,9 @@ void Workstation::disturb_exchanges(int rounds, const Disturb &disturb)
 
     for (int round = 0; round < rounds && !HasFailure(); round++) {
         SCOPED_TRACE("round " + std::to_string(round));
-        const int number = round % 3;                            // 0 makes a backup, the others restore one
-        if (settings().find("(not set)") != std::string::npos) { // killed in a write, SCIM's daemon loses all
+        const int number = round % 3; // 0 makes a backup, the others restore one
+        if (settings().find("(not set)") !=
+            std::string::npos) { // SCIM's daemon loses all settings if it is killed in a write
             ASSERT_EQ(ctl({"restore", "1"}).status, 0);
         }
         const std::string before = settings();
@@ -147,7 +148,7 @@ void Workstation::disturb_exchanges(int rounds, const Disturb &disturb)
         Process process(number == 0 ? Arguments{CTL, "backup"}
                                     : Arguments{CTL, "restore", std::to_string(number)},
                         environment);
-        // Its first third starts the two processes.
+        // Nothing is disturbed in the first third, in which the two processes start.
         usleep(static_cast<useconds_t>(duration.count()) * static_cast<useconds_t>(rounds + 2 * round) /
                static_cast<useconds_t>(3 * rounds));
         disturb(process, round);
@@ -155,7 +156,7 @@ void Workstation::disturb_exchanges(int rounds, const Disturb &disturb)
     }
 }
 
-/// What ime-backupctl says of an exchange is what happened.
+/// Checks that ime-backupctl reports what happened.
 void Workstation::expect_truth(const Outcome &outcome, size_t restored, const std::string &before,
                                size_t backups_before) const
 {
@@ -170,7 +171,7 @@ void Workstation::expect_truth(const Outcome &outcome, size_t restored, const st
     if (restored == 0) {
         EXPECT_EQ(after, before);
     }
-    if (restored != 0 || !says("shows whether")) { // it was killed, and may have been stored
+    if (restored != 0 || !says("shows whether")) { // the service was killed, and the backup may be stored
         EXPECT_EQ(stored, restored == 0 && outcome.status == 0 ? 1U : 0U);
     }
     if (restored != 0 && outcome.status == 0) {
@@ -184,7 +185,7 @@ void Workstation::expect_truth(const Outcome &outcome, size_t restored, const st
         EXPECT_EQ(ctl({"restore"}).status, 0);
         EXPECT_EQ(settings(), before) << "is what was backed up";
     }
-    if (outcome.status == -1 || says("nothing on the device")) { // -1: before the service was there
+    if (outcome.status == -1 || says("nothing on the device")) { // -1: killed before the service started
         EXPECT_EQ(after, before);
     }
     if (says("settings of the device had been changed")) {
@@ -196,17 +197,17 @@ TEST_F(Workstation, WhatIsSaidOfAnInterruptedExchangeIsSo)
 {
     disturb_exchanges(42, [](Process &process, int round) {
         process.send(round % 2 == 0 ? SIGINT : SIGTERM);
-        if (round % 4 == 0) // for the impatient
+        if (round % 4 == 0) // a second signal, as from an impatient user
             process.send(SIGINT);
     });
 }
 
-/// The service that ime-backupctl has started, or 0.
+/// Returns the process of the service that ime-backupctl has started, or 0.
 static pid_t service_of(const Process &process)
 {
     const std::string pid = std::to_string(process.pid());
     const std::string child = read_file("/proc/" + pid + "/task/" + pid + "/children");
-    // Else it is not there yet, or a child of a sanitizer's.
+    // Another name: the service has not started yet, or the child is a sanitizer's.
     return !child.empty() &&
                    read_file("/proc/" + std::to_string(std::stoi(child)) + "/comm") == "ime-backup-serv\n"
                ? std::stoi(child)
@@ -218,14 +219,14 @@ TEST_F(Workstation, TheServiceEndsWithItsClient)
     scim->send(SIGSTOP);
     auto impatient = environment;
     impatient["SCIM_SOCKET_TIMEOUT"] = "300";
-    for (int i = 0; i < 3; i++) { // at the latest when it gives up the daemon
+    for (int i = 0; i < 3; i++) { // at the latest once it has stopped waiting for the daemon
         Process process({CTL, "backup"}, impatient);
         pid_t service = 0;
         ASSERT_TRUE(eventually([&] { return (service = service_of(process)) != 0; }));
         usleep(static_cast<useconds_t>(i) * 4000);
         process.send(SIGKILL);
         process.wait();
-        // Whoever inherits what is left of it may not look after it.
+        // A zombie is fine: the process that adopts it may not reap it.
         const fs::path left = "/proc/" + std::to_string(service) + "/status";
         EXPECT_TRUE(eventually(
             [&] { return !fs::exists(left) || read_file(left).find("State:\tZ") != std::string::npos; }));
@@ -239,7 +240,7 @@ TEST_F(Workstation, WhatIsSaidOfAKilledServiceIsSo)
         if (const pid_t service = service_of(process); service != 0)
             kill(service, SIGKILL);
     });
-    // What was being written is left behind once, not again and again.
+    // At most one temporary file of each kind is left behind.
     std::set<std::string> kinds;
     for (const auto &entry : fs::recursive_directory_iterator(state))
         if (entry.path().extension() == ".new") {
@@ -269,7 +270,7 @@ TEST_F(Workstation, WhatIsSaidWithoutADaemonIsSo)
 TEST_F(Workstation, WhatIsDoneIsSaidWhateverSignalComes)
 {
     make_two_backups();
-    // A reader that is slow.
+    // A slow reader.
     const fs::path pipe = root.path / "pipe";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     const Descriptor reader(open(pipe.c_str(), O_RDWR | O_NONBLOCK));
@@ -289,19 +290,19 @@ TEST_F(Workstation, WhatIsDoneIsSaidWhateverSignalComes)
     EXPECT_EQ(process.wait().status, 0);
 }
 
-/// Each call in a trace, such as "vconf_get_bool#2".
+/// Returns the calls in a trace, such as "vconf_get_bool#2".
 std::vector<std::string> find_calls(const std::string &trace)
 {
     static const std::regex call("(^|\n) *([a-z_:A-Z]+)\\(");
     std::map<std::string, int> counts;
     std::vector<std::string> calls;
     for (std::sregex_iterator i(trace.begin(), trace.end(), call); i != std::sregex_iterator(); i++)
-        if ((*i)[2] != "scim::ConfigModule::ConfigModule") // which always comes to something
+        if ((*i)[2] != "scim::ConfigModule::ConfigModule") // which cannot fail
             calls.push_back((*i)[2].str() + "#" + std::to_string(++counts[(*i)[2]]));
     return calls;
 }
 
-/// Without these the service waits for another request, by contract.
+/// True for calls after whose failure the service waits for another request, by contract.
 bool waits_without(const std::string &call)
 {
     static const std::regex waiting(
@@ -420,7 +421,7 @@ TEST_F(OnABus, ASignalEndsTheServiceInOrder)
         EXPECT_EQ(service.wait().status, 0);
     }
 
-    // Closed in order, the library tells of the exchange that it gives up: one that waits for its turn.
+    // A service that ends in order reports the exchange that it gives up while it waits for its turn.
     FileLock others_turn(state / EXCHANGE_LOCK);
     others_turn.acquire();
     Process service({SERVICE_PROGRAM, OPERATION_BACKUP}, with_bus());

@@ -1,5 +1,4 @@
-// Another settings store than the host's: it keeps values in a process alone, and sets a switch that it can't
-// read.
+// Replaces the host's settings store with values in memory. It also sets a switch that can't be read back.
 
 #include <cstdlib>
 #include <cstring>

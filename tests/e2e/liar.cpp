@@ -1,6 +1,7 @@
-// Preloaded into the service, it makes a liar of it: what stands in front of the = in $LIE is replaced by
-// what stands behind it, in the snapshot that the service makes of the device and in the one that it applies.
-// With $THREADS, the callback that prepares a backup runs on another thread, while others use the platform.
+// This library is preloaded into the service, and falsifies its snapshots: with $LIE set to OLD=NEW, it
+// replaces OLD in the snapshot that the service makes of the device, and in the snapshot that the service
+// applies. With $THREADS, the callback that prepares a backup runs on a second thread, while others use the
+// platform.
 
 #include <cstdlib>
 #include <cstring>

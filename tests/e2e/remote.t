@@ -225,13 +225,24 @@ Two devices share a path by mistake: each reported backup is there under its num
   $ for device in 1 2; do
   >     printf '{"default_keyboard":"%s"}\n' $device >device-$device
   >     echo "device-$device $(command ime-backupctl import device-$device 2>errors.$device)" >said.$device &
-  > done; wait; grep -v 'it has no' errors.*
+  > done; wait; grep -v 'is missing$' errors.*
   [1]
   $ cat said.[12] | while read -r name backup number imported; do
   >     ime-backupctl show $number --json | cmp - $name && echo $name $imported
   > done
   device-1 imported
   device-2 imported
+
+Of two uploads under one number, one gives way. Files that come and go beside a backup do not hide it.
+
+  $ export rclone other=$WORK/remote/other; mkdir $other
+  $ rclone_does 'there=$(ls $other/*.ffffffffffffffff.new); [[ $* != *\ lsf\ * || ! $there ]] || { $rclone "$@"; rm $there; exit; }
+  >   [[ $* != *\ rcat\ * ]] || touch $other/$(basename "${@: -1}" | cut -d . -f 1,2).ffffffffffffffff.new'
+  $ lie_and import --store rclone:dav:other file
+  backup 1  imported
+  $ rclone_does '[[ $* != *\ cat\ * ]] || { while kill -0 $$; do : >$other/a; rm $other/a; done & for _ in {1..6}; do $rclone "$@" >read; [[ -s read ]] || break; done; cat read; exit; }'
+  $ lie_and import --store rclone:dav:other file
+  backup 2  imported
 
 An encrypted remote. A backup that can't be decrypted does not hide the others.
 

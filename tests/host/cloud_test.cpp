@@ -1,4 +1,4 @@
-// liborvanta-cloud-svc, on real files, with a service that is only a few callbacks.
+// liborvanta-cloud-svc, on real files, with a service of a few callbacks.
 
 #include "orvanta_cloud.h"
 
@@ -34,7 +34,7 @@ namespace
 const CloudRecords TWO_RECORDS = {{"0", "1700000000999", "{\"a\":\"\xc3\xa9 \\\\ \\\"\"}"},
                                   {"1", std::nullopt, "second"}};
 
-/// How `action` is refused, or "" when it is not.
+/// Returns the message with which `action` throws, or "".
 std::string refusal(const std::function<void()> &action)
 {
     try {
@@ -45,13 +45,12 @@ std::string refusal(const std::function<void()> &action)
     }
 }
 
-/// Expects `text` to hold `part`.
 void expect_in(const std::string &text, const std::string &part)
 {
     EXPECT_NE(text.find(part), std::string::npos) << "\"" << text << "\" lacks \"" << part << "\"";
 }
 
-/// A device that only keeps values.
+/// A device in memory.
 struct FakeDevice : Device {
     std::vector<DeviceValue> read(std::span<const SettingRow> rows) override
     {
@@ -96,7 +95,7 @@ std::string refuses(const SettingRow &row, const DeviceValue &value)
     return device.refuses(row, value);
 }
 
-/// What a backup of the device holds.
+/// Returns the snapshot in a backup of the device.
 std::string snapshot_of_device()
 {
     return write_snapshot(plan_backup(device.state, refuses).snapshot);
@@ -131,7 +130,7 @@ TEST_F(Cloud, ARecordIsAddedOnceAndHoldsUtf8)
     EXPECT_NE(orvanta_cloud_record_set_value(record, "\xff"), 0);
 }
 
-/// A record file around a text that something else wrote, with the checksum of that text.
+/// Returns a record file around records that another program wrote, with their checksum.
 std::string frame(const std::string &records)
 {
     g_autofree gchar *checksum = g_compute_checksum_for_string(G_CHECKSUM_SHA256, records.c_str(), -1);
@@ -162,7 +161,7 @@ TEST_F(Cloud, RecordFileIsRefusedWhenAnyByteDiffers)
     for (const char *other : {"7", "{", "", R"([{"value":"})"})
         EXPECT_NE(refusal([&] { decode_record_file(frame(other)); }), "") << other;
 
-    // Another writer may escape as it likes.
+    // Another writer may escape characters differently.
     EXPECT_EQ(decode_record_file(frame(R"([{"value":"\u001fa\u0061"}])")).at(0).value, "\x1f"
                                                                                        "aa");
     EXPECT_EQ(decode_record_file(frame("[7,{\"key\":1}]")).size(), 2) << "records without anything";
@@ -181,7 +180,7 @@ TEST_F(Cloud, AValueIsReadByAllAlikeOrByNone)
         bool refused;
     } cases[] = {
         {"{}", false},
-        {"no JSON", false}, // a record of it fails alone
+        {"no JSON", false}, // fails alone, without the other records
         {"", false},
         {"{\"a\":1,}", false},
         {"{\"a\":/**/1}", true},
@@ -288,7 +287,7 @@ TEST_F(Cloud, NoNumberIsGivenTwice)
     };
     remove({3, 1});
     EXPECT_EQ(store.add(""), 4);
-    // A process was killed before it remembered 4, or the power was cut.
+    // A kill or a power cut kept the number 4 from being remembered.
     const fs::path lock = root.path / "cloud/.lock";
     for (const std::string &remembered : {"3\n"s, ""s, "99999999999999\n"s, "3\0\0"s, "\0\0\n"s}) {
         write_file(lock, remembered);
@@ -296,7 +295,7 @@ TEST_F(Cloud, NoNumberIsGivenTwice)
         remove({newest});
         EXPECT_EQ(store.add(""), newest + 1) << remembered;
     }
-    // What is no lock of a store's is somebody's.
+    // A file that is not a store's lock belongs to the user, and is not touched.
     const fs::path other = root.path / "other";
     const std::pair<const char *, std::function<void()>> others[] = {
         {"not a regular file", [&] { fs::create_symlink(other, lock); }},
@@ -359,25 +358,25 @@ TEST_F(Cloud, AReportIsReadAsItWasWritten)
         EXPECT_NE(refusal([&] { decode_report(other); }), "") << other;
 }
 
-// A service that answers as a test tells it to.
+// A service whose answers a test chooses.
 
 struct Service {
     int ready = 1;
     bool send_keys = true;
-    const char *key = "0"; ///< that a filled record has
+    const char *key = "0"; ///< of a filled record
     const char *date = "1700000000999";
     bool add_record = false;
-    bool tamper = false;                        ///< with the file that was written
-    std::optional<std::string> value = "right"; ///< which stands for the plan's
+    bool tamper = false;                        ///< changes the file that was written
+    std::optional<std::string> value = "right"; ///< "right" is the plan's snapshot
     std::string written_path = IME_BACKUP_BACKUP_FILE;
     std::string sent_path = IME_BACKUP_BACKUP_FILE;
-    std::set<std::string> failing = {}; ///< values
+    std::set<std::string> failing = {}; ///< values of the records that fail
     bool hand_back = true;
     bool hand_back_all = true;
     const char *restored_key = nullptr;      ///< instead of the index
-    std::function<void()> meanwhile = [] {}; ///< done to the device
+    std::function<void()> meanwhile = [] {}; ///< a change of the device
 
-    std::string called = {}; ///< the callbacks
+    std::string called = {}; ///< the callbacks, in their order
     int result = -1;
 } service;
 
@@ -529,7 +528,7 @@ TEST_F(Cloud, ExchangesCallInOrder)
 
 TEST_F(Cloud, ABackupSucceedsOnlyWhole)
 {
-    // A file of an earlier backup lies where the next one's would.
+    // The file of an earlier backup is at the path of the next one.
     ASSERT_EQ(run_exchange(false).reason, "");
     write_file(root.path / "blocked", "a file where a folder should be");
     const struct {
@@ -593,7 +592,7 @@ TEST_F(Cloud, ABackupHoldsWhatTheDeviceDoes)
     }
     EXPECT_TRUE(open_store()->list().numbers.empty());
 
-    // Someone else changes a setting meanwhile: before the service reads it, or after.
+    // Another program changes a setting, before or after the service reads it.
     EXPECT_EQ(run_exchange(false, {.meanwhile = [] { device.state[index_of(PREDICTION)] = true; }}).reason,
               "");
     EXPECT_EQ(run_exchange(false, {.value = with("\"handwriting\":true", "\"handwriting\":false"),
@@ -605,7 +604,7 @@ TEST_F(Cloud, ABackupHoldsWhatTheDeviceDoes)
                   .reason,
               "");
 
-    // What another library keeps is not compared, and that is told.
+    // Settings in another library's store are not compared, and the result says so.
     device.foreign = SettingPlace::settings_store;
     const std::string lie = with("\"handwriting\":true", "\"handwriting\":false");
     EXPECT_EQ(run_exchange(false, {.value = lie}).reason,
@@ -640,7 +639,7 @@ TEST_F(Cloud, ADeviceThatCanNotBeBackedUpIsNot)
     EXPECT_EQ(service.called, "prepare keys completed ");
     device.is_readable = true;
 
-    // Nothing is changed on the way, but what is not set and is to be.
+    // A backup changes no setting, except that it gives an unset one its default.
     const auto change = [] {
         EXPECT_THROW(device.write(PREDICTION, true), PlatformError);
         EXPECT_THROW(device.write(SETTINGS[1], "fr_FR#"), PlatformError);
@@ -748,7 +747,7 @@ TEST_F(Cloud, ARestoreMakesOfTheDeviceWhatItShould)
 
 TEST_F(Cloud, AnExchangeWaitsForAnother)
 {
-    // The lock belongs to an open file: a second one in this process stands for another process's.
+    // A lock belongs to an open file, so a second open file stands for another process.
     static std::optional<FileLock> other;
     other.emplace(state_root() / EXCHANGE_LOCK);
     ASSERT_TRUE(other->try_acquire());
@@ -784,7 +783,7 @@ TEST_F(Cloud, ADeinitializedLibraryIsFresh)
 
 TEST_F(Cloud, TheResultIsGivenOnceTheLastStepIsOver)
 {
-    // The service ends between any two iterations of the main loop.
+    // The service ends after each number of iterations of the main loop.
     for (int iterations = 0; iterations < 8; iterations++) {
         service = {};
         const Descriptor file(memfd_create("report", 0));
@@ -803,8 +802,7 @@ TEST_F(Cloud, TheResultIsGivenOnceTheLastStepIsOver)
         EXPECT_EQ(report.result == ExchangeReport::Result::succeeded, is_stored) << iterations;
         EXPECT_EQ(report.result == ExchangeReport::Result::undecided, iterations < 5) << iterations;
     }
-    // A number that is another file's is none, and then the report is for whoever started the service by
-    // hand.
+    // The variable names another file than the descriptor: no report is written to it.
     const Descriptor other(memfd_create("report", 0));
     setenv(REPORT_VARIABLE, name_report_file(report_file.get(), other.get()).c_str(), 1);
     orvanta_cloud_initialize();
@@ -818,7 +816,7 @@ TEST_F(Cloud, TheResultIsGivenOnceTheLastStepIsOver)
 
 TEST_F(Cloud, NothingThrownPassesTheMainLoop)
 {
-    // A child has no folder to be in.
+    // The child runs in a folder that has been removed.
     const pid_t child = fork();
     if (child == 0) {
         const fs::path gone = root.path / "gone";
@@ -864,7 +862,7 @@ TEST_F(Cloud, ARestoreIsInTheHistoryBeforeItsFirstChange)
     EXPECT_EQ(names(last().planned), "auto_punctuation auto_space handwriting key_tap_sound prediction ");
     EXPECT_EQ(last().before.at("prediction"), DeviceValue(false));
 
-    // What the plan leaves as it is, but the service changes on the way, is noted as it is changed.
+    // A change that isn't in the plan is noted when the service makes it.
     const auto change_keyboard = [&] {
         device.write(first_of(SettingForm::identifier), "other");
         EXPECT_TRUE(last().planned.contains("default_keyboard"));
@@ -873,7 +871,7 @@ TEST_F(Cloud, ARestoreIsInTheHistoryBeforeItsFirstChange)
     EXPECT_EQ(last().succeeded, false);
     EXPECT_EQ(std::ranges::count(last().changed, "default_keyboard"), 1);
 
-    // A change of which it is not known whether it was made may have been.
+    // A change with an unknown result counts as made.
     run_exchange(true, {.meanwhile = [] { account().begin({PREDICTION.place, PREDICTION.key, true, "x"}); }});
     EXPECT_EQ(last().changed, std::vector<std::string>{"prediction"});
 

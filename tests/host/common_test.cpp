@@ -1,4 +1,4 @@
-// What the host's libraries share, and libdlog.
+// The code that the host's libraries share, and libdlog.
 
 #include <fcntl.h>
 #include <regex>
@@ -79,11 +79,11 @@ Child shell(const std::string &script)
     return {.program = "sh", .arguments = {"-c", script}};
 }
 
-volatile std::sig_atomic_t signals_learnt_of;
+volatile std::sig_atomic_t handled_signals;
 
-void learn_of_signal(int)
+void count_signal(int)
 {
-    signals_learnt_of = signals_learnt_of + 1;
+    handled_signals = handled_signals + 1;
 }
 
 TEST(Child, IsStoppedAndWaitedFor)
@@ -93,9 +93,9 @@ TEST(Child, IsStoppedAndWaitedFor)
         const char *script;
         gint64 microseconds;
         int exit_status;
-        int signal; ///< that ended it
+        int signal; ///< that killed the child
         StopReason stopped;
-        int learnt_of; ///< signals that reach their handler afterwards
+        int handled; ///< signals that reach their handler afterwards
     } cases[] = {
         {"exit 7", LONG_US, 7, 0, StopReason::none, 0},
         {"kill -HUP $$", LONG_US, 0, SIGHUP, StopReason::none, 0},
@@ -111,10 +111,10 @@ TEST(Child, IsStoppedAndWaitedFor)
     };
     const auto ignored = std::signal(SIGPIPE, SIG_IGN);
     for (const int signal : {SIGTERM, SIGINT, SIGHUP})
-        std::signal(signal, learn_of_signal);
+        std::signal(signal, count_signal);
     for (const auto &test : cases) {
         SCOPED_TRACE(test.script);
-        signals_learnt_of = 0;
+        handled_signals = 0;
         Child child = shell(test.script);
         child.time_limit_us = test.microseconds;
         const ChildResult end = run_child(child);
@@ -122,10 +122,11 @@ TEST(Child, IsStoppedAndWaitedFor)
         EXPECT_EQ(WIFSIGNALED(end.status) ? WTERMSIG(end.status) : 0, test.signal);
         EXPECT_EQ(WIFEXITED(end.status) ? WEXITSTATUS(end.status) : 0, test.exit_status);
         EXPECT_EQ(end.stopped, test.stopped);
-        EXPECT_EQ(signals_learnt_of, test.learnt_of);
+        EXPECT_EQ(handled_signals, test.handled);
     }
-    EXPECT_EQ(std::signal(SIGHUP, SIG_IGN), learn_of_signal);
-    EXPECT_EQ(run_child(shell("kill -HUP $PPID; exit 7")).stopped, StopReason::none) << "as nohup has it";
+    EXPECT_EQ(std::signal(SIGHUP, SIG_IGN), count_signal);
+    EXPECT_EQ(run_child(shell("kill -HUP $PPID; exit 7")).stopped, StopReason::none)
+        << "an ignored signal, as with nohup";
     for (const int signal : {SIGTERM, SIGINT, SIGHUP})
         std::signal(signal, SIG_DFL);
     std::signal(SIGPIPE, ignored);

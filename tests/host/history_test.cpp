@@ -114,7 +114,7 @@ TEST_F(History, AnyDamageShows)
             std::string damaged = text;
             damaged[i] = static_cast<char>(damaged[i] ^ change);
             write_file(journal, damaged);
-            bool is_seen = i + 1 == text.size(); // without its end, a line was being written
+            bool is_seen = i + 1 == text.size(); // without its newline, the last line counts as being written
             for (const HistoryEntry &entry : read_history()) {
                 const bool is_as_it_was =
                     std::ranges::any_of(entries, [&](const auto &known) { return is_same(known, entry); });
@@ -126,7 +126,7 @@ TEST_F(History, AnyDamageShows)
             EXPECT_EQ(read_history().back().fault, "") << i;
             EXPECT_EQ(read_history().back().operation, "backup") << i;
         }
-        // A power cut leaves nothing, or NULs, of what was not synced: nothing followed from that.
+        // After a power cut, data that wasn't synced is missing or NUL bytes.
         const size_t last_line = text.find_last_of('\n', text.size() - 2) + 1;
         for (const std::string &tail : {std::string(), std::string(5, '\0'),
                                         i < last_line ? "" : std::string(5, '\0') + text.substr(i)}) {

@@ -1,4 +1,4 @@
-// The configuration and the active input method, with a daemon that misbehaves as a test tells it to.
+// The configuration and the active input method, beside a daemon that misbehaves on demand.
 
 #include <climits>
 #include <csignal>
@@ -23,11 +23,11 @@ namespace
 
 enum class Fault { none, refuse, stall, die };
 
-/// What SCIM's daemon does, in a process of its own: keeps values, and answers question after question.
+/// A process that stands in for SCIM's daemon: it keeps values, and answers one question after another.
 class FakeDaemon
 {
 public:
-    /// The question with this number, counted from 1, goes wrong; 0 stands for the greeting.
+    /// @param at_question the question that fails, counted from 1; 0 is the greeting
     FakeDaemon(Fault the_fault, int at_question) : fault(the_fault), faulty_question(at_question)
     {
         setenv("SCIM_SOCKET_ADDRESS", ("local:" + (root.path / "socket").string()).c_str(), 1);
@@ -160,7 +160,7 @@ TEST(Config, TellsWhatIsNotSetFromADaemonThatIsLost)
         const char *problem;
     } cases[] = {
         {Fault::none, 0, 5, ""},
-        {Fault::refuse, 2, 5, ""}, // as a key that is not set
+        {Fault::refuse, 2, 5, ""}, // like a key that is not set
         {Fault::die, 1, 42, "was lost"},
         {Fault::die, 2, 5, "was lost"},
         {Fault::stall, 1, 42, "does not answer"},
@@ -190,7 +190,7 @@ TEST(Config, IsEmptyWithoutADaemon)
     {
         const FakeDaemon daemon(Fault::stall, 0);
         setenv("SCIM_SOCKET_TIMEOUT", "30", 1);
-        for (int client = 0; client < 9; client++) { // more than can wait in front of its door
+        for (int client = 0; client < 9; client++) { // more than the socket's queue holds
             EXPECT_TRUE(open_config().null());
             EXPECT_NE(problems().find("does not answer"), std::string::npos) << problems();
             account().finish();
@@ -206,7 +206,7 @@ TEST(Config, AChangeIsMadeOnceItIsFlushed)
 {
     const struct {
         Fault fault;
-        int question; ///< 1 and 3 read what is there, 2 and 4 write, 5 flushes, 6 reloads
+        int question; ///< 1 and 3 read the old value, 2 and 4 write, 5 flushes, 6 reloads
         const char *outcomes;
     } cases[] = {
         {Fault::none, 0, "number made switch made "},
@@ -268,7 +268,7 @@ TEST(Config, AValueIsReadAsItCanBePutBack)
     device.write(SETTINGS[0], "7");
     EXPECT_EQ(device.read_one(SETTINGS[0]), DeviceValue("7")) << "an identifier";
     EXPECT_NE(device.refuses(SETTINGS[0], "a\tb"), "");
-    device.write(SETTINGS[0], "a\tb"); // which something else may have made active
+    device.write(SETTINGS[0], "a\tb"); // another program may have made it active
 }
 
 TEST(Config, WhatIsNotSetIsToldFromWhatIsReadWithIt)
@@ -289,7 +289,7 @@ TEST(Config, TheActiveInputMethodIsPendingUntilTheExchangeFlushesIt)
         const char *outcomes;
     } cases[] = {{Fault::none, " made "}, {Fault::refuse, " refused "}, {Fault::die, " pending "}};
     for (const auto &test : cases) {
-        const FakeDaemon daemon(test.fault, 3); // after it was read and written
+        const FakeDaemon daemon(test.fault, 3); // fails after the read and the write
         account().start({});
         EXPECT_EQ(isf_control_set_active_ime("kbd"), 0);
         EXPECT_EQ(outcomes(), " pending ");
@@ -360,7 +360,7 @@ TEST(ActiveIme, ThatCannotBeSetIsAProblem)
 {
     const struct {
         Fault fault;
-        int question; ///< 1 reads what is there, 2 writes, 3 flushes
+        int question; ///< 1 reads the old value, 2 writes, 3 flushes
         const char *outcomes;
     } cases[] = {{Fault::die, 1, ""},
                  {Fault::die, 2, " pending "},

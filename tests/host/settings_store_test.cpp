@@ -19,7 +19,7 @@
 namespace
 {
 
-/// A state root of its own, for processes of their own: the library opens its store once in each.
+/// Gives each test a state root. Tests work in child processes, since a process opens its store only once.
 class Store : public testing::Test
 {
 protected:
@@ -119,7 +119,7 @@ TEST_F(Store, StoresOnlyWhatWasAdded)
         EXPECT_EQ(set_string("own/a", "old"), 0);
         vconf_keylist_handle list = vconf_keylist_new();
         EXPECT_EQ(vconf_get(list, "own/a", 0), 0);
-        EXPECT_EQ(set_string("own/a", "new"), 0); // as another process might
+        EXPECT_EQ(set_string("own/a", "new"), 0); // as another process may do
         EXPECT_GE(vconf_keylist_add_str(list, "own/b", "B"), 0);
         EXPECT_EQ(vconf_set(list), 0);
         vconf_keylist_free(list);
@@ -132,7 +132,7 @@ TEST_F(Store, ProcessesAtOnceLoseNothing)
     std::vector<pid_t> children;
     for (int i = 0; i < 6; i++)
         children.push_back(start([i] {
-            SettingsStore store; // they race to make it
+            SettingsStore store; // all of them try to create it
             for (int key = 0; key < 20; key++)
                 store.set({{"all/" + std::to_string(i) + "/" + std::to_string(key), "value"}});
         }));
@@ -143,7 +143,7 @@ TEST_F(Store, ProcessesAtOnceLoseNothing)
 
 TEST_F(Store, IsItsOwnersAloneAndMadeWhole)
 {
-    // Of a store that is taken away, what a process that is killed leaves beside it.
+    // The store was moved away; the -wal and -shm files of a killed process remain.
     run([this] {
         SettingsStore old;
         old.set({{"old", true}});
@@ -170,7 +170,7 @@ TEST_F(Store, IsItsOwnersAloneAndMadeWhole)
     EXPECT_EQ(left, (std::set<std::string>{"settings.db", "settings.db.lock"}));
 }
 
-/// The value of a key in the store's file alone, without the log beside it, which a power cut may take away.
+/// Returns a key's value in the store's file alone: a power cut may take away the log beside it.
 std::string on_disk(const std::filesystem::path &root, const char *key)
 {
     std::filesystem::copy_file(root / "settings.db", root / "copy.db",
@@ -190,7 +190,7 @@ TEST_F(Store, WhatAnExchangeSetIsDurableAtItsEnd)
         host_device()->make_durable();
         EXPECT_EQ(on_disk(root.path, "a"), "first");
 
-        // While another reads what was there before, the log has to do.
+        // While another process reads the old values, the new one is durable in the log only.
         SQLite::Database other = open_raw();
         const SQLite::Transaction reading(other);
         other.execAndGet("SELECT COUNT(*) FROM settings");
@@ -221,7 +221,7 @@ TEST_F(Store, ASecondOneInTheProcessLeavesTheLocksOfTheFirst)
     expect_success(holder);
 }
 
-// What the library does to the device is on the account.
+// The library notes its changes to the device in the account.
 
 TEST_F(Store, EachChangeIsOnTheAccountAndNoneThatChangesNothingIsWritten)
 {
@@ -290,7 +290,7 @@ TEST_F(Store, WhoOnlyLooksMakesNothing)
     expect_untouched({});
     const pid_t killed = start([] {
         host_device()->write(SETTINGS[1], "old");
-        raise(SIGKILL); // what it wrote is still beside the store
+        raise(SIGKILL); // the value is still in the log
     });
     waitpid(killed, nullptr, 0);
     expect_untouched("old");
@@ -304,12 +304,12 @@ TEST_F(Store, WhoCouldNotReadDoesNotOverwrite)
         int value = 42;
         const size_t problems = account().problems().size();
         EXPECT_EQ(vconf_get_bool("missing", &value), -1);
-        EXPECT_EQ(account().problems().size(), problems) << "a key that is not set is no trouble";
+        EXPECT_EQ(account().problems().size(), problems) << "a key that is not set is no problem";
         EXPECT_EQ(vconf_get_bool("flag", &value), result);
         EXPECT_EQ(value, expected);
     };
     run([] { EXPECT_EQ(vconf_set_bool("flag", 1), 0); });
-    // The damage is mended before the write: the process still does not write.
+    // A process that couldn't read a value does not write it, even once the damage is mended.
     run([&] {
         open_raw().exec("UPDATE settings SET value = 'x'");
         expect_flag(-1, 42);
@@ -318,13 +318,13 @@ TEST_F(Store, WhoCouldNotReadDoesNotOverwrite)
         EXPECT_EQ(account().problems().size(), 1);
         EXPECT_TRUE(account().changes().empty());
     });
-    // A value of another type is there, and may be overwritten.
+    // A value of another type may be overwritten.
     run([] {
         free(vconf_get_str("flag"));
         EXPECT_TRUE(account().problems().empty());
         EXPECT_EQ(vconf_set_bool("flag", 0), 0);
     });
-    // Who could not write does not write on, but reads.
+    // A process that couldn't write does not write again, but reads.
     run([&] {
         open_raw().exec("CREATE TRIGGER full BEFORE INSERT ON settings"
                         " BEGIN SELECT RAISE(ABORT, 'full'); END");

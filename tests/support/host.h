@@ -7,7 +7,7 @@
 
 #include <gio/gio.h>
 
-/// A folder that goes with the object.
+/// A folder that is removed with the object.
 class TempDir
 {
 public:
@@ -28,19 +28,19 @@ struct Outcome {
     std::string errors;
 };
 
-/// A program that is running, with its output going to two pipes.
+/// A running program. Its output goes to two pipes.
 class Process
 {
 public:
     Process(const std::vector<std::string> &arguments, const std::map<std::string, std::string> &environment);
     Process(const Process &) = delete;
     Process &operator=(const Process &) = delete;
-    ~Process(); ///< kills it if it still runs
+    ~Process(); ///< kills the program if it still runs
 
     void send(int signal);
     Outcome wait();
     bool is_running() const;
-    int pid() const; ///< or 0 when it has ended
+    int pid() const; ///< 0 once the program has ended
 
 private:
     GSubprocess *process;

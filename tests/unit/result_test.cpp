@@ -1,4 +1,4 @@
-// What the service's functions return to each other, where no trace shows it.
+// Results of the service's functions that no trace shows.
 
 #include "scripted_platform.h"
 
@@ -18,7 +18,7 @@ constexpr char KEY[] = "db/ise/engine/lpm/selected_lang";
 class Results : public testing::Test
 {
 protected:
-    /// Starts over on a platform on which `function` fails.
+    /// Starts with a new platform whose `function` fails.
     void fail(const char *function)
     {
         EXPECT_EQ(scripted.live_handles, 0);

@@ -23,7 +23,7 @@
 
 ScriptedPlatform *platform;
 
-// Handles carry the name that they have in the trace.
+// A handle holds its name in the trace.
 
 struct Named {
     std::string name;
@@ -52,7 +52,7 @@ using Record = orvanta_cloud_record_handle;
 using KeyList = vconf_keylist_handle;
 using Key = const scim::String &;
 
-/// Notes a call of a function; true when it is the one that fails.
+/// Notes a call of a function. Returns true if this call is to fail.
 struct Call {
     const char *function;
 
@@ -67,7 +67,7 @@ struct Call {
         ((line += (line.empty() ? "" : ", ") + show(args)), ...);
         platform->note(std::string(function) + "(" + line + ")");
         const bool told =
-            platform->given["fail"] == function && ++platform->told_calls == platform->number("fail at");
+            platform->given["fail"] == function && ++platform->calls_to_fail == platform->number("fail at");
         if (++platform->calls != platform->failing_call && !told)
             return false;
         platform->failed_call = function;
@@ -75,7 +75,7 @@ struct Call {
     }
 };
 
-/// Defines a function that notes `noted` of its arguments, has an effect, and succeeds with `success`.
+/// Defines a function that notes the arguments `noted`, has an effect, and returns `success`.
 #define FAKE(function, parameters, noted, success, ...)                                                      \
     int function parameters                                                                                  \
     {                                                                                                        \
@@ -86,14 +86,14 @@ struct Call {
         return fails ? platform->number("code") : success;                                                   \
     }
 
-/// The same, for one that yields a text, or null.
+/// The same, for a function that returns a text or null.
 #define FAKE_TEXT(function, parameters, noted, text)                                                         \
     char *function parameters                                                                                \
     {                                                                                                        \
         return Call{#function} noted ? nullptr : text;                                                       \
     }
 
-/// The same, for one that releases `handle` even when it fails.
+/// The same, for a function that releases `handle` even when it fails.
 #define FAKE_RELEASE(function, type)                                                                         \
     int function(type handle)                                                                                \
     {                                                                                                        \
@@ -103,8 +103,8 @@ struct Call {
         return fails ? platform->number("code") : 0;                                                         \
     }
 
-// The application framework. The service's main() is this program's, and what it hands its callbacks to is
-// the test runner.
+// The application framework. The service's main() is the main() of this program. It passes its callbacks to
+// service_app_main(), which runs the tests.
 
 static service_app_callbacks *service;
 
@@ -139,7 +139,7 @@ FAKE_RELEASE(app_control_destroy, AppControl)
 
 // The cloud library.
 
-/// The exchange that the service has registered for: its callbacks, in order.
+/// The callbacks that the service has registered, in the order of an exchange.
 static std::vector<std::function<void()>> steps;
 
 static orvanta_cloud_list *make_list(const std::vector<std::string> &values)
@@ -157,7 +157,7 @@ static orvanta_cloud_list *backed_up_list()
     return platform->number("no list") != 0 ? nullptr : make_list(std::vector<std::string>(count));
 }
 
-// A record that is not added to a list would leak in the library. Here there is only one.
+// The library would leak a record that is not added to a list. Here there is only one record.
 static orvanta_cloud_record new_record = {{"<new record>"}, {}};
 static orvanta_cloud_source backup_file = {{"<source>"}};
 
@@ -265,7 +265,7 @@ static scim::ConfigPointer make_config()
     return Call{"create_config"}() ? nullptr : new ScriptedConfig;
 }
 
-// Stands in for the library's own, as a host platform's does.
+// Stands in for the library's function, like a host platform's.
 scim::ConfigModule::ConfigModule(const String &name)
     : m_config_init(nullptr),
       m_config_create_config(Call{"ConfigModule"}(name.c_str()) ? nullptr : make_config)

@@ -7,17 +7,17 @@
 
 using Trace = std::vector<std::string>;
 
-/// A platform that holds what a test gives it, notes every call in order, and fails those it is told to.
+/// A platform whose contents and failing calls a test chooses. It notes every call in order.
 struct ScriptedPlatform {
-    /// What the device holds, by key, and what else a test can choose. "(null)" is no text.
+    /// The device's values by key, and the other things that a test can choose. "(null)" is no text.
     std::map<std::string, std::string> given = {
         {"operation", "(null)"},
-        {"count", ""},        // of records, as the library reports it, if not the number of them
-        {"no list", "0"},     // a backup is handed no list
+        {"count", ""},        // of records, as the library reports it; default: their number
+        {"no list", "0"},     // 1: a backup gets no list
         {"result", "1"},      // of the exchange, for the completed callback
-        {"keyboard", "kbd1"}, // that is active
+        {"keyboard", "kbd1"}, // the active one
         {"keyboard result", "4"},
-        {"translation", ""}, // what the message catalogue has for every text, if it has anything
+        {"translation", ""}, // of every text in the message catalogue; "": none
         {"db/ise/hand_write", "1"},
         {"db/ise/engine/prediction_val", "0"},
         {"db/ise/engine/lpm/selected_lang", "ko_KR#en_US#"},
@@ -26,9 +26,9 @@ struct ScriptedPlatform {
         {"fail", ""},     // a function
         {"fail at", "1"}, // its n-th call
         {"code", "-7"},   // of a failing call
-        {"effect", "0"},  // a failing call yields what it is asked for all the same
-        {"success", "5"}, // where any number from 0 on is one
-        {"show", ""},     // REGEX: of the trace only what matches it is compared
+        {"effect", "0"},  // 1: a failing call returns its value nevertheless
+        {"success", "5"}, // the code of functions that succeed with any number from 0 on
+        {"show", ""},     // REGEX: only matching lines of the trace are compared
     };
     std::vector<std::string> records; ///< values of the records to restore
     int failing_call = 0;             ///< counted from 1 over those that can fail
@@ -36,7 +36,7 @@ struct ScriptedPlatform {
     // What happened.
     Trace trace;
     int calls = 0;
-    int told_calls = 0; ///< of the function that is to fail
+    int calls_to_fail = 0; ///< of the function in "fail"
     std::string failed_call;
     std::set<std::string> log_lines; ///< where in the source the log lines come from
     bool exited = false;

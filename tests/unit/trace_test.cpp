@@ -1,16 +1,17 @@
-// Exchanges and the traces that they leave, as traces/ tells them. A paragraph there is one exchange: what
-// the platform is given ("NAME: VALUE", see scripted_platform.h; "record: VALUE" is one more to restore) and
-// the lines of the trace, of which
-//   I TEXT, E TEXT  are the log's, in the name of the latest "@ CALLBACK"; I(NAME) and E(NAME), of another
-// A paragraph without a trace gives to all below it. In a table, each row ("| ...") is an exchange, which is
-// also given what stands above it in the paragraph. A line is as good as several with " | " between them.
+// Runs the exchanges in the files of traces/, and compares their traces.
 //
-// With "show: REGEX", only what matches it is compared. Else each call fails in turn, too: its callback logs
-// the code, and the trace goes on, unless the call is
-//   ~ CALL             whose failure changes nothing
-// or what follows, behind " | " or indented, tells otherwise: lines that come in place of the log's, and
-//   goto PREFIX        the line with which the trace then goes on, rather than the next
-//   then OLD => NEW    what the rest of the callback's lines then have
+// A paragraph of such a file is one exchange. It begins with the platform's values: "NAME: VALUE" (see
+// scripted_platform.h), or "record: VALUE" for another record to restore. The lines of the trace follow:
+//   I TEXT, E TEXT  a log line of the latest "@ CALLBACK"; I(NAME) and E(NAME): of another function
+// A paragraph without a trace sets values for all exchanges below it. In a table, each row ("| ...") is an
+// exchange, with the values above the table. " | " in a line stands for a line break.
+//
+// With "show: REGEX", only matching lines are compared. Otherwise the exchange also runs once for each call
+// with that call failing. By default the callback then logs the code, and the trace goes on. Exceptions:
+//   ~ CALL             the call's failure changes nothing
+// or, indented or behind " | " after the call, lines that replace the log's, and
+//   goto PREFIX        the trace goes on with this line
+//   then OLD => NEW    replaces a text in the rest of the callback's lines
 //   terminate          the service gives up the request
 
 #include "scripted_platform.h"
@@ -176,7 +177,7 @@ Trace expected_when_failing(const std::vector<Line> &all, size_t failed)
     return trace;
 }
 
-/// One text, of which a failing test shows the lines that differ.
+/// Joins the lines, so that a failing test shows a diff.
 std::string join(const Trace &trace, const std::string &show = "")
 {
     const std::regex shown(show);
@@ -201,12 +202,13 @@ TEST_P(Traces, AreAsExpected)
         logged += line.text.starts_with("I(") || line.text.starts_with("E(") ? 1 : 0;
     }
     for (const char *success : {"5", "0"}) {
-        ScriptedPlatform told = scripted;
-        told.given["success"] = success;
-        EXPECT_EQ(join(told.run(), show), join(expected)) << "success is " << success;
-        EXPECT_EQ(told.failed_call, scripted.given.at("fail"));
+        ScriptedPlatform succeeding = scripted;
+        succeeding.given["success"] = success;
+        EXPECT_EQ(join(succeeding.run(), show), join(expected)) << "success is " << success;
+        EXPECT_EQ(succeeding.failed_call, scripted.given.at("fail"));
         if (show.empty()) {
-            EXPECT_EQ(told.log_lines.size(), logged) << "each message has a line of the source of its own";
+            EXPECT_EQ(succeeding.log_lines.size(), logged)
+                << "each message has a line of the source of its own";
         }
     }
 
