@@ -57,8 +57,8 @@ void Exchange::prepare()
 DeviceState Exchange::read_device()
 {
     DeviceState state;
-    for (const bool settings_store :
-         {true, false}) { // the SCIM daemon has the other settings, and returns all with one request
+    // The settings store first, then the SCIM daemon, which returns all its settings with one request.
+    for (const bool settings_store : {true, false}) {
         std::vector<SettingRow> rows(std::begin(ALL_SETTINGS), std::end(ALL_SETTINGS));
         std::erase_if(rows, [&](const SettingRow &row) {
             return (row.place == SettingPlace::settings_store) != settings_store;
@@ -119,7 +119,7 @@ void Exchange::report_caveats()
     std::vector<std::string> caveats = {device.durability_warning()};
     if (!unserved.empty())
         caveats.insert(caveats.begin(),
-                       "not checked, since another library keeps it: " + join(unserved, ", "));
+                       "not checked, since kept by another library: " + join(unserved, ", "));
     std::erase(caveats, "");
     exchange_report.reason = join(caveats, "; ");
 }

@@ -160,14 +160,14 @@ static int answer_option(const std::string &option)
     } else if (option == "--version") {
         printf("%s\n", IME_BACKUP_VERSION);
     } else {
-        fprintf(stderr, "ime-backup-service: there is no option %s; see --help\n", escaped(option).c_str());
+        fprintf(stderr, "ime-backup-service: unknown option \"%s\"; see --help\n", escaped(option).c_str());
         return EXIT_USAGE;
     }
     return fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 /// True if there is a session bus, at $DBUS_SESSION_BUS_ADDRESS or in the user's runtime folder. Always false
-/// for a client that waits for a report: on the bus, a running instance with other settings could answer.
+/// for a client that waits for a report: on the bus, an instance with another environment could answer.
 static bool has_session_bus()
 {
     if (g_getenv(REPORT_VARIABLE) != nullptr)

@@ -82,7 +82,7 @@ An honest service with the same library, and a service on another settings store
   $ foreign() { LD_PRELOAD=$BUILD/tests/libforeign-vconf.so ime-backupctl "$@"; }
   $ foreign backup
   backup 2  DAY TIME
-  not checked, since another library keeps it: selected_lang, handwriting, prediction
+  not checked, since kept by another library: selected_lang, handwriting, prediction
   $ foreign restore 1
   setting           before       after
   default_keyboard  kbd          kbd
@@ -95,6 +95,6 @@ An honest service with the same library, and a service on another settings store
   key_tap_sound     false        false
   key_tap_vib       true         true
   backup 1  restored
-  not checked, since another library keeps it: selected_lang, handwriting, prediction
+  not checked, since kept by another library: selected_lang, handwriting, prediction
   $ foreign -q restore 1 --strict
   [1]

@@ -182,7 +182,7 @@ Help and versions. Each command's help is at most 80 columns wide and has an exa
   waits until SIGTERM. The cloud backup client starts the service: on a
   workstation, ime-backupctl.
   $ $service --hel
-  ime-backup-service: there is no option --hel; see --help
+  ime-backup-service: unknown option "--hel"; see --help
   [2]
 
 Completion offers commands, options, settings and their values, backups, and files.

@@ -608,7 +608,7 @@ TEST_F(Cloud, ABackupHoldsWhatTheDeviceDoes)
     device.foreign = SettingPlace::settings_store;
     const std::string lie = with("\"handwriting\":true", "\"handwriting\":false");
     EXPECT_EQ(run_exchange(false, {.value = lie}).reason,
-              "not checked, since another library keeps it: selected_lang, handwriting, prediction");
+              "not checked, since kept by another library: selected_lang, handwriting, prediction");
     expect_in(run_exchange(false, {.value = with("kbd", "kb")}).reason,
               "default_keyboard (kb instead of kbd)");
 }
@@ -716,7 +716,7 @@ TEST_F(Cloud, ARestoreMakesOfTheDeviceWhatItShould)
          "not checked"},
         {[] { device.is_durable = false; }, Result::no_platform, "the disk is broken", true, ""},
         {[] { device.foreign = SettingPlace::settings_store; }, Result::succeeded,
-         "not checked, since another library keeps it: selected_lang, handwriting, prediction", false,
+         "not checked, since kept by another library: selected_lang, handwriting, prediction", false,
          "not checked"},
     };
     for (const auto &test : cases) {
