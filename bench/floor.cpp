@@ -1,8 +1,8 @@
 /** @file
- * The floor: the least program that makes a backup and a restore, for comparison with the service. It uses
- * the same libraries, reads and writes the same values, and makes them as durable. It has no log, no report
- * and no handling of failures. Before a restore, it durably saves the old values, since a restore must be
- * undoable.
+ * The floor: a minimal program that makes a backup and a restore, for comparison with the service. It uses
+ * the same libraries, reads and writes the same values, and makes them equally durable. It has no log, no
+ * report and no handling of failures. Before a restore, it durably saves the old values, since a restore must
+ * be undoable.
  *
  * Usage: floor backup | floor restore [NUMBER], with IME_BACKUP_HOST_DIR and IME_BACKUP_CLOUD_STORE set.
  */

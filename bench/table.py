@@ -45,19 +45,20 @@ def compare(title, target, one, other, shares=(1, 1)):
 
 
 print(COLUMNS.format("compared", "ratio", "quartiles", "at most", "ms", "peak MB", "synced"))
-for what, target in ("backup", 0.20), ("restore", 0.09):
-    compare(f"ime-backupctl {what} : script", target, f"plain {what} ime-backupctl", f"plain {what} script.sh")
+for operation, target in ("backup", 0.20), ("restore", 0.09):
+    compare(f"ime-backupctl {operation} : script", target, f"plain {operation} ime-backupctl",
+            f"plain {operation} script.sh")
 compare("ime-backupctl restore : all at once", None, "plain restore ime-backupctl", "plain restore at-once")
-for who, target in ("service", 1.2), ("ime-backupctl", 1.6):
-    for what in "backup", "restore":
-        compare(f"{who} {what} : floor", target, f"plain {what} {who}", f"plain {what} floor")
-for what in "backup", "restore":
-    pair = f"plain {what} service", f"plain {what} floor"
-    show(f"peak memory, {what} : floor", [weights[pair[0]][0] / weights[pair[1]][0]], 1.15, *pair)
-for what in "backup", "restore":
+for program, target in ("service", 1.2), ("ime-backupctl", 1.6):
+    for operation in "backup", "restore":
+        compare(f"{program} {operation} : floor", target, f"plain {operation} {program}", f"plain {operation} floor")
+for operation in "backup", "restore":
+    pair = f"plain {operation} service", f"plain {operation} floor"
+    show(f"peak memory, {operation} : floor", [weights[pair[0]][0] / weights[pair[1]][0]], 1.15, *pair)
+for operation in "backup", "restore":
     for count in 10, 1000, 10000:
-        compare(f"{what}, {count:,} languages : floor", None, f"languages-{count} {what} service",
-                f"languages-{count} {what} floor")
+        compare(f"{operation}, {count:,} languages : floor", None, f"languages-{count} {operation} service",
+                f"languages-{count} {operation} floor")
 for count in 100, 1000, 10000:
     compare(f"each of {count:,} records : alone", None, f"records-{count} restore service",
             "records-1 restore service", (count, 1))
