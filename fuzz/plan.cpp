@@ -86,7 +86,7 @@ int vconf_set_bool(const char *key, int value)
     return 0;
 }
 
-/// Keeps its texts, since the service never frees them.
+/// Frees the text that the last call for this key returned, since the service never frees it.
 char *vconf_get_str(const char *key)
 {
     static std::map<std::string, char *> returned;

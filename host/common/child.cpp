@@ -65,7 +65,7 @@ static int execute(void *data)
         return EXIT_FAILURE;
     signal(SIGPIPE, SIG_DFL); // this process may ignore it
     close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
-    // Out of the way first: dup2() could overwrite a file that is still needed.
+    // Move the files out of the way first: dup2() could overwrite a file that is still needed.
     for (auto &[number, file] : files)
         file = fcntl(file, F_DUPFD_CLOEXEC, FIRST_FREE_DESCRIPTOR);
     const bool has_files = std::all_of(

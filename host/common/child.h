@@ -20,7 +20,7 @@ struct Child {
     std::string program; ///< a path, or a name to search for in $PATH
     std::vector<std::string> arguments{};
     Environment environment = current_environment();
-    std::map<int, int> files{}; ///< file descriptors of the child, each with the one here that it duplicates
+    std::map<int, int> files{}; ///< the child's file descriptors; each duplicates one of this process
     int output = -1;            ///< the child's descriptor of a pipe; its text goes to on_output
     std::function<void(std::string_view)> on_output{};
     std::optional<gint64> time_limit_us{};

@@ -78,7 +78,7 @@ void require_creatable(const std::filesystem::path &file, const std::string &con
 /// @return false when not all of `content` is written
 bool write_at(const Descriptor &file, off_t offset, const std::string &content);
 
-/// Makes sure that a file of another process survives a power cut, under its name.
+/// Makes sure that a file that another process wrote survives a power cut, under its name.
 ///
 /// @return false when the file or its folder can't be synced
 bool sync_file(const std::filesystem::path &file);

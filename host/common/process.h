@@ -22,7 +22,7 @@ std::optional<std::int64_t> time_left();
 ///
 /// @param who the other process, for messages
 /// @throws TimeoutError when the time limit is reached
-/// @throws InterruptedError when a termination signal has come; TerminationSignals::take() still returns it
+/// @throws InterruptedError when a termination signal has come, which TerminationSignals::take() then reports
 void wait_for_another(const std::string &who);
 
 /// Catches SIGTERM, SIGINT and SIGHUP during its lifetime, except signals that are ignored. The destructor

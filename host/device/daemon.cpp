@@ -82,7 +82,7 @@ struct WireFormat<bool> {
 /// A key that is true if the daemon is read-only.
 constexpr char READ_ONLY[] = "/FrontEnd/Socket/ConfigReadOnly";
 
-/// A request to the daemon; send() replaces it by the answer.
+/// A request to the daemon; send() replaces it with the answer.
 struct Request : scim::Transaction {
     Request(scim::uint32 magic_key, int command)
     {
@@ -197,9 +197,9 @@ void ScimDaemon::check_file()
     }
     std::vector<std::string> missing;
     for (const auto &[key, text] : expected) {
-        const auto held = now->find(key);
-        // After an erase, the value for all users is in force.
-        if (held == now->end() ? text.has_value() : held->second != (text ? text : read<scim::String>(key)))
+        const auto line = now->find(key);
+        // After an erase, the system-wide value applies.
+        if (line == now->end() ? text.has_value() : line->second != (text ? text : read<scim::String>(key)))
             missing.push_back(key);
     }
     const auto others = std::count_if(before->begin(), before->end(), [&](const auto &line) {
@@ -338,7 +338,7 @@ void ScimDaemon::write_on_account(Change change, const scim::String &key, const 
     if (const auto line = lines.find(key);
         stored == config_text(change.after) &&
         (file.empty() || (line != lines.end() && line->second == *stored))) {
-        is_unsynced = true; // it may be unsynced by a process that was killed
+        is_unsynced = true; // a process that was killed may have written the file but not synced it
         return;
     }
     change.before = parse_config_text(stored.value_or(""));

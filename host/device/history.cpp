@@ -182,7 +182,7 @@ static void read_earlier_note(const std::string &note, Json &entry)
         else
             report = object;
     }
-    if (!report.at("changes").empty()) // all of them
+    if (!report.at("changes").empty()) // a complete report has all changes
         changes = report["changes"];
     entry["backup"] = report.at("backup");
     for (const Json &change : changes)

@@ -100,7 +100,7 @@ static void make_store(const fs::path &file)
     lock.acquire();
     if (fs::exists(file))
         return;
-    // SQLite would replay the log of a store that was moved away onto the new one.
+    // If an old store was moved away, SQLite would apply its leftover log to the new store.
     for (const char *suffix : {"-wal", "-shm", "-journal"})
         if (const fs::path left = file.string() + suffix; fs::exists(fs::symlink_status(left)))
             remove_file_durably(left);
@@ -209,9 +209,9 @@ DeviceValue SettingsStore::get(const std::string &key)
     return read([&]() -> DeviceValue {
         if (!find_database())
             return std::nullopt;
-        const StatementReset use(select, *database, "SELECT type, value FROM settings WHERE key = ?");
-        use.statement.bind(1, key);
-        return use.statement.executeStep() ? column_value(use.statement, 0) : std::nullopt;
+        const StatementReset query(select, *database, "SELECT type, value FROM settings WHERE key = ?");
+        query.statement.bind(1, key);
+        return query.statement.executeStep() ? column_value(query.statement, 0) : std::nullopt;
     });
 }
 
@@ -253,12 +253,12 @@ void SettingsStore::store(const std::string &key, const DeviceValue &value)
         remove.exec();
         return;
     }
-    const StatementReset use(replace, *database, "INSERT OR REPLACE INTO settings VALUES (?, ?, ?)");
+    const StatementReset insertion(replace, *database, "INSERT OR REPLACE INTO settings VALUES (?, ?, ?)");
     const bool *truth = std::get_if<bool>(&*value);
-    use.statement.bind(1, key);
-    use.statement.bind(2, truth != nullptr ? "bool" : "string");
-    use.statement.bind(3, truth == nullptr ? std::get<std::string>(*value) : *truth ? "1" : "0");
-    use.statement.exec();
+    insertion.statement.bind(1, key);
+    insertion.statement.bind(2, truth != nullptr ? "bool" : "string");
+    insertion.statement.bind(3, truth == nullptr ? std::get<std::string>(*value) : *truth ? "1" : "0");
+    insertion.statement.exec();
 }
 
 void SettingsStore::set(const Settings &settings)

@@ -31,8 +31,8 @@ enum class Answer { none, ready, keys_and_dates, backup_path, restoration_path, 
 /// The half of the cloud library's interface that an exchange or an answer belongs to.
 enum class Direction { backup, restore };
 
-/// A backup or a restore: a sequence of steps. A step calls the service back or works for it. The exchange
-/// fails at the first step that fails, and succeeds after its last step.
+/// A backup or a restore: a sequence of steps. A step calls the service back, or does the library's own
+/// work. The exchange fails at the first step that fails, and succeeds after its last step.
 class Exchange
 {
 public:
@@ -49,8 +49,8 @@ public:
 
     /// Notes in the history a change that is about to be made.
     ///
-    /// @throws PlatformError when the change must not be made: it can't be noted, or is not part of such an
-    /// exchange
+    /// @throws PlatformError when the change must not be made: it can't be noted, or an exchange of this
+    /// kind makes no such change
     void note(const Change &change);
 
     /// Sets the result, and completes the report and the history.
@@ -108,7 +108,7 @@ private:
 
     Answer awaited = Answer::none;
     bool ready = false;
-    std::optional<CloudRecords> records; ///< announced by a backup, or returned by a restore
+    std::optional<CloudRecords> records; ///< that the service announced or, in a restore, handed back
     std::optional<std::string> path;     ///< device path of the backup or restoration file
     std::string written_path;            ///< device path of the file that the service wrote
     std::string written_content;

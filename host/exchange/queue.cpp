@@ -72,7 +72,7 @@ gboolean ExchangeQueue::on_iteration(void *queue)
     return G_SOURCE_REMOVE;
 }
 
-/// Runs one step. An exception ends the exchange, and its message is the reason of the failure.
+/// Runs one step. An exception ends the exchange, and its message is the reason for the failure.
 void ExchangeQueue::run_iteration()
 {
     source = 0;

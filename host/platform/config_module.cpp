@@ -31,7 +31,7 @@ public:
     bool write(const scim::String &key, int value) override { return set(key, value); }
     bool write(const scim::String &key, bool value) override { return set(key, value); }
 
-    /// Fails in an exchange, since its history could not undo an erase.
+    /// Fails in an exchange: the erase is not noted in the account, so an undo would miss it.
     bool erase(const scim::String &key) override
     {
         return !account().is_started() && with_daemon([&] { daemon->erase(key); });

@@ -44,8 +44,8 @@ static constexpr char TRACER_LIBRARY[] = R"([^ :]*libime-backup-trace\.so[ :]*)"
 
 static constexpr int MAX_TRIES = 8;
 
-/// rclone's time limit for a server that does not answer: this time, and at most this fraction of the time
-/// that is left. It leaves time for a second try and for the report.
+/// rclone waits for a server that does not answer at most this long, and at most the time left divided by
+/// SERVER_TIMEOUT_DIVISOR. So there is time for a second try and for the report.
 static constexpr std::int64_t MAX_SERVER_TIMEOUT_US = 10'000'000;
 static constexpr std::int64_t SERVER_TIMEOUT_DIVISOR = 4;
 
@@ -88,9 +88,8 @@ namespace
 
 /// A remote store of any kind that the program rclone supports. Remote locations can't be locked, and few can
 /// create a file only if its name is free. So a backup is uploaded under a unique name, which reserves its
-/// number but does not count as a backup. If no other file has this number, neither before nor after the
-/// upload, the upload is renamed to a backup. Whether a location is writable can only be found out by writing
-/// to it.
+/// number but does not count as a backup. If no other file has this number before or after the upload, the
+/// upload is renamed to a backup.
 class RcloneStore : public CloudStore
 {
 public:
@@ -154,7 +153,8 @@ public:
         return known == prefetched.end() ? std::nullopt : std::optional(known->second.size());
     }
 
-    /// Uploads a file that reserves no number, and deletes it. This may create the location.
+    /// Uploads a file and deletes it: only a write shows whether a location is writable. The file's number is
+    /// taken already, unless the store is empty. This may create the location.
     void require_writable() const override
     {
         const BackupNumber highest = highest_taken(names_there());
@@ -270,8 +270,8 @@ private:
     /// exist, remotes without folders report success and an empty content.
     Result get(const std::string &name) const
     {
-        // Without --no-traverse, rclone looks for the file in a listing of the folder. Some servers cut that
-        // short when another file vanishes meanwhile, and rclone then prints nothing and succeeds.
+        // Without --no-traverse, rclone looks for the file in a listing of the folder. Some servers cut the
+        // listing short when another file vanishes meanwhile, and rclone then prints nothing and succeeds.
         return run(
             {"cat", "--no-traverse", "--count", std::to_string(MAX_RECORD_FILE_SIZE + 1), "--", file(name)});
     }

@@ -6,8 +6,8 @@
 
 #include <json-glib/json-glib.h>
 
-/// The limit of brackets in a text that is parsed. JSON-GLib recurses at each level of nesting, and deep
-/// nesting would exhaust the stack.
+/// Texts with more brackets are not parsed: JSON-GLib recurses at each level of nesting, and deep nesting
+/// would exhaust the stack.
 static constexpr auto MAX_BRACKETS = 1000;
 
 bool service_reads(const char *text)
@@ -15,7 +15,7 @@ bool service_reads(const char *text)
     const std::string_view whole(text);
     if (std::count(whole.begin(), whole.end(), '[') + std::count(whole.begin(), whole.end(), '{') >
         MAX_BRACKETS)
-        return true; // it may
+        return true; // the service's parser may accept it
     g_autoptr(JsonParser) parser = json_parser_new();
     return json_parser_load_from_data(parser, text, -1, nullptr) != FALSE &&
            json_parser_get_root(parser) != nullptr;
