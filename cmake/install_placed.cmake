@@ -1,5 +1,6 @@
 # install_placed(FILE FOLDER COMPONENT): installs a file made from FILE.in, in which @PLACE@ is the installation
-# prefix. The file is made during installation, when the prefix is known. The build tree gets a file for itself.
+# prefix. The file is made during installation, when the prefix is known. The build tree gets its own file, with its
+# own path as @PLACE@.
 function(install_placed file folder component)
   set(template ${CMAKE_CURRENT_SOURCE_DIR}/${file}.in)
   cmake_path(GET file FILENAME name)

@@ -1,6 +1,6 @@
 # A build with a sysroot takes headers and libraries only from the sysroot. A toolchain file sets it as CMAKE_SYSROOT
 # or in CMAKE_FIND_ROOT_PATH; the command line can also set the latter. There may be several sysroots, such as a
-# platform and the libraries that it was built with. They are searched in this order.
+# platform and the libraries that it was built with. Those in CMAKE_FIND_ROOT_PATH are searched first.
 set(sysroots "")
 foreach(root IN LISTS CMAKE_FIND_ROOT_PATH CMAKE_SYSROOT)
   file(REAL_PATH "${root}" root)
