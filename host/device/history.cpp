@@ -326,7 +326,7 @@ HistoryWriter::HistoryWriter(const std::string &operation, EntryNumber undoes)
         if (undoes != 0)
             line["undoes"] = undoes;
         append(line);
-    } catch (const HostError &error) {
+    } catch (const std::exception &error) { // also of the file system and of JSON
         failure = error.what();
     }
 }
