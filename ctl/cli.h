@@ -157,7 +157,7 @@ inline constexpr char SERVICE_LOG[] = "service.log";
 
 /// Starts the service for one exchange, with the options of the command line, and waits until it ends.
 ///
-/// @param[in,out] cli its log_tail gets the end of the service's log if the service came to no result
+/// @param[in,out] cli its log_tail gets the end of the service's log if the service reported no result
 /// @param operation   such as #OPERATION_BACKUP
 /// @param backup      number of the backup to restore, or "" for the newest
 /// @throws HostError if the service can't be started

@@ -142,7 +142,7 @@ static ChildResult run_service(Cli &cli, const char *operation, const std::strin
     return end;
 }
 
-/// Describes what a service did that came to no result.
+/// Describes the effects of a service that reported no result.
 static std::string describe_effects(const ExchangeReport &report, std::string_view operation, int status)
 {
     // On SIGTERM, the service gives up before it stores a backup, or reports that one was or may have been

@@ -137,7 +137,7 @@ static void apply_plan(Cli &cli, ExchangeReport &report, const std::string &stor
     }
 }
 
-/// Runs a dry run, or restores chosen settings. The service can't do so: it restores whole backups.
+/// Does a dry run, or restores chosen settings. The service can do neither: it restores whole backups.
 static ExchangeReport restore_here(Cli &cli, const std::set<std::string> &excluded)
 {
     const auto store = open_store();

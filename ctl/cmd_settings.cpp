@@ -78,7 +78,7 @@ static DeviceValue load_value(const SettingRow &row, const nlohmann::json &json)
         return parse_value(row, json.get<bool>() ? "true" : "false");
     if (row.form == SettingForm::languages && json.is_array())
         return parse_value(row, join(json.get<std::vector<std::string>>(), ","));
-    if (row.form != SettingForm::languages && json.is_string()) // a key of another type may hold one
+    if (row.form != SettingForm::languages && json.is_string()) // a switch's key may hold a text
         return json.get<std::string>();
     throw UsageError("the value has another type");
 }

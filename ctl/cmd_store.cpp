@@ -252,8 +252,8 @@ static void delete_and_report(Document &document, CloudStore &store, const Cloud
 void run_delete(Cli &cli)
 {
     const auto store = open_store(highest_backup);
-    find_backups(*store, store->list().numbers,
-                 cli.arguments); // fails before the lock would create a missing store
+    // Fails for an unknown backup before the deletion's lock creates a missing store.
+    find_backups(*store, store->list().numbers, cli.arguments);
     delete_and_report(cli.document, *store,
                       [&](const auto &known) { return find_backups(*store, known, cli.arguments); });
 }

@@ -17,10 +17,10 @@ static constexpr size_t MAX_SIZE = size_t{4} << 20; ///< of a trace
 static constexpr size_t MAX_LINES = 4000; ///< of a trace: the comparison needs the square of it in memory
 static constexpr size_t CONTEXT = 2;
 
-/// Patterns that differ from one exchange to the next, and their replacements.
+/// Patterns of text that differs between exchanges, and their replacements.
 static constexpr const char *NOT_COMPARED[][2] = {
     {R"(  on thread \d+(?=\r?$)|\r$)", ""},
-    // Lines that are no trace: standard error may contain both.
+    // Other lines: standard error may contain more than the trace.
     {R"(^(?! *(log -?\d+ .*|((callback )?[\w:]+\(.*\).*|\}.*)( \{|  made to fail|  \d+ µs))$).*\n?)", ""},
     {R"(  (made to fail|\d+ µs)$)", ""},
     {R"(^(service_app_main)\(\[.*\], )", R"(\1([...], )"},
@@ -38,8 +38,8 @@ static std::string call_in(const std::string &line)
 
 struct Trace {
     std::vector<std::string> lines;
-    std::string
-        exchange; ///< the command that makes it, according to the callbacks registered; "" without any
+    /// The command whose callbacks are registered; "" if none are.
+    std::string exchange;
 };
 
 /// @throws UsageError if the text is not the trace of one exchange

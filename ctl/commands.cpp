@@ -100,7 +100,7 @@ static const std::vector<Command> SETTINGS_COMMANDS = {
      "ime-backupctl settings unset prediction", run_settings_unset,
      {{"NAME", "The settings", setting, at_least_once}}},
     {"dump", "Commands", "Write the settings as JSON",
-     "The document is the one of settings --json. Read it back with load.",
+     "Writes the same document as settings --json. Read it back with load.",
      "ime-backupctl settings dump >settings.json", run_settings_dump},
     {"load", "Commands", "Set the settings from a dump",
      "Settings that are null in FILE are unset. Settings that are missing in FILE do not change. Without FILE, or with "
@@ -206,12 +206,12 @@ static const std::vector<Command> COMMANDS = {
      "Asks the service which records it would back up now. Nothing is read or stored.",
      "ime-backupctl info --json", run_info},
     {"trace", DEVICE, "Show the service's calls to the platform",
-     "Shows each call of an exchange with its arguments, its result and its duration, below the callback that made it. An & marks an "
-     "argument that the call sets. The trace goes to standard output while the exchange runs; the output of the "
-     "command without trace goes to standard error. With --json, each line is an object. With --compare, only the "
-     "differences are shown, and the exchange defaults to that of FILE. Times, dates, threads, the numbers of handles "
-     "and source lines are not compared. The exit status of a comparison is 0 if the calls are the same, 1 if they "
-     "differ, and greater than 1 if they can't be compared or the exchange fails.",
+     "Shows each call of an exchange with its arguments, its result and its duration, below the callback that made it. "
+     "An & marks an argument that the call sets. The trace goes to standard output while the exchange runs; the output "
+     "of the command without trace goes to standard error. With --json, each line is an object. With --compare, only "
+     "the differences are shown, and the exchange defaults to that of FILE. Times, dates, threads, the numbers of "
+     "handles and source lines are not compared. The exit status of a comparison is 0 if the calls are the same, 1 if "
+     "they differ, and greater than 1 if they can't be compared or the exchange fails.",
      "ime-backupctl trace --compare device.trace", run_trace,
      {}, TRACE_OPTIONS, TRACE_COMMANDS},
     {"help", "Help", "Explain a command",

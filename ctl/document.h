@@ -65,7 +65,7 @@ public:
     /// Makes the table the whole JSON document, and prints it to people.
     void set(const Table &table);
 
-    /// Replaces the JSON document by this text.
+    /// Replaces the JSON document with this text.
     void set_json(std::string text) { exact_json = std::move(text); }
 
     /// Prints a table to people only, in place of all other tables.
@@ -91,5 +91,5 @@ private:
 
 /// Reports success.
 ///
-/// @param doubt the part of the result that could not be checked, or ""
+/// @param doubt why the result may not be complete or durable, or ""
 void report_success(Document &document, const std::string &doubt, const std::string &sentence = "");

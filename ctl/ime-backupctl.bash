@@ -1,4 +1,4 @@
-# Completion for bash: the program itself knows what may stand where.
+# Completion for bash: the program lists the possible words.
 
 _ime_backupctl() {
     local word prefix
@@ -9,7 +9,7 @@ _ime_backupctl() {
         return
     fi
     compopt -o nosort 2>/dev/null # numbers are in order already
-    # Bash breaks words at colons and equals signs, and replaces only what is behind the last one.
+    # Bash breaks words at colons and equals signs, and replaces only the text after the last one.
     word=${COMP_LINE:0:COMP_POINT}
     word=${word##*[[:space:]]}
     prefix=${word%"${word##*[:=]}"}

@@ -1,4 +1,4 @@
-# Completion for fish: the program itself knows what may stand where.
+# Completion for fish: the program lists the possible words.
 
 function __ime_backupctl_complete
     set -l words (commandline -opc) (commandline -ct)

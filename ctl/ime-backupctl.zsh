@@ -1,5 +1,5 @@
 #compdef ime-backupctl
-# Completion for zsh: the program itself knows what may stand where.
+# Completion for zsh: the program lists the possible words.
 
 local -a candidates
 candidates=("${(@f)$(ime-backupctl complete -- "${(@)words[2,CURRENT]}" 2>/dev/null)}")

@@ -17,6 +17,6 @@ std::string read_input(const std::string &name, size_t max_size, const char *pur
 
 /// Makes a backup from a record file or a snapshot.
 ///
-/// @throws DamagedError if a record file was changed or holds no snapshot
+/// @throws DamagedError if a record file was changed or holds no snapshot, or if the text is not strict JSON
 /// @throws HostError if the content is neither of the two
 Importable make_importable(const std::string &content);

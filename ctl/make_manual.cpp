@@ -10,8 +10,7 @@
 #include "setting.h"
 #include "text.h"
 
-/// Escapes the characters that have a meaning in roff.
-static std::string plain(const std::string &text)
+static std::string escape_roff(const std::string &text)
 {
     std::string escaped_text;
     for (const char c : text)
@@ -27,7 +26,7 @@ static std::string paragraph(const std::string &text)
     std::string lines;
     for (gchar **sentence = sentences; *sentence != nullptr; sentence++)
         for (const std::string &line : wrap(*sentence, WIDTH))
-            lines += plain(line) + "\n";
+            lines += escape_roff(line) + "\n";
     return lines;
 }
 
@@ -96,8 +95,8 @@ static std::string describe_examples(const Command &command)
 {
     std::string text;
     for (const Command *subcommand : commands_below(command))
-        text += paragraph(std::string(subcommand->summary) + ":") + ".Dl $ " + plain(subcommand->example) +
-                "\n" + describe_examples(*subcommand);
+        text += paragraph(std::string(subcommand->summary) + ":") + ".Dl $ " +
+                escape_roff(subcommand->example) + "\n" + describe_examples(*subcommand);
     return text;
 }
 
@@ -110,7 +109,7 @@ static std::string describe_entries(const std::vector<HelpEntry> &entries, const
 
 static std::string describe_setting(const SettingRow &row)
 {
-    return std::string("Ic ") + row.member + "\n" + plain(place_of(row)) + "\n";
+    return std::string("Ic ") + row.member + "\n" + escape_roff(place_of(row)) + "\n";
 }
 
 int main()

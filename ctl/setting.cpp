@@ -119,7 +119,7 @@ Cell cell_of(const SettingRow &row, const DeviceValue &value)
 
 // Changes.
 
-/// Writes the values durably, and throws if the device holds others afterwards.
+/// Writes the values durably, and throws if the device holds other values afterwards.
 static void write_values(Device &device, const NewValues &values)
 {
     std::map<std::string, std::string> refusals;
@@ -154,7 +154,7 @@ static NamedValues read_targets(Device &device, const NewValues &values)
     return named;
 }
 
-/// Reads the settings after a change. If they can't be read, all count as changed.
+/// Reads the settings after a change. If they can't be read, returns the planned values.
 static NamedValues read_again(Device &device, const NewValues &values)
 {
     try {

@@ -44,7 +44,7 @@ inline constexpr char MEMBER_LANG_ID[] = "lang_id";
 inline constexpr char DEFAULT_SELECTED_LANG[] = "en_US#ko_KR#";
 
 /// All settings: first the settings in a snapshot, then the lists of downloaded languages. The settings in a
-/// snapshot have the order of its members, in which the service also reads and writes them.
+/// snapshot are in the order of its members. The service reads and writes them in this order.
 inline constexpr SettingRow ALL_SETTINGS[] = {
     {"default_keyboard", SettingPlace::input_method_control, SettingForm::identifier, "", ""},
     {"selected_lang", SettingPlace::settings_store, SettingForm::languages, VCONFKEY_ISE_LPM_SELECTED_LANG,

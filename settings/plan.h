@@ -21,7 +21,7 @@ struct BackupPlan {
     SnapshotValues snapshot; ///< what each record of the backup holds
     DeviceState device;      ///< after the backup, which sets missing languages to the default
     /// Why the device can't be backed up; empty if it can. Unless the keyboard is an obstacle, the service
-    /// makes a snapshot all the same.
+    /// makes a snapshot nevertheless.
     std::vector<Obstacle> obstacles;
 };
 

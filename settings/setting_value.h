@@ -29,8 +29,8 @@ constexpr bool is_switch(const SettingRow &row)
 /// Returns a value as the input-method framework's configuration stores it: as text.
 std::string config_text(const DeviceValue &value);
 
-/// Returns what the platform reads for a switch, or nothing if its key is not set or its value can't be read
-/// as a switch.
+/// Returns the state that the platform reads for a switch, or nothing if the key is not set or its value
+/// can't be read as a switch.
 std::optional<bool> read_switch(const SettingRow &row, const DeviceValue &value);
 
 /// Splits a language list at its delimiters, each of which ends a piece. Keeps empty pieces.
