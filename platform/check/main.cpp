@@ -94,7 +94,7 @@ static int wait_for_signal(sigset_t signals, Clock::time_point deadline)
     return sigtimedwait(&signals, nullptr, &time);
 }
 
-/// File with the output of the last check.
+/// File with the output of the function that run_limited() ran last.
 static int log_file = -1;
 
 /// Kills a process group and waits for its end: until then, a killed process may still write.

@@ -111,7 +111,7 @@ enum class Exchange { info, backup, restore };
 static int is_ready = 1;
 static void (*check_list)(List list) = nullptr;
 
-/// Answers a callback.
+/// Sends an answer, which the library must accept.
 static void answer(int (*send)())
 {
     is_in_library_call = true;
@@ -301,12 +301,14 @@ static void die_while_writing()
     waitpid(start_process([] { write_too_much(die_in_write); }), &status, 0);
 }
 
+/// Writes a list's record file.
+///
 /// @return the content of the file
 static std::string write_small(List list = make_sized_list(1))
 {
     expect(CALL(orvanta_cloud_file_create_file(list, FILE_PATH.c_str())), 0);
     std::string content = read_file(record_folder.path + std::string(FILE_NAME));
-    if (content.empty()) { // the library may begin the file in another folder, which was found
+    if (content.empty()) { // die_in_write() may have found a folder for temporary files
         snprintf(record_folder.path, sizeof record_folder.path, "%s", IME_BACKUP_TRUSTED_FOLDER);
         content = read_file(FILE_PATH);
     }

@@ -4,9 +4,9 @@
 Usage: crash_test.py BUILD_DIR SCIM_LAUNCHER
 
 Each command runs once, and its changes of files are recorded. The record gives the states in which a power cut may
-leave the files. The real programs have to cope with each state, beside a SCIM daemon with its file of that moment.
+leave the files. The real programs have to cope with each state, with a SCIM daemon whose file is as it was then.
 Data is durable once its file is synced, a name once its folder is synced. Any part of unsynced data may be missing.
-Unsynced names are missing from some change of their folder on.
+Of a folder's unsynced changes of names, all from some change on are missing.
 """
 
 import collections
@@ -37,7 +37,7 @@ ONE = ("settings set default_keyboard alpha selected_lang en_US,ko_KR handwritin
 OTHER = ("settings set default_keyboard beta selected_lang fr_FR handwriting off prediction off auto_space off"
          " auto_capitalize on auto_punctuation off key_tap_sound on")
 LEFT_OUT = re.compile(r"(.*/)?(service\.log|.*-shm)")  # the log is for people; SQLite recreates the other file
-FORGET = "find state -mindepth 1 -not -path state/cloud* -delete"  # all but the backups
+FORGET = "find state -mindepth 1 -not -path state/cloud* -delete"  # deletes all files except the backups
 
 SCENARIOS = {  # the commands before, and the commands that are cut
     "backup, the first": (["settings set default_keyboard alpha"], ["backup"]),
@@ -213,8 +213,8 @@ class Cut:
         self.unsynced = {file: path for path, file in files if file and file.pending}
 
     def left(self, data="nothing", names=None, chance=random):
-        """The files that are left. `data` says what is missing of the data of all files, or of each. `names` is the
-        event from which on names are missing, of all folders or of each."""
+        """Returns the files that are left. `data` says what is missing of the data: of all files, or of each file.
+        `names` is the event from which on changes of names are missing: of all folders, or of each folder."""
         tree, left = dict(self.before), {}
         for i, event, path, other, what in self.name_changes:
             folder = os.path.dirname(path)
@@ -246,8 +246,8 @@ def in_turns(*iterators):
 
 
 def states_of(recording, chance):
-    """Each state once: the worst ones after the last event, then the worst and random ones of each cut, until hardly
-    any is new."""
+    """Yields each state once: the worst states after the last event, then the worst and random states of each cut,
+    until hardly any state is new."""
     cuts = [Cut(recording, count) for count in range(len(recording.events) + 1)]
     last = cuts[-1]
     chance.shuffle(cuts)
@@ -265,7 +265,7 @@ def states_of(recording, chance):
 
 
 def check(cut, tree, host):
-    """The problems of a host in this state."""
+    """Returns the problems of a host in this state."""
     recording, problems = cut.recording, []
 
     def succeed(command):
@@ -308,7 +308,7 @@ def check(cut, tree, host):
     return problems + ["left behind: " + ", ".join(strays)] * bool(strays)
 
 
-def put_down(cut, tree, folder):
+def write_state(cut, tree, folder):
     host = Host(folder)
     host.state.mkdir(parents=True)
     for path, content in tree.items():
@@ -335,14 +335,14 @@ def run(work):
                 name = cut.recording.name
                 tried[name] += 1
                 number = f"state{tried.total()}"
-            with put_down(cut, tree, work / number) as host:
+            with write_state(cut, tree, work / number) as host:
                 try:
                     problems = check(cut, tree, host)
                 except (json.JSONDecodeError, sqlite3.Error, subprocess.TimeoutExpired) as error:
                     problems = [repr(error)]
             shutil.rmtree(work / number)
             if problems:
-                put_down(cut, tree, kept / number)
+                write_state(cut, tree, kept / number)
                 failed[name] += 1
                 event = cut.recording.events[cut.count - 1][:3] if cut.count else "the beginning"
                 print(f"{name}: cut after event {cut.count}, {event}, missing {missing}",

@@ -336,11 +336,12 @@ int orvanta_cloud_record_get_value(orvanta_cloud_record_handle record, char **va
 
 int orvanta_cloud_record_set_date(orvanta_cloud_record_handle record, const char *date)
 {
-    const bool is_late = date != nullptr && strlen(date) > 10; // longer than a date in seconds
-    if (is_late && breaks("orvanta-cloud-svc:seconds"))
+    const bool has_milliseconds = date != nullptr && strlen(date) > 10; // longer than a date in seconds
+    if (has_milliseconds && breaks("orvanta-cloud-svc:seconds"))
         return NEXT(orvanta_cloud_record_set_date)(record, std::string(date, 10).c_str());
-    return is_late && breaks("orvanta-cloud-svc:date") ? -1
-                                                       : NEXT(orvanta_cloud_record_set_date)(record, date);
+    return has_milliseconds && breaks("orvanta-cloud-svc:date")
+               ? -1
+               : NEXT(orvanta_cloud_record_set_date)(record, date);
 }
 
 int orvanta_cloud_backup_record_send_preparation_completed_response(int ready)

@@ -71,7 +71,7 @@ Each broken promise is detected, and its library is named.
   $ wc -l <promises
   68
   $ while read -r promise; do
-  >     prepare; broken $promise --only "${promise%:*}: " >results && echo "$promise is not found out"
+  >     prepare; broken $promise --only "${promise%:*}: " >results && echo "$promise is not detected"
   >     grep '^not ok' results | grep -v " - ${promise%:*}: "
   > done <promises
   [1]

@@ -138,9 +138,9 @@ void Workstation::disturb_exchanges(int rounds, const Disturb &disturb)
 
     for (int round = 0; round < rounds && !HasFailure(); round++) {
         SCOPED_TRACE("round " + std::to_string(round));
-        const int number = round % 3; // 0 makes a backup, the others restore one
-        if (settings().find("(not set)") !=
-            std::string::npos) { // SCIM's daemon loses all settings if it is killed in a write
+        const int number = round % 3; // 0 makes a backup, 1 and 2 restore that backup
+        // SCIM's daemon loses all settings if it is killed during a write.
+        if (settings().find("(not set)") != std::string::npos) {
             ASSERT_EQ(ctl({"restore", "1"}).status, 0);
         }
         const std::string before = settings();
@@ -167,11 +167,12 @@ void Workstation::expect_truth(const Outcome &outcome, size_t restored, const st
                                      outcome.output + outcome.errors + "exit status " +
                                          std::to_string(outcome.status));
     EXPECT_EQ(outcome.status == 130, says("interrupted"));
-    EXPECT_EQ(outcome.output.find("(not set)"), std::string::npos) << "all settings were";
+    EXPECT_EQ(outcome.output.find("(not set)"), std::string::npos) << "all settings were set";
     if (restored == 0) {
         EXPECT_EQ(after, before);
     }
-    if (restored != 0 || !says("shows whether")) { // the service was killed, and the backup may be stored
+    // A killed service may have stored the backup.
+    if (restored != 0 || !says("shows whether")) {
         EXPECT_EQ(stored, restored == 0 && outcome.status == 0 ? 1U : 0U);
     }
     if (restored != 0 && outcome.status == 0) {
@@ -183,7 +184,7 @@ void Workstation::expect_truth(const Outcome &outcome, size_t restored, const st
     }
     if (stored != 0) {
         EXPECT_EQ(ctl({"restore"}).status, 0);
-        EXPECT_EQ(settings(), before) << "is what was backed up";
+        EXPECT_EQ(settings(), before) << "the backup holds them";
     }
     if (outcome.status == -1 || says("nothing on the device")) { // -1: killed before the service started
         EXPECT_EQ(after, before);
@@ -193,7 +194,7 @@ void Workstation::expect_truth(const Outcome &outcome, size_t restored, const st
     }
 }
 
-TEST_F(Workstation, WhatIsSaidOfAnInterruptedExchangeIsSo)
+TEST_F(Workstation, ReportsOfAnInterruptedExchangeAreTrue)
 {
     disturb_exchanges(42, [](Process &process, int round) {
         process.send(round % 2 == 0 ? SIGINT : SIGTERM);
@@ -219,7 +220,8 @@ TEST_F(Workstation, TheServiceEndsWithItsClient)
     scim->send(SIGSTOP);
     auto impatient = environment;
     impatient["SCIM_SOCKET_TIMEOUT"] = "300";
-    for (int i = 0; i < 3; i++) { // at the latest once it has stopped waiting for the daemon
+    // The service ends at the latest when it stops waiting for the daemon.
+    for (int i = 0; i < 3; i++) {
         Process process({CTL, "backup"}, impatient);
         pid_t service = 0;
         ASSERT_TRUE(eventually([&] { return (service = service_of(process)) != 0; }));
@@ -234,7 +236,7 @@ TEST_F(Workstation, TheServiceEndsWithItsClient)
     scim->send(SIGCONT);
 }
 
-TEST_F(Workstation, WhatIsSaidOfAKilledServiceIsSo)
+TEST_F(Workstation, ReportsOfAKilledServiceAreTrue)
 {
     disturb_exchanges(42, [](Process &process, int) {
         if (const pid_t service = service_of(process); service != 0)
@@ -248,7 +250,7 @@ TEST_F(Workstation, WhatIsSaidOfAKilledServiceIsSo)
         }
 }
 
-TEST_F(Workstation, WhatIsSaidWithoutADaemonIsSo)
+TEST_F(Workstation, ReportsWithoutADaemonAreTrue)
 {
     disturb_exchanges(42, [this](Process &, int round) {
         const bool is_stopped = round % 4 < 2;
@@ -267,7 +269,7 @@ TEST_F(Workstation, WhatIsSaidWithoutADaemonIsSo)
     });
 }
 
-TEST_F(Workstation, WhatIsDoneIsSaidWhateverSignalComes)
+TEST_F(Workstation, AFinishedRestoreIsReportedDespiteASignal)
 {
     make_two_backups();
     // A slow reader.
@@ -297,13 +299,13 @@ std::vector<std::string> find_calls(const std::string &trace)
     std::map<std::string, int> counts;
     std::vector<std::string> calls;
     for (std::sregex_iterator i(trace.begin(), trace.end(), call); i != std::sregex_iterator(); i++)
-        if ((*i)[2] != "scim::ConfigModule::ConfigModule") // which cannot fail
+        if ((*i)[2] != "scim::ConfigModule::ConfigModule") // which can't be made to fail
             calls.push_back((*i)[2].str() + "#" + std::to_string(++counts[(*i)[2]]));
     return calls;
 }
 
 /// True for calls after whose failure the service waits for another request, by contract.
-bool waits_without(const std::string &call)
+bool waits_after_failed(const std::string &call)
 {
     static const std::regex waiting(
         "(orvanta_cloud_initialize|app_control_(get_operation|create)|service_app_exit)#.*");
@@ -314,7 +316,7 @@ class FailingCalls : public Workstation, public testing::WithParamInterface<Argu
 {
 };
 
-TEST_P(FailingCalls, WhatIsSaidIsSo)
+TEST_P(FailingCalls, AreReportedTruly)
 {
     make_two_backups();
     Arguments command = GetParam();
@@ -330,10 +332,10 @@ TEST_P(FailingCalls, WhatIsSaidIsSo)
         }
         const size_t count = count_backups();
         Arguments failing = command;
-        failing.insert(failing.end(), {"--fail", call, "--timeout", waits_without(call) ? "0.3" : "20"});
+        failing.insert(failing.end(), {"--fail", call, "--timeout", waits_after_failed(call) ? "0.3" : "20"});
         const Outcome outcome = ctl(failing);
         EXPECT_NE(outcome.output.find("made to fail"), std::string::npos);
-        EXPECT_TRUE(outcome.status != EXIT_TIMED_OUT || waits_without(call));
+        EXPECT_TRUE(outcome.status != EXIT_TIMED_OUT || waits_after_failed(call));
         if (command[1] == "info") {
             EXPECT_EQ(outcome.status == 0, outcome.errors.starts_with("record 0  20")) << outcome.errors;
             EXPECT_EQ(count_backups(), count);
@@ -384,8 +386,8 @@ TEST_F(OnABus, ASecondLaunchIsARequestToTheFirst)
     ASSERT_TRUE(eventually([this] { return service_is_on_bus(); }));
 
     EXPECT_EQ(Process({SERVICE_PROGRAM, "unknown"}, with_bus()).wait().status, 0);
-    EXPECT_TRUE(first.is_running()) << "nothing runs for an unknown operation";
-    EXPECT_EQ(ctl({"backup"}, with_bus()).status, 0) << "which does not go through the bus";
+    EXPECT_TRUE(first.is_running()) << "an unknown operation does not end the service";
+    EXPECT_EQ(ctl({"backup"}, with_bus()).status, 0) << "ime-backupctl does not use the bus";
     EXPECT_TRUE(first.is_running());
     {
         FileLock others_turn(state / EXCHANGE_LOCK);
@@ -421,7 +423,7 @@ TEST_F(OnABus, ASignalEndsTheServiceInOrder)
         EXPECT_EQ(service.wait().status, 0);
     }
 
-    // A service that ends in order reports the exchange that it gives up while it waits for its turn.
+    // On SIGTERM, a service that waits for another exchange reports that its own exchange failed.
     FileLock others_turn(state / EXCHANGE_LOCK);
     others_turn.acquire();
     Process service({SERVICE_PROGRAM, OPERATION_BACKUP}, with_bus());

@@ -1,4 +1,4 @@
-// Replaces the host's settings store with values in memory. It also sets a switch that can't be read back.
+// Replaces the host's settings store with values in memory. A failed vconf_get_bool() also sets its output.
 
 #include <cstdlib>
 #include <cstring>

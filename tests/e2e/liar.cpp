@@ -1,7 +1,7 @@
 // This library is preloaded into the service, and falsifies its snapshots: with $LIE set to OLD=NEW, it
 // replaces OLD in the snapshot that the service makes of the device, and in the snapshot that the service
-// applies. With $THREADS, the callback that prepares a backup runs on a second thread, while others use the
-// platform.
+// applies. With $THREADS set, the callback that prepares a backup runs on another thread, while two more
+// threads use the platform.
 
 #include <cstdlib>
 #include <cstring>

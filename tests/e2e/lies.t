@@ -49,7 +49,7 @@ The service makes a wrong snapshot: the differing settings are named, and nothin
   $ ime-backupctl list | wc -l
   2
 
-The service applies another snapshot than the one it was given.
+The service applies a different snapshot from the backup's: the differing settings are named.
 
   $ while read -r LIE; do
   >     xargs ime-backupctl settings set <<<"default_keyboard x selected_lang de_DE handwriting off prediction on auto_space off auto_capitalize on auto_punctuation off key_tap_sound on key_tap_vib off"
@@ -74,7 +74,7 @@ The service applies another snapshot than the one it was given.
   1 ime-backupctl: the service did not restore record "0"; not restored: default_keyboard (x instead of kbd), selected_lang (de_DE instead of en_US,ko_KR), handwriting (false instead of true), prediction (true instead of false), auto_space (false instead of true), auto_capitalize (true instead of false), auto_punctuation (false instead of true), key_tap_sound (true instead of false), key_tap_vib (false instead of true)
   1 ime-backupctl: the service did not restore record "0"; not restored: default_keyboard (x instead of kbd), selected_lang (de_DE instead of en_US,ko_KR), handwriting (false instead of true), prediction (true instead of false), auto_space (false instead of true), auto_capitalize (true instead of false), auto_punctuation (false instead of true), key_tap_sound (true instead of false), key_tap_vib (false instead of true)
 
-An honest service with the same library, and a service on another settings store than the host's.
+The snapshots are unchanged; then the service uses a different settings store from the host's.
 
   $ LIE=x=y LD_PRELOAD=$BUILD/tests/libliar.so ime-backupctl restore 1 | tail -n 1
   backup 1  restored

@@ -165,7 +165,7 @@ The store is tested before the exchange begins: on a fault, nothing is stored.
   $ flock $cloud/.lock sleep 2 & sleep 0.1; try_store; kill $!
   NOT FINE  the process that holds WORK/state/cloud/.lock did not finish in time. Mend the fault and try again, or set IME_BACKUP_CLOUD_STORE to another place
 
-Exports and imports backups and bare snapshots, with all their problems.
+Exports and imports backups and bare snapshots. An import reports all problems of a snapshot.
 
   $ ime-backupctl export 39 file
   backup 39  written to file

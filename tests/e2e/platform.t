@@ -8,7 +8,7 @@
   $ cp -r $IME_BACKUP_HOST_DIR whole
   $ all_commands() { printf '%s\n' backup restore settings "settings set prediction on"; }
 
-A daemon that does not answer is given the milliseconds that SCIM is configured for. Then the daemon is stopped.
+A daemon that does not answer within SCIM_SOCKET_TIMEOUT milliseconds, then a daemon that isn't running.
 
   $ export SCIM_SOCKET_TIMEOUT=300
   $ signal_scim STOP

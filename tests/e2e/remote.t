@@ -114,7 +114,7 @@ Commands that need no store don't run rclone. Commands that read all backups run
   8
   9
 
-rclone's success counts only if a listing confirms it.
+A listing decides whether rclone succeeded, not rclone's exit status.
 
   $ for lie in 'head -c 9 | $rclone rcat "${@: -1}"; exit' '$rclone "$@"; exit 1'; do
   >     [[ $lie == head* ]] && step=rcat || step=moveto
@@ -147,7 +147,8 @@ rclone's success counts only if a listing confirms it.
   $ rclone_does '[[ $* != *rcat* ]] || { echo 403 Forbidden >&2; exit 1; }'; lie_and status | grep ^cloud
   cloud store      NOT FINE  the cloud store rclone:dav:a "desk" * $x/--b can't be used: 403 Forbidden. Mend the fault and try again, or set IME_BACKUP_CLOUD_STORE to another place
 
-rclone's flags for other calls are ignored. Variables that unlock a remote reach it, also from the service.
+Variables with flags for the user's own calls of rclone are ignored. Variables that a remote may need reach rclone, also
+from the service.
 
   $ rclone_does 'env >>seen'
   $ ( export DBUS_SESSION_BUS_ADDRESS=unix:path=/none RCLONE_BUFFER_SIZE=1M RCLONE_WEBDAV_USER=me

@@ -106,7 +106,7 @@ A command that changes nothing, fails or never begins does not block the undo of
   undid the restore of backup 1 (entry 14)
   $ ime-backupctl settings | diff before -
 
-An interrupted change: status and history report it, and undo reverts only what it was to change.
+Status and history report an interrupted restore. Undo reverts only the settings that the restore was to change.
 
   $ ime-backupctl restore >/dev/null
   $ sed -i '$d' $journal

@@ -248,7 +248,7 @@ The manuals have no faults, and describe each member of the documents.
   1
   1
 
-A timer or cron may start it with almost no environment: paths that it looked for are named.
+ime-backupctl works with almost no environment, as from a timer or cron. It names the paths that it uses.
 
   $ XDG_RUNTIME_DIR=$PWD MANPATH=$BUILD/share/man systemd-analyze verify --user $BUILD/lib/systemd/user/*
   $ bare() { env -i ${ASAN_OPTIONS:+ASAN_OPTIONS=$ASAN_OPTIONS LSAN_OPTIONS=$LSAN_OPTIONS} "$@"; }

@@ -164,10 +164,11 @@ TEST_F(Cloud, RecordFileIsRefusedWhenAnyByteDiffers)
     // Another writer may escape characters differently.
     EXPECT_EQ(decode_record_file(frame(R"([{"value":"\u001fa\u0061"}])")).at(0).value, "\x1f"
                                                                                        "aa");
-    EXPECT_EQ(decode_record_file(frame("[7,{\"key\":1}]")).size(), 2) << "records without anything";
+    EXPECT_EQ(decode_record_file(frame("[7,{\"key\":1}]")).size(), 2)
+        << "records without key, date and value";
 }
 
-TEST_F(Cloud, AValueIsReadByAllAlikeOrByNone)
+TEST_F(Cloud, AValueThatParsersReadDifferentlyIsRefused)
 {
     const auto repeated = [](const char *text, int count) {
         std::string all;
@@ -211,7 +212,7 @@ TEST_F(Cloud, AValueIsReadByAllAlikeOrByNone)
     EXPECT_NE(refusal([&] { decode_record_file(repeated("[", 50'000)); }), "");
 }
 
-TEST_F(Cloud, StoreNumbersBackupsAndKeepsOthersOut)
+TEST_F(Cloud, StoreNumbersBackupsAndIgnoresOtherFiles)
 {
     const fs::path folder = root.path / "cloud";
     write_file(folder / "backup-000001.json.new", "half a backup");
@@ -317,7 +318,7 @@ TEST_F(Cloud, NoNumberIsGivenTwice)
     }
     fs::remove(lock);
     EXPECT_EQ(open_store([](const std::string &) { return BackupNumber{20}; })->add(""), 21)
-        << "others know of 20";
+        << "the history knows of backup 20";
     EXPECT_EQ(open_store([](const std::string &) { return BackupNumber{30}; })->add(""), 22);
     std::vector<pid_t> children;
     for (int child = 0; child < 4; child++)
@@ -561,7 +562,7 @@ TEST_F(Cloud, ABackupSucceedsOnlyWhole)
 const SettingRow &HANDWRITING = SETTINGS[2];
 const SettingRow &PREDICTION = SETTINGS[3];
 
-TEST_F(Cloud, ABackupHoldsWhatTheDeviceDoes)
+TEST_F(Cloud, ABackupHoldsTheDevicesSettings)
 {
     const std::string right = snapshot_of_device();
     const auto with = [&](const std::string &from, const std::string &to) {
@@ -613,7 +614,7 @@ TEST_F(Cloud, ABackupHoldsWhatTheDeviceDoes)
               "default_keyboard (kb instead of kbd)");
 }
 
-TEST_F(Cloud, ADeviceThatCanNotBeBackedUpIsNot)
+TEST_F(Cloud, AnUnusableDeviceIsNotBackedUp)
 {
     using Result = ExchangeReport::Result;
     const struct {
@@ -681,7 +682,7 @@ TEST_F(Cloud, ARestoreSucceedsOnlyWhole)
     EXPECT_EQ(run_exchange(true, {.hand_back = false}).reason, "backup 4 holds no record");
 }
 
-TEST_F(Cloud, ARestoreMakesOfTheDeviceWhatItShould)
+TEST_F(Cloud, ARestoreIsComparedWithItsPlan)
 {
     using Result = ExchangeReport::Result;
     open_store()->add(encode_record_file({{"0", "1", R"({"default_keyboard":"other","prediction":true})"}}));
@@ -741,7 +742,7 @@ TEST_F(Cloud, ARestoreMakesOfTheDeviceWhatItShould)
 
     device.is_readable = false;
     EXPECT_EQ(run_exchange(true).reason, "the device can't be read");
-    EXPECT_EQ(service.called, "prepare path completed ") << "the service must not begin to change it";
+    EXPECT_EQ(service.called, "prepare path completed ") << "the service must not begin to change the device";
     EXPECT_TRUE(read_history().back().changed.empty());
 }
 
@@ -802,7 +803,7 @@ TEST_F(Cloud, TheResultIsGivenOnceTheLastStepIsOver)
         EXPECT_EQ(report.result == ExchangeReport::Result::succeeded, is_stored) << iterations;
         EXPECT_EQ(report.result == ExchangeReport::Result::undecided, iterations < 5) << iterations;
     }
-    // The variable names another file than the descriptor: no report is written to it.
+    // The descriptor in the variable is another file by now: no report is written to that file.
     const Descriptor other(memfd_create("report", 0));
     setenv(REPORT_VARIABLE, name_report_file(report_file.get(), other.get()).c_str(), 1);
     orvanta_cloud_initialize();

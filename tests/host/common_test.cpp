@@ -135,7 +135,7 @@ TEST(Child, IsStoppedAndWaitedFor)
     EXPECT_EQ(run_child({.program = "there-is-no-such-program"}).error, ENOENT);
 }
 
-TEST(Child, HasWhatItIsGivenAndNothingElse)
+TEST(Child, GetsOnlyWhatItIsGiven)
 {
     const Descriptor one(memfd_create("one", 0));
     const Descriptor two(memfd_create("two", 0));
@@ -176,7 +176,7 @@ TEST(Files, AreReplacedWhole)
     EXPECT_THROW(replace_file(file / "below", ""), PlatformError);
 }
 
-TEST(Files, AnythingElseIsRefusedAtOnce)
+TEST(Files, ThatAreNotRegularAreRefusedAtOnce)
 {
     const TempDir root;
     ASSERT_EQ(mkfifo((root.path / "fifo").c_str(), 0600), 0);

@@ -62,7 +62,7 @@ bool is_same(const HistoryEntry &one, const HistoryEntry &other)
            one.changed == other.changed;
 }
 
-TEST_F(History, HoldsWhatWasAsItWas)
+TEST_F(History, ReturnsWhatWasWritten)
 {
     EXPECT_TRUE(read_history().empty());
     require_writable_history();
@@ -143,7 +143,7 @@ TEST_F(History, AnyDamageShows)
     EXPECT_EQ(undone(), "1 2 next 2");
 }
 
-TEST_F(History, KeepsTheNewestAndWhatCanBeUndone)
+TEST_F(History, KeepsTheNewestAndUndoableEntries)
 {
     add("restore", {{"prediction", true}});
     add("restore", {{"prediction", false}});
@@ -159,7 +159,7 @@ TEST_F(History, KeepsTheNewestAndWhatCanBeUndone)
     EXPECT_LT(fs::file_size(journal), 202 * 200);
 }
 
-TEST_F(History, TakesInWhatAnEarlierVersionLeft)
+TEST_F(History, ImportsTheNoteOfAnEarlierVersion)
 {
     const std::string begin =
         R"({"backup":2,"changes":[],"operation":"restore","reason":"","records":[],"result":"undecided","settings":[]})"
@@ -195,7 +195,7 @@ TEST_F(History, TakesInWhatAnEarlierVersionLeft)
         write_file(root.path / "last-exchange.json", "{}");
         fs::last_write_time(note, fs::file_time_type::clock::now() - std::chrono::hours(number));
         const HistoryEntry seen = read_history().back();
-        EXPECT_TRUE(fs::exists(note)) << "looking at it leaves it there";
+        EXPECT_TRUE(fs::exists(note)) << "reading the note leaves it there";
         EXPECT_EQ(seen.number, number);
         EXPECT_EQ(seen.fault.empty(), test.is_readable) << seen.fault;
         EXPECT_EQ(seen.changed.size(), test.changed);
@@ -213,7 +213,7 @@ TEST_F(History, TakesInWhatAnEarlierVersionLeft)
     }
 }
 
-TEST_F(History, NothingIsChangedWhatCannotBeNoted)
+TEST_F(History, AnEntryThatCannotBeWrittenIsRefused)
 {
     signal(SIGXFSZ, SIG_IGN);
     add("restore", {{"prediction", true}});

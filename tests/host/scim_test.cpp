@@ -1,4 +1,4 @@
-// The configuration and the active input method, beside a daemon that misbehaves on demand.
+// The configuration and the active input method, with a daemon that misbehaves on demand.
 
 #include <climits>
 #include <csignal>
@@ -151,7 +151,7 @@ std::string outcomes()
     return text;
 }
 
-TEST(Config, TellsWhatIsNotSetFromADaemonThatIsLost)
+TEST(Config, DistinguishesAMissingKeyFromALostDaemon)
 {
     const struct {
         Fault fault;
@@ -243,7 +243,7 @@ TEST(Config, AChangeIsMadeOnceItIsFlushed)
 
 constexpr SettingRow ROW = {"", SettingPlace::configuration, SettingForm::integer_switch, "keyloom/row", ""};
 
-TEST(Config, AValueIsReadAsItCanBePutBack)
+TEST(Config, AValueThatWasReadCanBePutBack)
 {
     const FakeDaemon daemon(Fault::none, 0);
     Device &device = *host_device();
@@ -271,7 +271,7 @@ TEST(Config, AValueIsReadAsItCanBePutBack)
     device.write(SETTINGS[0], "a\tb"); // another program may have made it active
 }
 
-TEST(Config, WhatIsNotSetIsToldFromWhatIsReadWithIt)
+TEST(Config, AMissingKeyIsReadTogetherWithOtherKeys)
 {
     const FakeDaemon daemon(Fault::none, 0);
     SettingRow unset = ROW;
@@ -304,7 +304,7 @@ TEST(Config, TheActiveInputMethodIsPendingUntilTheExchangeFlushesIt)
     }
 }
 
-TEST(Config, WhatMustNotChangeDoesNot)
+TEST(Config, ARefusedChangeIsNotMade)
 {
     const FakeDaemon daemon(Fault::none, 0);
     account().start([](size_t, const Change &change) {
@@ -331,7 +331,7 @@ TEST(Device, KnowsWhetherTheServiceUsesIt)
         EXPECT_TRUE(host_device()->serves(row)) << row.member;
 }
 
-TEST(ActiveIme, HandsOutWhatItAccepts)
+TEST(ActiveIme, ReturnsWhatItAccepted)
 {
     const FakeDaemon daemon(Fault::none, 0);
     char *identifier = nullptr;
@@ -356,7 +356,7 @@ TEST(ActiveIme, HandsOutWhatItAccepts)
     }
 }
 
-TEST(ActiveIme, ThatCannotBeSetIsAProblem)
+TEST(ActiveIme, AFailureToSetItIsAProblem)
 {
     const struct {
         Fault fault;

@@ -127,7 +127,7 @@ TEST_F(Store, StoresOnlyWhatWasAdded)
     });
 }
 
-TEST_F(Store, ProcessesAtOnceLoseNothing)
+TEST_F(Store, ConcurrentProcessesLoseNothing)
 {
     std::vector<pid_t> children;
     for (int i = 0; i < 6; i++)
@@ -141,7 +141,7 @@ TEST_F(Store, ProcessesAtOnceLoseNothing)
     run([] { EXPECT_EQ(SettingsStore().below("all").size(), 6 * 20); });
 }
 
-TEST_F(Store, IsItsOwnersAloneAndMadeWhole)
+TEST_F(Store, IsPrivateAndMadeWhole)
 {
     // The store was moved away; the -wal and -shm files of a killed process remain.
     run([this] {
@@ -181,7 +181,7 @@ std::string on_disk(const std::filesystem::path &root, const char *key)
     return query.executeStep() ? query.getColumn(0).getString() : "";
 }
 
-TEST_F(Store, WhatAnExchangeSetIsDurableAtItsEnd)
+TEST_F(Store, SettingsAreDurableAtTheEndOfAnExchange)
 {
     run([this] {
         account().start({});
@@ -201,7 +201,7 @@ TEST_F(Store, WhatAnExchangeSetIsDurableAtItsEnd)
     });
 }
 
-TEST_F(Store, ASecondOneInTheProcessLeavesTheLocksOfTheFirst)
+TEST_F(Store, ASecondConnectionInTheProcessLeavesTheLocksOfTheFirst)
 {
     run([] { SettingsStore().set({{"a", true}}); });
     int holding[2];
@@ -223,7 +223,7 @@ TEST_F(Store, ASecondOneInTheProcessLeavesTheLocksOfTheFirst)
 
 // The library notes its changes to the device in the account.
 
-TEST_F(Store, EachChangeIsOnTheAccountAndNoneThatChangesNothingIsWritten)
+TEST_F(Store, EachChangeIsNotedAndAnEqualValueIsNotWritten)
 {
     run([this] {
         std::string outcomes;
@@ -248,7 +248,7 @@ TEST_F(Store, EachChangeIsOnTheAccountAndNoneThatChangesNothingIsWritten)
     });
 }
 
-TEST_F(Store, WhatMustNotChangeDoesNot)
+TEST_F(Store, ARefusedChangeIsNotMade)
 {
     for (const DeviceValue &before : {DeviceValue(), DeviceValue("old")}) {
         run([&] {
@@ -270,7 +270,7 @@ TEST_F(Store, WhatMustNotChangeDoesNot)
     }
 }
 
-TEST_F(Store, WhoOnlyLooksMakesNothing)
+TEST_F(Store, AReaderMakesNoFiles)
 {
     const auto contents = [this] {
         std::map<std::string, std::string> files;
@@ -298,7 +298,7 @@ TEST_F(Store, WhoOnlyLooksMakesNothing)
     expect_untouched("new");
 }
 
-TEST_F(Store, WhoCouldNotReadDoesNotOverwrite)
+TEST_F(Store, AProcessThatCouldNotReadDoesNotOverwrite)
 {
     const auto expect_flag = [](int result, int expected) {
         int value = 42;

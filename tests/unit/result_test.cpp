@@ -32,7 +32,7 @@ protected:
     ScriptedPlatform scripted;
 };
 
-TEST_F(Results, ReadTellsAnUnreadableKeyFromOneWithoutAString)
+TEST_F(Results, ReadDistinguishesAMissingKeyFromAKeyWithoutAString)
 {
     for (const auto &[function, expected] :
          {std::pair("", 1), {"vconf_get", 2}, {"vconf_keylist_lookup", 0}, {"vconf_keynode_get_str", 0}}) {
@@ -73,7 +73,7 @@ TEST_F(Results, WriterSetsTextAndLengthOnlyOnSuccess)
     }
 }
 
-TEST_F(Results, NothingComesOfNull)
+TEST_F(Results, NullIsRefused)
 {
     char *text = nullptr;
     gsize length = 42;
@@ -83,7 +83,7 @@ TEST_F(Results, NothingComesOfNull)
     EXPECT_EQ(text, nullptr);
     EXPECT_EQ(length, 42);
     const std::string line = "E(_ime_backup_get_json_value) Fail:Invalid Input Parameter";
-    EXPECT_EQ(scripted.trace, Trace({line, line})) << "the restorer is silent";
+    EXPECT_EQ(scripted.trace, Trace({line, line})) << "_ime_restore_json_value() logs nothing";
 }
 
 } // namespace

@@ -66,9 +66,9 @@ struct Call {
         std::string line;
         ((line += (line.empty() ? "" : ", ") + show(args)), ...);
         platform->note(std::string(function) + "(" + line + ")");
-        const bool told =
+        const bool is_chosen =
             platform->given["fail"] == function && ++platform->calls_to_fail == platform->number("fail at");
-        if (++platform->calls != platform->failing_call && !told)
+        if (++platform->calls != platform->failing_call && !is_chosen)
             return false;
         platform->failed_call = function;
         return true;
@@ -265,7 +265,7 @@ static scim::ConfigPointer make_config()
     return Call{"create_config"}() ? nullptr : new ScriptedConfig;
 }
 
-// Stands in for the library's function, like a host platform's.
+// Replaces the library's class, as the host platform's does.
 scim::ConfigModule::ConfigModule(const String &name)
     : m_config_init(nullptr),
       m_config_create_config(Call{"ConfigModule"}(name.c_str()) ? nullptr : make_config)
@@ -292,7 +292,7 @@ static std::string file_of(const std::string &function)
                                                     : "ime_backup_service.cpp";
 }
 
-/// Notes a line as "E(function) text" or "I(function) text": the line number changes with the source.
+/// Notes a line as "E(function) text" or "I(function) text", without the number of the source line.
 int __dlog_print(int buffer, int priority, const char *tag, const char *format, ...)
 {
     EXPECT_EQ(buffer, 2);

@@ -31,7 +31,7 @@ struct ScriptedPlatform {
         {"show", ""},     // REGEX: only matching lines of the trace are compared
     };
     std::vector<std::string> records; ///< values of the records to restore
-    int failing_call = 0;             ///< counted from 1 over those that can fail
+    int failing_call = 0;             ///< counted from 1 among the calls that can fail; 0: none
 
     // What happened.
     Trace trace;

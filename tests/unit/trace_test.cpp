@@ -9,7 +9,7 @@
 // With "show: REGEX", only matching lines are compared. Otherwise the exchange also runs once for each call
 // with that call failing. By default the callback then logs the code, and the trace goes on. Exceptions:
 //   ~ CALL             the call's failure changes nothing
-// or, indented or behind " | " after the call, lines that replace the log's, and
+// or lines after the call, indented or separated by " | ". They replace the log line, except for:
 //   goto PREFIX        the trace goes on with this line
 //   then OLD => NEW    replaces a text in the rest of the callback's lines
 //   terminate          the service gives up the request
@@ -34,7 +34,7 @@ struct Line {
 
     // When it fails:
     Trace consequences = {};
-    bool as_usual = true;
+    bool has_default_consequences = true;
     std::string resume = {};
     std::string old_text = {}, new_text = {};
 };
@@ -96,7 +96,7 @@ void add_consequence(Line &line, const std::string &text)
         line.consequences.push_back("service_app_exit()");
         line.resume = "orvanta_cloud_deinitialize";
     } else {
-        if (std::exchange(line.as_usual, false))
+        if (std::exchange(line.has_default_consequences, false))
             line.consequences.clear();
         line.consequences.push_back(expand(text, line.callback));
     }
