@@ -1,3 +1,6 @@
+#include <algorithm>
+#include <functional>
+
 #include <nlohmann/json.hpp>
 
 #include "commands.h"
@@ -76,7 +79,8 @@ static DeviceValue load_value(const SettingRow &row, const nlohmann::json &json)
         return std::nullopt;
     if (is_switch(row) && json.is_boolean())
         return parse_value(row, json.get<bool>() ? "true" : "false");
-    if (row.form == SettingForm::languages && json.is_array())
+    const auto is_string = std::mem_fn(&nlohmann::json::is_string);
+    if (row.form == SettingForm::languages && json.is_array() && std::ranges::all_of(json, is_string))
         return parse_value(row, join(json.get<std::vector<std::string>>(), ","));
     if (row.form != SettingForm::languages && json.is_string()) // a switch's key may hold a text
         return json.get<std::string>();

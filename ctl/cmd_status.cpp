@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <functional>
 
 #include "backups.h"
 #include "commands.h"
@@ -18,11 +19,33 @@ struct Finding {
     bool is_needed = true; ///< for a backup
 };
 
+/// Returns the obstacle to a backup in this place, if there is one.
+static std::optional<Obstacle> find_obstacle(SettingPlace place)
+{
+    Device &device = open_device();
+    DeviceState state; // other places are left out, so that they can't fail here
+    for (const SettingRow &row : ALL_SETTINGS)
+        if (row.place == place)
+            state[index_of(row)] = device.read_one(row);
+    for (const Obstacle &obstacle : plan_backup(state, std::bind_front(&Device::refuses, &device)).obstacles)
+        if (obstacle.row.place == place)
+            return obstacle;
+    return std::nullopt;
+}
+
+static Finding report_obstacle(const Obstacle &obstacle)
+{
+    return {obstacle.reason,
+            std::string("Set it again with: ime-backupctl settings set ") + obstacle.row.member + " VALUE"};
+}
+
 static Finding check_scim()
 {
     Device &device = open_device();
     try {
         device.require_writable(first_of(SettingForm::integer_switch));
+        if (const auto obstacle = find_obstacle(SettingPlace::configuration))
+            return report_obstacle(*obstacle);
         return {"the SCIM daemon answers (SCIM_SOCKET_ADDRESS, " + device.daemon_address() + ")"};
     } catch (const DaemonError &error) {
         return {error.what(), HINT_SCIM};
@@ -33,10 +56,9 @@ static Finding check_keyboard()
 {
     const SettingRow &keyboard = first_of(SettingForm::identifier);
     try {
-        const DeviceValue value = open_device().read_one(keyboard);
-        if (!value)
-            return {"no input method is active", HINT_KEYBOARD};
-        return {format_value(keyboard, value)};
+        if (const auto obstacle = find_obstacle(keyboard.place))
+            return {obstacle->reason, HINT_KEYBOARD};
+        return {format_value(keyboard, open_device().read_one(keyboard))};
     } catch (const PlatformError &) {
         return {"unknown without the SCIM daemon", "Start the SCIM daemon"};
     }
@@ -64,9 +86,8 @@ static Finding check_settings_store()
     const SettingRow &row = find_setting(MEMBER_HANDWRITING);
     try {
         open_device().require_writable(row);
-        for (const SettingRow &setting : ALL_SETTINGS)
-            if (setting.place == row.place)
-                open_device().read_one(setting);
+        if (const auto obstacle = find_obstacle(row.place))
+            return report_obstacle(*obstacle);
         return {"in " + folder.string()};
     } catch (const PlatformError &error) {
         return {error.what(),

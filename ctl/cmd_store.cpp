@@ -374,9 +374,8 @@ static void write_out(const CloudStore &store, const fs::path &name, const std::
         throw HostError("can't write " + name.string() + ": it is a dangling link");
     if (fs::exists(status) && !fs::is_regular_file(status)) {
         FILE *stream = fopen(name.c_str(), "we");
-        if (stream != nullptr)
-            fwrite(content.data(), 1, content.size(), stream); // fclose() reports a failure
-        if (stream == nullptr || fclose(stream) != 0)
+        const bool is_written = stream != nullptr && fwrite(content.data(), content.size(), 1, stream) == 1;
+        if (stream == nullptr || fclose(stream) != 0 || !is_written)
             throw HostError("can't write " + name.string() + ": " + g_strerror(errno));
         return;
     }

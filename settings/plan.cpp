@@ -132,7 +132,7 @@ static void apply(const SnapshotValues &snapshot, RestorePlan &plan, const FindR
 
 static std::string why_languages_differ(const std::vector<std::string> &wanted, const DeviceState &device)
 {
-    if (wanted.empty())
+    if (std::ranges::all_of(wanted, &std::string::empty))
         return "the backup selects no language";
     std::vector<std::string> missing;
     std::copy_if(wanted.begin(), wanted.end(), std::back_inserter(missing), [&](const std::string &language) {
@@ -152,7 +152,7 @@ static std::string why_different(const SettingRow &row, const RestoredSetting &s
     if (!wanted || row.form == SettingForm::identifier)
         return is_switch(row) ? "not in the backup: switched off" : "not in the backup";
     if (row.form == SettingForm::languages)
-        return why_languages_differ(split_languages(std::get<std::string>(*wanted)), device);
+        return why_languages_differ(std::get<std::vector<std::string>>(setting.wanted), device);
     return "no restored language can be written by hand";
 }
 

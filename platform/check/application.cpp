@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <mutex>
 
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 

@@ -52,8 +52,11 @@ static StoredValue read_stored(const scim::ConfigPointer &config, const SettingR
         stored.is_set = CALL(config->read(row.key, &stored.number));
     else if (stored.is_set = CALL(config->read(row.key, &truth)); stored.is_set)
         stored.number = truth ? 1 : 0;
-    if (!stored.is_set && CALL(config->read(row.key, &text)))
-        text.copy(stored.text, sizeof stored.text - 1);
+    if (!stored.is_set && CALL(config->read(row.key, &text))) {
+        if (text.size() >= sizeof stored.text)
+            skip(std::string("the text under ") + row.key + " is too long");
+        text.copy(stored.text, text.size());
+    }
     return stored;
 }
 

@@ -83,11 +83,12 @@ handwriting without support, and a setting that is not in the backup. A switch m
   key_tap_sound     false             false  not in the backup: switched off
   key_tap_vib       true              false  not in the backup: switched off
   backup 3  restored, except selected_lang, handwriting, prediction, auto_capitalize, key_tap_sound, key_tap_vib
-  $ for languages in '' '{"lang_id":"ja_JP"},{"lang_id":"zh_CN"}'; do
+  $ for languages in '' '{"lang_id":"FR#fr"}' '{"lang_id":"ja_JP"},{"lang_id":"zh_CN"}'; do
   >     put_backup 4 "$(record 0 1 '{"selected_lang":['"$languages"']}')"
   >     restore | grep ^selected_lang
   > done
   selected_lang     fr_FR   fr_FR  the backup selects no language
+  selected_lang     fr_FR   fr_FR  FR#fr is not downloaded
   selected_lang     fr_FR   fr_FR  ja_JP, zh_CN are not downloaded
   $ ime-backupctl settings set downloaded_lang ja_JP
   $ restore | grep ^selected_lang

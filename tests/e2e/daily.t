@@ -81,11 +81,12 @@ A dump and its load, with unset settings.
   $ ime-backupctl settings load dump && ime-backupctl settings | diff before -
   $ ime-backupctl settings load --json <dump | grep succeeded
     "succeeded": true,
-  $ for text in '{"prediction": 7}' '{"predict": true}' '{"selected_lang": "en_US"}' '[]' '{' '{"default_keyboard": ""}'; do
+  $ for text in '{"prediction": 7}' '{"predict": true}' '{"selected_lang": "en_US"}' '{"selected_lang": [1]}' '[]' '{' '{"default_keyboard": ""}'; do
   >     echo "$text" | ime-backupctl settings load
   > done
   ime-backupctl: - can't be loaded: prediction: the value has another type
   ime-backupctl: - can't be loaded: predict: unknown setting "predict"; did you mean prediction?
+  ime-backupctl: - can't be loaded: selected_lang: the value has another type
   ime-backupctl: - can't be loaded: selected_lang: the value has another type
   ime-backupctl: - can't be loaded: not a JSON object
   ime-backupctl: - can't be loaded: not JSON

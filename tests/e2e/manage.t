@@ -225,6 +225,8 @@ Exports and imports backups and bare snapshots. An import reports all problems o
   1 ime-backupctl: file/file can't be imported: Not a directory
   $ ln -s /proc/self/fd/1 pipe; command ime-backupctl -q export 39 pipe | cmp - file; ls -l pipe | grep -o -- '->.*'; ln -s nowhere link
   -> /proc/self/fd/1
+  $ put_backup 98 "$(record 0 1 "{\"default_keyboard\":\"$(printf %09999d)\"}")"; ime-backupctl export 98 /dev/full; rm $cloud/*98.json
+  ime-backupctl: can't write /dev/full: No space left on device
   $ printf 'export 39 %s\n' . nowhere/file /dev/full /dev/null link $cloud/x | try_each; ls nowhere 2>/dev/null
   1 ime-backupctl: can't write .: Is a directory
   1 ime-backupctl: can't write nowhere/file: No such file or directory

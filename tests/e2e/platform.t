@@ -57,7 +57,9 @@ is restored.
   $ change "INSERT OR REPLACE INTO settings VALUES ('db/ise/hand_write', 'bool', 'maybe')"
   it is damaged
   3 3 3 0
-  $ change "INSERT OR REPLACE INTO settings VALUES ('db/ise/hand_write', 'string', 'maybe')"
+  $ maybe="INSERT OR REPLACE INTO settings VALUES ('db/ise/hand_write', 'string', 'maybe')"
+  $ sqlite3 $store "$maybe"; ime-backupctl status | grep '^settings store'; change "$maybe"
+  settings store   NOT FINE  the settings store holds a value of another type under db/ise/hand_write. Set it again with: ime-backupctl settings set handwriting VALUE
   ime-backupctl: the settings store holds a value of another type under db/ise/hand_write
   3 0 0 0
   $ change 'DROP TABLE settings; CREATE TABLE settings (name, text)'
