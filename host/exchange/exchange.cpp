@@ -208,7 +208,7 @@ static std::vector<size_t> find_differences(const std::string &value, const Back
         if (snapshot->values[i] != plan.snapshot[i])
             differences.push_back(i);
     if (differences.empty() && !snapshot->problems.empty())
-        throw HostError("the service made an odd snapshot: " + join(snapshot->problems, "; "));
+        throw HostError("the service made an invalid snapshot: " + join(snapshot->problems, "; "));
     return differences;
 }
 
@@ -354,8 +354,7 @@ std::string Exchange::compare_settings(const DeviceState &state)
         if (i < SETTINGS.size()) {
             SettingReport &report = exchange_report.settings[i];
             report.after = state[i];
-            report.why =
-                is_right ? restore_plan->settings[i].why : "it should be " + format_value(row, planned);
+            report.why = is_right ? restore_plan->settings[i].why : "should be " + format_value(row, planned);
         }
     }
     return wrong.empty() ? "" : "not restored: " + join(wrong, ", ");
