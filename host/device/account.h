@@ -1,6 +1,7 @@
 /** @file
- * The account: a log of what the platform's libraries do to the device in this process. The service ignores
- * most failures. So a library notes each change before it makes the change, and each place that it can't use.
+ * The account is a log of the changes that the platform's libraries make to the device in this process. A
+ * library notes each change before it makes the change, and each place that it can't use, since the service
+ * ignores most failures.
  *
  * For use on one thread only.
  */

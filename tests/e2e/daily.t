@@ -93,6 +93,9 @@ A dump and its load, with unset settings.
   ime-backupctl: default_keyboard: no input method can have this identifier
   [2]
   $ ime-backupctl settings | diff before -
+  $ echo '{"auto_punctuation": "never"}' | ime-backupctl settings load; ime-backupctl status | head -n 1; ime-backupctl undo | tail -n 1
+  SCIM daemon      NOT FINE  the configuration holds a value of another type under keyloom/auto_punctuate_val. Set it again with: ime-backupctl settings set auto_punctuation VALUE
+  undid settings load (entry 20)
 
 Retention by days, weeks and months.
 
